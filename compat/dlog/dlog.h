@@ -1,0 +1,36 @@
+/**
+ * @file
+ * The platform's debug log, as far as the library uses it.
+ *
+ * This stand-in writes to standard error and is used only where the platform has no log of its own.
+ */
+#ifndef DLOG_H
+#define DLOG_H
+
+#ifdef __cplusplus
+extern "C"
+{
+#endif
+
+/**
+ * Writes one diagnostic line.
+ *
+ * Lines above the threshold are dropped before anything is formatted. The threshold comes from the
+ * environment variable DLOG_LEVEL when the first line is written (default 2). A program that defines
+ * this function itself receives every line instead.
+ *
+ * @param level   1 serious failure, 2 error, 4 misuse, 5 information, 9 trace
+ * @param source  identifies the component that writes
+ * @param format  printf-style
+ * @return the number of bytes written, 0 for a dropped line, negative when writing failed
+ *
+ * Any thread may call it, also between fork() and exec(); it takes no lock and leaves errno alone.
+ */
+int dlog_printf(int level, unsigned int source, const char* format, ...)
+    __attribute__((format(printf, 3, 4), visibility("default")));
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
