@@ -1,0 +1,468 @@
+"""Step two: one interface as the templates see it, fully checked.
+
+The templates get one variable, `interface`:
+
+    name            "com.tamm.bmc.Thermal.FanReporting"
+    parts           ["com", "tamm", "bmc", "Thermal", "FanReporting"]
+    namespace       parts without the last: the namespaces around the proxy classes, inside
+                    ClientCache or ClientEdge
+    class_name      last part: name of the proxy classes, word of the enter and leave lines
+    group           last part: the namespace of the signal classes, inside ClientCache
+    basename        "client_cache", the output files without their extension
+    header          "client_cache.hpp": how the .cpp beside it includes it
+    include         "com/tamm/bmc/Thermal/FanReporting/client_cache.hpp": how users include it
+    label           "FanReporting/client_cache.cpp", the file label of the log lines
+    has_cache       a cached proxy is wanted, and there are properties
+    has_direct      a direct proxy is wanted, and there are properties or methods
+    datacache       annotation com.tamm.bmcbus.UseDatacache is true
+    variant         the distinct property types, ordered by their C++ spelling (byte-wise)
+    properties      every property in declaration order, empty if neither proxy is wanted
+    writable        those of them that can be written
+    methods         every method in declaration order, empty if no direct proxy is wanted
+    signals         every signal in declaration order, empty if no signal classes are wanted
+    types           every distinct type of the above, ordered by its C++ spelling
+
+A type has: cpp, signature, kind ("basic", "array", "dict", "struct"), parts (the types inside),
+is_scalar (number or bool).
+
+A property has: name, type, signature, writable, variant_index (of its type in `variant`), field
+(private member: the name, with an underscore behind it where it would collide), flag
+("<name>_is_set"), param (a free name for a function parameter).
+
+A method has: name, ins, outs. Their arguments have: name (made up where the description has
+none), type, signature, param.
+
+A signal has: name, class_name (both the member name), args, signature (of the whole message).
+Its arguments have: name, type, signature, field, flag, param.
+"""
+
+from dataclasses import dataclass, field
+
+from . import names
+from .refusal import Problem, Refusal
+from .signature import UNSERVED, SignatureError, parse_signature
+
+USE_DATACACHE = "com.tamm.bmcbus.UseDatacache"
+_STANDARD = "org.freedesktop.DBus."
+_FLAG = "_is_set"
+
+
+@dataclass(frozen=True)
+class Wanted:
+    """The kinds of class to generate; explicit ones must exist."""
+
+    cache: bool = True
+    direct: bool = True
+    signals: bool = True
+    explicit: bool = False
+
+
+@dataclass
+class Argument:
+    name: str
+    type: object
+    line: int
+    param: str = ""
+    field: str = ""
+
+    @property
+    def signature(self):
+        return self.type.signature
+
+    @property
+    def flag(self):
+        return self.name + _FLAG
+
+
+@dataclass
+class Property(Argument):
+    writable: bool = False
+    variant_index: int = 0
+
+
+@dataclass
+class Method:
+    name: str
+    line: int
+    ins: list
+    outs: list
+
+
+@dataclass
+class Signal:
+    name: str
+    line: int
+    args: list
+
+    @property
+    def class_name(self):
+        return self.name
+
+    @property
+    def signature(self):
+        return "".join(arg.signature for arg in self.args)
+
+
+@dataclass
+class Interface:
+    name: str
+    line: int
+    basename: str = "client_cache"
+    wanted: Wanted = Wanted()
+    datacache: bool = False
+    properties: list = field(default_factory=list)
+    methods: list = field(default_factory=list)
+    signals: list = field(default_factory=list)
+
+    @property
+    def parts(self):
+        return self.name.split(".")
+
+    @property
+    def namespace(self):
+        return self.parts[:-1]
+
+    @property
+    def class_name(self):
+        return self.parts[-1]
+
+    @property
+    def group(self):
+        return self.parts[-1]
+
+    @property
+    def header(self):
+        return self.basename + ".hpp"
+
+    @property
+    def include(self):
+        return "/".join(self.parts + [self.header])
+
+    @property
+    def label(self):
+        return f"{self.class_name}/{self.basename}.cpp"
+
+    @property
+    def has_cache(self):
+        return self.wanted.cache and bool(self.properties)
+
+    @property
+    def has_direct(self):
+        return self.wanted.direct and bool(self.properties or self.methods)
+
+    @property
+    def writable(self):
+        return [prop for prop in self.properties if prop.writable]
+
+    @property
+    def variant(self):
+        return _distinct(prop.type for prop in self.properties)
+
+    @property
+    def types(self):
+        args = [arg for method in self.methods for arg in method.ins + method.outs]
+        args += [arg for signal in self.signals for arg in signal.args]
+        return _distinct(item.type for item in self.properties + args)
+
+
+def _distinct(types):
+    return sorted(set(types), key=lambda one: one.cpp.encode())
+
+
+class _Builder:
+    """Turns the element of one interface into the model and collects every problem."""
+
+    def __init__(self, element, wanted, basename):
+        self._element = element
+        self._wanted = wanted
+        self._problems = []
+        self._notes = []
+        self._model = Interface(element.attributes["name"], element.line, basename, wanted)
+
+    def build(self):
+        self._check_interface_name()
+        self._read_annotations()
+        properties = [self._property(one) for one in self._element.all("property")]
+        methods = [self._method(one) for one in self._element.all("method")]
+        signals = [self._signal(one) for one in self._element.all("signal")]
+        self._check_kinds(properties, methods, signals)
+        wanted = self._wanted
+        self._model.properties = properties if wanted.cache or wanted.direct else []
+        self._model.methods = methods if wanted.direct else []
+        self._model.signals = signals if wanted.signals else []
+        for what, members in (
+            ("property", properties),
+            ("method", methods),
+            ("signal", signals),
+        ):
+            self._check_duplicates(what, members)
+        self._check_served()
+        if not self._problems:
+            self._check_classes()
+        if self._problems:
+            raise Refusal(self._problems)
+        self._settle_names()
+        return self._model, self._notes
+
+    # Reading
+
+    def _refuse(self, line, reason):
+        self._problems.append(Problem(line, reason))
+
+    def _check_interface_name(self):
+        name, line = self._model.name, self._element.line
+        problem = names.interface_problem(name)
+        if problem:
+            self._refuse(line, f"interface name '{name}' {problem}")
+            return
+        for part in self._model.parts:
+            problem = names.scope_problem(part)
+            if problem:
+                self._refuse(line, f"interface name '{name}' makes no C++ name: {problem}")
+
+    def _read_annotations(self):
+        for one in self._element.all("annotation"):
+            name, value = one.attributes["name"], one.attributes["value"]
+            if name == USE_DATACACHE:
+                if value not in ("true", "false"):
+                    self._refuse(one.line, f"annotation {name} is '{value}', not true or false")
+                self._model.datacache = value == "true"
+            elif name.startswith("com.tamm.bmcbus."):
+                self._notes.append(Problem(one.line, f"unknown annotation {name} is passed over"))
+
+    def _member_name(self, element, what):
+        name = element.attributes["name"]
+        problem = names.member_problem(name)
+        if problem:
+            self._refuse(element.line, f"{what} name '{name}' {problem}")
+        return name
+
+    def _type(self, element, what):
+        text = element.attributes["type"]
+        try:
+            return parse_signature(text)
+        except SignatureError as error:
+            self._refuse(element.line, f"{what}: type '{text}': {error}")
+            return None
+
+    def _property(self, element):
+        name = self._member_name(element, "property")
+        what = f"property '{name}'"
+        access = element.attributes["access"]
+        if access == "write":
+            self._refuse(element.line, f"{what} is write-only; only read and readwrite are served")
+        elif access not in ("read", "readwrite"):
+            self._refuse(element.line, f"{what}: access '{access}' is not read or readwrite")
+        kind = self._type(element, what)
+        return Property(name, kind, element.line, writable=access == "readwrite")
+
+    def _method(self, element):
+        name = self._member_name(element, "method")
+        what = f"method '{name}'"
+        ins, outs = [], []
+        for one in element.all("arg"):
+            direction = one.attributes.get("direction", "in")
+            if direction not in ("in", "out"):
+                self._refuse(one.line, f"{what}: direction '{direction}' is not in or out")
+            into = outs if direction == "out" else ins
+            into.append(self._argument(one, what, f"{direction}{len(into) + 1}"))
+        self._check_argument_names(what, ins + outs)
+        return Method(name, element.line, ins, outs)
+
+    def _signal(self, element):
+        name = self._member_name(element, "signal")
+        what = f"signal '{name}'"
+        args = []
+        for one in element.all("arg"):
+            direction = one.attributes.get("direction", "out")
+            if direction != "out":
+                self._refuse(one.line, f"{what}: direction '{direction}' is not out")
+            args.append(self._argument(one, what, None))
+        self._check_argument_names(what, args)
+        return Signal(name, element.line, args)
+
+    def _argument(self, element, what, made_up):
+        """made_up is the name to take if there is none; None where accessors are named by it."""
+        name = element.attributes.get("name", "")
+        if not name and made_up:
+            name = made_up
+        elif not name:
+            self._refuse(
+                element.line, f"{what}: an argument has no name; its accessor needs one"
+            )
+        else:
+            problem = names.member_problem(name)
+            if name in names.KEYWORDS:
+                problem = "is a C++ keyword"
+            if problem:
+                hint = "; it appears nowhere on the bus, so change it here"
+                self._refuse(element.line, f"{what}: argument name '{name}' {problem}{hint}")
+        return Argument(name, self._type(element, f"{what}: argument '{name}'"), element.line)
+
+    # Checking
+
+    def _check_argument_names(self, what, args):
+        seen = {}
+        for arg in args:
+            if arg.name and arg.name in seen:
+                self._refuse(
+                    arg.line,
+                    f"{what}: argument name '{arg.name}' is used before in line {seen[arg.name]}",
+                )
+            seen.setdefault(arg.name, arg.line)
+
+    def _check_duplicates(self, what, members):
+        seen = {}
+        for member in members:
+            if member.name and member.name in seen:
+                self._refuse(
+                    member.line,
+                    f"{what} '{member.name}' is declared before in line {seen[member.name]}",
+                )
+            seen.setdefault(member.name, member.line)
+
+    def _check_kinds(self, properties, methods, signals):
+        """Something must come out, and each kind that was asked for by name."""
+        line, wanted = self._element.line, self._wanted
+        if not (properties or methods or signals):
+            self._refuse(line, "the interface has no properties, methods or signals")
+        elif wanted.explicit:
+            if wanted.cache and not properties:
+                self._refuse(line, "no cached proxy: the interface has no properties")
+            if wanted.direct and not (properties or methods):
+                self._refuse(line, "no direct proxy: the interface has no properties or methods")
+            if wanted.signals and not signals:
+                self._refuse(line, "no signal classes: the interface has no signals")
+
+    def _check_served(self):
+        """Only for what is generated: one odd method need not stand in the way of the rest."""
+        items = [(f"property '{prop.name}'", prop) for prop in self._model.properties]
+        for what, members in (("method", self._model.methods), ("signal", self._model.signals)):
+            for member in members:
+                args = member.args if what == "signal" else member.ins + member.outs
+                items += [(f"{what} '{member.name}': argument '{arg.name}'", arg) for arg in args]
+        for what, item in items:
+            for code in item.type.unserved if item.type else ():
+                self._refuse(
+                    item.line,
+                    f"{what}: type '{item.signature}' is not served: {UNSERVED[code]}",
+                )
+
+    def _check_classes(self):
+        model = self._model
+        if model.has_cache:
+            self._check_class(
+                model, model.properties, names.CACHE_MEMBERS, names.CACHE_PREFIXES
+            )
+        if model.has_direct:
+            self._check_class(
+                model, model.properties, names.DIRECT_MEMBERS, names.DIRECT_PREFIXES
+            )
+            for method in model.methods:
+                if model.class_name == "Call_" + method.name:
+                    self._refuse(
+                        method.line,
+                        f"method '{method.name}' becomes 'Call_{method.name}', the name of its "
+                        "class",
+                    )
+        for signal in model.signals:
+            self._check_signal_class(signal)
+
+    def _check_class(self, owner, items, members, prefixes):
+        """owner is what the class is named by, items become its accessors and fields."""
+        if owner.class_name in members:
+            self._refuse(
+                owner.line,
+                f"a class cannot be named '{owner.class_name}': it has a member of that name",
+            )
+        for item in items:
+            for prefix in prefixes:
+                if owner.class_name == prefix + item.name:
+                    self._refuse(
+                        item.line,
+                        f"'{item.name}' becomes '{owner.class_name}', the name of its class",
+                    )
+        lines = {item.name: item.line for item in items}
+        for item in items:
+            if item.flag in lines:
+                self._refuse(
+                    max(item.line, lines[item.flag]),
+                    f"'{item.flag}' collides with the flag that goes with '{item.name}'",
+                )
+
+    def _check_signal_class(self, signal):
+        problem = names.scope_problem(signal.name)
+        if problem:
+            self._refuse(signal.line, f"signal '{signal.name}' makes no C++ class: {problem}")
+        self._check_class(signal, signal.args, names.SIGNAL_MEMBERS, ("Get_",))
+        if [self._model.group, signal.name] == self._model.parts[:2]:
+            self._refuse(
+                signal.line,
+                f"the class of signal '{signal.name}' collides with the interface's own name",
+            )
+
+    # Names that the description leaves open
+
+    def _settle_names(self):
+        model = self._model
+        for number, kind in enumerate(model.variant):
+            for prop in model.properties:
+                if prop.type == kind:
+                    prop.variant_index = number
+        fixed = names.CACHE_MEMBERS | names.DIRECT_MEMBERS
+        self._settle_fields(model.class_name, model.properties, fixed, names.CACHE_PREFIXES)
+        for method in model.methods:
+            _settle_params(method.ins + method.outs, names.DIRECT_MEMBERS | {"ok"})
+        for signal in model.signals:
+            self._settle_fields(signal.class_name, signal.args, names.SIGNAL_MEMBERS, ("Get_",))
+
+    def _settle_fields(self, class_name, items, fixed, prefixes):
+        taken = set(fixed) | {class_name}
+        taken |= {prefix + item.name for prefix in prefixes for item in items}
+        taken |= {item.flag for item in items}
+        for item in items:
+            others = {other.name for other in items if other is not item}
+            item.field = names.free_name(item.name, taken | others)
+            taken.add(item.field)
+        _settle_params(items, fixed)
+
+
+def _settle_params(items, fixed):
+    taken = set(fixed)
+    for item in items:
+        others = {other.name for other in items if other is not item}
+        item.param = names.free_name(item.name, taken | others)
+        taken.add(item.param)
+
+
+def choose(root, name):
+    """Gives the element of the interface to serve; raises Refusal.
+
+    Running services also describe the standard interfaces, which are chosen only by name.
+    """
+    found = root.all("interface")
+    seen = {}
+    for one in found:
+        own = one.attributes["name"]
+        if own in seen:
+            reason = f"interface '{own}' is declared before in line {seen[own]}"
+            raise Refusal([Problem(one.line, reason)])
+        seen[own] = one.line
+    if name is not None:
+        chosen = [one for one in found if one.attributes["name"] == name]
+        if not chosen:
+            raise Refusal([Problem(root.line, f"there is no interface '{name}'")])
+        return chosen[0]
+    own = [one for one in found if not one.attributes["name"].startswith(_STANDARD)]
+    if not own:
+        raise Refusal([Problem(root.line, "there is no interface besides the standard ones")])
+    if len(own) > 1:
+        listed = ", ".join(one.attributes["name"] for one in own)
+        reason = f"there are several interfaces, choose one with --interface: {listed}"
+        raise Refusal([Problem(root.line, reason)])
+    return own[0]
+
+
+def build(element, wanted=Wanted(), basename="client_cache"):
+    """Gives the checked model of one interface and a list of notes; raises Refusal."""
+    return _Builder(element, wanted, basename).build()

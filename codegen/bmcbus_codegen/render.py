@@ -1,0 +1,51 @@
+"""Step three: templates filled with the model, and the files on disk."""
+
+import os
+import tempfile
+from pathlib import Path
+
+import jinja2
+
+TEMPLATES = Path(__file__).resolve().parent.parent / "templates"
+_SUFFIXES = (".hpp", ".cpp")
+
+
+def render(interface):
+    """Gives the text of each output file by its name."""
+    environment = jinja2.Environment(
+        loader=jinja2.FileSystemLoader(TEMPLATES),
+        undefined=jinja2.StrictUndefined,
+        trim_blocks=True,
+        lstrip_blocks=True,
+        keep_trailing_newline=True,
+    )
+    return {
+        interface.basename
+        + suffix: environment.get_template(f"client_cache{suffix}.j2").render(interface=interface)
+        for suffix in _SUFFIXES
+    }
+
+
+def write(files, directory):
+    """Writes all of the files, or none of them when one cannot be written."""
+    written = []
+    try:
+        for name, text in files.items():
+            handle, temporary = tempfile.mkstemp(prefix=f".{name}.", dir=directory)
+            written.append((temporary, os.path.join(directory, name)))
+            with os.fdopen(handle, "w", encoding="utf-8", newline="\n") as stream:
+                stream.write(text)
+            # mkstemp makes private files; these are as readable as any other.
+            os.chmod(temporary, 0o666 & ~_umask())
+        while written:
+            os.replace(*written[0])
+            written.pop(0)
+    finally:
+        for temporary, _ in written:
+            os.unlink(temporary)
+
+
+def _umask():
+    mask = os.umask(0)
+    os.umask(mask)
+    return mask
