@@ -1,5 +1,6 @@
 """Step three: templates filled with the model, and the files on disk."""
 
+import errno
 import os
 import tempfile
 from pathlib import Path
@@ -31,6 +32,8 @@ def write(files, directory):
     written = []
     try:
         for name, text in files.items():
+            if os.path.isdir(os.path.join(directory, name)):
+                raise IsADirectoryError(errno.EISDIR, f"{name} is a folder")
             handle, temporary = tempfile.mkstemp(prefix=f".{name}.", dir=directory)
             written.append((temporary, os.path.join(directory, name)))
             with os.fdopen(handle, "w", encoding="utf-8", newline="\n") as stream:

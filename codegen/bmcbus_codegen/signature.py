@@ -95,7 +95,7 @@ class _Parser:
     def _array(self, arrays, structs):
         if arrays > _DEEPEST:
             raise SignatureError(f"arrays are nested more than {_DEEPEST} deep")
-        if self._peek() is None:
+        if self._peek() in (None, ")", "}"):
             raise SignatureError("an array has no element type")
         if self._peek() == "{":
             self._at += 1
@@ -107,7 +107,7 @@ class _Parser:
         _check_struct_depth(structs)
         parts = self._until("}", "dict entry", arrays, structs)
         if len(parts) != 2:
-            raise SignatureError(f"a dict entry has {len(parts)} types instead of key and value")
+            raise SignatureError(f"a dict entry needs a key and a value type, found {len(parts)}")
         if parts[0].kind != "basic" or parts[0].signature == "v":
             raise SignatureError(f"the dict key type '{parts[0].signature}' is not a basic type")
         return _compound("dict", "a{{{}}}", "std::map<{}>", parts)

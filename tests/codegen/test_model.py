@@ -1,0 +1,131 @@
+"""What the templates are given: C++ types, the order of the variant, names that are free."""
+
+import unittest
+
+import support  # noqa: F401  (makes the package importable)
+from bmcbus_codegen.model import Wanted, build, choose
+from bmcbus_codegen.parser import parse
+from bmcbus_codegen.signature import parse_signature
+
+
+def model(body, name="com.example.Sensor", **wanted):
+    text = f'<node><interface name="{name}">{body}</interface></node>'
+    root, _ = parse(text)
+    made, _ = build(choose(root, None), Wanted(**wanted))
+    return made
+
+
+def properties(*pairs):
+    return "".join(
+        f'<property name="{name}" type="{kind}" access="read"/>' for name, kind in pairs
+    )
+
+
+class Types(unittest.TestCase):
+    def test_cpp(self):
+        for signature, cpp in {
+            "y": "uint8_t",
+            "b": "bool",
+            "n": "int16_t",
+            "q": "uint16_t",
+            "i": "int32_t",
+            "u": "uint32_t",
+            "x": "int64_t",
+            "t": "uint64_t",
+            "d": "double",
+            "s": "std::string",
+            "o": "bmcbus::ObjectPath",
+            "aas": "std::vector<std::vector<std::string>>",
+            "(s)": "std::tuple<std::string>",
+            "a{oa{s(ty)}}": "std::map<bmcbus::ObjectPath, "
+            "std::map<std::string, std::tuple<uint64_t, uint8_t>>>",
+            "a{s(yyyb)}": "std::map<std::string, std::tuple<uint8_t, uint8_t, uint8_t, bool>>",
+            "a((ss)ax)": "std::vector<std::tuple<std::tuple<std::string, std::string>, "
+            "std::vector<int64_t>>>",
+        }.items():
+            with self.subTest(signature=signature):
+                made = parse_signature(signature)
+                self.assertEqual((made.cpp, made.signature), (cpp, signature))
+
+    def test_scalars(self):
+        scalars = [code for code in "ybnqiuxtdso" if parse_signature(code).is_scalar]
+        self.assertEqual("".join(scalars), "ybnqiuxtd")
+        self.assertFalse(parse_signature("ay").is_scalar)
+
+    def test_variant_is_ordered_by_spelling(self):
+        kinds = ("y", "au", "q", "ay", "o", "y")
+        made = model(properties(*((f"p{i}", kind) for i, kind in enumerate(kinds))))
+        self.assertEqual(
+            [one.cpp for one in made.variant],
+            [
+                "bmcbus::ObjectPath",
+                "std::vector<uint32_t>",
+                "std::vector<uint8_t>",
+                "uint16_t",
+                "uint8_t",
+            ],
+        )
+        self.assertEqual([prop.variant_index for prop in made.properties], [4, 1, 3, 2, 0, 4])
+
+
+class Names(unittest.TestCase):
+    def test_fields_stay_clear_of_members(self):
+        made = model(
+            properties(
+                ("path", "s"),
+                ("path_", "s"),
+                ("Get_value", "s"),
+                ("value", "s"),
+                ("class", "s"),
+                ("uint8_t", "y"),
+                ("Sensor", "s"),
+            )
+        )
+        self.assertEqual(
+            [prop.field for prop in made.properties],
+            ["path__", "path_", "Get_value_", "value", "class_", "uint8_t_", "Sensor_"],
+        )
+        self.assertEqual(made.properties[0].flag, "path_is_set")
+
+    def test_parameters_stay_clear_of_each_other(self):
+        made = model(
+            '<method name="act"><arg type="s"/><arg name="ok" type="s"/><arg type="s"/>'
+            '<arg name="service" type="s" direction="out"/><arg type="s" direction="out"/>'
+            "</method>"
+        )
+        method = made.methods[0]
+        self.assertEqual([arg.param for arg in method.ins], ["in1", "ok_", "in3"])
+        self.assertEqual([arg.param for arg in method.outs], ["service_", "out2"])
+
+    def test_places(self):
+        made = model(properties(("value", "d")), "com.example.power.Sensor")
+        self.assertEqual(made.namespace, ["com", "example", "power"])
+        self.assertEqual(made.include, "com/example/power/Sensor/client_cache.hpp")
+        self.assertEqual(made.label, "Sensor/client_cache.cpp")
+
+    def test_kinds(self):
+        body = (
+            properties(("value", "d"))
+            + '<method name="act"/><signal name="changed"><arg name="a" type="s"/></signal>'
+        )
+        for wanted, expected in (
+            ({}, (True, True, 1, 1, 1)),
+            ({"direct": False, "signals": False}, (True, False, 1, 0, 0)),
+            ({"cache": False, "signals": False}, (False, True, 1, 1, 0)),
+            ({"cache": False, "direct": False}, (False, False, 0, 0, 1)),
+        ):
+            made = model(body, **wanted)
+            self.assertEqual(
+                (
+                    made.has_cache,
+                    made.has_direct,
+                    len(made.properties),
+                    len(made.methods),
+                    len(made.signals),
+                ),
+                expected,
+            )
+
+
+if __name__ == "__main__":
+    unittest.main()
