@@ -113,7 +113,10 @@ extern "C" int dlog_printf(int level, unsigned int source, const char* format, .
     {
         return 0;
     }
-    test::LogLine line{.level = level, .source = source, .format = format};
+    test::LogLine line;
+    line.level = level;
+    line.source = source;
+    line.format = format;
     va_list arguments;
     va_start(arguments, format);
     va_list location;
