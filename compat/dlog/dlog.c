@@ -12,6 +12,7 @@
 enum
 {
     defaultThreshold = 2,
+    largestThreshold = 1000,
     unset = -1,
     stackLine = 1024
 };
@@ -26,27 +27,30 @@ static int readThreshold(void)
     {
         char* end = NULL;
         const long parsed = strtol(text, &end, 10);
-        if (*end == '\0' && parsed >= 0 && parsed <= 1000)
+        if (*end == '\0' && parsed >= 0)
         {
-            value = (int)parsed;
+            value = parsed < largestThreshold ? (int)parsed : largestThreshold;
         }
     }
     __atomic_store_n(&threshold, value, __ATOMIC_RELAXED);
     return value;
 }
 
+/* The C library's calendar functions take a lock, which a forked child may find held for ever. */
 static int prefix(char* line, size_t size, int level, unsigned int source)
 {
     struct timespec now;
-    struct tm utc;
-    char stamp[32];
     clock_gettime(CLOCK_REALTIME, &now);
-    gmtime_r(&now.tv_sec, &utc);
-    strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
-    return snprintf(line, size, "%s.%06ldZ <%d> [%u] ", stamp, (long)(now.tv_nsec / 1000), level, source);
+    const int second = (int)(now.tv_sec % 86400);
+    return snprintf(line, size, "%02d:%02d:%02d.%06ld [%ld] <%d> {%u} ", second / 3600,
+                    second / 60 % 60, second % 60, (long)(now.tv_nsec / 1000), (long)gettid(),
+                    level, source);
 }
 
-/* One write per line keeps lines of several threads and processes apart. */
+/*
+ * One write per line keeps the lines of several threads and processes apart. Only a line that a
+ * signal or a full pipe cuts takes more.
+ */
 static int writeLine(char* line, size_t length)
 {
     while (length > 0 && line[length - 1] == '\n')
@@ -54,11 +58,21 @@ static int writeLine(char* line, size_t length)
         --length;
     }
     line[length++] = '\n';
-    return (int)write(STDERR_FILENO, line, length);
+    size_t done = 0;
+    while (done < length)
+    {
+        const ssize_t written = write(STDERR_FILENO, line + done, length - done);
+        if (written < 0 && errno != EINTR)
+        {
+            return -1;
+        }
+        done += written > 0 ? (size_t)written : 0;
+    }
+    return (int)length;
 }
 
-__attribute__((format(printf, 3, 0))) static int format_line(int level, unsigned int source,
-                                                             const char* format, va_list arguments)
+__attribute__((format(printf, 3, 0))) static int formatLine(int level, unsigned int source,
+                                                            const char* format, va_list arguments)
 {
     char small[stackLine];
     const size_t head = (size_t)prefix(small, sizeof(small), level, source);
@@ -100,7 +114,7 @@ int dlog_printf(int level, unsigned int source, const char* format, ...)
     const int saved = errno;
     va_list arguments;
     va_start(arguments, format);
-    const int written = format_line(level, source, format, arguments);
+    const int written = formatLine(level, source, format, arguments);
     va_end(arguments);
     errno = saved;
     return written;

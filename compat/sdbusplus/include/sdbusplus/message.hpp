@@ -15,138 +15,142 @@
 #include <string_view>
 #include <type_traits>
 
-namespace sdbusplus __attribute__((visibility("default")))
+#pragma GCC visibility push(default)
+
+namespace sdbusplus
 {
-    namespace bus
+namespace bus
+{
+struct bus;
+}
+
+namespace message
+{
+
+/**
+ * A counted reference to a bus message. Copies share the message and its read position; what
+ * was moved from is null. A message outlives the wrapper of its connection.
+ */
+class message
+{
+  public:
+    /** Takes one more reference. */
+    explicit message(sd_bus_message* m = nullptr) : raw(sd_bus_message_ref(m))
     {
-    struct bus;
     }
 
-    namespace message
+    /** Adopts the caller's reference. */
+    message(sd_bus_message* m, std::false_type) : raw(m)
     {
+    }
+
+    message(const message& other) : raw(sd_bus_message_ref(other.raw.get()))
+    {
+    }
+
+    message& operator=(const message& other)
+    {
+        raw.reset(sd_bus_message_ref(other.raw.get()));
+        return *this;
+    }
+
+    message(message&&) noexcept = default;
+    message& operator=(message&&) noexcept = default;
+    ~message() = default;
+
+    explicit operator bool() const noexcept
+    {
+        return raw != nullptr;
+    }
+
+    /** Borrowed. */
+    sd_bus_message* get() const noexcept
+    {
+        return raw.get();
+    }
+
+    /** Hands the reference to the caller. */
+    sd_bus_message* release() noexcept
+    {
+        return raw.release();
+    }
+
+    /** Appends the values; failures go unnoticed. */
+    template <typename... T>
+    void append(const T&... values)
+    {
+        (details::append_one<std::decay_t<const T&>>(get(), values), ...);
+    }
 
     /**
-     * A counted reference to a bus message. Copies share the message and its read position; what
-     * was moved from is null. A message outlives the wrapper of its connection.
+     * Reads one value after the other.
+     *
+     * @throws sdbusplus::exception::SdBusError at a missing value or one of another type
      */
-    class message
+    template <typename... T>
+    void read(T&... values)
     {
-      public:
-        /** Takes one more reference. */
-        explicit message(sd_bus_message* m = nullptr) : raw(sd_bus_message_ref(m))
-        {
-        }
+        (details::read_one(get(), values), ...);
+    }
 
-        /** Adopts the caller's reference. */
-        message(sd_bus_message* m, std::false_type) : raw(m)
-        {
-        }
+    /** The connection, with a reference of its own. */
+    sdbusplus::bus::bus get_bus() const;
 
-        message(const message& other) : raw(sd_bus_message_ref(other.raw.get()))
-        {
-        }
+    /** Signature of the whole body. */
+    const char* get_signature() const
+    {
+        return sd_bus_message_get_signature(get(), 1);
+    }
+    const char* get_path() const
+    {
+        return sd_bus_message_get_path(get());
+    }
+    const char* get_interface() const
+    {
+        return sd_bus_message_get_interface(get());
+    }
+    const char* get_member() const
+    {
+        return sd_bus_message_get_member(get());
+    }
+    const char* get_sender() const
+    {
+        return sd_bus_message_get_sender(get());
+    }
+    const char* get_destination() const
+    {
+        return sd_bus_message_get_destination(get());
+    }
 
-        message& operator=(const message& other)
-        {
-            raw.reset(sd_bus_message_ref(other.raw.get()));
-            return *this;
-        }
+    bool is_method_error() const
+    {
+        return sd_bus_message_is_method_error(get(), nullptr) > 0;
+    }
 
-        message(message&&) noexcept = default;
-        message& operator=(message&&) noexcept = default;
-        ~message() = default;
+    /** The error of an error reply, owned by the message; null for other messages. */
+    const sd_bus_error* get_error() const
+    {
+        return sd_bus_message_get_error(get());
+    }
 
-        explicit operator bool() const noexcept
+  private:
+    struct unref
+    {
+        void operator()(sd_bus_message* m) const
         {
-            return raw != nullptr;
+            sd_bus_message_unref(m);
         }
-
-        /** Borrowed. */
-        sd_bus_message* get() const noexcept
-        {
-            return raw.get();
-        }
-
-        /** Hands the reference to the caller. */
-        sd_bus_message* release() noexcept
-        {
-            return raw.release();
-        }
-
-        /** Appends the values; failures go unnoticed. */
-        template <typename... T>
-        void append(const T&... values)
-        {
-            (details::append_one<std::decay_t<const T&>>(get(), values), ...);
-        }
-
-        /**
-         * Reads one value after the other.
-         *
-         * @throws sdbusplus::exception::SdBusError at a missing value or one of another type
-         */
-        template <typename... T>
-        void read(T&... values)
-        {
-            (details::read_one(get(), values), ...);
-        }
-
-        /** The connection, with a reference of its own. */
-        sdbusplus::bus::bus get_bus() const;
-
-        /** Signature of the whole body. */
-        const char* get_signature() const
-        {
-            return sd_bus_message_get_signature(get(), 1);
-        }
-        const char* get_path() const
-        {
-            return sd_bus_message_get_path(get());
-        }
-        const char* get_interface() const
-        {
-            return sd_bus_message_get_interface(get());
-        }
-        const char* get_member() const
-        {
-            return sd_bus_message_get_member(get());
-        }
-        const char* get_sender() const
-        {
-            return sd_bus_message_get_sender(get());
-        }
-        const char* get_destination() const
-        {
-            return sd_bus_message_get_destination(get());
-        }
-
-        bool is_method_error() const
-        {
-            return sd_bus_message_is_method_error(get(), nullptr) > 0;
-        }
-
-        /** The error of an error reply, owned by the message; null for other messages. */
-        const sd_bus_error* get_error() const
-        {
-            return sd_bus_message_get_error(get());
-        }
-
-      private:
-        struct unref
-        {
-            void operator()(sd_bus_message* m) const
-            {
-                sd_bus_message_unref(m);
-            }
-        };
-
-        std::unique_ptr<sd_bus_message, unref> raw;
     };
 
-    } // namespace message
+    std::unique_ptr<sd_bus_message, unref> raw;
+};
 
-    using message_t = message::message;
+} // namespace message
 
-} // namespace )
+using message_t = message::message;
+
+} // namespace sdbusplus
+
+#pragma GCC visibility pop
 
 #include <sdbusplus/bus.hpp>

@@ -10,18 +10,22 @@
 
 #include <system_error>
 
-namespace sdeventplus __attribute__((visibility("default")))
+#pragma GCC visibility push(default)
+
+namespace sdeventplus
 {
 
-    /** A failed sd-event call: "call: text of the errno". */
-    class SdEventError final : public std::system_error
+/** A failed sd-event call: "call: text of the errno". */
+class SdEventError final : public std::system_error
+{
+  public:
+    /** @param number positive errno */
+    SdEventError(int number, const char* call) :
+        std::system_error(number, std::generic_category(), call)
     {
-      public:
-        /** @param number positive errno */
-        SdEventError(int number, const char* call) :
-            std::system_error(number, std::generic_category(), call)
-        {
-        }
-    };
+    }
+};
 
-} // namespace )
+} // namespace sdeventplus
+
+#pragma GCC visibility pop
