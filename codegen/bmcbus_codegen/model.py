@@ -26,8 +26,9 @@ A type has: cpp, signature, kind ("basic", "array", "dict", "struct"), parts (th
 is_scalar (number or bool).
 
 A property has: name, type, signature, writable, variant_index (of its type in `variant`), field
-(private member: the name, with an underscore behind it where it would collide), flag
-("<name>_is_set"), param (a free name for a function parameter).
+and flag (private members, "<name>_" and "<name>_is_set": names from a description end in an
+underscore or in the word, so they never meet a parameter or another member), param (a free name
+for a function parameter).
 
 A method has: name, ins, outs. Their arguments have: name (made up where the description has
 none), type, signature, param.
@@ -64,14 +65,11 @@ class Argument:
     line: int
     param: str = ""
     field: str = ""
+    flag: str = ""
 
     @property
     def signature(self):
         return self.type.signature
-
-    @property
-    def flag(self):
-        return self.name + _FLAG
 
 
 @dataclass
@@ -195,7 +193,7 @@ class _Builder:
             ("method", methods),
             ("signal", signals),
         ):
-            self._check_duplicates(what, members)
+            self._check_repeats(what, members)
         self._check_served()
         if not self._problems:
             self._check_classes()
@@ -266,7 +264,7 @@ class _Builder:
                 self._refuse(one.line, f"{what}: direction '{direction}' is not in or out")
             into = outs if direction == "out" else ins
             into.append(self._argument(one, what, f"{direction}{len(into) + 1}"))
-        self._check_argument_names(what, ins + outs)
+        self._check_repeats(f"{what}: argument", ins + outs)
         return Method(name, element.line, ins, outs)
 
     def _signal(self, element):
@@ -278,7 +276,7 @@ class _Builder:
             if direction != "out":
                 self._refuse(one.line, f"{what}: direction '{direction}' is not out")
             args.append(self._argument(one, what, None))
-        self._check_argument_names(what, args)
+        self._check_repeats(f"{what}: argument", args)
         return Signal(name, element.line, args)
 
     def _argument(self, element, what, made_up):
@@ -301,25 +299,14 @@ class _Builder:
 
     # Checking
 
-    def _check_argument_names(self, what, args):
+    def _check_repeats(self, what, items):
         seen = {}
-        for arg in args:
-            if arg.name and arg.name in seen:
+        for item in items:
+            if item.name and item.name in seen:
                 self._refuse(
-                    arg.line,
-                    f"{what}: argument name '{arg.name}' is used before in line {seen[arg.name]}",
+                    item.line, f"{what} '{item.name}' is declared before in line {seen[item.name]}"
                 )
-            seen.setdefault(arg.name, arg.line)
-
-    def _check_duplicates(self, what, members):
-        seen = {}
-        for member in members:
-            if member.name and member.name in seen:
-                self._refuse(
-                    member.line,
-                    f"{what} '{member.name}' is declared before in line {seen[member.name]}",
-                )
-            seen.setdefault(member.name, member.line)
+            seen.setdefault(item.name, item.line)
 
     def _check_kinds(self, properties, methods, signals):
         """Something must come out, and each kind that was asked for by name."""
@@ -382,13 +369,6 @@ class _Builder:
                         item.line,
                         f"'{item.name}' becomes '{owner.class_name}', the name of its class",
                     )
-        lines = {item.name: item.line for item in items}
-        for item in items:
-            if item.flag in lines:
-                self._refuse(
-                    max(item.line, lines[item.flag]),
-                    f"'{item.flag}' collides with the flag that goes with '{item.name}'",
-                )
 
     def _check_signal_class(self, signal):
         problem = names.scope_problem(signal.name)
@@ -405,33 +385,29 @@ class _Builder:
 
     def _settle_names(self):
         model = self._model
-        for number, kind in enumerate(model.variant):
-            for prop in model.properties:
-                if prop.type == kind:
-                    prop.variant_index = number
-        fixed = names.CACHE_MEMBERS | names.DIRECT_MEMBERS
-        self._settle_fields(model.class_name, model.properties, fixed, names.CACHE_PREFIXES)
+        for prop in model.properties:
+            prop.variant_index = model.variant.index(prop.type)
+        _settle_members(model.class_name, model.properties, names.CACHE_PREFIXES)
         for method in model.methods:
-            _settle_params(method.ins + method.outs, names.DIRECT_MEMBERS | {"ok"})
+            _settle_params(method.ins + method.outs, names.METHOD_WORDS)
         for signal in model.signals:
-            self._settle_fields(signal.class_name, signal.args, names.SIGNAL_MEMBERS, ("Get_",))
-
-    def _settle_fields(self, class_name, items, fixed, prefixes):
-        taken = set(fixed) | {class_name}
-        taken |= {prefix + item.name for prefix in prefixes for item in items}
-        taken |= {item.flag for item in items}
-        for item in items:
-            others = {other.name for other in items if other is not item}
-            item.field = names.free_name(item.name, taken | others)
-            taken.add(item.field)
-        _settle_params(items, fixed)
+            _settle_members(signal.class_name, signal.args, ("Get_",))
 
 
-def _settle_params(items, fixed):
-    taken = set(fixed)
+def _settle_members(class_name, items, prefixes):
+    taken = {prefix + item.name for prefix in prefixes for item in items} | {class_name}
     for item in items:
-        others = {other.name for other in items if other is not item}
-        item.param = names.free_name(item.name, taken | others)
+        item.field = names.free_name(item.name + "_", taken)
+        item.flag = names.free_name(item.name + _FLAG, taken)
+        taken |= {item.field, item.flag}
+    _settle_params(items, frozenset())
+
+
+def _settle_params(items, reserved):
+    given = {item.name for item in items}
+    taken = set(reserved)
+    for item in items:
+        item.param = names.free_name(item.name, taken | given - {item.name})
         taken.add(item.param)
 
 

@@ -37,8 +37,8 @@ MACROS = frozenset(
 
 # Members that every class of a kind has, besides the ones made from the description.
 _REGISTRY = """
-    Create Lookup Save Unsave Release Cleanup Ready SignalCount Path AddCallback Get
-    active class_mutex object_mutex path ready signal_count callbacks
+    Create Lookup Save Unsave Release Cleanup Ready SignalCount Path AddCallback Get Callback Tables
+    active class_mutex object_mutex path ready signal_count callbacks anchor
     """
 CACHE_MEMBERS = frozenset(
     (
@@ -54,10 +54,12 @@ CACHE_MEMBERS = frozenset(
 SIGNAL_MEMBERS = frozenset((_REGISTRY + " ObjectCallback match").split())
 DIRECT_MEMBERS = frozenset(
     """
-    Variant Service Path GetByName GetByNameLocked SetByName SetByNameLocked
-    mutex object_mutex service path
+    Variant Service Path GetByName GetByNameLocked SetByName SetByNameLocked target
     """.split()
 )
+
+# What the body of a method says besides its parameters.
+METHOD_WORDS = frozenset("ok in out target interface client".split())
 
 CACHE_PREFIXES = ("Get_", "Set_", "SetLocked_")
 DIRECT_PREFIXES = ("Get_", "GetLocked_", "Set_", "SetLocked_")

@@ -69,33 +69,24 @@ class Types(unittest.TestCase):
 
 
 class Names(unittest.TestCase):
-    def test_fields_stay_clear_of_members(self):
-        made = model(
-            properties(
-                ("path", "s"),
-                ("path_", "s"),
-                ("Get_value", "s"),
-                ("value", "s"),
-                ("class", "s"),
-                ("uint8_t", "y"),
-                ("Sensor", "s"),
-            )
-        )
-        self.assertEqual(
-            [prop.field for prop in made.properties],
-            ["path__", "path_", "Get_value_", "value", "class_", "uint8_t_", "Sensor_"],
-        )
-        self.assertEqual(made.properties[0].flag, "path_is_set")
+    def test_fields_stay_clear_of_each_other_and_of_accessors(self):
+        kinds = ("value", "value_is_set", "value_", "Get_value", "Get_value_", "Sensor")
+        made = model(properties(*((name, "s") for name in kinds)), "com.example.Sensor_")
+        members = [prop.field for prop in made.properties] + [prop.flag for prop in made.properties]
+        accessors = [prefix + name for name in kinds for prefix in ("Get_", "Set_", "SetLocked_")]
+        everything = members + accessors + ["Sensor_"]
+        self.assertEqual(len(set(everything)), len(everything))
+        self.assertEqual(made.properties[0].field, "value_")
 
     def test_parameters_stay_clear_of_each_other(self):
         made = model(
             '<method name="act"><arg type="s"/><arg name="ok" type="s"/><arg type="s"/>'
-            '<arg name="service" type="s" direction="out"/><arg type="s" direction="out"/>'
-            "</method>"
+            '<arg name="ok_" type="s" direction="out"/><arg type="s" direction="out"/>'
+            '<arg name="uint8_t" type="s" direction="out"/></method>'
         )
         method = made.methods[0]
-        self.assertEqual([arg.param for arg in method.ins], ["in1", "ok_", "in3"])
-        self.assertEqual([arg.param for arg in method.outs], ["service_", "out2"])
+        self.assertEqual([arg.param for arg in method.ins], ["in1", "ok__", "in3"])
+        self.assertEqual([arg.param for arg in method.outs], ["ok_", "out2", "uint8_t_"])
 
     def test_places(self):
         made = model(properties(("value", "d")), "com.example.power.Sensor")
