@@ -1,0 +1,187 @@
+#include <bmcbus/testing/fake_service.hpp>
+
+#include <algorithm>
+
+namespace bmcbus::testing
+{
+
+FaultRule::FaultRule(FakeService& owner, std::string member, std::string argument) : service(owner)
+{
+    rule.member = std::move(member);
+    rule.argument = std::move(argument);
+}
+
+FaultRule& FaultRule::Once()
+{
+    return Times(1);
+}
+
+FaultRule& FaultRule::Times(size_t count)
+{
+    rule.times = count;
+    return *this;
+}
+
+void FaultRule::Install(Faults::Kind kind)
+{
+    rule.kind = kind;
+    service.Run(
+        [this]
+        {
+            service.faults.Add(rule);
+        });
+}
+
+void FaultRule::ReplyError(const std::string& name, const std::string& text)
+{
+    rule.errorName = name;
+    rule.errorText = text;
+    Install(Faults::Kind::error);
+}
+
+void FaultRule::Reply(std::vector<Value> values)
+{
+    rule.values = std::move(values);
+    Install(Faults::Kind::values);
+}
+
+void FaultRule::NoReply()
+{
+    Install(Faults::Kind::silence);
+}
+
+void FaultRule::Hold()
+{
+    Install(Faults::Kind::hold);
+}
+
+void FaultRule::Delay(std::chrono::milliseconds time)
+{
+    rule.time = time;
+    Install(Faults::Kind::delay);
+}
+
+void FaultRule::Crash()
+{
+    Install(Faults::Kind::crash);
+}
+
+FakeService::FakeService(std::vector<std::string> wellKnown) :
+    Service(std::move(wellKnown)), faults(*this)
+{
+    Intercept(
+        [this](const Call& call, sd_bus_message* message)
+        {
+            {
+                const std::lock_guard lock(mutex);
+                calls.push_back(call);
+            }
+            return faults.Handle(call, message);
+        });
+}
+
+FakeService::FakeService(const std::string& name, const std::string& path,
+                         const std::vector<std::string>& interfaces, const NamedValues& values) :
+    FakeService(std::vector<std::string>{name})
+{
+    first = &AddObject(path, interfaces, values);
+}
+
+FakeService::~FakeService()
+{
+    Intercept({});
+    Run(
+        [this]
+        {
+            faults.Drop();
+        });
+}
+
+Object* FakeService::operator->()
+{
+    if (first == nullptr)
+    {
+        const std::vector<std::string> paths = Paths();
+        if (paths.empty())
+        {
+            throw std::invalid_argument("the service has no object");
+        }
+        first = &ObjectAt(paths.front());
+    }
+    return first;
+}
+
+FaultRule FakeService::On(const std::string& member, const std::string& argument)
+{
+    return FaultRule(*this, member, argument);
+}
+
+void FakeService::Heal(const std::string& member)
+{
+    Run(
+        [&]
+        {
+            faults.Remove(member);
+        });
+}
+
+bool FakeService::WaitForHeld(size_t count, std::chrono::milliseconds bound)
+{
+    return Until(
+        [&]
+        {
+            size_t held = 0;
+            Run(
+                [&]
+                {
+                    held = faults.Held();
+                });
+            return held >= count;
+        },
+        bound);
+}
+
+void FakeService::Release()
+{
+    Run(
+        [this]
+        {
+            faults.Release();
+        });
+}
+
+std::vector<Call> FakeService::Calls() const
+{
+    const std::lock_guard lock(mutex);
+    return calls;
+}
+
+std::vector<Call> FakeService::Calls(const std::string& member) const
+{
+    std::vector<Call> matching = Calls();
+    std::erase_if(matching,
+                  [&](const Call& call)
+                  {
+                      return call.member != member;
+                  });
+    return matching;
+}
+
+bool FakeService::WaitForCalls(const std::string& member, size_t count,
+                               std::chrono::milliseconds bound) const
+{
+    return Until(
+        [&]
+        {
+            return Calls(member).size() >= count;
+        },
+        bound);
+}
+
+void FakeService::ClearCalls()
+{
+    const std::lock_guard lock(mutex);
+    calls.clear();
+}
+
+} // namespace bmcbus::testing

@@ -1,0 +1,402 @@
+#include "service_link.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace bmcbus::testing
+{
+namespace
+{
+
+std::string SystemBusAddress()
+{
+    const char* address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    return address == nullptr ? "unix:path=/run/dbus/system_bus_socket" : address;
+}
+
+} // namespace
+
+// --- connection ---------------------------------------------------------------------------------
+
+Service::Link::Link(Service& owner, const Options& options) :
+    service(owner), address(options.address.empty() ? SystemBusAddress() : options.address)
+{
+    if (options.loop == nullptr)
+    {
+        loop.emplace();
+    }
+    else
+    {
+        loop.emplace(options.loop);
+    }
+}
+
+void Service::Link::Connect()
+{
+    Disconnect(true);
+    sd_bus* raw = nullptr;
+    Check(sd_bus_new(&raw), "sd_bus_new");
+    Owned<sd_bus> fresh(raw);
+    Check(sd_bus_set_address(raw, address.c_str()), "sd_bus_set_address " + address);
+    Check(sd_bus_set_bus_client(raw, 1), "sd_bus_set_bus_client");
+    Check(sd_bus_negotiate_fds(raw, 1), "sd_bus_negotiate_fds");
+    Check(sd_bus_start(raw), "connect to " + address);
+    sd_bus_slot* slot = nullptr;
+    Check(sd_bus_add_filter(raw, &slot, OnMessage, this), "sd_bus_add_filter");
+    Owned<sd_bus_slot> freshFilter(slot);
+    const char* unique = nullptr;
+    Check(sd_bus_get_unique_name(raw, &unique), "connect to " + address);
+    for (const std::string& name : service.names)
+    {
+        Check(sd_bus_request_name(raw, name.c_str(), 0), "request name " + name);
+    }
+    Check(sd_bus_attach_event(raw, loop->Event(), SD_EVENT_PRIORITY_NORMAL), "sd_bus_attach_event");
+    bus = std::move(fresh);
+    filter = std::move(freshFilter);
+}
+
+void Service::Link::Disconnect(bool orderly)
+{
+    if (!bus)
+    {
+        return;
+    }
+    if (orderly)
+    {
+        sd_bus_flush(bus.get());
+    }
+    sd_bus_close(bus.get());
+    filter.reset();
+    bus.reset();
+    unsettled = false;
+}
+
+bool Service::Link::Up() const
+{
+    return bus && sd_bus_is_open(bus.get()) > 0;
+}
+
+sd_bus* Service::Link::Bus() const
+{
+    Check(Up() ? 0 : -ENOTCONN, "service is not connected");
+    return bus.get();
+}
+
+void Service::Link::Send(const std::string& path, const std::string& interface,
+                         const std::string& member, const std::vector<Value>& arguments)
+{
+    sd_bus_message* raw = nullptr;
+    Check(sd_bus_message_new_signal(Bus(), &raw, path.c_str(), interface.c_str(), member.c_str()),
+          "signal " + path + " " + interface + "." + member);
+    const Owned<sd_bus_message> signal(raw);
+    for (const Value& argument : arguments)
+    {
+        argument.Append(raw);
+    }
+    Check(sd_bus_send(bus.get(), raw, nullptr), "sd_bus_send");
+    unsettled = true;
+}
+
+void Service::Link::Settle() noexcept
+{
+    if (!unsettled || !Up())
+    {
+        return;
+    }
+    unsettled = false;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    // The daemon handles one connection's messages in order, so its answer comes after the signals
+    // have been queued for their receivers.
+    sd_bus_call_method(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", peerInterface,
+                       "Ping", &error, nullptr, "");
+    sd_bus_error_free(&error);
+}
+
+int Service::Link::OnMessage(sd_bus_message* message, void* self, sd_bus_error*)
+{
+    if (sd_bus_message_is_method_call(message, nullptr, nullptr) <= 0 ||
+        sd_bus_message_is_method_call(message, peerInterface, nullptr) > 0)
+    {
+        return 0;
+    }
+    Service& service = static_cast<Link*>(self)->service;
+    const auto text = [](const char* maybe)
+    {
+        return std::string(maybe == nullptr ? "" : maybe);
+    };
+    try
+    {
+        const Call call{.sender = text(sd_bus_message_get_sender(message)),
+                        .path = text(sd_bus_message_get_path(message)),
+                        .interface = text(sd_bus_message_get_interface(message)),
+                        .member = text(sd_bus_message_get_member(message)),
+                        .arguments = Value::ReadAll(message)};
+        const Interceptor intercept = service.interceptor; // may be replaced while it runs
+        if (!intercept || !intercept(call, message))
+        {
+            service.Answer(call, message);
+        }
+    }
+    catch (const std::exception& error)
+    {
+        ReplyError(message, SD_BUS_ERROR_FAILED, error.what());
+    }
+    return 1;
+}
+
+void Service::Answer(const Call& call, sd_bus_message* message)
+{
+    try
+    {
+        Reply(message, CallAnswer(*this, call).Make());
+    }
+    catch (const CallError& error)
+    {
+        ReplyError(message, error.Name(), error.what());
+    }
+    catch (const std::exception& error)
+    {
+        ReplyError(message, SD_BUS_ERROR_FAILED, error.what());
+    }
+}
+
+void Service::Reply(sd_bus_message* call, const std::vector<Value>& values)
+{
+    sd_bus_message* raw = nullptr;
+    Check(sd_bus_message_new_method_return(call, &raw), "sd_bus_message_new_method_return");
+    const Owned<sd_bus_message> reply(raw);
+    for (const Value& value : values)
+    {
+        value.Append(raw);
+    }
+    Check(sd_bus_send(nullptr, raw, nullptr), "sd_bus_send");
+}
+
+void Service::ReplyError(sd_bus_message* call, const std::string& name, const std::string& text)
+{
+    const sd_bus_error error = SD_BUS_ERROR_MAKE_CONST(name.c_str(), text.c_str());
+    // The caller or the bus may be gone; then nobody waits for the answer.
+    static_cast<void>(sd_bus_reply_method_error(call, &error));
+}
+
+// --- life ---------------------------------------------------------------------------------------
+
+Service::Service(std::vector<std::string> wellKnown, Options options) :
+    names(std::move(wellKnown)), link(std::make_unique<Link>(*this, options))
+{
+    Start();
+}
+
+Service::~Service()
+{
+    link->loop->Run(
+        [this]
+        {
+            link->Disconnect(true);
+        });
+    link->loop.reset();
+}
+
+void Service::Start()
+{
+    OnThread(
+        [this]
+        {
+            link->Connect();
+        });
+}
+
+void Service::Stop()
+{
+    OnThread(
+        [this]
+        {
+            link->Disconnect(true);
+        });
+}
+
+void Service::Crash()
+{
+    OnThread(
+        [this]
+        {
+            link->Disconnect(false);
+        });
+}
+
+bool Service::Connected() const
+{
+    return OnThread(
+        [this]
+        {
+            return link->Up();
+        });
+}
+
+std::string Service::UniqueName() const
+{
+    return OnThread(
+        [this]
+        {
+            const char* name = nullptr;
+            const bool known = link->Up() && sd_bus_get_unique_name(link->bus.get(), &name) >= 0;
+            return std::string(known ? name : "");
+        });
+}
+
+void Service::ReleaseName(const std::string& name)
+{
+    OnThread(
+        [&]
+        {
+            Check(sd_bus_release_name(link->Bus(), name.c_str()), "release name " + name);
+            std::erase(names, name);
+        });
+}
+
+void Service::RequestName(const std::string& name)
+{
+    OnThread(
+        [&]
+        {
+            Check(sd_bus_request_name(link->Bus(), name.c_str(), 0), "request name " + name);
+            names.push_back(name);
+        });
+}
+
+void Service::Intercept(Interceptor sees)
+{
+    OnThread(
+        [&]
+        {
+            interceptor = std::move(sees);
+        });
+}
+
+void Service::Run(const std::function<void()>& work) const
+{
+    OnThread(work);
+}
+
+sd_bus* Service::Connection() const
+{
+    return link->bus.get();
+}
+
+void Service::EmitRaw(const std::string& path, const std::string& interface,
+                      const std::string& member, const std::vector<Value>& arguments)
+{
+    OnThread(
+        [&]
+        {
+            link->Send(path, interface, member, arguments);
+        });
+}
+
+// --- objects ------------------------------------------------------------------------------------
+
+Object& Service::AddObject(const std::string& path, const std::vector<std::string>& interfaces,
+                           const NamedValues& values)
+{
+    std::vector<InterfaceDescription> descriptions;
+    for (const std::string& interface : interfaces)
+    {
+        descriptions.push_back(FindInterface(interface));
+    }
+    return AddObject(path, std::move(descriptions), values);
+}
+
+Object& Service::AddObject(const std::string& path, std::vector<InterfaceDescription> interfaces,
+                           const NamedValues& values)
+{
+    return OnThread(
+        [&]() -> Object&
+        {
+            if (sd_bus_object_path_is_valid(path.c_str()) <= 0)
+            {
+                throw std::invalid_argument("no object path: \"" + path + "\"");
+            }
+            if (objects.contains(path))
+            {
+                throw std::invalid_argument("there is an object at " + path + " already");
+            }
+            std::unique_ptr<Object> object(new Object(*this, path));
+            for (InterfaceDescription& interface : interfaces)
+            {
+                object->Insert(std::move(interface), {});
+            }
+            object->Store(values);
+            Object& added = *objects.emplace(path, std::move(object)).first->second;
+            added.SendAdded(added.AllInterfaces());
+            return added;
+        });
+}
+
+void Service::RemoveObject(const std::string& path)
+{
+    OnThread(
+        [&]
+        {
+            Object& object = ObjectAt(path);
+            std::vector<std::string> interfaces;
+            for (const auto& [name, slot] : object.slots)
+            {
+                interfaces.push_back(name);
+            }
+            object.EmitInterfacesRemoved(interfaces);
+            objects.erase(path);
+        });
+}
+
+Object& Service::ObjectAt(const std::string& path)
+{
+    return OnThread(
+        [&]() -> Object&
+        {
+            const auto found = objects.find(path);
+            if (found == objects.end())
+            {
+                throw std::invalid_argument("no object at " + path);
+            }
+            return *found->second;
+        });
+}
+
+std::vector<std::string> Service::Paths() const
+{
+    return OnThread(
+        [this]
+        {
+            std::vector<std::string> paths;
+            for (const auto& [path, object] : objects)
+            {
+                paths.push_back(path);
+            }
+            return paths;
+        });
+}
+
+void Service::Manage(const std::string& root)
+{
+    OnThread(
+        [&]
+        {
+            managers.push_back(root);
+        });
+}
+
+std::string Service::ManagerOf(const std::string& path) const
+{
+    std::string nearest;
+    for (const std::string& root : managers)
+    {
+        const std::string below = root == "/" ? root : root + "/";
+        if (path.starts_with(below) && path != root && root.size() > nearest.size())
+        {
+            nearest = root;
+        }
+    }
+    return nearest;
+}
+
+} // namespace bmcbus::testing

@@ -1,0 +1,332 @@
+#include "service_link.hpp"
+
+namespace bmcbus::testing
+{
+
+Object::Object(Service& owner, std::string where) : service(owner), path(std::move(where))
+{
+}
+
+Object::~Object() = default;
+
+void Object::Refuse(const std::string& what) const
+{
+    const std::string name = service.names.empty() ? "service" : service.names.front();
+    throw std::invalid_argument(name + " " + path + ": " + what);
+}
+
+// --- names --------------------------------------------------------------------------------------
+
+template <class Has>
+Object::Found Object::Find(const std::string& name, const char* kind, Has has) const
+{
+    const size_t dot = name.rfind('.');
+    const std::string interface = dot == std::string::npos ? "" : name.substr(0, dot);
+    Found found{.member = dot == std::string::npos ? name : name.substr(dot + 1)};
+    for (auto& [slotName, slot] : slots)
+    {
+        if ((!interface.empty() && interface != slotName) ||
+            has(slot.description, found.member) == nullptr)
+        {
+            continue;
+        }
+        if (found.slot != nullptr)
+        {
+            Refuse(std::string("more than one interface has the ") + kind + " " + name);
+        }
+        found.slot = &slot;
+    }
+    if (found.slot == nullptr)
+    {
+        Refuse(std::string("no interface has the ") + kind + " " + name);
+    }
+    return found;
+}
+
+Object::Found Object::FindProperty(const std::string& name) const
+{
+    return Find(name, "property",
+                [](const InterfaceDescription& interface, const std::string& member)
+                {
+                    return interface.Property(member);
+                });
+}
+
+// --- values -------------------------------------------------------------------------------------
+
+Object::Slot& Object::Insert(InterfaceDescription description, const NamedValues& values)
+{
+    const std::string name = description.name;
+    if (slots.contains(name))
+    {
+        Refuse("it has " + name + " already");
+    }
+    Slot slot;
+    slot.description = std::move(description);
+    for (const PropertyDescription& property : slot.description.properties)
+    {
+        slot.values.emplace(property.name, Value::Default(property.type));
+    }
+    for (const auto& [property, value] : values)
+    {
+        const auto stored = slot.values.find(property);
+        if (stored == slot.values.end())
+        {
+            Refuse(name + " has no property " + property);
+        }
+        stored->second = value.As(stored->second.Signature());
+    }
+    return slots.emplace(name, std::move(slot)).first->second;
+}
+
+std::map<std::string, NamedValues> Object::Store(const NamedValues& values)
+{
+    // All are checked before the first is stored.
+    std::map<std::string, NamedValues> changes;
+    for (const auto& [name, value] : values)
+    {
+        const Found found = FindProperty(name);
+        const Value& stored = found.slot->values.at(found.member);
+        try
+        {
+            changes[found.slot->description.name].emplace_back(found.member,
+                                                               value.As(stored.Signature()));
+        }
+        catch (const std::invalid_argument& cause)
+        {
+            Refuse("property " + name + ": " + cause.what());
+        }
+    }
+    for (const auto& [interface, changed] : changes)
+    {
+        for (const auto& [name, value] : changed)
+        {
+            slots.at(interface).values.insert_or_assign(name, value);
+        }
+    }
+    return changes;
+}
+
+void Object::Announce(const std::map<std::string, NamedValues>& changes)
+{
+    for (const auto& [interface, values] : changes)
+    {
+        NamedValues changed;
+        std::vector<std::string> invalidated;
+        for (const auto& [name, value] : values)
+        {
+            const PropertyDescription* property = slots.at(interface).description.Property(name);
+            if (property->emits == PropertyDescription::Emits::value && property->readable)
+            {
+                changed.emplace_back(name, value);
+            }
+            else if (property->emits == PropertyDescription::Emits::invalidation)
+            {
+                invalidated.push_back(name);
+            }
+        }
+        if ((!changed.empty() || !invalidated.empty()) && service.link->Up())
+        {
+            EmitPropertiesChanged(interface, changed, invalidated);
+        }
+    }
+}
+
+void Object::Set(const std::string& property, const Value& value)
+{
+    Set(NamedValues{{property, value}});
+}
+
+void Object::Set(const NamedValues& values)
+{
+    service.OnThread(
+        [&]
+        {
+            Announce(Store(values));
+        });
+}
+
+void Object::SetQuietly(const NamedValues& values)
+{
+    service.OnThread(
+        [&]
+        {
+            Store(values);
+        });
+}
+
+Value Object::Get(const std::string& property) const
+{
+    return service.OnThread(
+        [&]
+        {
+            const Found found = FindProperty(property);
+            return found.slot->values.at(found.member);
+        });
+}
+
+NamedValues Object::Readable(const Slot& slot) const
+{
+    NamedValues values;
+    for (const PropertyDescription& property : slot.description.properties)
+    {
+        if (property.readable)
+        {
+            values.emplace_back(property.name, slot.values.at(property.name));
+        }
+    }
+    return values;
+}
+
+Value Object::AllInterfaces(const std::string& only) const
+{
+    std::vector<std::pair<Value, Value>> interfaces;
+    for (const auto& [name, slot] : slots)
+    {
+        if (only.empty() || only == name)
+        {
+            interfaces.emplace_back(name, AsPropertyMap(Readable(slot)));
+        }
+    }
+    return Value::Dictionary("s", "a{sv}", std::move(interfaces));
+}
+
+// --- hooks --------------------------------------------------------------------------------------
+
+void Object::OnWrite(const std::string& property, WriteHook hook)
+{
+    service.OnThread(
+        [&]
+        {
+            const Found found = FindProperty(property);
+            found.slot->hooks[found.member] = std::move(hook);
+        });
+}
+
+void Object::OnCall(const std::string& method, CallHandler handler)
+{
+    service.OnThread(
+        [&]
+        {
+            const Found found =
+                Find(method, "method",
+                     [](const InterfaceDescription& interface, const std::string& member)
+                     {
+                         return interface.Method(member);
+                     });
+            found.slot->handlers[found.member] = std::move(handler);
+        });
+}
+
+// --- signals ------------------------------------------------------------------------------------
+
+void Object::EmitValues(const std::string& signal, const std::vector<Value>& arguments)
+{
+    service.OnThread(
+        [&]
+        {
+            const Found found =
+                Find(signal, "signal",
+                     [](const InterfaceDescription& interface, const std::string& member)
+                     {
+                         return interface.Signal(member);
+                     });
+            const std::vector<Argument>& declared =
+                found.slot->description.Signal(found.member)->arguments;
+            if (declared.size() != arguments.size())
+            {
+                Refuse("signal " + signal + " has " + std::to_string(declared.size()) +
+                       " arguments, not " + std::to_string(arguments.size()));
+            }
+            std::vector<Value> converted;
+            for (size_t i = 0; i < declared.size(); ++i)
+            {
+                converted.push_back(arguments[i].As(declared[i].type));
+            }
+            EmitRaw(found.slot->description.name, found.member, converted);
+        });
+}
+
+void Object::EmitRaw(const std::string& interface, const std::string& member,
+                     const std::vector<Value>& arguments)
+{
+    service.EmitRaw(path, interface, member, arguments);
+}
+
+void Object::EmitPropertiesChanged(const std::string& interface, const NamedValues& changed,
+                                   const std::vector<std::string>& invalidated)
+{
+    EmitRaw(propertiesInterface, "PropertiesChanged",
+            {interface, AsPropertyMap(changed), invalidated});
+}
+
+void Object::SendAdded(const Value& interfaces)
+{
+    if (!service.link->Up())
+    {
+        return;
+    }
+    const std::vector<Value> arguments{Path{path}, interfaces};
+    EmitRaw(managerInterface, "InterfacesAdded", arguments);
+    if (const std::string manager = service.ManagerOf(path); !manager.empty())
+    {
+        service.EmitRaw(manager, managerInterface, "InterfacesAdded", arguments);
+    }
+}
+
+void Object::EmitInterfacesAdded()
+{
+    service.OnThread(
+        [&]
+        {
+            SendAdded(AllInterfaces());
+        });
+}
+
+void Object::EmitInterfacesRemoved(const std::vector<std::string>& interfaces)
+{
+    service.OnThread(
+        [&]
+        {
+            if (!service.link->Up())
+            {
+                return;
+            }
+            const std::vector<Value> arguments{Path{path}, interfaces};
+            EmitRaw(managerInterface, "InterfacesRemoved", arguments);
+            if (const std::string manager = service.ManagerOf(path); !manager.empty())
+            {
+                service.EmitRaw(manager, managerInterface, "InterfacesRemoved", arguments);
+            }
+        });
+}
+
+void Object::AddInterface(const std::string& interface, const NamedValues& values)
+{
+    AddInterface(FindInterface(interface), values);
+}
+
+void Object::AddInterface(InterfaceDescription description, const NamedValues& values)
+{
+    service.OnThread(
+        [&]
+        {
+            const Slot& slot = Insert(std::move(description), values);
+            SendAdded(AllInterfaces(slot.description.name));
+        });
+}
+
+void Object::RemoveInterface(const std::string& interface)
+{
+    service.OnThread(
+        [&]
+        {
+            if (slots.erase(interface) == 0)
+            {
+                Refuse("it has no interface " + interface);
+            }
+            EmitInterfacesRemoved({interface});
+        });
+}
+
+} // namespace bmcbus::testing

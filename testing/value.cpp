@@ -1,0 +1,605 @@
+#include <bmcbus/testing/value.hpp>
+
+#include "check.hpp"
+
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+namespace bmcbus::testing
+{
+namespace
+{
+
+constexpr size_t deepest = 64;
+
+// Length of the complete type at the start of `signature`, 0 when there is none.
+size_t TypeLength(std::string_view signature, size_t depth = 0)
+{
+    if (signature.empty() || depth > deepest)
+    {
+        return 0;
+    }
+    constexpr std::string_view basics = "bynqiuxtdsogh";
+    const char first = signature.front();
+    if (basics.find(first) != std::string_view::npos || first == 'v')
+    {
+        return 1;
+    }
+    if (first == 'a' && signature.size() > 1 && signature[1] == '{')
+    {
+        // A dictionary entry: one basic key and one value, only ever inside an array.
+        const std::string_view inner = signature.substr(2);
+        if (inner.empty() || basics.find(inner.front()) == std::string_view::npos)
+        {
+            return 0;
+        }
+        const size_t value = TypeLength(inner.substr(1), depth + 1);
+        const bool closed = value > 0 && inner.size() > value + 1 && inner[value + 1] == '}';
+        return closed ? value + 4 : 0;
+    }
+    if (first == 'a')
+    {
+        const size_t element = TypeLength(signature.substr(1), depth + 1);
+        return element > 0 ? element + 1 : 0;
+    }
+    if (first == '(')
+    {
+        size_t at = 1;
+        while (at < signature.size() && signature[at] != ')')
+        {
+            const size_t field = TypeLength(signature.substr(at), depth + 1);
+            if (field == 0)
+            {
+                return 0;
+            }
+            at += field;
+        }
+        return at > 1 && at < signature.size() ? at + 1 : 0;
+    }
+    return 0;
+}
+
+std::string_view Inner(std::string_view type)
+{
+    return type.substr(1, type.size() - 2);
+}
+
+std::string Quoted(const std::string& text)
+{
+    std::string quoted = "\"";
+    for (const char c : text)
+    {
+        switch (c)
+        {
+            case '"':
+            case '\\':
+                quoted += '\\';
+                quoted += c;
+                break;
+            case '\n':
+                quoted += "\\n";
+                break;
+            case '\t':
+                quoted += "\\t";
+                break;
+            default:
+                quoted += c;
+        }
+    }
+    return quoted + "\"";
+}
+
+// `from` as `To` when no digit is lost.
+template <class To, class From>
+bool Exact(From from, To& to)
+{
+    if constexpr (std::floating_point<To>)
+    {
+        to = static_cast<To>(from);
+        return true;
+    }
+    else if constexpr (std::floating_point<From>)
+    {
+        // The limits of 64 bits are no doubles; their neighbours towards zero are.
+        const double low = static_cast<double>(std::numeric_limits<To>::min());
+        const double high = std::ldexp(1.0, std::numeric_limits<To>::digits);
+        if (!(from >= low && from < high) || std::trunc(from) != from)
+        {
+            return false;
+        }
+        to = static_cast<To>(from);
+        return true;
+    }
+    else
+    {
+        if (!std::in_range<To>(from))
+        {
+            return false;
+        }
+        to = static_cast<To>(from);
+        return true;
+    }
+}
+
+} // namespace
+
+std::vector<std::string> SplitSignature(std::string_view signature)
+{
+    std::vector<std::string> types;
+    std::string_view left = signature;
+    while (!left.empty())
+    {
+        const size_t length = TypeLength(left);
+        if (length == 0)
+        {
+            throw std::invalid_argument("no D-Bus signature: \"" + std::string(signature) + "\"");
+        }
+        types.emplace_back(left.substr(0, length));
+        left.remove_prefix(length);
+    }
+    return types;
+}
+
+Value::Value(const char* text) : signature("s"), content(std::string(text))
+{
+}
+
+Value Value::Default(std::string_view signature)
+{
+    if (TypeLength(signature) != signature.size() || signature.empty())
+    {
+        throw std::invalid_argument("no complete D-Bus type: \"" + std::string(signature) + "\"");
+    }
+    const std::string type(signature);
+    switch (signature.front())
+    {
+        case 'b':
+            return {type, false};
+        case 'y':
+            return {type, uint8_t{0}};
+        case 'n':
+            return {type, int16_t{0}};
+        case 'q':
+            return {type, uint16_t{0}};
+        case 'i':
+            return {type, int32_t{0}};
+        case 'u':
+            return {type, uint32_t{0}};
+        case 'x':
+            return {type, int64_t{0}};
+        case 't':
+            return {type, uint64_t{0}};
+        case 'd':
+            return {type, 0.0};
+        case 'o':
+            return {type, std::string("/")};
+        case 'h':
+            return {type, int32_t{-1}};
+        case 'v':
+            return Variant("");
+        case 'a':
+            return {type, std::vector<Value>()};
+        case '(':
+        {
+            std::vector<Value> fields;
+            for (const std::string& field : SplitSignature(Inner(signature)))
+            {
+                fields.push_back(Default(field));
+            }
+            return {type, std::move(fields)};
+        }
+        default:
+            return {type, std::string()};
+    }
+}
+
+Value Value::Variant(Value content)
+{
+    return {"v", std::vector<Value>{std::move(content)}};
+}
+
+Value Value::Struct(std::vector<Value> fields)
+{
+    if (fields.empty())
+    {
+        throw std::invalid_argument("a struct without fields");
+    }
+    return {"(" + SignatureOf(fields) + ")", std::move(fields)};
+}
+
+Value Value::Array(std::string_view element, std::vector<Value> elements)
+{
+    Value array = Default("a" + std::string(element));
+    for (const Value& item : elements)
+    {
+        if (item.signature != element)
+        {
+            throw std::invalid_argument("an array of " + std::string(element) + " cannot hold " +
+                                        item.Text());
+        }
+    }
+    array.content = std::move(elements);
+    return array;
+}
+
+Value Value::Dictionary(std::string_view key, std::string_view value,
+                        std::vector<std::pair<Value, Value>> entries)
+{
+    const std::string entryType = "{" + std::string(key) + std::string(value) + "}";
+    Value dictionary = Default("a" + entryType);
+    std::vector<Value> content;
+    for (auto& [k, v] : entries)
+    {
+        if (k.signature != key || v.signature != value)
+        {
+            throw std::invalid_argument("a dictionary of " + entryType + " cannot hold " +
+                                        k.Text() + " " + v.Text());
+        }
+        content.push_back(Value(entryType, std::vector<Value>{std::move(k), std::move(v)}));
+    }
+    dictionary.content = std::move(content);
+    return dictionary;
+}
+
+Value Value::Descriptor(int fd)
+{
+    return {"h", static_cast<int32_t>(fd)};
+}
+
+const std::vector<Value>& Value::Children() const
+{
+    static const std::vector<Value> none;
+    const auto* children = std::get_if<std::vector<Value>>(&content);
+    return children == nullptr ? none : *children;
+}
+
+bool Value::operator==(const Value& other) const
+{
+    return signature == other.signature && content == other.content;
+}
+
+// --- text ---------------------------------------------------------------------------------------
+
+namespace
+{
+
+struct BodyText
+{
+    std::string operator()(bool value) const
+    {
+        return value ? "true" : "false";
+    }
+    std::string operator()(double value) const
+    {
+        char text[32];
+        std::snprintf(text, sizeof(text), "%g", value);
+        return text;
+    }
+    std::string operator()(const std::string& value) const
+    {
+        return Quoted(value);
+    }
+    std::string operator()(const std::vector<Value>&) const
+    {
+        return {};
+    }
+    template <WireInteger T>
+    std::string operator()(T value) const
+    {
+        return std::to_string(value);
+    }
+};
+
+} // namespace
+
+std::string Value::Body() const
+{
+    if (!std::holds_alternative<std::vector<Value>>(content))
+    {
+        return std::visit(BodyText(), content);
+    }
+    if (signature == "v")
+    {
+        return Children().front().Text();
+    }
+    std::string body = signature.front() == 'a' ? std::to_string(Children().size()) : std::string();
+    for (const Value& child : Children())
+    {
+        body += body.empty() ? "" : " ";
+        body += child.Body();
+    }
+    return body;
+}
+
+std::string Value::Text() const
+{
+    return signature + " " + Body();
+}
+
+std::string SignatureOf(const std::vector<Value>& values)
+{
+    std::string signature;
+    for (const Value& value : values)
+    {
+        signature += value.Signature();
+    }
+    return signature;
+}
+
+std::string TextOf(const std::vector<Value>& values)
+{
+    std::string text = SignatureOf(values);
+    for (const Value& value : values)
+    {
+        text += " " + value.Body();
+    }
+    return text;
+}
+
+Value AsPropertyMap(const NamedValues& values)
+{
+    std::vector<std::pair<Value, Value>> entries;
+    for (const auto& [name, value] : values)
+    {
+        entries.emplace_back(name, Value::Variant(value));
+    }
+    return Value::Dictionary("s", "v", std::move(entries));
+}
+
+// --- conversion ---------------------------------------------------------------------------------
+
+Value Value::As(std::string_view type) const
+{
+    try
+    {
+        return Converted(type);
+    }
+    catch (const std::invalid_argument& cause)
+    {
+        throw std::invalid_argument(Text() + " does not fit into " + std::string(type) + " (" +
+                                    cause.what() + ")");
+    }
+}
+
+Value Value::Converted(std::string_view type) const
+{
+    if (signature == type)
+    {
+        return *this;
+    }
+    Value result = Default(type); // refuses what is no type
+    if (type == "v")
+    {
+        return Variant(*this);
+    }
+    if (signature == "v")
+    {
+        return Children().front().Converted(type);
+    }
+    if (std::holds_alternative<std::vector<Value>>(content))
+    {
+        return ConvertedContainer(type);
+    }
+    if (std::holds_alternative<std::string>(content) &&
+        std::holds_alternative<std::string>(result.content))
+    {
+        result.content = content;
+        return result;
+    }
+    return ConvertedNumber(type.front());
+}
+
+Value Value::ConvertedNumber(char type) const
+{
+    Value result = Default(std::string(1, type));
+    const bool fits = std::visit(
+        []<class From, class To>(const From& from, To& to)
+        {
+            if constexpr (std::is_arithmetic_v<From> && std::is_arithmetic_v<To> &&
+                          !std::same_as<From, bool> && !std::same_as<To, bool>)
+            {
+                return Exact(from, to);
+            }
+            else
+            {
+                return false;
+            }
+        },
+        content, result.content);
+    if (!fits || type == 'h' || signature == "h")
+    {
+        throw std::invalid_argument(Body() + " is no " + type);
+    }
+    return result;
+}
+
+Value Value::ConvertedContainer(std::string_view type) const
+{
+    std::vector<std::string> types;
+    std::vector<Value> converted;
+    if (type.front() == 'a' && signature.front() == 'a')
+    {
+        const bool dictionary = type[1] == '{';
+        if (dictionary != (signature[1] == '{') && !Children().empty())
+        {
+            throw std::invalid_argument("array against dictionary");
+        }
+        for (const Value& child : Children())
+        {
+            converted.push_back(dictionary ? child.ConvertedContainer(type.substr(1))
+                                           : child.Converted(type.substr(1)));
+        }
+        return {std::string(type), std::move(converted)};
+    }
+    const bool sameKind =
+        type.front() == signature.front() && (type.front() == '(' || type.front() == '{');
+    if (sameKind)
+    {
+        types = SplitSignature(Inner(type));
+    }
+    if (!sameKind || types.size() != Children().size())
+    {
+        throw std::invalid_argument(signature + " against " + std::string(type));
+    }
+    for (size_t i = 0; i < types.size(); ++i)
+    {
+        converted.push_back(Children()[i].Converted(types[i]));
+    }
+    return {std::string(type), std::move(converted)};
+}
+
+// --- messages -----------------------------------------------------------------------------------
+
+void Value::AppendBasic(sd_bus_message* message) const
+{
+    const char type = signature.front();
+    const int result = std::visit(
+        [&]<class T>(const T& value)
+        {
+            if constexpr (std::same_as<T, std::string>)
+            {
+                return sd_bus_message_append_basic(message, type, value.c_str());
+            }
+            else if constexpr (std::same_as<T, bool>)
+            {
+                const int number = value ? 1 : 0;
+                return sd_bus_message_append_basic(message, type, &number);
+            }
+            else
+            {
+                return sd_bus_message_append_basic(message, type, &value);
+            }
+        },
+        content);
+    Check(result, "append " + Text());
+}
+
+void Value::AppendContainer(sd_bus_message* message) const
+{
+    const char first = signature.front();
+    const char type = first == '(' ? 'r' : first == '{' ? 'e' : first;
+    std::string inner;
+    switch (first)
+    {
+        case 'v':
+            inner = Children().front().signature;
+            break;
+        case 'a':
+            inner = signature.substr(1);
+            break;
+        default:
+            inner = Inner(signature);
+    }
+    Check(sd_bus_message_open_container(message, type, inner.c_str()), "open " + signature);
+    for (const Value& child : Children())
+    {
+        child.Append(message);
+    }
+    Check(sd_bus_message_close_container(message), "close " + signature);
+}
+
+void Value::Append(sd_bus_message* message) const
+{
+    if (std::holds_alternative<std::vector<Value>>(content))
+    {
+        AppendContainer(message);
+    }
+    else
+    {
+        AppendBasic(message);
+    }
+}
+
+// Reads one value of the type that the message announces.
+class ValueReader
+{
+  public:
+    explicit ValueReader(sd_bus_message* from) : message(from)
+    {
+    }
+
+    Value Read()
+    {
+        char type = 0;
+        const char* inner = nullptr;
+        Check(sd_bus_message_peek_type(message, &type, &inner), "read a value");
+        switch (type)
+        {
+            case 0:
+                throw std::system_error(ENXIO, std::generic_category(), "read a value");
+            case 'a':
+                return Container('a', inner, "a" + std::string(inner));
+            case 'r':
+                return Container('r', inner, "(" + std::string(inner) + ")");
+            case 'e':
+                return Container('e', inner, "{" + std::string(inner) + "}");
+            case 'v':
+                return Container('v', inner, "v");
+            default:
+                return Basic(type);
+        }
+    }
+
+    std::vector<Value> ReadAll()
+    {
+        std::vector<Value> values;
+        while (Check(sd_bus_message_at_end(message, 0), "read values") == 0)
+        {
+            values.push_back(Read());
+        }
+        return values;
+    }
+
+  private:
+    Value Container(char type, const char* inner, std::string signature)
+    {
+        // The message owns `inner` and frees it when the container is left.
+        const std::string contents(inner);
+        Check(sd_bus_message_enter_container(message, type, contents.c_str()), "enter container");
+        std::vector<Value> values = ReadAll();
+        Check(sd_bus_message_exit_container(message), "leave container");
+        return {std::move(signature), std::move(values)};
+    }
+
+    Value Basic(char type)
+    {
+        Value value = Value::Default(std::string(1, type));
+        std::visit(
+            [&]<class T>(T& content)
+            {
+                if constexpr (std::same_as<T, std::string>)
+                {
+                    const char* text = nullptr;
+                    Check(sd_bus_message_read_basic(message, type, &text), "read text");
+                    content = text;
+                }
+                else if constexpr (std::same_as<T, bool>)
+                {
+                    int number = 0;
+                    Check(sd_bus_message_read_basic(message, type, &number), "read bool");
+                    content = number != 0;
+                }
+                else if constexpr (std::is_arithmetic_v<T>)
+                {
+                    Check(sd_bus_message_read_basic(message, type, &content), "read number");
+                }
+            },
+            value.content);
+        return value;
+    }
+
+    sd_bus_message* message;
+};
+
+Value Value::Read(sd_bus_message* message)
+{
+    return ValueReader(message).Read();
+}
+
+std::vector<Value> Value::ReadAll(sd_bus_message* message)
+{
+    return ValueReader(message).ReadAll();
+}
+
+} // namespace bmcbus::testing
