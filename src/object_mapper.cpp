@@ -80,29 +80,29 @@ Result Read(sd_bus_message* reply)
 
 void AppendNames(sd_bus_message* call, const Names& names)
 {
-    using bmcbus::Check;
-    Check(sd_bus_message_open_container(call, SD_BUS_TYPE_ARRAY, "s"),
-          "sd_bus_message_open_container");
+    using bmcbus::client::Require;
+    Require(sd_bus_message_open_container(call, SD_BUS_TYPE_ARRAY, "s"),
+            "sd_bus_message_open_container");
     for (const std::string& name : names)
     {
-        Check(bmcbus::AppendText(call, name), "sd_bus_message_append_basic");
+        Require(bmcbus::AppendText(call, name), "sd_bus_message_append_basic");
     }
-    Check(sd_bus_message_close_container(call), "sd_bus_message_close_container");
+    Require(sd_bus_message_close_container(call), "sd_bus_message_close_container");
 }
 
 // One question and its answer. `depth` is null for questions without one.
 bmcbus::MessageRef Ask(const char* question, const std::string& path, const int* depth,
                        const Names& interfaces)
 {
-    using bmcbus::Check;
+    using bmcbus::client::Require;
     const bmcbus::BusRef bus = bmcbus::DefaultBus();
     const bmcbus::MessageRef call =
         bmcbus::NewCall(bus.get(), mapperService, mapperPath, mapperInterface, question);
-    Check(bmcbus::AppendText(call.get(), path), "sd_bus_message_append_basic");
+    Require(bmcbus::AppendText(call.get(), path), "sd_bus_message_append_basic");
     if (depth != nullptr)
     {
-        Check(sd_bus_message_append_basic(call.get(), SD_BUS_TYPE_INT32, depth),
-              "sd_bus_message_append_basic");
+        Require(sd_bus_message_append_basic(call.get(), SD_BUS_TYPE_INT32, depth),
+                "sd_bus_message_append_basic");
     }
     AppendNames(call.get(), interfaces);
     return bmcbus::Call(bus.get(), call.get());

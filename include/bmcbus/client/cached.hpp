@@ -1,0 +1,85 @@
+#pragma once
+
+/**
+ * @file
+ * The run-time half of the cached proxies. For generated code.
+ */
+
+#include <bmcbus/client/object.hpp>
+
+#include <map>
+
+namespace bmcbus::client
+{
+
+/** A cached proxy class: what it shares with the subscribers, and what only it has. */
+struct CachedClass : Description
+{
+    const Interface* interface;
+    const char* enter_changed; ///< formats of the handlers' first lines
+    const char* enter_added;
+    const char* enter_removed;
+    uint16_t properties_changed_match;
+    uint16_t interfaces_added_match;
+    uint16_t interfaces_removed_match;
+    uint16_t service;
+    uint16_t use_async;
+};
+
+/**
+ * Adds @p first if it has a function, installs the matches and starts the first read; never throws
+ * a `std::exception`.
+ *
+ * Blocks for three AddMatch calls and, without `use_async`, for the lookup and the first read.
+ */
+BMCBUS_EXPORT void Construct(void* object, const CachedClass& about, const Callback& first);
+
+BMCBUS_EXPORT void InitialGetAll(void* object, const CachedClass& about);
+BMCBUS_EXPORT void ServiceIsSet(void* object, const CachedClass& about);
+BMCBUS_EXPORT void ServiceFound(void* object, const CachedClass& about, bool success,
+                                const std::string& found);
+
+/** One property of a map, borrowed. */
+struct NamedRef
+{
+    std::string_view name; ///< zero-terminated
+    ConstRef value;
+};
+
+BMCBUS_EXPORT void PropertiesRead(void* object, const CachedClass& about, bool success,
+                                  std::span<const NamedRef> values);
+
+/** The same for a map of variants. */
+template <class Variant>
+void PropertiesRead(void* object, const CachedClass& about, bool success,
+                    const std::map<std::string, Variant>& values)
+{
+    std::vector<NamedRef> list;
+    list.reserve(values.size());
+    for (const auto& [name, value] : values)
+    {
+        list.push_back({name, Held(value)});
+    }
+    PropertiesRead(object, about, success, list);
+}
+
+BMCBUS_EXPORT void Changed(void* object, const CachedClass& about, sd_bus_message* message);
+BMCBUS_EXPORT void Added(void* object, const CachedClass& about, sd_bus_message* message);
+BMCBUS_EXPORT void Removed(void* object, const CachedClass& about, sd_bus_message* message);
+
+/** Whether a setter takes the object's mutex itself. */
+enum class Locking : bool
+{
+    caller,
+    callee
+};
+
+/** Stores @p value in property number @p index if it holds the property's type. */
+BMCBUS_EXPORT void SetProperty(void* object, const CachedClass& about, size_t index,
+                               Locking locking, ConstRef value);
+
+/** The same for the property called @p name. */
+BMCBUS_EXPORT void SetByName(void* object, const CachedClass& about, const std::string& name,
+                             Locking locking, ConstRef value);
+
+} // namespace bmcbus::client

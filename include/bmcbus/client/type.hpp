@@ -1,0 +1,227 @@
+#pragma once
+
+/**
+ * @file
+ * Values whose type is known by a table instead of a template parameter.
+ *
+ * The run-time half of the generated classes is compiled once. It reaches an object's fields
+ * through tables that the generated code supplies; a `Type` says how to handle the value behind a
+ * pointer.
+ */
+
+#include <bmcbus/client/wire.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <variant>
+
+namespace bmcbus::client
+{
+
+/** How to handle values of one C++ type; there is one object per type and binary. */
+struct Type
+{
+    const char* signature;
+    size_t size;
+    void (*construct)(void* at);
+    void (*destroy)(void* value);
+    void (*clear)(void* value);
+    void (*copy)(void* to, const void* from);
+    void (*move)(void* to, void* from);
+    void (*read)(sd_bus_message* message, void* value);
+    void (*append)(sd_bus_message* message, const void* value);
+};
+
+namespace detail
+{
+
+template <class T>
+T& As(void* value)
+{
+    return *static_cast<T*>(value);
+}
+
+template <class T>
+const T& As(const void* value)
+{
+    return *static_cast<const T*>(value);
+}
+
+template <class T>
+void Clear(T& value)
+{
+    // Keeps the memory of lists and text for the next value.
+    if constexpr (requires { value.clear(); })
+    {
+        value.clear();
+    }
+    else
+    {
+        value = T{};
+    }
+}
+
+} // namespace detail
+
+template <class T>
+inline constexpr Type typeOf = {
+    .signature = Wire<T>::signature.c_str(),
+    .size = sizeof(T),
+    .construct =
+        [](void* at)
+    {
+        ::new (at) T{};
+    },
+    .destroy =
+        [](void* value)
+    {
+        std::destroy_at(static_cast<T*>(value));
+    },
+    .clear =
+        [](void* value)
+    {
+        detail::Clear(detail::As<T>(value));
+    },
+    .copy =
+        [](void* to, const void* from)
+    {
+        detail::As<T>(to) = detail::As<T>(from);
+    },
+    .move =
+        [](void* to, void* from)
+    {
+        detail::As<T>(to) = std::move(detail::As<T>(from));
+    },
+    .read =
+        [](sd_bus_message* message, void* value)
+    {
+        Read(message, detail::As<T>(value));
+    },
+    .append =
+        [](sd_bus_message* message, const void* value)
+    {
+        Append(message, detail::As<T>(value));
+    },
+};
+
+/** A borrowed value; `type` is null for a variant without a value. */
+struct ConstRef
+{
+    const Type* type = nullptr;
+    const void* value = nullptr;
+};
+
+/** A borrowed value to read into. */
+struct Ref
+{
+    const Type* type;
+    void* value;
+};
+
+template <class T>
+ConstRef RefTo(const T& value)
+{
+    return {&typeOf<T>, &value};
+}
+
+template <class T>
+Ref RefTo(T& value)
+{
+    return {&typeOf<T>, &value};
+}
+
+/** What an interface's property-value variant can hold, in index order. */
+using Alternatives = std::span<const Type* const>;
+
+/** How to store into a variant behind a pointer. */
+struct VariantType
+{
+    /** Makes it hold alternative @p index, moved from @p value. */
+    void (*store)(void* variant, size_t index, void* value);
+};
+
+namespace detail
+{
+
+template <class Variant, size_t... Index>
+void StoreAlternative(void* variant, size_t index, void* value, std::index_sequence<Index...>)
+{
+    auto& target = As<Variant>(variant);
+    const auto store = [&]<size_t I>(std::integral_constant<size_t, I>)
+    {
+        if (index == I)
+        {
+            using T = std::variant_alternative_t<I, Variant>;
+            target.template emplace<I>(std::move(As<T>(value)));
+        }
+    };
+    (store(std::integral_constant<size_t, Index>{}), ...);
+}
+
+} // namespace detail
+
+template <class Variant>
+inline constexpr VariantType variantOf = {
+    .store = [](void* variant, size_t index, void* value)
+    {
+        detail::StoreAlternative<Variant>(variant, index, value,
+                                          std::make_index_sequence<std::variant_size_v<Variant>>{});
+    }};
+
+/** What @p variant holds. */
+template <class... T>
+ConstRef Held(const std::variant<T...>& variant)
+{
+    if (variant.valueless_by_exception())
+    {
+        return {};
+    }
+    return std::visit(
+        []<class Value>(const Value& value)
+        {
+            return ConstRef{&typeOf<Value>, &value};
+        },
+        variant);
+}
+
+/** An owned value of any type; small ones lie inside. Movable. */
+class BMCBUS_EXPORT Value
+{
+  public:
+    Value() = default;
+    Value(Value&& other);
+    Value& operator=(Value&& other);
+    ~Value();
+
+    /** Drops what it held and holds a value-initialised @p type. */
+    void* Emplace(const Type& type);
+
+    const Type* type() const
+    {
+        return type_;
+    }
+    void* get()
+    {
+        return heap_ != nullptr ? heap_ : inside_;
+    }
+
+  private:
+    void Take(Value& other);
+    void Drop();
+
+    const Type* type_ = nullptr;
+    void* heap_ = nullptr;
+    alignas(std::max_align_t) std::byte inside_[48];
+};
+
+/**
+ * Reads one variant. A value of no alternative's type is skipped and reads as alternative 0,
+ * value-initialised. Throws `bmcbus::Error`.
+ *
+ * @return the index of the alternative
+ */
+BMCBUS_EXPORT size_t ReadVariant(sd_bus_message* message, Alternatives alternatives, Value& value);
+
+} // namespace bmcbus::client

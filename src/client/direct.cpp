@@ -1,0 +1,268 @@
+#include <bmcbus/client/direct.hpp>
+
+#include "bus.hpp"
+#include "client/member_log.hpp"
+
+#include <object_mapper.hpp>
+
+#include <optional>
+
+namespace bmcbus::client
+{
+namespace
+{
+
+constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
+
+const Property& PropertyOf(const Access& access)
+{
+    return access.interface.properties[access.property];
+}
+
+// The names of a property's operations in log lines.
+const char* GetterPrefix(const Access& access)
+{
+    return access.lock ? "Get_" : "GetLocked_";
+}
+
+void Report(bool* ok, bool value)
+{
+    if (ok != nullptr)
+    {
+        *ok = value;
+    }
+}
+
+// Sends `call`; null when the answer is an error that arrived as a reply.
+MessageRef Exchange(sd_bus* bus, sd_bus_message* call, const char* label, const char* prefix,
+                    const char* member)
+{
+    MessageRef reply = bmcbus::Call(bus, call);
+    if (sd_bus_message_is_method_error(reply.get(), nullptr) > 0)
+    {
+        CLIENT_LOG(trace, label, MemberName(prefix, member).c_str(), "reply error");
+        reply.reset();
+    }
+    return reply;
+}
+
+MessageRef PropertyCall(sd_bus* bus, const Access& access, const char* member)
+{
+    MessageRef call = NewCall(bus, access.target.service.c_str(), access.target.path.c_str(),
+                              propertiesInterface, member);
+    AppendBasic(call.get(), SD_BUS_TYPE_STRING, access.interface.name);
+    AppendBasic(call.get(), SD_BUS_TYPE_STRING, PropertyOf(access).name);
+    return call;
+}
+
+// The bus exchange of a read: the alternative's index, or nothing.
+std::optional<size_t> ReadProperty(const Access& access, Value& value)
+{
+    const Property& property = PropertyOf(access);
+    try
+    {
+        const BusRef bus = DefaultBus();
+        const MessageRef call = PropertyCall(bus.get(), access, "Get");
+        const MessageRef reply =
+            Exchange(bus.get(), call.get(), access.interface.label, "GetLocked_", property.name);
+        if (reply)
+        {
+            return ReadVariant(reply.get(), access.interface.alternatives, value);
+        }
+    }
+    catch (const std::exception& error)
+    {
+        LogException(access.interface.label, "GetLocked_", property.name, error);
+    }
+    return {};
+}
+
+// The same, inside the object's mutex where the operation takes it.
+std::optional<size_t> Get(const Access& access, Value& value)
+{
+    try
+    {
+        std::unique_lock lock(access.target.mutex, std::defer_lock);
+        if (access.lock)
+        {
+            lock.lock();
+        }
+        return ReadProperty(access, value);
+    }
+    catch (const std::exception& error)
+    {
+        LogException(access.interface.label, GetterPrefix(access), PropertyOf(access).name, error);
+    }
+    return {};
+}
+
+void WriteProperty(const Access& access, ConstRef value)
+{
+    const Property& property = PropertyOf(access);
+    try
+    {
+        if (value.type == nullptr)
+        {
+            throw std::bad_variant_access();
+        }
+        const BusRef bus = DefaultBus();
+        const MessageRef call = PropertyCall(bus.get(), access, "Set");
+        Open(call.get(), SD_BUS_TYPE_VARIANT, value.type->signature);
+        value.type->append(call.get(), value.value);
+        Close(call.get());
+        Exchange(bus.get(), call.get(), access.interface.label, "SetLocked_", property.name);
+    }
+    catch (const std::exception& error)
+    {
+        LogException(access.interface.label, "SetLocked_", property.name, error);
+    }
+}
+
+// The index of the property called `name`, after the lines that go with it.
+std::optional<size_t> FindByName(const Interface& interface, const char* function,
+                                 const std::string& name, bool writing)
+{
+    CLIENT_LOG(trace, interface.label, function, "property_name=[%s]", name.c_str());
+    for (size_t i = 0; i < interface.properties.size(); ++i)
+    {
+        const Property& property = interface.properties[i];
+        if (name == property.name && (property.writable || !writing))
+        {
+            return i;
+        }
+    }
+    CLIENT_LOG(error, interface.label, function, "invalid property_name=[%s]", name.c_str());
+    return {};
+}
+
+} // namespace
+
+void Construct(Target& target, const Interface& interface)
+{
+    const char* name = interface.short_name;
+    CLIENT_LOG_FORMAT(trace, interface.label, name, interface.enter);
+    if (target.service.empty())
+    {
+        try
+        {
+            ObjectMapper::Wrappers::PathAndInterfaceToService(target.path, interface.name,
+                                                              target.service);
+            if (target.service.empty())
+            {
+                CLIENT_LOG(trace, interface.label, name, "no service found");
+            }
+            else
+            {
+                CLIENT_LOG(trace, interface.label, name, "found service=[%s]",
+                           target.service.c_str());
+            }
+        }
+        catch (const std::exception& error)
+        {
+            LogException(interface.label, name, "", error);
+        }
+    }
+    CLIENT_LOG_FORMAT(trace, interface.label, name, interface.leave);
+}
+
+void GetVariant(const Access& access, bool* ok, void* value, const VariantType& type)
+{
+    Report(ok, false);
+    Value read;
+    if (const std::optional<size_t> index = Get(access, read))
+    {
+        type.store(value, *index, read.get());
+        Report(ok, true);
+    }
+}
+
+void GetTyped(const Access& access, bool* ok, void* value)
+{
+    Report(ok, false);
+    Value read;
+    if (!Get(access, read))
+    {
+        return;
+    }
+    const Property& property = PropertyOf(access);
+    const Type& type = access.interface.TypeOf(property);
+    if (read.type() != &type)
+    {
+        CLIENT_LOG(error, access.interface.label,
+                   MemberName(GetterPrefix(access), property.name).c_str(),
+                   "invalid type in variant");
+        return;
+    }
+    type.move(value, read.get());
+    Report(ok, true);
+}
+
+void Set(const Access& access, ConstRef value)
+{
+    try
+    {
+        std::unique_lock lock(access.target.mutex, std::defer_lock);
+        if (access.lock)
+        {
+            lock.lock();
+        }
+        WriteProperty(access, value);
+    }
+    catch (const std::exception& error)
+    {
+        LogException(access.interface.label, access.lock ? "Set_" : "SetLocked_",
+                     PropertyOf(access).name, error);
+    }
+}
+
+void GetByName(Target& target, const Interface& interface, bool lock, const std::string& name,
+               void* value, const VariantType& type)
+{
+    if (const auto index =
+            FindByName(interface, lock ? "GetByName" : "GetByNameLocked", name, false))
+    {
+        GetVariant({target, interface, *index, lock}, nullptr, value, type);
+    }
+}
+
+void SetByName(Target& target, const Interface& interface, bool lock, const std::string& name,
+               ConstRef value)
+{
+    if (const auto index =
+            FindByName(interface, lock ? "SetByName" : "SetByNameLocked", name, true))
+    {
+        Set({target, interface, *index, lock}, value);
+    }
+}
+
+void Call(Target& target, const Interface& interface, const char* member, bool& ok,
+          std::span<const ConstRef> in, std::span<const Ref> out)
+{
+    ok = false;
+    try
+    {
+        const BusRef bus = DefaultBus();
+        const MessageRef call =
+            NewCall(bus.get(), target.service.c_str(), target.path.c_str(), interface.name, member);
+        for (const ConstRef& argument : in)
+        {
+            argument.type->append(call.get(), argument.value);
+        }
+        const MessageRef reply = Exchange(bus.get(), call.get(), interface.label, "Call_", member);
+        if (!reply)
+        {
+            return;
+        }
+        for (const Ref& argument : out)
+        {
+            argument.type->read(reply.get(), argument.value);
+        }
+        ok = true;
+    }
+    catch (const std::exception& error)
+    {
+        LogException(interface.label, "Call_", member, error);
+    }
+}
+
+} // namespace bmcbus::client

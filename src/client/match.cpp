@@ -1,0 +1,37 @@
+#include "client/match.hpp"
+
+#include <bmcbus/client/wire.hpp>
+
+#include <cerrno>
+
+namespace bmcbus::client
+{
+
+std::string SignalRule(const char* member, const std::string& path, const char* interface)
+{
+    std::string rule = "type='signal',member='";
+    rule.append(member).append("',path='").append(path).append("',");
+    if (interface != nullptr)
+    {
+        rule.append("interface='").append(interface).append("',");
+    }
+    return rule;
+}
+
+int AddMatch(sd_bus* bus, const std::string& rule, sd_bus_message_handler_t handler,
+             void* user_data, Slot& slot)
+{
+    if (!IsBusText(rule))
+    {
+        return -EINVAL;
+    }
+    sd_bus_slot* raw = nullptr;
+    const int result = sd_bus_add_match(bus, &raw, rule.c_str(), handler, user_data);
+    if (result >= 0)
+    {
+        slot.reset(raw);
+    }
+    return result;
+}
+
+} // namespace bmcbus::client

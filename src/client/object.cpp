@@ -1,0 +1,91 @@
+#include <bmcbus/client/object.hpp>
+
+#include "client/member_log.hpp"
+
+#include <cstdio>
+
+namespace bmcbus::client
+{
+
+MemberName::MemberName(const char* prefix, const char* name)
+{
+    std::snprintf(text_, sizeof(text_), "%s%s", prefix, name);
+}
+
+void LogException(const char* label, const char* prefix, const char* member,
+                  const std::exception& error)
+{
+    CLIENT_LOG_FORMAT(error, label, MemberName(prefix, member).c_str(), "EXCEPTION %s.%d.%s: %s",
+                      error.what());
+}
+
+void Callbacks::Add(Callback callback)
+{
+    auto longer = list_ ? std::make_shared<std::vector<Callback>>(*list_)
+                        : std::make_shared<std::vector<Callback>>();
+    longer->push_back(callback);
+    list_ = std::move(longer);
+}
+
+Anchor::~Anchor()
+{
+    for (Running* frame = running_; frame != nullptr; frame = frame->outer_)
+    {
+        frame->anchor_ = nullptr;
+    }
+}
+
+Anchor::Running::Running(Anchor& anchor) : anchor_(&anchor), outer_(anchor.running_)
+{
+    anchor.running_ = this;
+}
+
+Anchor::Running::~Running()
+{
+    if (anchor_ != nullptr)
+    {
+        anchor_->running_ = outer_;
+    }
+}
+
+void CountSignal(void* object, const Description& about)
+{
+    auto& count = At<uint32_t>(object, about.signal_count);
+    if (++count == 0)
+    {
+        count = 1;
+    }
+}
+
+void RunCallbacks(void* object, const Description& about, const char* function,
+                  const Callbacks& callbacks)
+{
+    const Anchor::Running running(At<Anchor>(object, about.anchor));
+    for (const Callback& callback : callbacks.list())
+    {
+        try
+        {
+            about.invoke(object, callback);
+        }
+        catch (const std::exception& error)
+        {
+            LogException(about.label, function, "", error);
+        }
+        if (running.gone())
+        {
+            break;
+        }
+    }
+    CLIENT_LOG_FORMAT(trace, about.label, function, about.leave);
+}
+
+void CopyAll(std::mutex& mutex, const void* object, const Fields& fields, void* const* out)
+{
+    const std::lock_guard lock(mutex);
+    for (const Field& field : fields.list)
+    {
+        fields.TypeOf(field).copy(*out++, static_cast<const std::byte*>(object) + field.value);
+    }
+}
+
+} // namespace bmcbus::client

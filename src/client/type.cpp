@@ -1,0 +1,89 @@
+#include <bmcbus/client/type.hpp>
+
+#include <new>
+#include <stdexcept>
+
+namespace bmcbus::client
+{
+
+void* Value::Emplace(const Type& type)
+{
+    Drop();
+    if (type.size > sizeof(inside_))
+    {
+        heap_ = ::operator new(type.size);
+    }
+    type.construct(get());
+    type_ = &type;
+    return get();
+}
+
+Value::Value(Value&& other)
+{
+    Take(other);
+}
+
+Value& Value::operator=(Value&& other)
+{
+    if (this != &other)
+    {
+        Drop();
+        Take(other);
+    }
+    return *this;
+}
+
+Value::~Value()
+{
+    Drop();
+}
+
+void Value::Take(Value& other)
+{
+    if (other.heap_ != nullptr)
+    {
+        heap_ = std::exchange(other.heap_, nullptr);
+        type_ = std::exchange(other.type_, nullptr);
+    }
+    else if (other.type_ != nullptr)
+    {
+        other.type_->construct(inside_);
+        type_ = other.type_;
+        type_->move(inside_, other.inside_);
+    }
+}
+
+void Value::Drop()
+{
+    if (type_ != nullptr)
+    {
+        type_->destroy(get());
+    }
+    ::operator delete(heap_);
+    type_ = nullptr;
+    heap_ = nullptr;
+}
+
+size_t ReadVariant(sd_bus_message* message, Alternatives alternatives, Value& value)
+{
+    const char* contents = PeekVariant(message);
+    for (size_t i = 0; contents != nullptr && i < alternatives.size(); ++i)
+    {
+        const Type& type = *alternatives[i];
+        if (std::strcmp(contents, type.signature) == 0)
+        {
+            Enter(message, SD_BUS_TYPE_VARIANT, type.signature, step::enterVariant);
+            type.read(message, value.Emplace(type));
+            Exit(message, step::exitVariant);
+            return i;
+        }
+    }
+    if (contents != nullptr)
+    {
+        SkipVariant(message);
+    }
+    value.Emplace(*alternatives[0]);
+    return 0;
+}
+
+} // namespace bmcbus::client

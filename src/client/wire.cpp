@@ -1,0 +1,171 @@
+#include <bmcbus/client/wire.hpp>
+
+#include <cerrno>
+
+namespace bmcbus
+{
+namespace
+{
+
+// Length of the UTF-8 sequence at the start of `s`, 0 when there is none.
+size_t SequenceLength(const unsigned char* s, size_t left)
+{
+    const auto continues = [&](size_t at)
+    {
+        return at < left && (s[at] & 0xC0U) == 0x80U;
+    };
+    const auto second = [&](unsigned char low, unsigned char high)
+    {
+        return left > 1 && s[1] >= low && s[1] <= high;
+    };
+    const unsigned char first = s[0];
+    if (first >= 0xC2 && first <= 0xDF)
+    {
+        return continues(1) ? 2 : 0;
+    }
+    if (first >= 0xE0 && first <= 0xEF)
+    {
+        // Neither overlong forms nor surrogates.
+        const bool valid = second(first == 0xE0 ? 0xA0 : 0x80, first == 0xED ? 0x9F : 0xBF);
+        return valid && continues(2) ? 3 : 0;
+    }
+    if (first >= 0xF0 && first <= 0xF4)
+    {
+        const bool valid = second(first == 0xF0 ? 0x90 : 0x80, first == 0xF4 ? 0x8F : 0xBF);
+        return valid && continues(2) && continues(3) ? 4 : 0;
+    }
+    return 0;
+}
+
+} // namespace
+
+bool IsBusText(std::string_view text)
+{
+    const auto* s = reinterpret_cast<const unsigned char*>(text.data());
+    const unsigned char* const end = s + text.size();
+    while (s != end)
+    {
+        if (*s == 0)
+        {
+            return false;
+        }
+        const size_t length = *s < 0x80 ? 1 : SequenceLength(s, static_cast<size_t>(end - s));
+        if (length == 0)
+        {
+            return false;
+        }
+        s += length;
+    }
+    return true;
+}
+
+int AppendText(sd_bus_message* message, const std::string& text)
+{
+    return IsBusText(text) ? sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, text.c_str())
+                           : -EINVAL;
+}
+
+} // namespace bmcbus
+
+namespace bmcbus::client
+{
+
+int Require(int result, const char* step)
+{
+    if (result < 0)
+    {
+        throw Error(-result, step);
+    }
+    return result;
+}
+
+bool ReadBasic(sd_bus_message* message, char code, void* value)
+{
+    return Require(sd_bus_message_read_basic(message, code, value),
+                   "sd_bus_message_read_basic fundamental") > 0;
+}
+
+bool ReadFlag(sd_bus_message* message, bool& value)
+{
+    int wide = 0;
+    const bool found = Require(sd_bus_message_read_basic(message, SD_BUS_TYPE_BOOLEAN, &wide),
+                               "sd_bus_message_read_basic bool") > 0;
+    if (found)
+    {
+        value = wide != 0;
+    }
+    return found;
+}
+
+bool ReadText(sd_bus_message* message, char code, const char*& text)
+{
+    return Require(sd_bus_message_read_basic(message, code, &text),
+                   "sd_bus_message_read_basic string") > 0;
+}
+
+bool ReadFlatArray(sd_bus_message* message, char code, const void*& data, size_t& bytes)
+{
+    return Require(sd_bus_message_read_array(message, code, &data, &bytes),
+                   "sd_bus_message_read_array") > 0;
+}
+
+bool Enter(sd_bus_message* message, char container, const char* contents, const char* step)
+{
+    return Require(sd_bus_message_enter_container(message, container, contents), step) > 0;
+}
+
+void Exit(sd_bus_message* message, const char* step)
+{
+    Require(sd_bus_message_exit_container(message), step);
+}
+
+const char* PeekVariant(sd_bus_message* message)
+{
+    char type = 0;
+    const char* contents = nullptr;
+    if (Require(sd_bus_message_peek_type(message, &type, &contents),
+                "sd_bus_message_verify_type variant") == 0)
+    {
+        return nullptr;
+    }
+    Require(type == SD_BUS_TYPE_VARIANT ? 0 : -ENXIO, "sd_bus_message_skip variant");
+    return contents;
+}
+
+void SkipVariant(sd_bus_message* message)
+{
+    Require(sd_bus_message_skip(message, "v"), "sd_bus_message_skip variant");
+}
+
+void AppendBasic(sd_bus_message* message, char code, const void* value)
+{
+    Require(sd_bus_message_append_basic(message, code, value), "sd_bus_message_append_basic");
+}
+
+void AppendChecked(sd_bus_message* message, char code, const std::string& text)
+{
+    const bool travels =
+        code == SD_BUS_TYPE_OBJECT_PATH
+            ? sd_bus_object_path_is_valid(text.c_str()) > 0 && text.find('\0') == std::string::npos
+            : IsBusText(text);
+    Require(travels ? sd_bus_message_append_basic(message, code, text.c_str()) : -EINVAL,
+            "sd_bus_message_append_basic");
+}
+
+void AppendFlatArray(sd_bus_message* message, char code, const void* data, size_t bytes)
+{
+    Require(sd_bus_message_append_array(message, code, data, bytes), "sd_bus_message_append_array");
+}
+
+void Open(sd_bus_message* message, char container, const char* contents)
+{
+    Require(sd_bus_message_open_container(message, container, contents),
+            "sd_bus_message_open_container");
+}
+
+void Close(sd_bus_message* message)
+{
+    Require(sd_bus_message_close_container(message), "sd_bus_message_close_container");
+}
+
+} // namespace bmcbus::client
