@@ -132,10 +132,9 @@ BMCBUS_EXPORT void PathAndInterfaceToService2(const std::string& path, const std
  * The map or string that a callback receives lives as long as the call; it may be moved from.
  *
  * A callback that throws a `std::exception` when it is told of success is called a second time
- * with failure; the exception is logged at level 2, as is one thrown when told of failure.
- * Callbacks must not throw anything else: that unwinds through sd-bus, after which the connection
- * is stuck
- * (`sd_bus_process` answers `-EBUSY`) and should be closed.
+ * with failure; the exception is logged at level 2, as is one thrown when told of failure. Anything
+ * else that leaves a callback ends the process (`std::terminate`): it must not unwind through
+ * sd-bus.
  *
  * @code
  * PathAndInterfaceToServiceAsync("/xyz/openbmc_project/fan0", "com.tamm.bmc.Thermal.FanReporting",

@@ -1,13 +1,12 @@
 #include <object_mapper.hpp>
 
 #include "bus.hpp"
+#include "deadline.hpp"
 #include "log.hpp"
 #include "object_mapper_lookup.hpp"
 
 #include <cerrno>
-#include <ctime>
 #include <exception>
-#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -74,37 +73,24 @@ template <class Result>
 Result Read(sd_bus_message* reply)
 {
     Result result;
-    bmcbus::Message(reply).read(result);
+    bmcbus::client::Read(reply, result);
     return result;
-}
-
-void AppendNames(sd_bus_message* call, const Names& names)
-{
-    using bmcbus::client::Require;
-    Require(sd_bus_message_open_container(call, SD_BUS_TYPE_ARRAY, "s"),
-            "sd_bus_message_open_container");
-    for (const std::string& name : names)
-    {
-        Require(bmcbus::AppendText(call, name), "sd_bus_message_append_basic");
-    }
-    Require(sd_bus_message_close_container(call), "sd_bus_message_close_container");
 }
 
 // One question and its answer. `depth` is null for questions without one.
 bmcbus::MessageRef Ask(const char* question, const std::string& path, const int* depth,
                        const Names& interfaces)
 {
-    using bmcbus::client::Require;
+    using bmcbus::client::Append;
     const bmcbus::BusRef bus = bmcbus::DefaultBus();
     const bmcbus::MessageRef call =
         bmcbus::NewCall(bus.get(), mapperService, mapperPath, mapperInterface, question);
-    Require(bmcbus::AppendText(call.get(), path), "sd_bus_message_append_basic");
+    Append(call.get(), path);
     if (depth != nullptr)
     {
-        Require(sd_bus_message_append_basic(call.get(), SD_BUS_TYPE_INT32, depth),
-                "sd_bus_message_append_basic");
+        Append(call.get(), int32_t{*depth});
     }
-    AppendNames(call.get(), interfaces);
+    Append(call.get(), interfaces);
     return bmcbus::Call(bus.get(), call.get());
 }
 
@@ -220,32 +206,13 @@ void Wrappers::PathAndInterfaceToService2(const std::string& path, const std::st
 namespace
 {
 
-constexpr uint64_t never = std::numeric_limits<uint64_t>::max();
-
-uint64_t Now()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 +
-           static_cast<uint64_t>(now.tv_nsec) / 1'000;
-}
-
-// When a call queued now times out, on sd-bus's own clock and in its own unit.
-uint64_t Deadline(sd_bus* bus)
-{
-    uint64_t timeout = never;
-    sd_bus_get_method_call_timeout(bus, &timeout);
-    const uint64_t now = Now();
-    return timeout > never - now ? never : now + timeout;
-}
-
 // What a pending call carries. The reply handler frees it before it calls back; the slot does when
 // there is no reply handler any more: cancelled, or the connection went away.
 template <class Callback>
 struct Pending : CallbackRecord<Callback>
 {
     void (*dropContext)(void*); // frees a context of our own; null for the caller's
-    uint64_t deadline;
+    bmcbus::Deadline deadline;
 
     static void Drop(void* pending)
     {
@@ -265,15 +232,23 @@ template <>
 struct Form<GetObjectCallback>
 {
     static constexpr const char* function = "GetObjectAsync";
-    static constexpr sd_bus_message_handler_t handler = Wrappers::Internal_GetObjectAsync_Callback;
+    static constexpr auto handle = Wrappers::Internal_GetObjectAsync_Callback;
 };
 
 template <>
 struct Form<GetObjectCallback2>
 {
     static constexpr const char* function = "GetObjectAsync2";
-    static constexpr sd_bus_message_handler_t handler = Wrappers::Internal_GetObjectAsync_Callback2;
+    static constexpr auto handle = Wrappers::Internal_GetObjectAsync_Callback2;
 };
+
+// What sd-bus calls. An exception that is none of ours ends the process here instead of leaving the
+// connection half-way through a dispatch.
+template <class Callback>
+int OnReply(sd_bus_message* reply, void* record, sd_bus_error* error) noexcept
+{
+    return Form<Callback>::handle(reply, record, error);
+}
 
 // A step of putting the request together; failing, it is named in a line and in the exception.
 #define REQUIRE(function, step, result)                                                            \
@@ -322,13 +297,12 @@ bmcbus::Slot Queue(sd_bus* bus, const std::string& path, const Names& interfaces
                    const CallbackRecord<Callback>& record, void (*dropContext)(void*))
 {
     constexpr const char* function = Form<Callback>::function;
-    auto pending =
-        std::make_unique<Pending<Callback>>(Pending<Callback>{record, dropContext, never});
+    auto pending = std::make_unique<Pending<Callback>>(Pending<Callback>{record, dropContext, {}});
     const bmcbus::MessageRef call = NewGetObject(function, bus, path, interfaces);
-    pending->deadline = Deadline(bus);
+    pending->deadline = bmcbus::Deadline(bus);
     sd_bus_slot* raw = nullptr;
     REQUIRE(function, "sd_bus_call_async",
-            sd_bus_call_async(bus, &raw, call.get(), Form<Callback>::handler, pending.get(), 0));
+            sd_bus_call_async(bus, &raw, call.get(), OnReply<Callback>, pending.get(), 0));
     bmcbus::Slot slot(raw);
     sd_bus_slot_set_destroy_callback(raw, Pending<Callback>::Drop);
     pending.release();
@@ -509,14 +483,14 @@ Pending<Callback> Take(sd_bus_message* reply, void* record)
         return *std::unique_ptr<Pending<Callback>>(static_cast<Pending<Callback>*>(record));
     }
     using Record = CallbackRecord<Callback>;
-    return {*std::unique_ptr<Record>(static_cast<Record*>(record)), nullptr, never};
+    return {*std::unique_ptr<Record>(static_cast<Record*>(record)), nullptr, {}};
 }
 
 // sd-bus names its own timeout of a queued call as it names a peer that went away.
-bool TimedOut(const sd_bus_error* error, uint64_t deadline)
+bool TimedOut(const sd_bus_error* error, const bmcbus::Deadline& deadline)
 {
     return sd_bus_error_has_name(error, SD_BUS_ERROR_TIMEOUT) != 0 ||
-           (sd_bus_error_has_name(error, SD_BUS_ERROR_NO_REPLY) != 0 && Now() >= deadline);
+           (sd_bus_error_has_name(error, SD_BUS_ERROR_NO_REPLY) != 0 && deadline.Passed());
 }
 
 void LogErrorReply(const char* function, const sd_bus_error* reply)
