@@ -93,9 +93,9 @@ void InstallMatches(sd_bus* bus, void* object, const CachedClass& about)
 }
 
 // What a setter's log lines are called.
-const char* SetterPrefix(bool lock)
+const char* SetterPrefix(Locking locking)
 {
-    return lock ? "Set_" : "SetLocked_";
+    return locking == Locking::callee ? "Set_" : "SetLocked_";
 }
 
 // A value on its way into a field: moved when it is ours, copied when it is borrowed.
@@ -125,22 +125,22 @@ struct Source
     void* movable = nullptr;
 };
 
-void SetIndexed(void* object, const CachedClass& about, Which which, const Source& source)
+void SetIndexed(void* object, const CachedClass& about, size_t index, Locking locking,
+                const Source& source)
 {
-    const Property& property = about.interface->properties[which.property()];
-    const Field& field = about.fields.list[which.property()];
+    const Property& property = about.interface->properties[index];
+    const Field& field = about.fields.list[index];
     const Type& type = about.interface->TypeOf(property);
     if (source.type != &type)
     {
-        CLIENT_LOG(error, about.label,
-                   MemberName(SetterPrefix(which.lock()), property.name).c_str(),
+        CLIENT_LOG(error, about.label, MemberName(SetterPrefix(locking), property.name).c_str(),
                    "invalid type in variant");
         return;
     }
     try
     {
         std::unique_lock lock(Mutex(object, about), std::defer_lock);
-        if (which.lock())
+        if (locking == Locking::callee)
         {
             lock.lock();
         }
@@ -149,21 +149,21 @@ void SetIndexed(void* object, const CachedClass& about, Which which, const Sourc
     }
     catch (const std::exception& error)
     {
-        LogException(about.label, SetterPrefix(which.lock()), property.name, error);
+        LogException(about.label, SetterPrefix(locking), property.name, error);
     }
 }
 
-void SetNamed(void* object, const CachedClass& about, std::string_view name, bool lock,
+void SetNamed(void* object, const CachedClass& about, std::string_view name, Locking locking,
               const Source& source)
 {
-    const char* function = lock ? "SetByName" : "SetByNameLocked";
+    const char* function = locking == Locking::callee ? "SetByName" : "SetByNameLocked";
     CLIENT_LOG(trace, about.label, function, "property_name=[%s]", name.data());
     const std::span<const Property> properties = about.interface->properties;
-    for (uint32_t i = 0; i < properties.size(); ++i)
+    for (size_t i = 0; i < properties.size(); ++i)
     {
         if (name == properties[i].name)
         {
-            SetIndexed(object, about, {i, lock}, source);
+            SetIndexed(object, about, i, locking, source);
             return;
         }
     }
@@ -172,15 +172,15 @@ void SetNamed(void* object, const CachedClass& about, std::string_view name, boo
 
 // Stores the properties of one decoded map; `format` names each one first.
 void StoreAll(void* object, const CachedClass& about, PropertyMap& values, const char* function,
-              bool lock)
+              Locking locking)
 {
     for (PropertyMap::Entry& entry : values.entries())
     {
-        if (!lock)
+        if (locking == Locking::caller)
         {
             CLIENT_LOG(trace, about.label, function, "property_name=[%s]", entry.name);
         }
-        SetNamed(object, about, entry.name, lock, Source(entry.value));
+        SetNamed(object, about, entry.name, locking, Source(entry.value));
     }
 }
 
@@ -247,7 +247,8 @@ int OnGetAll(sd_bus_message* message, void* user_data, sd_bus_error* /*error*/) 
                           },
                           [&](PropertyMap::Entry& entry)
                           {
-                              SetNamed(object, about, entry.name, true, Source(entry.value));
+                              SetNamed(object, about, entry.name, Locking::callee,
+                                       Source(entry.value));
                           });
                   }});
 }
@@ -270,7 +271,7 @@ void ReadNow(sd_bus* bus, void* object, const CachedClass& about)
     values.Read(reply.get(), *about.interface);
     if (!values.entries().empty())
     {
-        StoreAll(object, about, values, "ServiceIsSet", true);
+        StoreAll(object, about, values, "ServiceIsSet", Locking::callee);
         SetReady(object, about);
     }
 }
@@ -310,7 +311,7 @@ void UpdateChanged(void* object, const CachedClass& about, sd_bus_message* messa
     values.Read(message, *about.interface, ours);
     if (ours)
     {
-        StoreAll(object, about, values, function, false);
+        StoreAll(object, about, values, function, Locking::caller);
         At<bool>(object, about.ready) = true;
     }
 }
@@ -328,7 +329,7 @@ void UpdateAdded(void* object, const CachedClass& about, sd_bus_message* message
         CLIENT_LOG(trace, about.label, function, "interface_name=[%s]", interface);
         if (std::strcmp(interface, about.interface->name) == 0)
         {
-            StoreAll(object, about, interfaces.properties(), function, false);
+            StoreAll(object, about, interfaces.properties(), function, Locking::caller);
             At<bool>(object, about.ready) = true;
         }
     }
@@ -481,7 +482,7 @@ void PropertiesRead(void* object, const CachedClass& about, bool success,
         },
         [&](const NamedRef& entry)
         {
-            SetNamed(object, about, entry.name, true, Source(entry.value));
+            SetNamed(object, about, entry.name, Locking::callee, Source(entry.value));
         });
 }
 
@@ -502,15 +503,16 @@ void Removed(void* object, const CachedClass& about, sd_bus_message* message)
                  UpdateRemoved);
 }
 
-void SetProperty(void* object, const CachedClass& about, Which which, const void* variant)
+void SetProperty(void* object, const CachedClass& about, size_t index, Locking locking,
+                 ConstRef value)
 {
-    SetIndexed(object, about, which, Source(about.interface->variant->held(variant)));
+    SetIndexed(object, about, index, locking, Source(value));
 }
 
-void SetByName(void* object, const CachedClass& about, const std::string& name, bool lock,
-               const void* variant)
+void SetByName(void* object, const CachedClass& about, const std::string& name, Locking locking,
+               ConstRef value)
 {
-    SetNamed(object, about, name, lock, Source(about.interface->variant->held(variant)));
+    SetNamed(object, about, name, locking, Source(value));
 }
 
 } // namespace bmcbus::client

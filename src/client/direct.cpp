@@ -14,23 +14,15 @@ namespace
 
 constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
 
-// One property of one object.
-struct Access
-{
-    Target& target;
-    const Interface& interface;
-    Which which;
-};
-
 const Property& PropertyOf(const Access& access)
 {
-    return access.interface.properties[access.which.property()];
+    return access.interface.properties[access.property];
 }
 
 // The names of a property's operations in log lines.
 const char* GetterPrefix(const Access& access)
 {
-    return access.which.lock() ? "Get_" : "GetLocked_";
+    return access.lock ? "Get_" : "GetLocked_";
 }
 
 void Report(bool* ok, bool value)
@@ -91,7 +83,7 @@ std::optional<size_t> Get(const Access& access, Value& value)
     try
     {
         std::unique_lock lock(access.target.mutex, std::defer_lock);
-        if (access.which.lock())
+        if (access.lock)
         {
             lock.lock();
         }
@@ -126,31 +118,12 @@ void WriteProperty(const Access& access, ConstRef value)
     }
 }
 
-// The same, inside the object's mutex where the operation takes it.
-void Set(const Access& access, ConstRef value)
-{
-    try
-    {
-        std::unique_lock lock(access.target.mutex, std::defer_lock);
-        if (access.which.lock())
-        {
-            lock.lock();
-        }
-        WriteProperty(access, value);
-    }
-    catch (const std::exception& error)
-    {
-        LogException(access.interface.label, access.which.lock() ? "Set_" : "SetLocked_",
-                     PropertyOf(access).name, error);
-    }
-}
-
 // The index of the property called `name`, after the lines that go with it.
-std::optional<uint32_t> FindByName(const Interface& interface, const char* function,
-                                   const std::string& name, bool writing)
+std::optional<size_t> FindByName(const Interface& interface, const char* function,
+                                 const std::string& name, bool writing)
 {
     CLIENT_LOG(trace, interface.label, function, "property_name=[%s]", name.c_str());
-    for (uint32_t i = 0; i < interface.properties.size(); ++i)
+    for (size_t i = 0; i < interface.properties.size(); ++i)
     {
         const Property& property = interface.properties[i];
         if (name == property.name && (property.writable || !writing))
@@ -192,21 +165,19 @@ void Construct(Target& target, const Interface& interface)
     CLIENT_LOG_FORMAT(trace, interface.label, name, interface.leave);
 }
 
-void GetVariant(Target& target, const Interface& interface, Which which, bool* ok, void* value)
+void GetVariant(const Access& access, bool* ok, void* value, const VariantType& type)
 {
-    const Access access{target, interface, which};
     Report(ok, false);
     Value read;
     if (const std::optional<size_t> index = Get(access, read))
     {
-        interface.variant->store(value, *index, read.get());
+        type.store(value, *index, read.get());
         Report(ok, true);
     }
 }
 
-void GetTyped(Target& target, const Interface& interface, Which which, bool* ok, void* value)
+void GetTyped(const Access& access, bool* ok, void* value)
 {
-    const Access access{target, interface, which};
     Report(ok, false);
     Value read;
     if (!Get(access, read))
@@ -226,34 +197,41 @@ void GetTyped(Target& target, const Interface& interface, Which which, bool* ok,
     Report(ok, true);
 }
 
-void SetVariant(Target& target, const Interface& interface, Which which, const void* variant)
+void Set(const Access& access, ConstRef value)
 {
-    Set({target, interface, which}, interface.variant->held(variant));
-}
-
-void SetTyped(Target& target, const Interface& interface, Which which, const void* value)
-{
-    const Type& type = interface.TypeOf(interface.properties[which.property()]);
-    Set({target, interface, which}, {&type, value});
+    try
+    {
+        std::unique_lock lock(access.target.mutex, std::defer_lock);
+        if (access.lock)
+        {
+            lock.lock();
+        }
+        WriteProperty(access, value);
+    }
+    catch (const std::exception& error)
+    {
+        LogException(access.interface.label, access.lock ? "Set_" : "SetLocked_",
+                     PropertyOf(access).name, error);
+    }
 }
 
 void GetByName(Target& target, const Interface& interface, bool lock, const std::string& name,
-               void* variant)
+               void* value, const VariantType& type)
 {
     if (const auto index =
             FindByName(interface, lock ? "GetByName" : "GetByNameLocked", name, false))
     {
-        GetVariant(target, interface, {*index, lock}, nullptr, variant);
+        GetVariant({target, interface, *index, lock}, nullptr, value, type);
     }
 }
 
 void SetByName(Target& target, const Interface& interface, bool lock, const std::string& name,
-               const void* variant)
+               ConstRef value)
 {
     if (const auto index =
             FindByName(interface, lock ? "SetByName" : "SetByNameLocked", name, true))
     {
-        SetVariant(target, interface, {*index, lock}, variant);
+        Set({target, interface, *index, lock}, value);
     }
 }
 

@@ -67,12 +67,19 @@ BMCBUS_EXPORT void Changed(void* object, const CachedClass& about, sd_bus_messag
 BMCBUS_EXPORT void Added(void* object, const CachedClass& about, sd_bus_message* message);
 BMCBUS_EXPORT void Removed(void* object, const CachedClass& about, sd_bus_message* message);
 
-/** Stores what @p variant holds, if that is the property's type. */
-BMCBUS_EXPORT void SetProperty(void* object, const CachedClass& about, Which which,
-                               const void* variant);
+/** Whether a setter takes the object's mutex itself. */
+enum class Locking : bool
+{
+    caller,
+    callee
+};
 
-/** The same for the property called @p name; @p lock takes the object's mutex. */
+/** Stores @p value in property number @p index if it holds the property's type. */
+BMCBUS_EXPORT void SetProperty(void* object, const CachedClass& about, size_t index,
+                               Locking locking, ConstRef value);
+
+/** The same for the property called @p name. */
 BMCBUS_EXPORT void SetByName(void* object, const CachedClass& about, const std::string& name,
-                             bool lock, const void* variant);
+                             Locking locking, ConstRef value);
 
 } // namespace bmcbus::client

@@ -1,0 +1,286 @@
+#include <qzlog_via_dbus.hpp>
+
+#include "bus.hpp"
+#include "deadline.hpp"
+#include "log.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <exception>
+#include <string_view>
+
+namespace QZLogViaDbus
+{
+namespace
+{
+
+using bmcbus::client::Append;
+
+constexpr const char* daemonService = "com.tamm.ovrik.wharfd.wharfd";
+constexpr const char* daemonPath = "/com/tamm/ovrik/wharfd/wharfd";
+constexpr const char* daemonInterface = "com.tamm.ovrik.wharfd.wharfd";
+constexpr const char* daemonMethod = "NQRCE_REQ_TYPE_LOG_QZL_EVENT";
+
+// The optional parts of a request travel as (tag, text) pairs.
+enum class Tag : uint16_t
+{
+    message = 2,
+    fqdd = 3,
+    arguments = 6
+};
+
+struct Tagged
+{
+    Tag tag;
+    const std::string* text;
+};
+
+struct Entry
+{
+    uint16_t agentID;
+    uint16_t category;
+    uint16_t severity;
+    const std::string& messageID;
+    const std::string& message;
+    const std::string& FQDD;
+    const std::vector<std::string>& args;
+};
+
+// Lines of this source are the public function's.
+#define LOG_FOR_CALLER(level, text, ...)                                                           \
+    BMCBUS_LOG_AS(level, bmcbus::log::librarySource, "Log", text __VA_OPT__(, ) __VA_ARGS__)
+
+void LogEntry(const Entry& entry)
+{
+    LOG_FOR_CALLER(info, "agentID=%u", unsigned{entry.agentID});
+    LOG_FOR_CALLER(info, "category=%u", unsigned{entry.category});
+    LOG_FOR_CALLER(info, "severity=%u", unsigned{entry.severity});
+    LOG_FOR_CALLER(info, "messageID=[%s]", entry.messageID.c_str());
+    LOG_FOR_CALLER(info, "message=[%s]", entry.message.c_str());
+    LOG_FOR_CALLER(info, "FQDD=[%s]", entry.FQDD.c_str());
+    for (const std::string& arg : entry.args)
+    {
+        LOG_FOR_CALLER(info, "arg=[%s]", arg.c_str());
+    }
+}
+
+void AppendHex(std::string& block, unsigned char byte)
+{
+    constexpr const char* digits = "0123456789abcdef";
+    block += digits[byte >> 4U];
+    block += digits[byte & 0xFU];
+}
+
+// Each argument's bytes and its terminating zero, then one more zero, in hexadecimal digits.
+std::string Encode(const std::vector<std::string>& args)
+{
+    std::string block;
+    size_t bytes = 1;
+    for (const std::string& arg : args)
+    {
+        bytes += arg.size() + 1;
+    }
+    block.reserve(2 * bytes);
+    for (const std::string& arg : args)
+    {
+        LOG_FOR_CALLER(info, "arg=[%s]", arg.c_str());
+        for (const char c : arg)
+        {
+            LOG_FOR_CALLER(info, "c=[%c]", c);
+            AppendHex(block, static_cast<unsigned char>(c));
+        }
+        AppendHex(block, 0);
+    }
+    AppendHex(block, 0);
+    LOG_FOR_CALLER(info, "margs=[%s]", block.c_str());
+    return block;
+}
+
+// The parts that are there. `block` holds the encoded arguments for them.
+std::vector<Tagged> TaggedItems(const Entry& entry, std::string& block)
+{
+    std::vector<Tagged> items;
+    if (!entry.message.empty())
+    {
+        LOG_FOR_CALLER(info, "message=[%s]", entry.message.c_str());
+        items.push_back({Tag::message, &entry.message});
+    }
+    if (!entry.FQDD.empty())
+    {
+        LOG_FOR_CALLER(info, "FQDD=[%s]", entry.FQDD.c_str());
+        items.push_back({Tag::fqdd, &entry.FQDD});
+    }
+    if (!entry.args.empty())
+    {
+        block = Encode(entry.args);
+        items.push_back({Tag::arguments, &block});
+    }
+    return items;
+}
+
+void AppendItems(sd_bus_message* call, const std::vector<Tagged>& items)
+{
+    using bmcbus::client::Close;
+    using bmcbus::client::Open;
+    Open(call, SD_BUS_TYPE_ARRAY, "(qs)");
+    for (const Tagged& item : items)
+    {
+        Open(call, SD_BUS_TYPE_STRUCT, "qs");
+        Append(call, static_cast<uint16_t>(item.tag));
+        Append(call, *item.text);
+        Close(call);
+    }
+    Close(call);
+}
+
+bmcbus::MessageRef Request(sd_bus* bus, const Entry& entry, const std::vector<Tagged>& items)
+{
+    bmcbus::MessageRef call =
+        bmcbus::NewCall(bus, daemonService, daemonPath, daemonInterface, daemonMethod);
+    Append(call.get(), entry.category);
+    Append(call.get(), uint32_t{0});
+    Append(call.get(), entry.agentID);
+    Append(call.get(), entry.severity);
+    Append(call.get(), int64_t{0});
+    Append(call.get(), entry.messageID);
+    AppendItems(call.get(), items);
+    return call;
+}
+
+// How errors begin that do not come from the called service: the bus's own, and sd-bus's about a
+// reply. Names that services use as well are followed by the text.
+struct ForeignError
+{
+    std::string_view name;
+    std::string_view text;
+};
+
+constexpr std::array foreignErrors = {
+    ForeignError{"org.freedesktop.DBus.Error.ServiceUnknown", ""},
+    ForeignError{"org.freedesktop.DBus.Error.NameHasNoOwner", ""},
+    ForeignError{"org.freedesktop.DBus.Error.Spawn.", ""},
+    ForeignError{"org.freedesktop.DBus.Error.TimedOut", ""}, // while being started
+    ForeignError{"org.freedesktop.systemd1.", ""},           // asked to start it
+    ForeignError{"org.freedesktop.DBus.Error.NoReply", "Message recipient disconnected"},
+    ForeignError{"org.freedesktop.DBus.Error.NoReply", "Message did not receive a reply"},
+    ForeignError{"org.freedesktop.DBus.Error.NoReply", "Remote peer disconnected"},
+    ForeignError{"org.freedesktop.DBus.Error.AccessDenied", "Rejected "},
+    ForeignError{"org.freedesktop.DBus.Error.AccessDenied", "An AppArmor policy prevents"},
+    ForeignError{"org.freedesktop.DBus.Error.AccessDenied", "An SELinux policy prevents"},
+    ForeignError{"org.freedesktop.DBus.Error.AccessDenied", "Sender is not authorized"},
+    ForeignError{"org.freedesktop.DBus.Error.LimitsExceeded", "Rejected: "},
+    ForeignError{"org.freedesktop.DBus.Error.LimitsExceeded", "The maximum number of "},
+    ForeignError{"org.freedesktop.DBus.Error.InconsistentMessage", "Reply message contained file"},
+    ForeignError{"System.Error.ELOOP", ""}, // the service is on the caller's own connection
+};
+
+std::string_view View(const char* text)
+{
+    return text == nullptr ? std::string_view() : text;
+}
+
+bool IsForeign(const sd_bus_error& error)
+{
+    return std::any_of(foreignErrors.begin(), foreignErrors.end(),
+                       [&](const ForeignError& f)
+                       {
+                           return View(error.name).starts_with(f.name) &&
+                                  View(error.message).starts_with(f.text);
+                       });
+}
+
+// Whether a failed call was answered by the service it went to. sd-bus keeps the sender of an error
+// reply to itself, so this looks at everything else there is.
+bool WasAnswered(sd_bus* bus, sd_bus_message* call, const sd_bus_error& error,
+                 const bmcbus::Deadline& deadline)
+{
+    uint64_t cookie = 0;
+    const bool sent = sd_bus_message_get_cookie(call, &cookie) >= 0;
+    if (!sent || sd_bus_is_open(bus) <= 0 || sd_bus_error_is_set(&error) == 0)
+    {
+        return false;
+    }
+    if (sd_bus_error_has_name(&error, SD_BUS_ERROR_TIMEOUT) != 0)
+    {
+        return !deadline.Passed();
+    }
+    return !IsForeign(error);
+}
+
+// Sends the request. Null for an answer that is an error; throws Error when there is no answer.
+bmcbus::MessageRef Ask(sd_bus* bus, sd_bus_message* call)
+{
+    const bmcbus::Deadline deadline(bus);
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* raw = nullptr;
+    const int result = sd_bus_call(bus, call, 0, &error, &raw);
+    if (result >= 0)
+    {
+        bmcbus::MessageRef reply(raw);
+        return sd_bus_message_is_method_error(raw, nullptr) > 0 ? nullptr : std::move(reply);
+    }
+    if (WasAnswered(bus, call, error, deadline))
+    {
+        sd_bus_error_free(&error);
+        return nullptr;
+    }
+    if (sd_bus_error_is_set(&error) == 0)
+    {
+        throw bmcbus::Error(-result, "sd_bus_call");
+    }
+    throw bmcbus::Error(&error, "sd_bus_call");
+}
+
+int32_t ReadStatus(sd_bus_message* reply)
+{
+    int32_t status = 0;
+    bmcbus::client::Read(reply, status);
+    return status;
+}
+
+} // namespace
+
+void Log(bmcbus::Bus& bus, unsigned short agentID, unsigned short category, unsigned short severity,
+         const std::string& messageID, const std::string& message, const std::string& FQDD,
+         const std::vector<std::string>& args)
+try
+{
+    const Entry entry{agentID, category, severity, messageID, message, FQDD, args};
+    BMCBUS_LOG(info, "enter");
+    LogEntry(entry);
+    std::string block;
+    const std::vector<Tagged> items = TaggedItems(entry, block);
+    sd_bus* connection = bmcbus::Connection(bus);
+    const bmcbus::MessageRef call = Request(connection, entry, items);
+    const bmcbus::MessageRef reply = Ask(connection, call.get());
+    if (!reply)
+    {
+        BMCBUS_LOG(failure, "reply is an error");
+        return;
+    }
+    BMCBUS_LOG(info, "method_status=%d", ReadStatus(reply.get()));
+    BMCBUS_LOG(info, "leave");
+}
+catch (const std::exception& e)
+{
+    BMCBUS_LOG(failure, "exception: %s\n", e.what());
+}
+
+void Log(bmcbus::Bus& bus, unsigned short agentID, unsigned short category, unsigned short severity,
+         const std::string& messageID, const std::string& message, const std::string& FQDD)
+{
+    BMCBUS_LOG(info, "enter");
+    Log(bus, agentID, category, severity, messageID, message, FQDD, {});
+    BMCBUS_LOG(info, "leave");
+}
+
+void Log(bmcbus::Bus& bus, unsigned short agentID, unsigned short category, unsigned short severity,
+         const std::string& messageID)
+{
+    BMCBUS_LOG(info, "enter");
+    Log(bus, agentID, category, severity, messageID, "", "");
+    BMCBUS_LOG(info, "leave");
+}
+
+} // namespace QZLogViaDbus
