@@ -93,9 +93,9 @@ void InstallMatches(sd_bus* bus, void* object, const CachedClass& about)
 }
 
 // What a setter's log lines are called.
-const char* SetterPrefix(Locking locking)
+const char* SetterPrefix(bool lock)
 {
-    return locking == Locking::callee ? "Set_" : "SetLocked_";
+    return lock ? "Set_" : "SetLocked_";
 }
 
 // A value on its way into a field: moved when it is ours, copied when it is borrowed.
@@ -125,22 +125,22 @@ struct Source
     void* movable = nullptr;
 };
 
-void SetIndexed(void* object, const CachedClass& about, size_t index, Locking locking,
-                const Source& source)
+void SetIndexed(void* object, const CachedClass& about, Which which, const Source& source)
 {
-    const Property& property = about.interface->properties[index];
-    const Field& field = about.fields.list[index];
+    const Property& property = about.interface->properties[which.property()];
+    const Field& field = about.fields.list[which.property()];
     const Type& type = about.interface->TypeOf(property);
     if (source.type != &type)
     {
-        CLIENT_LOG(error, about.label, MemberName(SetterPrefix(locking), property.name).c_str(),
+        CLIENT_LOG(error, about.label,
+                   MemberName(SetterPrefix(which.lock()), property.name).c_str(),
                    "invalid type in variant");
         return;
     }
     try
     {
         std::unique_lock lock(Mutex(object, about), std::defer_lock);
-        if (locking == Locking::callee)
+        if (which.lock())
         {
             lock.lock();
         }
@@ -149,21 +149,21 @@ void SetIndexed(void* object, const CachedClass& about, size_t index, Locking lo
     }
     catch (const std::exception& error)
     {
-        LogException(about.label, SetterPrefix(locking), property.name, error);
+        LogException(about.label, SetterPrefix(which.lock()), property.name, error);
     }
 }
 
-void SetNamed(void* object, const CachedClass& about, std::string_view name, Locking locking,
+void SetNamed(void* object, const CachedClass& about, std::string_view name, bool lock,
               const Source& source)
 {
-    const char* function = locking == Locking::callee ? "SetByName" : "SetByNameLocked";
+    const char* function = lock ? "SetByName" : "SetByNameLocked";
     CLIENT_LOG(trace, about.label, function, "property_name=[%s]", name.data());
     const std::span<const Property> properties = about.interface->properties;
-    for (size_t i = 0; i < properties.size(); ++i)
+    for (uint32_t i = 0; i < properties.size(); ++i)
     {
         if (name == properties[i].name)
         {
-            SetIndexed(object, about, i, locking, source);
+            SetIndexed(object, about, {i, lock}, source);
             return;
         }
     }
@@ -172,15 +172,15 @@ void SetNamed(void* object, const CachedClass& about, std::string_view name, Loc
 
 // Stores the properties of one decoded map; `format` names each one first.
 void StoreAll(void* object, const CachedClass& about, PropertyMap& values, const char* function,
-              Locking locking)
+              bool lock)
 {
     for (PropertyMap::Entry& entry : values.entries())
     {
-        if (locking == Locking::caller)
+        if (!lock)
         {
             CLIENT_LOG(trace, about.label, function, "property_name=[%s]", entry.name);
         }
-        SetNamed(object, about, entry.name, locking, Source(entry.value));
+        SetNamed(object, about, entry.name, lock, Source(entry.value));
     }
 }
 
@@ -247,8 +247,7 @@ int OnGetAll(sd_bus_message* message, void* user_data, sd_bus_error* /*error*/) 
                           },
                           [&](PropertyMap::Entry& entry)
                           {
-                              SetNamed(object, about, entry.name, Locking::callee,
-                                       Source(entry.value));
+                              SetNamed(object, about, entry.name, true, Source(entry.value));
                           });
                   }});
 }
@@ -271,7 +270,7 @@ void ReadNow(sd_bus* bus, void* object, const CachedClass& about)
     values.Read(reply.get(), *about.interface);
     if (!values.entries().empty())
     {
-        StoreAll(object, about, values, "ServiceIsSet", Locking::callee);
+        StoreAll(object, about, values, "ServiceIsSet", true);
         SetReady(object, about);
     }
 }
@@ -311,7 +310,7 @@ void UpdateChanged(void* object, const CachedClass& about, sd_bus_message* messa
     values.Read(message, *about.interface, ours);
     if (ours)
     {
-        StoreAll(object, about, values, function, Locking::caller);
+        StoreAll(object, about, values, function, false);
         At<bool>(object, about.ready) = true;
     }
 }
@@ -329,7 +328,7 @@ void UpdateAdded(void* object, const CachedClass& about, sd_bus_message* message
         CLIENT_LOG(trace, about.label, function, "interface_name=[%s]", interface);
         if (std::strcmp(interface, about.interface->name) == 0)
         {
-            StoreAll(object, about, interfaces.properties(), function, Locking::caller);
+            StoreAll(object, about, interfaces.properties(), function, false);
             At<bool>(object, about.ready) = true;
         }
     }
@@ -482,7 +481,7 @@ void PropertiesRead(void* object, const CachedClass& about, bool success,
         },
         [&](const NamedRef& entry)
         {
-            SetNamed(object, about, entry.name, Locking::callee, Source(entry.value));
+            SetNamed(object, about, entry.name, true, Source(entry.value));
         });
 }
 
@@ -503,16 +502,15 @@ void Removed(void* object, const CachedClass& about, sd_bus_message* message)
                  UpdateRemoved);
 }
 
-void SetProperty(void* object, const CachedClass& about, size_t index, Locking locking,
-                 ConstRef value)
+void SetProperty(void* object, const CachedClass& about, Which which, const void* variant)
 {
-    SetIndexed(object, about, index, locking, Source(value));
+    SetIndexed(object, about, which, Source(about.interface->variant->held(variant)));
 }
 
-void SetByName(void* object, const CachedClass& about, const std::string& name, Locking locking,
-               ConstRef value)
+void SetByName(void* object, const CachedClass& about, const std::string& name, bool lock,
+               const void* variant)
 {
-    SetNamed(object, about, name, locking, Source(value));
+    SetNamed(object, about, name, lock, Source(about.interface->variant->held(variant)));
 }
 
 } // namespace bmcbus::client

@@ -14,15 +14,23 @@ namespace
 
 constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
 
+// One property of one object.
+struct Access
+{
+    Target& target;
+    const Interface& interface;
+    Which which;
+};
+
 const Property& PropertyOf(const Access& access)
 {
-    return access.interface.properties[access.property];
+    return access.interface.properties[access.which.property()];
 }
 
 // The names of a property's operations in log lines.
 const char* GetterPrefix(const Access& access)
 {
-    return access.lock ? "Get_" : "GetLocked_";
+    return access.which.lock() ? "Get_" : "GetLocked_";
 }
 
 void Report(bool* ok, bool value)
@@ -83,7 +91,7 @@ std::optional<size_t> Get(const Access& access, Value& value)
     try
     {
         std::unique_lock lock(access.target.mutex, std::defer_lock);
-        if (access.lock)
+        if (access.which.lock())
         {
             lock.lock();
         }
@@ -118,12 +126,31 @@ void WriteProperty(const Access& access, ConstRef value)
     }
 }
 
+// The same, inside the object's mutex where the operation takes it.
+void Set(const Access& access, ConstRef value)
+{
+    try
+    {
+        std::unique_lock lock(access.target.mutex, std::defer_lock);
+        if (access.which.lock())
+        {
+            lock.lock();
+        }
+        WriteProperty(access, value);
+    }
+    catch (const std::exception& error)
+    {
+        LogException(access.interface.label, access.which.lock() ? "Set_" : "SetLocked_",
+                     PropertyOf(access).name, error);
+    }
+}
+
 // The index of the property called `name`, after the lines that go with it.
-std::optional<size_t> FindByName(const Interface& interface, const char* function,
-                                 const std::string& name, bool writing)
+std::optional<uint32_t> FindByName(const Interface& interface, const char* function,
+                                   const std::string& name, bool writing)
 {
     CLIENT_LOG(trace, interface.label, function, "property_name=[%s]", name.c_str());
-    for (size_t i = 0; i < interface.properties.size(); ++i)
+    for (uint32_t i = 0; i < interface.properties.size(); ++i)
     {
         const Property& property = interface.properties[i];
         if (name == property.name && (property.writable || !writing))
@@ -165,19 +192,21 @@ void Construct(Target& target, const Interface& interface)
     CLIENT_LOG_FORMAT(trace, interface.label, name, interface.leave);
 }
 
-void GetVariant(const Access& access, bool* ok, void* value, const VariantType& type)
+void GetVariant(Target& target, const Interface& interface, Which which, bool* ok, void* value)
 {
+    const Access access{target, interface, which};
     Report(ok, false);
     Value read;
     if (const std::optional<size_t> index = Get(access, read))
     {
-        type.store(value, *index, read.get());
+        interface.variant->store(value, *index, read.get());
         Report(ok, true);
     }
 }
 
-void GetTyped(const Access& access, bool* ok, void* value)
+void GetTyped(Target& target, const Interface& interface, Which which, bool* ok, void* value)
 {
+    const Access access{target, interface, which};
     Report(ok, false);
     Value read;
     if (!Get(access, read))
@@ -197,41 +226,34 @@ void GetTyped(const Access& access, bool* ok, void* value)
     Report(ok, true);
 }
 
-void Set(const Access& access, ConstRef value)
+void SetVariant(Target& target, const Interface& interface, Which which, const void* variant)
 {
-    try
-    {
-        std::unique_lock lock(access.target.mutex, std::defer_lock);
-        if (access.lock)
-        {
-            lock.lock();
-        }
-        WriteProperty(access, value);
-    }
-    catch (const std::exception& error)
-    {
-        LogException(access.interface.label, access.lock ? "Set_" : "SetLocked_",
-                     PropertyOf(access).name, error);
-    }
+    Set({target, interface, which}, interface.variant->held(variant));
+}
+
+void SetTyped(Target& target, const Interface& interface, Which which, const void* value)
+{
+    const Type& type = interface.TypeOf(interface.properties[which.property()]);
+    Set({target, interface, which}, {&type, value});
 }
 
 void GetByName(Target& target, const Interface& interface, bool lock, const std::string& name,
-               void* value, const VariantType& type)
+               void* variant)
 {
     if (const auto index =
             FindByName(interface, lock ? "GetByName" : "GetByNameLocked", name, false))
     {
-        GetVariant({target, interface, *index, lock}, nullptr, value, type);
+        GetVariant(target, interface, {*index, lock}, nullptr, variant);
     }
 }
 
 void SetByName(Target& target, const Interface& interface, bool lock, const std::string& name,
-               ConstRef value)
+               const void* variant)
 {
     if (const auto index =
             FindByName(interface, lock ? "SetByName" : "SetByNameLocked", name, true))
     {
-        Set({target, interface, *index, lock}, value);
+        SetVariant(target, interface, {*index, lock}, variant);
     }
 }
 

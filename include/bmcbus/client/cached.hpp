@@ -67,19 +67,12 @@ BMCBUS_EXPORT void Changed(void* object, const CachedClass& about, sd_bus_messag
 BMCBUS_EXPORT void Added(void* object, const CachedClass& about, sd_bus_message* message);
 BMCBUS_EXPORT void Removed(void* object, const CachedClass& about, sd_bus_message* message);
 
-/** Whether a setter takes the object's mutex itself. */
-enum class Locking : bool
-{
-    caller,
-    callee
-};
+/** Stores what @p variant holds, if that is the property's type. */
+BMCBUS_EXPORT void SetProperty(void* object, const CachedClass& about, Which which,
+                               const void* variant);
 
-/** Stores @p value in property number @p index if it holds the property's type. */
-BMCBUS_EXPORT void SetProperty(void* object, const CachedClass& about, size_t index,
-                               Locking locking, ConstRef value);
-
-/** The same for the property called @p name. */
+/** The same for the property called @p name; @p lock takes the object's mutex. */
 BMCBUS_EXPORT void SetByName(void* object, const CachedClass& about, const std::string& name,
-                             Locking locking, ConstRef value);
+                             bool lock, const void* variant);
 
 } // namespace bmcbus::client

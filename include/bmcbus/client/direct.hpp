@@ -24,38 +24,36 @@ struct Target
 /** Looks the service up when it is empty; never throws a `std::exception`. */
 BMCBUS_EXPORT void Construct(Target& target, const Interface& interface);
 
-/** One property of one object, and whether the operation takes the object's mutex. */
-struct Access
-{
-    Target& target;
-    const Interface& interface;
-    size_t property;
-    bool lock;
-};
-
-/** Reads into the variant @p value; @p ok may be null. */
-BMCBUS_EXPORT void GetVariant(const Access& access, bool* ok, void* value, const VariantType& type);
+/** Reads into the interface's variant @p value; @p ok may be null. */
+BMCBUS_EXPORT void GetVariant(Target& target, const Interface& interface, Which which, bool* ok,
+                              void* value);
 
 /** Reads into a value of the property's own type; @p ok may be null. */
-BMCBUS_EXPORT void GetTyped(const Access& access, bool* ok, void* value);
+BMCBUS_EXPORT void GetTyped(Target& target, const Interface& interface, Which which, bool* ok,
+                            void* value);
 
 /** Reads a value of the property's own type; value-initialised when that fails. */
 template <class T>
-[[gnu::noinline]] T GetOrDefault(const Access& access)
+[[gnu::noinline]] T GetOrDefault(Target& target, const Interface& interface, Which which)
 {
     T value{};
-    GetTyped(access, nullptr, &value);
+    GetTyped(target, interface, which, nullptr, &value);
     return value;
 }
 
-/** Writes a property; failures show in the log only. */
-BMCBUS_EXPORT void Set(const Access& access, ConstRef value);
+/** Writes what @p variant holds; failures show in the log only. */
+BMCBUS_EXPORT void SetVariant(Target& target, const Interface& interface, Which which,
+                              const void* variant);
 
-/** The by-name forms. */
+/** Writes a value of the property's own type. */
+BMCBUS_EXPORT void SetTyped(Target& target, const Interface& interface, Which which,
+                            const void* value);
+
+/** The by-name forms; @p lock takes the object's mutex. */
 BMCBUS_EXPORT void GetByName(Target& target, const Interface& interface, bool lock,
-                             const std::string& name, void* value, const VariantType& type);
+                             const std::string& name, void* variant);
 BMCBUS_EXPORT void SetByName(Target& target, const Interface& interface, bool lock,
-                             const std::string& name, ConstRef value);
+                             const std::string& name, const void* variant);
 
 /** Calls method @p member; takes no lock. */
 BMCBUS_EXPORT void Call(Target& target, const Interface& interface, const char* member, bool& ok,

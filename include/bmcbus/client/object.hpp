@@ -38,6 +38,7 @@ struct Interface
     const char* leave;      ///< and of its last
     std::span<const Property> properties;
     Alternatives alternatives; ///< of its property-value variant
+    const VariantType* variant;
 
     const Type& TypeOf(const Property& property) const
     {
@@ -63,6 +64,27 @@ struct Fields
     {
         return *types[field.type];
     }
+};
+
+/** A property's number, and whether the operation on it takes the object's mutex. */
+class Which
+{
+  public:
+    constexpr Which(uint32_t property, bool lock) : bits_(property << 1U | (lock ? 1U : 0U))
+    {
+    }
+
+    constexpr uint32_t property() const
+    {
+        return bits_ >> 1U;
+    }
+    constexpr bool lock() const
+    {
+        return (bits_ & 1U) != 0;
+    }
+
+  private:
+    uint32_t bits_;
 };
 
 /** Log lines of generated code. */

@@ -135,12 +135,31 @@ Ref RefTo(T& value)
 /** What an interface's property-value variant can hold, in index order. */
 using Alternatives = std::span<const Type* const>;
 
-/** How to store into a variant behind a pointer. */
+/** How to handle a property-value variant behind a pointer. */
 struct VariantType
 {
     /** Makes it hold alternative @p index, moved from @p value. */
     void (*store)(void* variant, size_t index, void* value);
+
+    /** What it holds. */
+    ConstRef (*held)(const void* variant);
 };
+
+/** What @p variant holds. */
+template <class... T>
+ConstRef Held(const std::variant<T...>& variant)
+{
+    if (variant.valueless_by_exception())
+    {
+        return {};
+    }
+    return std::visit(
+        [](const auto& value)
+        {
+            return RefTo(value);
+        },
+        variant);
+}
 
 namespace detail
 {
@@ -164,27 +183,18 @@ void StoreAlternative(void* variant, size_t index, void* value, std::index_seque
 
 template <class Variant>
 inline constexpr VariantType variantOf = {
-    .store = [](void* variant, size_t index, void* value)
+    .store =
+        [](void* variant, size_t index, void* value)
     {
         detail::StoreAlternative<Variant>(variant, index, value,
                                           std::make_index_sequence<std::variant_size_v<Variant>>{});
-    }};
-
-/** What @p variant holds. */
-template <class... T>
-ConstRef Held(const std::variant<T...>& variant)
-{
-    if (variant.valueless_by_exception())
+    },
+    .held =
+        [](const void* variant)
     {
-        return {};
-    }
-    return std::visit(
-        []<class Value>(const Value& value)
-        {
-            return ConstRef{&typeOf<Value>, &value};
-        },
-        variant);
-}
+        return Held(detail::As<Variant>(variant));
+    },
+};
 
 /** An owned value of any type; small ones lie inside. Movable. */
 class BMCBUS_EXPORT Value

@@ -1,0 +1,168 @@
+#include "yetanotherthreadpool.hpp"
+
+#include "log.hpp"
+
+#include <cxxabi.h>
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+YetAnotherThreadPool::YetAnotherThreadPool(Empty) : stop(false), leftWorkers(0)
+{
+}
+
+// Once the delegated constructor is through, an exception from here runs the destructor, which
+// stops and joins the workers that did start.
+YetAnotherThreadPool::YetAnotherThreadPool(unsigned long threadCount) :
+    YetAnotherThreadPool(Empty{})
+{
+    for (unsigned long started = 0; started < std::max(threadCount, 1UL); ++started)
+    {
+        makeNewWorkerThread();
+    }
+}
+
+YetAnotherThreadPool::~YetAnotherThreadPool()
+{
+    BMCBUS_LOG(info, "deconstructor enter");
+    try
+    {
+        {
+            const std::lock_guard lock(queueMutex);
+            stop = true;
+            condition.notify_all();
+        }
+        BMCBUS_LOG(info, "deconstructor waiting");
+        for (std::thread& worker : workers)
+        {
+            BMCBUS_LOG(info, "waiting for join");
+            worker.join();
+            BMCBUS_LOG(info, "joined");
+        }
+    }
+    catch (const std::exception& e)
+    {
+        BMCBUS_LOG_EXCEPTION(bmcbus::log::librarySource, "\n", e.what());
+        LetGoOfWorkers();
+    }
+    BMCBUS_LOG(info, "deconstructor leave");
+}
+
+// After a failed lock or join. A worker that cannot be joined must at least have left its body
+// before the members go; and a std::thread that still stands for a thread would end the process.
+void YetAnotherThreadPool::LetGoOfWorkers()
+{
+    std::unique_lock lock(queueMutex, std::defer_lock);
+    while (!lock.owns_lock())
+    {
+        try
+        {
+            lock.lock();
+        }
+        catch (const std::exception&)
+        {
+            std::this_thread::yield();
+        }
+    }
+    stop = true;
+    condition.notify_all();
+    // A worker that destroys its own pool cannot wait for itself.
+    const auto own = std::count_if(workers.begin(), workers.end(),
+                                   [](const std::thread& worker)
+                                   {
+                                       return worker.get_id() == std::this_thread::get_id();
+                                   });
+    while (leftWorkers + static_cast<unsigned long>(own) < workers.size())
+    {
+        condition.wait(lock);
+    }
+    for (std::thread& worker : workers)
+    {
+        if (worker.joinable())
+        {
+            worker.detach();
+        }
+    }
+}
+
+void YetAnotherThreadPool::enqueue(const std::function<void()>& task)
+{
+    // The copy runs the caller's code: not under the mutex.
+    std::function<void()> copy = task;
+    const std::lock_guard lock(queueMutex);
+    tasks.push_back(std::move(copy));
+    condition.notify_one();
+}
+
+void YetAnotherThreadPool::clearQueue()
+{
+    BMCBUS_LOG(info, "enter");
+    std::deque<std::function<void()>> dropped;
+    {
+        const std::lock_guard lock(queueMutex);
+        dropped.swap(tasks);
+        condition.notify_all();
+        BMCBUS_LOG(info, "leave");
+    }
+    // What the tasks hold is the callers' and may come back here: it goes without the mutex.
+    while (!dropped.empty())
+    {
+        dropped.pop_front();
+    }
+}
+
+void YetAnotherThreadPool::makeNewWorkerThread()
+{
+    const std::lock_guard lock(queueMutex);
+    workers.emplace_back(&YetAnotherThreadPool::workerThreadBody, this);
+}
+
+void YetAnotherThreadPool::workerThreadBody()
+{
+    for (;;)
+    {
+        std::function<void()> task;
+        try
+        {
+            std::unique_lock lock(queueMutex);
+            while (tasks.empty() && !stop)
+            {
+                condition.wait(lock);
+            }
+            if (tasks.empty())
+            {
+                BMCBUS_LOG(info, "exiting thread\n");
+                ++leftWorkers;
+                condition.notify_all();
+                return;
+            }
+            task = std::move(tasks.front());
+            tasks.pop_front();
+        }
+        catch (const std::exception& e)
+        {
+            BMCBUS_LOG(failure, "Exception in while: %s\n", e.what());
+            continue;
+        }
+
+        try
+        {
+            BMCBUS_LOG(info, "before running task\n");
+            task();
+            BMCBUS_LOG(info, "after running task\n");
+        }
+        catch (const std::exception& e)
+        {
+            BMCBUS_LOG(failure, "Exception in task: %s\n", e.what());
+        }
+        catch (const abi::__forced_unwind&)
+        {
+            throw; // pthread_exit: swallowing it would end the process
+        }
+        catch (...)
+        {
+            BMCBUS_LOG(failure, "Exception in task: %s\n", "not a std::exception");
+        }
+    }
+}

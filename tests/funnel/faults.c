@@ -1,0 +1,107 @@
+/*
+ * Plain C without instrumentation: a sanitizer's runtime calls these functions before it is ready.
+ */
+#define _GNU_SOURCE
+#include "faults.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <stddef.h>
+
+struct Fault threadCreation;
+struct Fault keyCreation;
+struct Fault handlerRegistration;
+struct Fault condWait;
+struct Fault broadcast;
+struct Fault join;
+void (*beforeRegistration)(void (*prepare)(void));
+_Thread_local int nextLockFails;
+_Thread_local int nextUnlockFails;
+
+void FailCalls(struct Fault* fault, int good, int count, int error)
+{
+    __atomic_store_n(&fault->calls, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&fault->error, error, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&fault->first, good, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&fault->last, good + count, __ATOMIC_SEQ_CST);
+}
+
+int CountCalls(const struct Fault* fault)
+{
+    return __atomic_load_n(&fault->calls, __ATOMIC_SEQ_CST);
+}
+
+/* By default a child of a process with threads is ended as soon as it starts one itself. */
+const char* __tsan_default_options(void);
+const char* __tsan_default_options(void)
+{
+    return "die_after_fork=0";
+}
+
+static int thisCall(struct Fault* fault)
+{
+    const int number = __atomic_fetch_add(&fault->calls, 1, __ATOMIC_SEQ_CST);
+    const int failing = number >= __atomic_load_n(&fault->first, __ATOMIC_SEQ_CST) &&
+                        number < __atomic_load_n(&fault->last, __ATOMIC_SEQ_CST);
+    return failing ? __atomic_load_n(&fault->error, __ATOMIC_SEQ_CST) : 0;
+}
+
+static int thisCallOfThread(int* fails)
+{
+    const int irv = *fails;
+    *fails = 0;
+    return irv;
+}
+
+static void* next(void** cache, const char* name)
+{
+    void* found = __atomic_load_n(cache, __ATOMIC_ACQUIRE);
+    if (found == NULL)
+    {
+        found = dlsym(RTLD_NEXT, name);
+        __atomic_store_n(cache, found, __ATOMIC_RELEASE);
+    }
+    return found;
+}
+
+/* Defines `function`: it returns `irv` unless that is 0, else what the next definition returns. */
+#define STAND_IN(function, parameters, arguments, irv)                                             \
+    int function parameters;                                                                       \
+    int function parameters                                                                        \
+    {                                                                                              \
+        static void* cache;                                                                        \
+        int(*real) parameters = (int(*) parameters)next(&cache, #function);                        \
+        const int error = irv;                                                                     \
+        return error != 0 ? error : real arguments;                                                \
+    }
+
+#pragma GCC diagnostic ignored "-Wpedantic" /* dlsym() returns functions as data */
+
+STAND_IN(pthread_create,
+         (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*),
+          void* argument),
+         (thread, attributes, body, argument), thisCall(&threadCreation))
+STAND_IN(pthread_join, (pthread_t thread, void** result), (thread, result), thisCall(&join))
+STAND_IN(pthread_key_create, (pthread_key_t * key, void (*destroy)(void*)), (key, destroy),
+         thisCall(&keyCreation))
+STAND_IN(pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
+         (condition, mutex), thisCall(&condWait))
+STAND_IN(pthread_cond_broadcast, (pthread_cond_t * condition), (condition), thisCall(&broadcast))
+STAND_IN(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), thisCallOfThread(&nextLockFails))
+STAND_IN(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex),
+         thisCallOfThread(&nextUnlockFails))
+
+static int registration(void (*prepare)(void))
+{
+    void (*const hook)(void (*)(void)) = __atomic_load_n(&beforeRegistration, __ATOMIC_SEQ_CST);
+    if (hook != NULL)
+    {
+        hook(prepare);
+    }
+    return thisCall(&handlerRegistration);
+}
+
+/* What the C library's pthread_atfork calls, which is linked into each library. */
+STAND_IN(__register_atfork,
+         (void (*prepare)(void), void (*parent)(void), void (*child)(void), void* library),
+         (prepare, parent, child, library), registration(prepare))

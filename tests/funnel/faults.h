@@ -1,0 +1,44 @@
+/*
+ * Programs that link faults.c have these system calls fail on request, in the libraries as well.
+ */
+#pragma once
+
+#ifdef __cplusplus
+#define FAULT_THREAD_LOCAL constinit thread_local
+extern "C"
+{
+#else
+#define FAULT_THREAD_LOCAL _Thread_local
+#endif
+
+    struct Fault
+    {
+        int calls; /* since FailCalls() */
+        int first;
+        int last;
+        int error;
+    };
+
+    extern struct Fault threadCreation;
+    extern struct Fault keyCreation;
+    extern struct Fault handlerRegistration;
+    extern struct Fault condWait;
+    extern struct Fault broadcast;
+    extern struct Fault join;
+
+    /* Of the calls from now on, `count` fail with `error`, after the first `good` ones. */
+    void FailCalls(struct Fault* fault, int good, int count, int error);
+
+    /* How many calls were made since. */
+    int CountCalls(const struct Fault* fault);
+
+    /* Called before fork handlers are registered; any thread. */
+    extern void (*beforeRegistration)(void (*prepare)(void));
+
+    /* The next call of this thread returns that number. */
+    extern FAULT_THREAD_LOCAL int nextLockFails;
+    extern FAULT_THREAD_LOCAL int nextUnlockFails;
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,243 @@
+#include "bounded.hpp"
+#include "faults.h"
+#include "log_recorder.hpp"
+
+#include <pthread.h>
+#include <threadfunnel.hpp>
+
+#include <atomic>
+#include <latch>
+#include <thread>
+#include <vector>
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool sanitized = true;
+#else
+constexpr bool sanitized = false;
+#endif
+
+namespace
+{
+
+using test::InChild;
+
+std::atomic<int> registrations{0};
+std::latch reached(1);
+std::latch mayGoOn(1);
+
+bool SendRuns()
+{
+    bool ran = false;
+    pthread_t thread{};
+    std::function<void()> work = [&]
+    {
+        ran = true;
+        thread = pthread_self();
+    };
+    TF_init_and_send_work(work);
+    return ran && pthread_equal(thread, pthread_self()) == 0;
+}
+
+void StopRegistration(void (*)())
+{
+    reached.count_down();
+    mayGoOn.wait();
+}
+
+class FunnelFork : public test::Bounded
+{
+  protected:
+    void SetUp() override
+    {
+        Bounded::SetUp();
+        test::ClearLog();
+    }
+};
+
+TEST_F(FunnelFork, BothSidesKeepWorking)
+{
+    ASSERT_TRUE(SendRuns());
+    owc_tid = pthread_self();
+    owc_tid_valid = true;
+    const pthread_t before = funnel_tid;
+    test::ClearLog();
+    EXPECT_TRUE(InChild(
+        []
+        {
+            const bool cleared = !owc_tid_valid && !funnel_tid_valid;
+            return cleared && SendRuns() && funnel_tid_valid && InChild(SendRuns) && SendRuns();
+        }));
+    const std::vector<test::LogLine> lines = test::Log();
+    ASSERT_EQ(lines.size(), 3U) << test::Describe(lines);
+    EXPECT_EQ(lines[0].function + ": " + lines[0].text, "TF_atfork_prepare: enter");
+    EXPECT_EQ(lines[1].function + ": " + lines[1].text, "TF_atfork_prepare: got all three locks");
+    EXPECT_EQ(lines[2].function + ": " + lines[2].text, "TF_atfork_parent: enter");
+    EXPECT_TRUE(owc_tid_valid);
+    owc_tid_valid = false;
+    EXPECT_TRUE(SendRuns());
+    EXPECT_TRUE(pthread_equal(funnel_tid, before));
+}
+
+TEST_F(FunnelFork, ChildLogsWhatItForgets)
+{
+    ASSERT_TRUE(SendRuns());
+    test::ClearLog();
+    EXPECT_TRUE(InChild(
+        []
+        {
+            std::string steps;
+            for (const test::LogLine& line : test::Log())
+            {
+                steps += std::to_string(line.level) + " " + line.function + ": " + line.text + "\n";
+            }
+            const std::string expected =
+                "9 TF_atfork_prepare: enter\n"
+                "9 TF_atfork_prepare: got all three locks\n"
+                "9 TF_atfork_child: enter\n"
+                "9 TF_atfork_child: before free funnel_context\n"
+                "9 ~TF_context: enter\n"
+                "9 ~TF_context: clear is_funnel_thread\n"
+                "9 TF_atfork_child: before set funnel_initialized to false\n";
+            EXPECT_EQ(steps, expected);
+            return steps == expected;
+        }));
+}
+
+TEST_F(FunnelFork, ManyTimesWhileOthersSend)
+{
+    constexpr int forks = 100;
+    constexpr int senders = 4;
+    std::atomic<bool> stop{false};
+    std::atomic<int> refused{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < senders; ++i)
+    {
+        threads.emplace_back(
+            [&]
+            {
+                while (!stop)
+                {
+                    refused += SendRuns() ? 0 : 1;
+                }
+            });
+    }
+    int failed = 0;
+    for (int i = 0; i < forks; ++i)
+    {
+        failed += InChild(
+                      []
+                      {
+                          return SendRuns() && InChild(SendRuns) && SendRuns();
+                      })
+                      ? 0
+                      : 1;
+    }
+    stop = true;
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(refused, 0);
+    EXPECT_TRUE(SendRuns());
+}
+
+// The handlers are not in place yet while the first send starts the thread, and it holds every
+// lock.
+TEST_F(FunnelFork, DuringTheVeryFirstSend)
+{
+    IN_FRESH_PROCESS({
+        beforeRegistration = StopRegistration;
+        std::thread sender(
+            []
+            {
+                EXPECT_TRUE(SendRuns());
+            });
+        reached.wait();
+        beforeRegistration = nullptr;
+        EXPECT_TRUE(InChild(
+            []
+            {
+                return SendRuns() && InChild(SendRuns) && SendRuns();
+            }));
+        mayGoOn.count_down();
+        sender.join();
+        EXPECT_TRUE(InChild(SendRuns));
+    });
+}
+
+// _Fork() and the like run no handlers at all.
+TEST_F(FunnelFork, WithoutHandlersDuringASend)
+{
+    if (sanitized)
+    {
+        GTEST_SKIP() << "the sanitizer's own locks do not survive a fork without handlers";
+    }
+    std::latch running(1);
+    std::latch go(1);
+    std::thread sender(
+        [&]
+        {
+            std::function<void()> work = [&]
+            {
+                running.count_down();
+                go.wait();
+            };
+            TF_init_and_send_work(work);
+        });
+    running.wait();
+    EXPECT_TRUE(InChild(
+        []
+        {
+            return SendRuns() && InChild(SendRuns);
+        },
+        _Fork));
+    go.count_down();
+    sender.join();
+    EXPECT_TRUE(SendRuns());
+}
+
+TEST_F(FunnelFork, HandlersAreRegisteredOncePerLineage)
+{
+    IN_FRESH_PROCESS({
+        beforeRegistration = [](void (*prepare)())
+        {
+            registrations += prepare == TF_atfork_prepare ? 1 : 0;
+        };
+        EXPECT_TRUE(SendRuns());
+        EXPECT_EQ(registrations, 1);
+        EXPECT_TRUE(InChild(
+            []
+            {
+                return SendRuns() && InChild(SendRuns) && registrations == 1;
+            }));
+    });
+}
+
+TEST_F(FunnelFork, InsideAnItemIsReported)
+{
+    IN_FRESH_PROCESS({
+        std::thread sender(
+            []
+            {
+                std::function<void()> work = []
+                {
+                    InChild(
+                        []
+                        {
+                            return true;
+                        });
+                };
+                TF_init_and_send_work(work);
+            });
+        EXPECT_TRUE(test::Eventually(
+            []
+            {
+                return test::CountLog(1, 300, "TF_atfork_prepare",
+                                      "fork on the thread that a send waits for: deadlock\n") == 1U;
+            }));
+        sender.detach();
+    });
+}
+
+} // namespace

@@ -1,0 +1,354 @@
+#include "bounded.hpp"
+#include "log_recorder.hpp"
+
+#include <gmock/gmock.h>
+#include <pthread.h>
+#include <threadfunnel.hpp>
+
+#include <atomic>
+#include <latch>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using test::CountLog;
+
+constexpr unsigned int source = 300;
+constexpr unsigned int alternate = 4711;
+
+// The funnel serves other initialisers too: the first send of this program comes before main().
+const pthread_t earlyFunnelThread = []
+{
+    pthread_t thread{};
+    std::function<void()> work = [&]
+    {
+        thread = pthread_self();
+    };
+    TF_init_and_send_work(work);
+    return thread;
+}();
+const std::vector<test::LogLine> earlyLog = test::Log();
+
+void Send(std::function<void()> work)
+{
+    TF_init_and_send_work(work);
+}
+
+bool Runs()
+{
+    bool ran = false;
+    Send(
+        [&]
+        {
+            ran = true;
+        });
+    return ran;
+}
+
+std::vector<std::string> Steps(const std::vector<test::LogLine>& lines)
+{
+    std::vector<std::string> steps;
+    for (const test::LogLine& line : lines)
+    {
+        EXPECT_EQ(line.source, source);
+        EXPECT_EQ(line.file, "threadfunnel.cpp");
+        steps.push_back(std::to_string(line.level) + " " + line.function + ": " + line.text);
+    }
+    return steps;
+}
+
+class Funnel : public test::Bounded
+{
+  protected:
+    void SetUp() override
+    {
+        Bounded::SetUp();
+        test::ClearLog();
+    }
+    void TearDown() override
+    {
+        TF_set_alternate_log_source(0);
+        Bounded::TearDown();
+    }
+};
+
+TEST_F(Funnel, SendsOfAllThreadsRunOneByOneOnOneThread)
+{
+    constexpr int senders = 4;
+    constexpr int each = 500;
+    int ran = 0; // plain on purpose: the items must not overlap
+    std::atomic<int> unfinished{0};
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < senders; ++i)
+    {
+        threads.emplace_back(
+            [&]
+            {
+                for (int n = 0; n < each; ++n)
+                {
+                    bool mine = false;
+                    Send(
+                        [&]
+                        {
+                            mine = true;
+                            ++ran;
+                            EXPECT_TRUE(pthread_equal(pthread_self(), earlyFunnelThread));
+                        });
+                    unfinished += mine ? 0 : 1;
+                }
+            });
+    }
+    threads.clear();
+    EXPECT_EQ(unfinished, 0);
+    EXPECT_EQ(ran, senders * each);
+    EXPECT_TRUE(funnel_tid_valid);
+    EXPECT_TRUE(pthread_equal(funnel_tid, earlyFunnelThread));
+    TF_cond_lock();
+    EXPECT_EQ(TF_function, nullptr);
+    TF_cond_unlock();
+    EXPECT_TRUE(test::Log(5).empty()) << test::Describe(test::Log(5));
+}
+
+TEST_F(Funnel, ItemThatSendsRunsDirectly)
+{
+    bool inner = false;
+    Send(
+        [&]
+        {
+            Send(
+                [&]
+                {
+                    inner = pthread_equal(pthread_self(), earlyFunnelThread) != 0;
+                });
+            EXPECT_TRUE(inner);
+            EXPECT_TRUE(TF_check_for_deadlock());
+            std::function<void()> throws = []
+            {
+                throw std::runtime_error("direct");
+            };
+            TF_init_and_send_work(throws);
+            EXPECT_THROW(Send(
+                             []
+                             {
+                                 throw 7;
+                             }),
+                         int);
+            Send(nullptr);
+        });
+    EXPECT_TRUE(inner);
+    const std::string name = "TF_init_and_send_work";
+    EXPECT_EQ(CountLog(5, source, name, "running direct because current thread is funnel thread\n"),
+              4U);
+    EXPECT_EQ(CountLog(1, source, "TF_check_for_deadlock", "deadlock A detected\n"), 1U);
+    EXPECT_EQ(CountLog(2, source, name, "EXCEPTION direct\n"), 1U);
+    EXPECT_EQ(CountLog(2, source, name,
+                       std::string("EXCEPTION ") + std::bad_function_call().what() + "\n"),
+              1U);
+}
+
+TEST_F(Funnel, ProtectedThreadIsRefused)
+{
+    TF_start_deadlock_protection();
+    EXPECT_FALSE(Runs());
+    std::thread(
+        []
+        {
+            EXPECT_FALSE(TF_check_for_deadlock());
+        })
+        .join();
+    TF_end_deadlock_protection();
+    EXPECT_TRUE(Runs());
+    EXPECT_EQ(CountLog(1, source, "TF_check_for_deadlock", "deadlock B detected\n"), 1U);
+    EXPECT_EQ(CountLog(1, source, "TF_init_and_send_work", "deadlock detected\n"), 1U);
+    EXPECT_EQ(test::Log(5).size(), 2U);
+}
+
+TEST_F(Funnel, ChannelThreadIsRefused)
+{
+    owc_tid = pthread_self();
+    owc_tid_valid = true;
+    EXPECT_FALSE(Runs());
+    TF_start_deadlock_protection();
+    EXPECT_TRUE(TF_check_for_deadlock_in_callback());
+    EXPECT_TRUE(TF_check_for_deadlock());
+    TF_end_deadlock_protection();
+    EXPECT_FALSE(TF_check_for_deadlock_in_callback());
+    owc_tid_valid = false;
+    EXPECT_TRUE(Runs());
+    const std::string check = "1 TF_check_for_deadlock: ";
+    EXPECT_THAT(Steps(test::Log()),
+                testing::IsSupersetOf({check + "deadlock D detected\n",
+                                       std::string("1 TF_init_and_send_work: deadlock detected\n"),
+                                       std::string("1 TF_check_for_deadlock_in_callback: "
+                                                   "deadlock E detected\n")}));
+    EXPECT_THAT(Steps(test::Log()), testing::Contains(check + "deadlock D detected\n").Times(2));
+    EXPECT_THAT(Steps(test::Log()), testing::Contains(check + "deadlock B detected\n").Times(1));
+}
+
+TEST_F(Funnel, CallbackLearnsThatTheFunnelThreadIsBlocked)
+{
+    bool blocked = false;
+    Send(
+        [&]
+        {
+            TF_start_deadlock_protection(); // as a send over the channel does
+            std::thread(
+                [&]
+                {
+                    blocked = TF_check_for_deadlock_in_callback();
+                })
+                .join();
+        });
+    EXPECT_TRUE(blocked);
+    EXPECT_EQ(CountLog(1, source, "TF_check_for_deadlock_in_callback", "deadlock C detected\n"),
+              1U);
+    EXPECT_FALSE(TF_check_for_deadlock_in_callback());
+}
+
+TEST_F(Funnel, ExceptionsStayOnTheFunnelThread)
+{
+    Send(
+        []
+        {
+            throw std::runtime_error("of the item");
+        });
+    Send(nullptr);
+    Send(
+        []
+        {
+            throw 7;
+        });
+    EXPECT_TRUE(Runs());
+    EXPECT_TRUE(pthread_equal(funnel_tid, earlyFunnelThread));
+    const std::string name = "TF_funnel_thread";
+    EXPECT_EQ(CountLog(2, source, name, "EXCEPTION of the item\n"), 1U);
+    EXPECT_EQ(CountLog(2, source, name,
+                       std::string("EXCEPTION ") + std::bad_function_call().what() + "\n"),
+              1U);
+    EXPECT_EQ(CountLog(2, source, name, "EXCEPTION not a std::exception\n"), 1U);
+    EXPECT_EQ(test::LogOf("EXCEPTION %s.%d.%s: %s\n").size(), 3U);
+}
+
+TEST_F(Funnel, AlternateSourceReceivesRefusalsAndExceptions)
+{
+    TF_set_alternate_log_source(alternate);
+    EXPECT_EQ(TF_alternate_log_source, alternate);
+    TF_start_deadlock_protection();
+    EXPECT_FALSE(Runs());
+    TF_end_deadlock_protection();
+    Send(
+        []
+        {
+            throw std::runtime_error("of the item");
+        });
+    for (const unsigned int id : {source, alternate})
+    {
+        EXPECT_EQ(CountLog(1, id, "TF_check_for_deadlock", "deadlock B detected\n"), 1U);
+        EXPECT_EQ(CountLog(1, id, "TF_init_and_send_work", "deadlock detected\n"), 1U);
+        EXPECT_EQ(CountLog(2, id, "TF_funnel_thread", "EXCEPTION of the item\n"), 1U);
+    }
+    EXPECT_EQ(test::Log(5).size(), 6U);
+}
+
+TEST_F(Funnel, DemonstrationIsLogged)
+{
+    TF_poc();
+    EXPECT_EQ(CountLog(9, source, "TF_poc", "enter"), 1U);
+    EXPECT_EQ(CountLog(9, source, "operator()", "poc"), 1U);
+    EXPECT_EQ(CountLog(9, source, "TF_poc", "leave"), 1U);
+}
+
+TEST_F(Funnel, MainLockKeepsSendsOut)
+{
+    std::atomic<bool> unlocked{false};
+    std::atomic<bool> started{false};
+    TF_lock();
+    std::thread sender(
+        [&]
+        {
+            started = true;
+            Send(
+                [&]
+                {
+                    EXPECT_TRUE(unlocked);
+                });
+        });
+    EXPECT_TRUE(test::Eventually(
+        [&]
+        {
+            return started.load();
+        }));
+    sched_yield();
+    unlocked = true;
+    TF_unlock();
+    sender.join();
+}
+
+TEST_F(Funnel, ItemMayEndTheFunnelThread)
+{
+    IN_FRESH_PROCESS({
+        Send(
+            []
+            {
+                pthread_exit(nullptr);
+            });
+        EXPECT_TRUE(Runs());
+        EXPECT_TRUE(Runs());
+        EXPECT_TRUE(test::Eventually(
+            []
+            {
+                return CountLog(9, source, "~TF_context", "clear is_funnel_thread") == 1U;
+            }));
+        EXPECT_TRUE(Runs());
+        EXPECT_EQ(CountLog(9, source, "TF_funnel_thread", "before loop"), 1U);
+    });
+}
+
+TEST_F(Funnel, CancelledSenderIsEndedOnlyAfterItsItem)
+{
+    std::latch running(1);
+    std::latch cancelled(1);
+    std::atomic<bool> finished{false};
+    std::atomic<bool> gone{false};
+    std::thread sender(
+        [&]
+        {
+            std::function<void()> work = [&]
+            {
+                running.count_down();
+                cancelled.wait();
+                finished = true;
+            };
+            TF_init_and_send_work(work);
+            gone = finished.load();
+            pthread_testcancel();
+            ADD_FAILURE() << "not cancelled";
+        });
+    running.wait();
+    pthread_cancel(sender.native_handle());
+    cancelled.count_down();
+    sender.join();
+    EXPECT_TRUE(gone);
+    EXPECT_TRUE(Runs());
+}
+
+TEST_F(Funnel, FirstSendLogsItsSteps)
+{
+    const std::vector<std::string> expected{
+        "9 TF_start_funnel_thread_if_needed: starting funnel thread",
+        "9 TF_funnel_thread: enter",
+        "9 TF_get_or_allocate_ctx: enter",
+        "9 TF_context: enter",
+        "9 TF_get_or_allocate_ctx: leave",
+        "9 TF_funnel_thread: before startup broadcast",
+        "9 TF_funnel_thread: before loop"};
+    std::vector<std::string> steps = Steps(earlyLog);
+    steps.resize(expected.size());
+    EXPECT_EQ(steps, expected);
+}
+
+} // namespace
