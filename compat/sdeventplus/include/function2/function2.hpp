@@ -76,14 +76,14 @@ class unique_function<Result(Arguments...)>
     }
 
   private:
-    struct concept_of
+    struct base
     {
-        virtual ~concept_of() = default;
+        virtual ~base() = default;
         virtual Result call(Arguments... arguments) = 0;
     };
 
     template <typename Stored>
-    struct model final : concept_of
+    struct model final : base
     {
         explicit model(Stored&& from) : target(std::move(from))
         {
@@ -97,7 +97,7 @@ class unique_function<Result(Arguments...)>
         Stored target;
     };
 
-    std::unique_ptr<concept_of> held;
+    std::unique_ptr<base> held;
 };
 
 } // namespace fu2

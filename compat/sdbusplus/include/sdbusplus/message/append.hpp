@@ -70,21 +70,21 @@ void append_one(sd_bus_message* m, const T& value)
     {
         sd_bus_message_append_basic(m, signature<T>.data[0], &value);
     }
-    else if constexpr (text<T> || std::is_same_v<T, object_path>)
+    else if constexpr (text<T>)
     {
         append_text(m, value);
     }
-    else if constexpr (is_bulk<T>::value)
+    else if constexpr (bulk<T>)
     {
         sd_bus_message_append_array(m, signature<T>.data[1], value.data(),
                                     value.size() * sizeof(value[0]));
     }
-    else if constexpr (is_pair<T>::value)
+    else if constexpr (is_a<T, std::pair>)
     {
         append_container(m, 'e', contents<typename T::first_type, typename T::second_type>.c_str(),
                          value.first, value.second);
     }
-    else if constexpr (is_tuple<T>::value)
+    else if constexpr (is_a<T, std::tuple>)
     {
         std::apply(
             [m](const auto&... parts)
@@ -94,7 +94,7 @@ void append_one(sd_bus_message* m, const T& value)
             },
             value);
     }
-    else if constexpr (is_variant<T>::value)
+    else if constexpr (is_a<T, std::variant>)
     {
         std::visit(
             [m](const auto& held)
@@ -106,7 +106,7 @@ void append_one(sd_bus_message* m, const T& value)
     }
     else
     {
-        static_assert(sizeof(signature<T>) > 0, "not a D-Bus type");
+        static_assert(sequence<T> || keyed<T>, "not a D-Bus type");
         append_elements(m, value);
     }
 }

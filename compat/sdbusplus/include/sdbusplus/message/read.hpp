@@ -39,13 +39,13 @@ struct array_prefixes
     const char* exit;
 };
 
-inline constexpr array_prefixes growing{
+inline constexpr array_prefixes to_the_end{
     "sd_bus_message_enter_container emplace_back_container",
     "sd_bus_message_at_end emplace_back_container",
     "sd_bus_message_exit_container emplace_back_container",
 };
 
-inline constexpr array_prefixes keyed{
+inline constexpr array_prefixes by_key{
     "sd_bus_message_enter_container emplace_container",
     "sd_bus_message_at_end emplace_container",
     "sd_bus_message_exit_container emplace_container",
@@ -111,7 +111,7 @@ bool read_alternative(sd_bus_message* m, std::variant<T...>& value)
           "sd_bus_message_enter_container variant");
     Alternative found{};
     read_one(m, found);
-    value = std::move(found);
+    value.template emplace<Alternative>(std::move(found));
     check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container variant");
     return true;
 }
@@ -124,7 +124,7 @@ void read_variant(sd_bus_message* m, std::variant<First, T...>& value)
         return;
     }
     check(sd_bus_message_skip(m, "v"), "sd_bus_message_skip variant");
-    value = First{};
+    value.template emplace<0>();
 }
 
 template <typename T>
@@ -141,46 +141,46 @@ void read_one(sd_bus_message* m, T& value)
         check(sd_bus_message_read_basic(m, signature<T>.data[0], &value),
               "sd_bus_message_read_basic fundamental");
     }
-    else if constexpr (text<T> || std::is_same_v<T, object_path>)
+    else if constexpr (text<T>)
     {
         read_text(m, value);
     }
-    else if constexpr (is_bulk<T>::value)
+    else if constexpr (bulk<T>)
     {
         read_bulk(m, value);
     }
-    else if constexpr (is_sequence<T>::value)
+    else if constexpr (growing<T>)
     {
         using Element = typename T::value_type;
-        read_array<Element>(m, signature<Element>.c_str(), growing,
+        read_array<Element>(m, signature<Element>.c_str(), to_the_end,
                             [&](Element&& element)
                             {
                                 value.emplace_back(std::move(element));
                             });
     }
-    else if constexpr (is_set<T>::value)
+    else if constexpr (keyed_by_itself<T>)
     {
         using Element = typename T::value_type;
-        read_array<Element>(m, signature<Element>.c_str(), keyed,
+        read_array<Element>(m, signature<Element>.c_str(), by_key,
                             [&](Element&& element)
                             {
                                 value.emplace(std::move(element));
                             });
     }
-    else if constexpr (is_map<T>::value)
+    else if constexpr (keyed<T>)
     {
         using Entry = std::pair<typename T::key_type, typename T::mapped_type>;
-        read_array<Entry>(m, signature<T>.c_str() + 1, keyed,
+        read_array<Entry>(m, signature<T>.c_str() + 1, by_key,
                           [&](Entry&& entry)
                           {
                               value.emplace(std::move(entry));
                           });
     }
-    else if constexpr (is_pair<T>::value)
+    else if constexpr (is_a<T, std::pair>)
     {
         read_struct(m, 'e', value.first, value.second);
     }
-    else if constexpr (is_tuple<T>::value)
+    else if constexpr (is_a<T, std::tuple>)
     {
         std::apply(
             [m](auto&... parts)
@@ -191,7 +191,7 @@ void read_one(sd_bus_message* m, T& value)
     }
     else
     {
-        static_assert(is_variant<T>::value, "not a D-Bus type");
+        static_assert(is_a<T, std::variant>, "not a D-Bus type");
         read_variant(m, value);
     }
 }

@@ -61,6 +61,16 @@ struct object_path
 namespace details
 {
 
+template <typename T, template <typename...> class Template>
+inline constexpr bool is_a = false;
+template <template <typename...> class Template, typename... T>
+inline constexpr bool is_a<Template<T...>, Template> = true;
+
+template <typename T>
+inline constexpr bool is_array = false;
+template <typename T, std::size_t n>
+inline constexpr bool is_array<std::array<T, n>> = true;
+
 template <typename T, typename... Choices>
 concept one_of = (std::is_same_v<T, Choices> || ...);
 
@@ -70,92 +80,23 @@ concept number = one_of<T, std::uint8_t, std::int16_t, std::uint16_t, std::int32
                         std::int64_t, std::uint64_t, double>;
 
 template <typename T>
-concept text = one_of<T, std::string, const char*, char*>;
+concept text = one_of<T, std::string, const char*, char*, object_path>;
 
 template <typename T>
-struct is_sequence : std::false_type
-{
-};
-template <typename T, typename A>
-struct is_sequence<std::vector<T, A>> : std::true_type
-{
-};
-template <typename T, typename A>
-struct is_sequence<std::list<T, A>> : std::true_type
-{
-};
+concept keyed_by_itself = is_a<T, std::set>;
 
 template <typename T>
-struct is_set : std::false_type
-{
-};
-template <typename T, typename C, typename A>
-struct is_set<std::set<T, C, A>> : std::true_type
-{
-};
+concept growing = is_a<T, std::vector> || is_a<T, std::list>;
 
 template <typename T>
-struct is_array : std::false_type
-{
-};
-template <typename T, std::size_t n>
-struct is_array<std::array<T, n>> : std::true_type
-{
-};
+concept keyed = is_a<T, std::map> || is_a<T, std::unordered_map>;
 
 template <typename T>
-struct is_map : std::false_type
-{
-};
-template <typename K, typename V, typename C, typename A>
-struct is_map<std::map<K, V, C, A>> : std::true_type
-{
-};
-template <typename K, typename V, typename H, typename E, typename A>
-struct is_map<std::unordered_map<K, V, H, E, A>> : std::true_type
-{
-};
+concept sequence = growing<T> || keyed_by_itself<T> || is_array<T>;
 
+/** Numbers in a row, read and written in one piece. */
 template <typename T>
-struct is_pair : std::false_type
-{
-};
-template <typename K, typename V>
-struct is_pair<std::pair<K, V>> : std::true_type
-{
-};
-
-template <typename T>
-struct is_tuple : std::false_type
-{
-};
-template <typename... T>
-struct is_tuple<std::tuple<T...>> : std::true_type
-{
-};
-
-template <typename T>
-struct is_variant : std::false_type
-{
-};
-template <typename... T>
-struct is_variant<std::variant<T...>> : std::true_type
-{
-};
-
-/** A vector or array of numbers, read and written in one piece. */
-template <typename T>
-struct is_bulk : std::false_type
-{
-};
-template <number T, typename A>
-struct is_bulk<std::vector<T, A>> : std::true_type
-{
-};
-template <number T, std::size_t n>
-struct is_bulk<std::array<T, n>> : std::true_type
-{
-};
+concept bulk = number<typename T::value_type> &&(is_a<T, std::vector> || is_array<T>);
 
 /** Signature text that is put together while compiling; the size leaves out the final zero. */
 template <std::size_t n>
@@ -213,19 +154,21 @@ template <> struct signature_of<std::uint32_t> : basic_signature<'u'> {};
 template <> struct signature_of<std::int64_t> : basic_signature<'x'> {};
 template <> struct signature_of<std::uint64_t> : basic_signature<'t'> {};
 template <> struct signature_of<double> : basic_signature<'d'> {};
-template <text T> struct signature_of<T> : basic_signature<'s'> {};
+template <> struct signature_of<std::string> : basic_signature<'s'> {};
+template <> struct signature_of<const char*> : basic_signature<'s'> {};
+template <> struct signature_of<char*> : basic_signature<'s'> {};
 template <> struct signature_of<object_path> : basic_signature<'o'> {};
 template <typename... T> struct signature_of<std::variant<T...>> : basic_signature<'v'> {};
 // clang-format on
 
-template <typename T>
-requires(is_sequence<T>::value || is_set<T>::value || is_array<T>::value) struct signature_of<T>
+template <sequence T>
+struct signature_of<T>
 {
     static constexpr auto value = join(letter('a'), signature<typename T::value_type>);
 };
 
-template <typename T>
-requires(is_map<T>::value) struct signature_of<T>
+template <keyed T>
+struct signature_of<T>
 {
     static constexpr auto value = join(letter('a'), letter('{'), signature<typename T::key_type>,
                                        signature<typename T::mapped_type>, letter('}'));

@@ -1,0 +1,183 @@
+// The stand-in for the platform's debug log.
+
+#include <dlog.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using testing::ElementsAre;
+using testing::EndsWith;
+
+// Runs `body` in a child whose standard error is a socket that keeps every write apart, with this
+// DLOG_LEVEL; gives what was written. The child's exit code must be 0.
+std::vector<std::string> Written(const char* level, const std::function<int()>& body)
+{
+    int pair[2] = {-1, -1};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair), 0);
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        alarm(120); // ends a child that hangs
+        dup2(pair[1], STDERR_FILENO);
+        close(pair[0]);
+        close(pair[1]);
+        level == nullptr ? unsetenv("DLOG_LEVEL") : setenv("DLOG_LEVEL", level, 1);
+        _exit(body());
+    }
+    close(pair[1]);
+    std::vector<std::string> writes;
+    std::vector<char> buffer(100000);
+    for (ssize_t size = 0; (size = recv(pair[0], buffer.data(), buffer.size(), 0)) > 0;)
+    {
+        writes.emplace_back(buffer.data(), static_cast<size_t>(size));
+    }
+    close(pair[0]);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    return writes;
+}
+
+// The levels of 1 to 9 that are written with this setting.
+std::string Levels(const char* setting)
+{
+    std::string levels;
+    for (const std::string& line : Written(setting,
+                                           []
+                                           {
+                                               for (int level = 1; level < 10; ++level)
+                                               {
+                                                   dlog_printf(level, 300, "%d", level);
+                                               }
+                                               return 0;
+                                           }))
+    {
+        levels += line.at(line.size() - 2);
+    }
+    return levels;
+}
+
+TEST(Dlog, DropsWhatIsAboveTheThreshold)
+{
+    EXPECT_EQ(Levels(nullptr), "12");
+    EXPECT_EQ(Levels("5"), "12345");
+    EXPECT_EQ(Levels("9"), "123456789");
+    EXPECT_EQ(Levels("99999999999"), "123456789");
+    EXPECT_EQ(Levels("0"), "");
+    for (const char* malformed : {"", "x", "5x", "-1"})
+    {
+        EXPECT_EQ(Levels(malformed), "12") << malformed;
+    }
+}
+
+TEST(Dlog, WritesEachLineAtOnceAndWhole)
+{
+    const std::string large(50000, 'l');
+    const auto lines =
+        Written("2",
+                [&]
+                {
+                    dlog_printf(1, 300, "%s.%d: %s", "file", 7, "text");
+                    dlog_printf(2, 127, "newline\n");
+                    dlog_printf(2, 127, "%s|", large.c_str());
+                    for (size_t size = 900; size < 1100; ++size) // around the size of the buffer
+                    {
+                        dlog_printf(2, 1, "<%s>", large.substr(0, size).c_str());
+                    }
+                    return 0;
+                });
+    ASSERT_EQ(lines.size(), 203U);
+    EXPECT_THAT(lines[0],
+                testing::ContainsRegex(
+                    "^[0-9:]{8}\\.[0-9]{6} \\[[0-9]+\\] <1> \\{300\\} file\\.7: text\n$"));
+    EXPECT_THAT(lines[1], EndsWith("<2> {127} newline\n"));
+    EXPECT_THAT(lines[2], EndsWith("} " + large + "|\n"));
+    for (size_t i = 3; i < lines.size(); ++i)
+    {
+        EXPECT_THAT(lines[i], EndsWith("} <" + large.substr(0, 897 + i) + ">\n"));
+    }
+}
+
+TEST(Dlog, LeavesErrnoAloneAndTellsWhatItDid)
+{
+    const auto lines =
+        Written("2",
+                []
+                {
+                    errno = ENXIO;
+                    const bool dropped = dlog_printf(3, 1, "dropped") == 0 && errno == ENXIO;
+                    const bool written = dlog_printf(2, 1, "written") > 8 && errno == ENXIO;
+                    close(STDERR_FILENO);
+                    const bool failed = dlog_printf(2, 1, "failed") < 0 && errno == ENXIO;
+                    return dropped && written && failed ? 0 : 1;
+                });
+    EXPECT_THAT(lines, ElementsAre(EndsWith(" written\n")));
+}
+
+TEST(Dlog, ForkedChildrenWriteWhileThreadsDo)
+{
+    constexpr int children = 20;
+    const std::string tail(200, '.');
+    const auto lines = Written("2",
+                               [&]
+                               {
+                                   std::atomic<bool> done = false;
+                                   std::vector<std::thread> threads;
+                                   for (int t = 0; t < 3; ++t)
+                                   {
+                                       threads.emplace_back(
+                                           [&]
+                                           {
+                                               while (!done)
+                                               {
+                                                   dlog_printf(2, 1, "thread%s", tail.c_str());
+                                               }
+                                           });
+                                   }
+                                   int failed = 0;
+                                   for (int i = 0; i < children; ++i)
+                                   {
+                                       const pid_t child = fork();
+                                       if (child == 0)
+                                       {
+                                           alarm(120);
+                                           dlog_printf(2, 1, "child%s", tail.c_str());
+                                           _exit(0);
+                                       }
+                                       int status = -1;
+                                       waitpid(child, &status, 0);
+                                       failed += status != 0;
+                                   }
+                                   done = true;
+                                   for (std::thread& thread : threads)
+                                   {
+                                       thread.join();
+                                   }
+                                   return failed;
+                               });
+    size_t fromThreads = 0;
+    size_t fromChildren = 0;
+    for (const std::string& line : lines)
+    {
+        fromThreads += line.ends_with(" thread" + tail + "\n");
+        fromChildren += line.ends_with(" child" + tail + "\n");
+    }
+    EXPECT_GT(fromThreads, 0U);
+    EXPECT_EQ(fromChildren, static_cast<size_t>(children));
+    EXPECT_EQ(lines.size(), fromThreads + fromChildren) << "a line was cut or mixed";
+}
+
+} // namespace
