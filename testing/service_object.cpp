@@ -52,6 +52,18 @@ Object::Found Object::FindProperty(const std::string& name) const
                 });
 }
 
+std::vector<std::string> Object::Interfaces() const
+{
+    return service.OnThread([this] {
+        std::vector<std::string> names;
+        for (const auto& [name, slot] : slots)
+        {
+            names.push_back(name);
+        }
+        return names;
+    });
+}
+
 // --- values -------------------------------------------------------------------------------------
 
 Object::Slot& Object::Insert(InterfaceDescription description, const NamedValues& values)

@@ -141,6 +141,11 @@ std::vector<std::string> SplitSignature(std::string_view signature)
     return types;
 }
 
+Value::Value(std::string type, Content value) :
+    signature(std::move(type)), content(std::move(value))
+{
+}
+
 Value::Value(const char* text) : signature("s"), content(std::string(text))
 {
 }

@@ -113,6 +113,9 @@ class Object
         return path;
     }
 
+    /** The names of the object's interfaces, in byte order. */
+    std::vector<std::string> Interfaces() const;
+
     /**
      * Stores a value and announces it with PropertiesChanged.
      *

@@ -190,9 +190,8 @@ class Value
     using Content = std::variant<bool, uint8_t, int16_t, uint16_t, int32_t, uint32_t, int64_t,
                                  uint64_t, double, std::string, std::vector<Value>>;
 
-    Value(std::string type, Content value) : signature(std::move(type)), content(std::move(value))
-    {
-    }
+    // Not inline: compilers lose track of the variant's state and warn in the user's code.
+    Value(std::string type, Content value);
 
     // Takes any content as it is; only codecs and the sources of this class know what fits.
     template <class T>
