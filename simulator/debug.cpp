@@ -1,0 +1,33 @@
+#include "debug.hpp"
+
+namespace simulator
+{
+
+Debug::Debug(const Model& machine, sd_event* loop) :
+    Part("com.tamm.bmc.Debug", loop),
+    model(machine),
+    object(Add("/com/tamm/bmc/debug", "com.tamm.bmc.debug.dataorigin"))
+{
+    object.SetQuietly({{"originstring", "simulator"}, {"debugproperty", "nothing yet"}});
+    object.OnWrite("debugproperty",
+                   [this](const Value& written)
+                   {
+                       object.Emit("debugsignal", "debugproperty is " + written.Get<std::string>());
+                   });
+    // The text comes back, and becomes the origin.
+    object.OnCall("debugmethod",
+                  [this](const Call& call)
+                  {
+                      const auto text = call.arguments[0].Get<std::string>();
+                      object.Set("originstring", text);
+                      object.Emit("debugsignal", "debugmethod was told " + text);
+                      return std::vector<Value>{text};
+                  });
+}
+
+void Debug::Publish()
+{
+    object.Emit("debugsignal", "step " + std::to_string(model.steps));
+}
+
+} // namespace simulator

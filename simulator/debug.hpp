@@ -1,0 +1,22 @@
+#pragma once
+
+// An object to try things with: it says what it was told.
+
+#include "model.hpp"
+#include "part.hpp"
+
+namespace simulator
+{
+
+class Debug : public Part
+{
+  public:
+    Debug(const Model& machine, sd_event* loop);
+    void Publish() override;
+
+  private:
+    const Model& model;
+    Object& object;
+};
+
+} // namespace simulator

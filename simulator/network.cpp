@@ -1,0 +1,175 @@
+#include "network.hpp"
+
+#include "descriptions.hpp"
+
+#include <algorithm>
+#include <tuple>
+
+namespace simulator
+{
+namespace
+{
+
+constexpr const char* portInterface = "com.tamm.ovrik.wharfd.OSLogicalNetworkInterface";
+constexpr const char* tableInterface = "com.tamm.ovrik.wharfd.OSLogicalNetworkInterfaces";
+constexpr const char* root = "/com/tamm/ovrik/wharfd/network";
+constexpr size_t nameColumn = 2;
+constexpr uint64_t plugSteps = 8; // how long the plugged interface stays, and stays away
+constexpr uint64_t linkSteps = 5; // how long the second link is up, and down
+
+std::string PathOf(const std::string& name)
+{
+    return std::string(root) + "/" + name;
+}
+
+const std::vector<bmcbus::testing::PropertyDescription>& Columns()
+{
+    return Describe(portInterface).properties;
+}
+
+} // namespace
+
+Network::Network(const Model& machine, sd_event* loop) :
+    Part("com.tamm.ovrik.wharfd.wharfd", loop),
+    model(machine),
+    table(Add(root, tableInterface)),
+    events(service)
+{
+    service.Manage("/com/tamm/ovrik/wharfd");
+    Plug({"eth0", "Management port", 10});
+    Plug({"eth1", "Port shared with the host", 11});
+    table.OnWrite("OSLogicalNetworkInterfaces",
+                  [this](const Value& rows)
+                  {
+                      TakeTable(rows);
+                  });
+    Publish();
+}
+
+NamedValues Network::Values(const Port& port) const
+{
+    using Pairs = std::vector<std::tuple<std::string, std::string>>;
+    using Addresses = std::vector<std::tuple<std::string, std::string, uint32_t>>;
+    using Addresses6 = std::vector<std::tuple<std::string, uint32_t, uint32_t, uint32_t, uint32_t>>;
+    using Servers = std::vector<std::tuple<std::string, uint32_t>>;
+    const std::string number = std::to_string(port.number);
+    const std::string name = port.name;
+    const std::string mac = "02:00:00:00:00:" + number;
+    return {
+        {"OSLogicalNetworkFQDD", "OSLogicalNetwork." + name},
+        {"FQDD", "NIC.Embedded." + name},
+        {"ifName", name},
+        {"ifDescription", port.text},
+        {"ifStatus", 1},
+        {"ifType", 6},
+        {"isDHCPEnabled", 1},
+        {"dhcpServerV4", "192.0.2.1"},
+        {"dhcpServerV6", "2001:db8::1"},
+        {"macAddrStr", mac},
+        {"subnetMask", "255.255.255.0"},
+        {"scope", 0},
+        {"prefixLen", 24},
+        {"hostName", "bmc"},
+        {"fqdn", "bmc.example.com"},
+        {"isInterfaceEnabled", 1},
+        {"maxIpv6Addresses", 16},
+        {"mtuSize", 1500},
+        {"numVlans", 2},
+        {"vlanId", std::vector<uint32_t>{1, 100}},
+        {"vlanStatus", 1},
+        {"NICPhyAddrInfo", Pairs{{"permanent", mac}, {"current", mac}}},
+        {"Ipv4Info", Addresses{{"192.0.2." + number, "255.255.255.0", 1}}},
+        {"Ipv6Info",
+         Addresses6{{"2001:db8::" + number, 64, 1, 0, 0}, {"fe80::" + number, 64, 2, 0, 0}}},
+        {"GateWay", Servers{{"192.0.2.1", 4}, {"2001:db8::1", 6}}},
+        {"DNSServer", Servers{{"192.0.2.53", 4}}},
+    };
+}
+
+void Network::Plug(const Port& port)
+{
+    Object& object = service.AddObject(PathOf(port.name), {Describe(portInterface)}, Values(port));
+    for (const auto& column : Columns())
+    {
+        object.OnWrite(column.name,
+                       [this, &object, name = column.name](const Value& written)
+                       {
+                           object.SetQuietly({{name, written}});
+                           PublishTable();
+                       });
+    }
+}
+
+void Network::Unplug(const Port& port)
+{
+    service.RemoveObject(PathOf(port.name));
+}
+
+void Network::Publish()
+{
+    const Port stick{"usb0", "Network adapter on the front panel", 12};
+    const std::vector<std::string> paths = service.Paths();
+    const bool present = std::find(paths.begin(), paths.end(), PathOf(stick.name)) != paths.end();
+    const bool wanted = model.steps / plugSteps % 2 == 1;
+    if (wanted && !present)
+    {
+        Plug(stick);
+    }
+    if (!wanted && present)
+    {
+        Unplug(stick);
+    }
+    Update(service.ObjectAt(PathOf("eth1")), {{"ifStatus", model.steps / linkSteps % 2}});
+    PublishTable();
+}
+
+void Network::PublishTable()
+{
+    std::string rowType = "(";
+    for (const auto& column : Columns())
+    {
+        rowType += column.type;
+    }
+    rowType += ")";
+    std::vector<Value> rows;
+    for (const std::string& path : service.Paths())
+    {
+        if (path.starts_with(PathOf("")))
+        {
+            const Object& object = service.ObjectAt(path);
+            rows.push_back(Value::Struct(PerEach(Columns(),
+                                                 [&](const auto& column)
+                                                 {
+                                                     return object.Get(column.name);
+                                                 })));
+        }
+    }
+    Update(table, {{"OSLogicalNetworkInterfaces", Value::Array(rowType, rows)}});
+}
+
+void Network::TakeTable(const Value& rows)
+{
+    const std::vector<std::string> paths = service.Paths();
+    const auto pathOf = [](const Value& row)
+    {
+        return PathOf(row.Children().at(nameColumn).Get<std::string>());
+    };
+    for (const Value& row : rows.Children())
+    {
+        if (std::find(paths.begin(), paths.end(), pathOf(row)) == paths.end())
+        {
+            throw CallError(SD_BUS_ERROR_INVALID_ARGS, "There is no interface " + pathOf(row));
+        }
+    }
+    for (const Value& row : rows.Children())
+    {
+        NamedValues values;
+        for (size_t i = 0; i < Columns().size(); ++i)
+        {
+            values.emplace_back(Columns()[i].name, row.Children().at(i));
+        }
+        Update(service.ObjectAt(pathOf(row)), values);
+    }
+}
+
+} // namespace simulator

@@ -1,0 +1,39 @@
+#pragma once
+
+// The daemon that knows the controller's network interfaces and keeps its event log.
+
+#include "event_log.hpp"
+#include "model.hpp"
+#include "part.hpp"
+
+namespace simulator
+{
+
+class Network : public Part
+{
+  public:
+    Network(const Model& machine, sd_event* loop);
+    void Publish() override;
+
+  private:
+    struct Port
+    {
+        const char* name;
+        const char* text;
+        uint32_t number; // last part of its addresses
+    };
+
+    void Plug(const Port& port);
+    void Unplug(const Port& port);
+    NamedValues Values(const Port& port) const;
+    // All interfaces as rows of the table object.
+    void PublishTable();
+    // Takes what a client wrote into the table over into the interfaces.
+    void TakeTable(const Value& rows);
+
+    const Model& model;
+    Object& table;
+    EventLog events;
+};
+
+} // namespace simulator

@@ -1,0 +1,50 @@
+#include "part.hpp"
+
+#include "descriptions.hpp"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace simulator
+{
+
+Object& Part::Add(const std::string& path, const std::string& interface)
+{
+    return service.AddObject(path, {Describe(interface)});
+}
+
+void Part::Update(Object& object, const NamedValues& values)
+{
+    NamedValues changed;
+    for (const auto& [name, value] : values)
+    {
+        const Value stored = object.Get(name);
+        if (!(value.As(stored.Signature()) == stored))
+        {
+            changed.emplace_back(name, value);
+        }
+    }
+    object.Set(changed);
+}
+
+void Part::Emit(Object& object, const std::string& interface, const std::string& signal,
+                const NamedValues& values)
+{
+    std::vector<Value> arguments;
+    for (const auto& argument : Describe(interface).Signal(signal)->arguments)
+    {
+        const auto named = std::find_if(values.begin(), values.end(),
+                                        [&](const auto& value)
+                                        {
+                                            return value.first == argument.name;
+                                        });
+        if (named == values.end())
+        {
+            throw std::logic_error(signal + " has no value for " + argument.name);
+        }
+        arguments.push_back(named->second);
+    }
+    object.EmitValues(interface + "." + signal, arguments);
+}
+
+} // namespace simulator

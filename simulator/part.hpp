@@ -1,0 +1,70 @@
+#pragma once
+
+// A service of the simulated machine: one connection with its names and objects, which publishes
+// what the model says.
+
+#include <bmcbus/testing/service.hpp>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+namespace simulator
+{
+
+using bmcbus::testing::Call;
+using bmcbus::testing::CallError;
+using bmcbus::testing::NamedValues;
+using bmcbus::testing::Object;
+using bmcbus::testing::Service;
+using bmcbus::testing::Value;
+
+class Part
+{
+  public:
+    Part(const std::string& name, sd_event* loop) : service({name}, {.loop = loop})
+    {
+    }
+    virtual ~Part() = default;
+    Part(const Part&) = delete;
+    Part& operator=(const Part&) = delete;
+
+    // Announces what a step of the model changed and emits the data signals.
+    virtual void Publish() = 0;
+
+    Service& Bus()
+    {
+        return service;
+    }
+
+  protected:
+    Object& Add(const std::string& path, const std::string& interface);
+
+    // Stores values and announces those that are new.
+    static void Update(Object& object, const NamedValues& values);
+
+    // Emits a signal with its arguments taken by name.
+    static void Emit(Object& object, const std::string& interface, const std::string& signal,
+                     const NamedValues& values);
+
+    Service service;
+};
+
+inline int64_t Whole(double number)
+{
+    return std::llround(number);
+}
+
+// One value per element: PerEach(model.cpus, [](const Cpu& cpu) { return cpu.celsius; }).
+template <class Elements, class Take>
+auto PerEach(const Elements& elements, Take take)
+{
+    std::vector<decltype(take(*elements.begin()))> values;
+    for (const auto& element : elements)
+    {
+        values.push_back(take(element));
+    }
+    return values;
+}
+
+} // namespace simulator

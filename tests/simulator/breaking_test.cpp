@@ -1,0 +1,68 @@
+// The ways to break the machine by hand.
+
+#include "fixture.hpp"
+
+#include <gmock/gmock.h>
+
+namespace test
+{
+namespace
+{
+
+TEST_F(SimulatorTest, AnswersCanBeBroken)
+{
+    const auto count = [&]
+    {
+        return Read(thermal, chassisFans, fanReporting, "fanCount");
+    };
+    Control("AnswerError", {thermal, "Get", "com.example.Broken"});
+    EXPECT_EQ(count(), "com.example.Broken");
+    Control("AnswerText", {thermal, "Get", "seven"});
+    EXPECT_EQ(count(), "v s \"seven\"");
+    Control("AnswerLate", {thermal, "Get", 1U});
+    EXPECT_EQ(count(), "v y 6");
+    Control("AnswerNothing", {thermal, "Get"});
+    EXPECT_EQ(client
+                  .Call(thermal, chassisFans, "org.freedesktop.DBus.Properties", "Get",
+                        {fanReporting, "fanCount"}, 1000)
+                  .error,
+              "org.freedesktop.DBus.Error.Timeout");
+    Control("AnswerAll", {thermal});
+    EXPECT_EQ(count(), "v y 6");
+    EXPECT_EQ(Control("AnswerAll", {"com.example.Unknown"}).error,
+              "org.freedesktop.DBus.Error.InvalidArgs");
+}
+
+TEST_F(SimulatorTest, LossesCanBeAnnounced)
+{
+    std::vector<std::string> signals;
+    client.Collect("type='signal',path='/com/tamm/bmc/thermal/fans/chassis'", signals);
+    Control("AnnounceRemoved", {Path{chassisFans}, std::vector<std::string>{fanReporting}});
+    Control("AnnounceAdded", {Path{chassisFans}});
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client,
+                                          [&]
+                                          {
+                                              return signals.size() >= 2;
+                                          }));
+    EXPECT_THAT(signals[0], ::testing::HasSubstr(" InterfacesRemoved "));
+    EXPECT_THAT(signals[1], ::testing::HasSubstr("\"fanCount\" y 6"));
+    EXPECT_EQ(Control("AnnounceAdded", {Path{"/nowhere"}}).error,
+              "org.freedesktop.DBus.Error.InvalidArgs");
+}
+
+TEST_F(SimulatorTest, AServiceCanCrash)
+{
+    std::vector<std::string> signals;
+    client.Collect("type='signal',member='NameOwnerChanged',arg0='com.tamm.bmc.Thermal'", signals);
+    Control("CrashService", {thermal});
+    Control("StartService", {thermal});
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client,
+                                          [&]
+                                          {
+                                              return signals.size() >= 2;
+                                          }));
+    EXPECT_EQ(Read(thermal, chassisFans, fanReporting, "fanCount"), "v y 6");
+}
+
+} // namespace
+} // namespace test

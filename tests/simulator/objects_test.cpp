@@ -1,0 +1,283 @@
+// What a client finds on the bus: objects, values, signals, methods.
+
+#include "fixture.hpp"
+
+#include <bmcbus/testing/description.hpp>
+#include <gmock/gmock.h>
+
+#include <ctime>
+#include <map>
+
+namespace test
+{
+namespace
+{
+
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using Names = std::vector<std::string>;
+using Owners = std::map<std::string, Names>;
+
+constexpr const char* notFound = "xyz.openbmc_project.Common.Error.ResourceNotFound";
+const Names noFilter;
+
+TEST_F(SimulatorTest, EveryInterfaceHasAnObjectThatDescribesIt)
+{
+    // Each with one of its objects.
+    const std::map<std::string, std::string> examples = {
+        {"com.tamm.bmc.Cpu.cpu", "/com/tamm/bmc/cpu/cpu1"},
+        {"com.tamm.bmc.Memory.Dimm", "/com/tamm/bmc/memory/dimm/B4"},
+        {fanReporting, "/com/tamm/bmc/thermal/fans/supplies"},
+        {"com.tamm.bmc.Thermal.SystemInformation", "/com/tamm/bmc/thermal/system"},
+        {"com.tamm.bmc.Thermal.TeleMetrics", "/com/tamm/bmc/thermal/telemetry"},
+        {"com.tamm.bmc.cpumetrics.CpuTelemetryPkg", "/com/tamm/bmc/cpu/telemetry"},
+        {"com.tamm.bmc.debug.dataorigin", "/com/tamm/bmc/debug"},
+        {"com.tamm.bmc.power.PowerReporting", "/com/tamm/bmc/power/system"},
+        {"com.tamm.ovrik.wharfd.OSLogicalNetworkInterface", "/com/tamm/ovrik/wharfd/network/eth1"},
+        {"com.tamm.ovrik.wharfd.OSLogicalNetworkInterfaces", network},
+    };
+    for (const auto& [interface, path] : examples)
+    {
+        const auto owners = Ask("GetObject", {path, Names{interface}});
+        ASSERT_EQ(owners.error, "") << path;
+        const auto services = owners.values.at(0).Get<Owners>();
+        ASSERT_EQ(services.size(), 1U) << path;
+        const std::string xml = client
+                                    .Call(services.begin()->first, path,
+                                          "org.freedesktop.DBus.Introspectable", "Introspect")
+                                    .values.at(0)
+                                    .Get<std::string>();
+        const auto known = bmcbus::testing::FindInterface(interface);
+        const auto served = bmcbus::testing::ParseDescription(xml, path);
+        const auto same = [&](const auto& each)
+        {
+            return each.name == interface && each.properties.size() == known.properties.size() &&
+                   each.methods.size() == known.methods.size() &&
+                   each.signals.size() == known.signals.size();
+        };
+        EXPECT_TRUE(std::any_of(served.begin(), served.end(), same)) << xml;
+    }
+}
+
+TEST_F(SimulatorTest, MapperFindsServicesAndPaths)
+{
+    EXPECT_EQ(Ask("GetSubTreePaths", {"/", 0, Names{fanReporting}}).Text(),
+              R"(as 2 "/com/tamm/bmc/thermal/fans/chassis" "/com/tamm/bmc/thermal/fans/supplies")");
+    EXPECT_EQ(Ask("GetSubTreePaths", {"/com/tamm/bmc/thermal", 1, noFilter}).Text(),
+              R"(as 2 "/com/tamm/bmc/thermal/system" "/com/tamm/bmc/thermal/telemetry")");
+    EXPECT_EQ(Ask("GetObject", {chassisFans, noFilter}).Text(),
+              R"(a{sas} 1 "com.tamm.bmc.Thermal" 1 "com.tamm.bmc.Thermal.FanReporting")");
+    EXPECT_EQ(Ask("GetAncestors", {"/com/tamm/ovrik/wharfd/network/eth0", noFilter})
+                  .values.at(0)
+                  .Children()
+                  .size(),
+              1U);
+    EXPECT_EQ(Ask("GetObject", {"/nowhere", noFilter}).error, notFound);
+    EXPECT_EQ(Ask("GetObject", {chassisFans, Names{"com.tamm.bmc.Cpu.cpu"}}).error, notFound);
+    EXPECT_EQ(Ask("GetSubTree", {"/nowhere", 0, noFilter}).error, notFound);
+}
+
+TEST_F(SimulatorTest, MapperForgetsAServiceThatLeft)
+{
+    EXPECT_EQ(Control("StopService", {thermal}).error, "");
+    EXPECT_EQ(Ask("GetObject", {chassisFans, noFilter}).error, notFound);
+    EXPECT_EQ(Read(thermal, chassisFans, fanReporting, "fanCount"),
+              "org.freedesktop.DBus.Error.ServiceUnknown");
+    EXPECT_EQ(Control("Step").error, "");
+    EXPECT_EQ(Control("StartService", {thermal}).error, "");
+    EXPECT_EQ(Ask("GetObject", {chassisFans, noFilter}).error, "");
+    EXPECT_EQ(Read(thermal, chassisFans, fanReporting, "fanCount"), "v y 6");
+}
+
+TEST_F(SimulatorTest, AStepEmitsEverySignalAndTheChangedValues)
+{
+    std::vector<std::string> signals;
+    client.Collect("type='signal',path_namespace='/com/tamm/bmc'", signals);
+    ASSERT_EQ(Control("Step").error, "");
+    // The debug object comes last.
+    ASSERT_TRUE(bmcbus::testing::Dispatch(
+        client,
+        [&]
+        {
+            return !signals.empty() && signals.back().starts_with("/com/tamm/bmc/debug ");
+        }));
+    // Each member with its signature.
+    for (const char* expected : {
+             "/com/tamm/bmc/cpu/cpu0 PowerThermalCpuTelemetry "
+             "ayayauayauayauayauayauayauayauayauayauayauayauayau ",
+             "/com/tamm/bmc/debug debugsignal s \"step ",
+             "/com/tamm/bmc/cpu/telemetry CpuTelemetryPkg1Change "
+             "ayauauauauauauauauauauauauauauauauauauauauauauauauauauauauauau ",
+             "/com/tamm/bmc/cpu/telemetry SecondSignal y ",
+             "/com/tamm/bmc/thermal/fans/chassis notifyFanReportingData ya{s(yyyb)} 6 ",
+             "/com/tamm/bmc/thermal/telemetry TeleMetricsSignal "
+             "tdbbdbbdbbdbbibbibbibbibbdbbdbbdbb ",
+             "/com/tamm/bmc/power/system NotifyPwrReportingData "
+             "yayaqaqaqaqauauayyayaqaqaqaqauauaydddddddququqqyayadadadadayayayaqayayayyddayyyadadad"
+             "ad"
+             "adadayasauadadadadadadaddddd ",
+             "/com/tamm/bmc/memory/dimm/A1 DIMMPowerTelemetry ddddd ",
+         })
+    {
+        EXPECT_THAT(signals, Contains(StartsWith(expected)));
+    }
+    EXPECT_THAT(signals, Contains(StartsWith("/com/tamm/bmc/power/system PropertiesChanged "
+                                             "sa{sv}as \"com.tamm.bmc.power.PowerReporting\"")));
+    // What stays as it is is not announced.
+    EXPECT_THAT(signals, Not(Contains(HasSubstr("\"CPUSlotCount\""))));
+}
+
+TEST_F(SimulatorTest, AnInterfaceIsPluggedAndUnplugged)
+{
+    std::vector<std::string> signals;
+    client.Collect("type='signal',path='/com/tamm/ovrik/wharfd/network/usb0'", signals);
+    for (int step = 0; step < 16; ++step)
+    {
+        ASSERT_EQ(Control("Step").error, "");
+    }
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client,
+                                          [&]
+                                          {
+                                              return signals.size() >= 2;
+                                          }));
+    EXPECT_THAT(signals[0], StartsWith("/com/tamm/ovrik/wharfd/network/usb0 InterfacesAdded "
+                                       "oa{sa{sv}} \"/com/tamm/ovrik/wharfd/network/usb0\" 1 "
+                                       "\"com.tamm.ovrik.wharfd.OSLogicalNetworkInterface\" 26"));
+    EXPECT_EQ(signals[1], "/com/tamm/ovrik/wharfd/network/usb0 InterfacesRemoved oas "
+                          "\"/com/tamm/ovrik/wharfd/network/usb0\" 1 "
+                          "\"com.tamm.ovrik.wharfd.OSLogicalNetworkInterface\"");
+}
+
+TEST_F(SimulatorTest, MethodsActOnTheMachine)
+{
+    const auto cpu = [&](const char* method, const std::vector<Value>& arguments)
+    {
+        return client
+            .Call("com.tamm.bmc.Cpu", "/com/tamm/bmc/cpu/cpu0", "com.tamm.bmc.Cpu.cpu", method,
+                  arguments)
+            .Text();
+    };
+    const auto fan = [&](const char* name, uint8_t percent)
+    {
+        return client.Call(thermal, chassisFans, fanReporting, "updateFanPWMData", {name, percent})
+            .Text();
+    };
+    const auto memory = [&](const char* method, const std::vector<Value>& arguments)
+    {
+        return client
+            .Call("com.tamm.bmc.Memory", "/com/tamm/bmc/memory/all", "com.tamm.bmc.Memory.Dimm",
+                  method, arguments)
+            .Text();
+    };
+    EXPECT_EQ(fan("Fan2", 77), "i 0");
+    EXPECT_THAT(Read(thermal, chassisFans, fanReporting, "fanPWMData"), HasSubstr("\"Fan2\" 77 "));
+    EXPECT_EQ(fan("Fan2", 101), "i -1");
+    EXPECT_EQ(fan("Fan99", 50), "i -1");
+
+    std::vector<std::string> signals;
+    client.Collect("type='signal',path='/com/tamm/bmc/cpu/cpu1'", signals);
+    EXPECT_EQ(cpu("setCpuPL1", {50U}), "y 0");
+    EXPECT_EQ(cpu("setMemPL1", {8U}), "y 0");
+    EXPECT_EQ(cpu("setSysPL2", {0U}), "y 1");
+    Control("Step");
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client,
+                                          [&]
+                                          {
+                                              return !signals.empty();
+                                          }));
+    EXPECT_THAT(signals[0], HasSubstr(" 4 50 205 0 0 ")); // the limit of the first socket
+    EXPECT_EQ(memory("DimmPowerCmdHandler", {}), "iddddd 0 4 4 0 0 8");
+    EXPECT_EQ(memory("getDbusStatus", {}), "i 0");
+    EXPECT_EQ(memory("MemoryCmdHandler", {std::vector<uint8_t>{1, 4}}), "i 0");
+    EXPECT_EQ(memory("MemoryCmdHandler", {std::vector<uint8_t>{9}}), "i -22");
+
+    using Accesses = std::vector<std::tuple<uint8_t, uint8_t, uint32_t, uint32_t, uint32_t>>;
+    EXPECT_EQ(cpu("writeRASCPCIeCfg", {Accesses{{0, 1, 2, 3, 4711}}}), "y 0");
+    EXPECT_EQ(cpu("readRASCPCIeCfg", {Accesses{{0, 1, 2, 3, 0}}}), "u 4711");
+    const std::time_t before = std::time(nullptr);
+    const auto clock = client.Call("com.tamm.bmc.Cpu", "/com/tamm/bmc/cpu/cpu0",
+                                   "com.tamm.bmc.Cpu.cpu", "readRTC");
+    EXPECT_GE(static_cast<std::time_t>(
+                  std::get<0>(clock.values.at(0).Get<std::tuple<uint64_t, uint8_t>>())),
+              before);
+
+    EXPECT_EQ(
+        client.Call("com.tamm.bmc.Debug", "/com/tamm/bmc/debug", "", "debugmethod", {"hi"}).Text(),
+        "s \"hi\"");
+    EXPECT_EQ(client
+                  .Call("com.tamm.bmc.Cpu", "/com/tamm/bmc/cpu/telemetry", "",
+                        "GetCpuTelemetryData", {uint8_t{1}})
+                  .values.size(),
+              30U);
+    EXPECT_EQ(client
+                  .Call("com.tamm.bmc.Cpu", "/com/tamm/bmc/cpu/telemetry", "",
+                        "GetCpuTelemetryData", {uint8_t{2}})
+                  .error,
+              "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_THAT(
+        client.Call(thermal, "/com/tamm/bmc/thermal/system", "", "GetSystemThermalInformation")
+            .Text(),
+        StartsWith("qq 2"));
+}
+
+TEST_F(SimulatorTest, WrittenValuesStay)
+{
+    const char* air = "com.tamm.bmc.Thermal.SystemInformation";
+    const char* system = "/com/tamm/bmc/thermal/system";
+    EXPECT_EQ(Write(thermal, system, air, "ExhaustTemperature", int16_t{-7}), "");
+    Control("Step");
+    EXPECT_EQ(Read(thermal, system, air, "ExhaustTemperature"), "v n -7");
+    EXPECT_EQ(Write(thermal, system, air, "Key", "new"),
+              "org.freedesktop.DBus.Error.PropertyReadOnly");
+    EXPECT_EQ(Write(thermal, system, air, "SystemAirflow", "text"),
+              "org.freedesktop.DBus.Error.InvalidArgs");
+}
+
+TEST_F(SimulatorTest, TheInterfaceTableAndItsInterfacesAgree)
+{
+    const char* port = "com.tamm.ovrik.wharfd.OSLogicalNetworkInterface";
+    const char* table = "com.tamm.ovrik.wharfd.OSLogicalNetworkInterfaces";
+    const std::string eth0 = std::string(network) + "/eth0";
+    EXPECT_EQ(Write(wharfd, eth0, port, "hostName", "renamed"), "");
+    auto rows = client.Properties(wharfd, network, "Get", {table, "OSLogicalNetworkInterfaces"})
+                    .values.at(0)
+                    .Children()
+                    .front();
+    EXPECT_THAT(rows.Text(), HasSubstr("\"renamed\""));
+
+    std::vector<Value> fields = rows.Children().front().Children();
+    fields[17] = uint32_t{9000};
+    const std::string rowType = rows.Signature().substr(1);
+    EXPECT_EQ(Write(wharfd, network, table, "OSLogicalNetworkInterfaces",
+                    Value::Array(rowType, {Value::Struct(fields)})),
+              "");
+    EXPECT_EQ(Read(wharfd, eth0, port, "mtuSize"), "v u 9000");
+    fields[2] = Value("eth9");
+    EXPECT_EQ(Write(wharfd, network, table, "OSLogicalNetworkInterfaces",
+                    Value::Array(rowType, {Value::Struct(fields)})),
+              "org.freedesktop.DBus.Error.InvalidArgs");
+}
+
+class MovingSimulator : public SimulatorTest
+{
+  protected:
+    MovingSimulator() : SimulatorTest({"--period", "10"})
+    {
+    }
+};
+
+TEST_F(MovingSimulator, ValuesMoveByThemselves)
+{
+    std::vector<std::string> signals;
+    client.Collect("type='signal',member='PropertiesChanged',path='/com/tamm/bmc/power/system'",
+                   signals);
+    EXPECT_TRUE(bmcbus::testing::Dispatch(client,
+                                          [&]
+                                          {
+                                              return signals.size() >= 3;
+                                          }));
+}
+
+} // namespace
+} // namespace test

@@ -1,0 +1,128 @@
+// The program as its user starts and ends it.
+
+#include "fixture.hpp"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace test
+{
+namespace
+{
+
+TEST(SimulatorProgram, SignalsEndItWithStatusZero)
+{
+    const bmcbus::testing::PrivateBus bus;
+    for (const int number : {SIGINT, SIGTERM})
+    {
+        Process simulator({"--period", "5"});
+        ASSERT_TRUE(simulator.Says("bmcbus-simulator: ready")) << simulator.Output();
+        simulator.Signal(number);
+        EXPECT_EQ(simulator.Wait(), 0) << simulator.Output();
+        EXPECT_EQ(simulator.Output(), "bmcbus-simulator: ready\n");
+    }
+}
+
+TEST(SimulatorProgram, RefusesWhatItCannotDo)
+{
+    const bmcbus::testing::PrivateBus bus;
+    for (const char* option : {"--period=-1", "--period=fast", "--seed=x", "--colour", "more"})
+    {
+        Process simulator({option});
+        EXPECT_GT(simulator.Wait(), 0) << option;
+        EXPECT_FALSE(simulator.Output().empty()) << option;
+    }
+    Process help({"--help"});
+    EXPECT_EQ(help.Wait(), 0);
+    EXPECT_NE(help.Output().find("--no-mapper"), std::string::npos);
+}
+
+TEST(SimulatorProgram, SaysWhyItCannotStart)
+{
+    const bmcbus::testing::PrivateBus bus;
+    const bmcbus::testing::Service taken({"com.tamm.bmc.Power"});
+    Process simulator({});
+    EXPECT_EQ(simulator.Wait(), 1);
+    EXPECT_NE(simulator.Output().find("com.tamm.bmc.Power"), std::string::npos)
+        << simulator.Output();
+}
+
+TEST(SimulatorProgram, EndsWithTheBus)
+{
+    bmcbus::testing::PrivateBus bus;
+    Process simulator({"--period", "0"});
+    ASSERT_TRUE(simulator.Says("bmcbus-simulator: ready")) << simulator.Output();
+    bus.Kill();
+    EXPECT_EQ(simulator.Wait(), 1) << simulator.Output();
+}
+
+TEST(SimulatorProgram, TellsItsServiceManagerThatItIsReady)
+{
+    const bmcbus::testing::PrivateBus bus;
+    const std::string path = bus.Folder() / "notify";
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    ASSERT_GE(manager, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(path.size(), sizeof(address.sun_path));
+    std::strcpy(address.sun_path, path.c_str());
+    ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    Process simulator({"--period", "0"}, {"NOTIFY_SOCKET=" + path});
+    char told[64] = {};
+    EXPECT_TRUE(bmcbus::testing::Until(
+        [&]
+        {
+            return recv(manager, told, sizeof(told) - 1, 0) > 0;
+        }));
+    EXPECT_STREQ(told, "READY=1");
+    close(manager);
+}
+
+class WithoutMapper : public SimulatorTest
+{
+  protected:
+    WithoutMapper() : SimulatorTest({"--period", "0", "--no-mapper"})
+    {
+    }
+};
+
+TEST_F(WithoutMapper, AnotherOneMayServe)
+{
+    EXPECT_EQ(Ask("GetObject", {"/", std::vector<std::string>{}}).error,
+              "org.freedesktop.DBus.Error.ServiceUnknown");
+    EXPECT_EQ(Read(thermal, chassisFans, fanReporting, "fanCount"), "v y 6");
+}
+
+// Everything a user sees of one run: all values of the power object after each of some steps.
+std::string Story(const std::vector<std::string>& arguments)
+{
+    const bmcbus::testing::PrivateBus bus;
+    Process simulator(arguments);
+    EXPECT_TRUE(simulator.Says("bmcbus-simulator: ready")) << simulator.Output();
+    const Client client;
+    std::string story;
+    for (int i = 0; i < 5; ++i)
+    {
+        client.Call("com.tamm.bmc.Simulator", "/com/tamm/bmc/simulator", "com.tamm.bmc.Simulator",
+                    "Step");
+        story += client
+                     .Properties("com.tamm.bmc.Power", "/com/tamm/bmc/power/system", "GetAll",
+                                 {"com.tamm.bmc.power.PowerReporting"})
+                     .Text();
+    }
+    return story;
+}
+
+TEST(SimulatorProgram, TheSameSeedTellsTheSameStory)
+{
+    const std::string first = Story({"--period", "0", "--seed", "7"});
+    EXPECT_NE(first.find("SystemInputPower"), std::string::npos);
+    EXPECT_EQ(first, Story({"--period", "0", "--seed", "7"}));
+    EXPECT_NE(first, Story({"--period", "0", "--seed", "8"}));
+}
+
+} // namespace
+} // namespace test
