@@ -225,7 +225,7 @@ struct Wire<ObjectPath>
         const bool found = ReadText(message, 'o', text);
         if (found)
         {
-            value = ObjectPath(text);
+            value = ObjectPath(std::string(text));
         }
         return found;
     }
