@@ -196,7 +196,7 @@ TEST_F(ThreadPool, ClearedTasksAreDroppedInOrderOutsideTheLock)
         Blocker running(pool);
         for (int i = 0; i < 3; ++i)
         {
-            auto held = std::make_shared<Dropped>(pool, dropped, i);
+            std::shared_ptr<Dropped> held(new Dropped{pool, dropped, i});
             pool.enqueue(
                 [held = std::move(held), &ran]
                 {
