@@ -17,11 +17,10 @@
  * reported in the debug log (source 300) and never thrown.
  *
  * **fork().** Handlers keep both sides usable: fork() waits for the send that is under way, and the
- * child starts a funnel thread of its own with its first send. For that reason a thread that a send
- * is waiting for must not call fork(): inside a work item (on the funnel thread, or on the thread
- * of the one-way channel), or on the channel's thread while another thread sends to it, fork()
- * would wait for a send that cannot end before fork() returns. A line of level 1 says so before the
- * wait. posix_spawn(), system() and popen() run no handlers and are fine everywhere.
+ * child starts a funnel thread of its own with its first send. A work item must therefore not call
+ * fork(), neither on the funnel thread nor on the thread of the one-way channel: it would wait for
+ * its own sender, which waits for the item. A line of level 1 says so before the wait.
+ * posix_spawn(), system() and popen() run no handlers and are fine everywhere.
  *
  * C programs see the variables that are plain data; everything else needs C++.
  */

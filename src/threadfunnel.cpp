@@ -9,8 +9,10 @@
 #include <cxxabi.h>
 #include <pthread.h>
 #include <sched.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <exception>
 #include <memory>
 
@@ -21,13 +23,11 @@ constinit pthread_t owc_tid{};
 constinit bool owc_tid_valid = false;
 constinit unsigned int TF_alternate_log_source = 0;
 
-constinit std::atomic<bool> bmcbus::funnel::waitsForChannel{false};
+constinit std::atomic<bool> bmcbus::funnel::channelSend{false};
+constinit thread_local bool bmcbus::funnel::runsChannelItem = false;
 
 namespace
 {
-
-using bmcbus::funnel::HoldSends;
-using bmcbus::funnel::ReleaseSends;
 
 // Lock order as listed. The deadlock mutex guards the thread identities, the condition mutex the
 // hand-over: TF_function and the two flags.
@@ -67,10 +67,12 @@ constinit std::atomic<TF_context*> funnel_context{nullptr};
 constinit std::atomic<pid_t> funnel_process{0};
 constexpr pid_t busy = -1;
 
-// How often the calling thread holds the sends out, and how many of our own handlers are running in
-// its fork: a child that was forked inside the once-routine runs it again and may then have them
-// registered twice.
+// How often the calling thread holds the sends out, and whether it does so without the main lock.
 constinit thread_local unsigned int sendsHeld = 0;
+constinit thread_local bool withoutMainLock = false;
+
+// How many of our own handlers are running in the calling thread's fork: a child that was forked
+// inside the once-routine runs it again and may then have them registered twice.
 constinit thread_local unsigned int handlersEntered = 0;
 
 constexpr int maxAttempts = 10;
@@ -79,6 +81,29 @@ constexpr const char* funnelThread = "TF_funnel_thread";
 
 #define FUNNEL_THREAD_LOG(level, text)                                                             \
     BMCBUS_LOG_AS(level, bmcbus::log::librarySource, funnelThread, text)
+
+// Nests.
+void HoldMainLock()
+{
+    if (sendsHeld++ == 0)
+    {
+        TF_lock();
+    }
+}
+
+void ReleaseMainLock()
+{
+    if (sendsHeld == 0 || --sendsHeld != 0)
+    {
+        return;
+    }
+    if (withoutMainLock)
+    {
+        withoutMainLock = false;
+        return;
+    }
+    TF_unlock();
+}
 
 TF_context::TF_context() : is_funnel_thread(false)
 {
@@ -92,11 +117,11 @@ TF_context::~TF_context()
     {
         BMCBUS_LOG(trace, "clear is_funnel_thread");
         is_funnel_thread = false;
-        HoldSends();
+        HoldMainLock();
         // By the time an ended funnel thread gets here, a later send may have started the next.
         TF_context* self = this;
         funnel_context.compare_exchange_strong(self, nullptr);
-        ReleaseSends();
+        ReleaseMainLock();
     }
 }
 
@@ -451,7 +476,7 @@ void ForgetThreads()
 {
     ClearThread(owc_tid_valid);
     ClearThread(funnel_tid_valid);
-    bmcbus::funnel::waitsForChannel = false;
+    bmcbus::funnel::channelSend = false;
     pthread_cond_init(&funnel_cond, nullptr);
 }
 
@@ -472,7 +497,51 @@ void ForgetContext()
     }
 }
 
-// In a child that was forked without the handlers: whatever was locked stays so, so begin anew.
+// The main lock for the channel's thread, unless it is held for a send that waits for this thread.
+void LockUnlessAwaited()
+{
+    int irv = ETIMEDOUT;
+    while (irv == ETIMEDOUT && !bmcbus::funnel::channelSend)
+    {
+        constexpr long soon = 1'000'000;
+        constexpr long second = 1'000'000'000;
+        timespec until{};
+        clock_gettime(CLOCK_REALTIME, &until);
+        until.tv_nsec += soon;
+        until.tv_sec += until.tv_nsec / second;
+        until.tv_nsec %= second;
+        irv = pthread_mutex_timedlock(&funnel_mutex, &until);
+    }
+    withoutMainLock = irv == ETIMEDOUT;
+    if (irv != 0 && !withoutMainLock)
+    {
+        BMCBUS_LOG(failure, "pthread_mutex_lock irv=%d", irv);
+    }
+}
+
+void HoldMainLockInFork()
+{
+    if (sendsHeld != 0)
+    {
+        ++sendsHeld;
+        return;
+    }
+    bmcbus::funnel::OwnState();
+    const pthread_t self = pthread_self();
+    if (IsThread(funnel_tid, funnel_tid_valid, self) || bmcbus::funnel::runsChannelItem)
+    {
+        FUNNEL_LOG_TWICE(failure, "fork inside a work item waits for its own sender: deadlock\n");
+    }
+    else if (IsThread(owc_tid, owc_tid_valid, self))
+    {
+        LockUnlessAwaited();
+        sendsHeld = 1;
+        return;
+    }
+    HoldMainLock();
+}
+
+// In a child whose copy of the locks is of no use. Whatever was locked stays so, so begin anew.
 void StartAfresh()
 {
     pthread_mutex_init(&funnel_mutex, nullptr);
@@ -534,20 +603,20 @@ void OwnState()
     }
 }
 
+// As long as the funnel's own handlers are not in place no send over the channel is under way,
+// since it sees to them first. To wait for another one is dangerous then: an older C library lets
+// the new funnel thread register nothing until fork() is through.
 void HoldSends()
 {
-    if (sendsHeld++ == 0)
+    if (sendsHeld != 0 || onceRoutineEnded)
     {
-        TF_lock();
+        HoldMainLockInFork();
     }
 }
 
 void ReleaseSends()
 {
-    if (--sendsHeld == 0)
-    {
-        TF_unlock();
-    }
+    ReleaseMainLock();
 }
 
 SendTurn::SendTurn()
@@ -722,23 +791,16 @@ void TF_atfork_prepare()
     {
         return;
     }
-    bmcbus::funnel::OwnState();
-    const pthread_t self = pthread_self();
-    if (IsThread(funnel_tid, funnel_tid_valid, self) ||
-        (bmcbus::funnel::waitsForChannel && IsThread(owc_tid, owc_tid_valid, self)))
-    {
-        FUNNEL_LOG_TWICE(failure, "fork on the thread that a send waits for: deadlock\n");
-    }
     for (;;)
     {
-        HoldSends();
+        HoldMainLockInFork();
         TF_deadlock_lock();
         if (TF_cond_trylock())
         {
             break;
         }
         TF_deadlock_unlock();
-        ReleaseSends();
+        ReleaseMainLock();
         BMCBUS_LOG(trace, "loop");
         sched_yield();
     }
@@ -754,7 +816,7 @@ void TF_atfork_parent()
     }
     TF_cond_unlock();
     TF_deadlock_unlock();
-    ReleaseSends();
+    ReleaseMainLock();
 }
 
 void TF_atfork_child()
@@ -764,11 +826,19 @@ void TF_atfork_child()
     {
         return;
     }
-    ForgetThreads();
-    TF_cond_unlock();
-    TF_deadlock_unlock();
-    ReleaseSends();
-    ForgetContext();
+    if (withoutMainLock)
+    {
+        StartAfresh();
+        ReleaseMainLock();
+    }
+    else
+    {
+        ForgetThreads();
+        TF_cond_unlock();
+        TF_deadlock_unlock();
+        ReleaseMainLock();
+        ForgetContext();
+    }
     funnel_process.store(getpid(), std::memory_order_release);
 }
 

@@ -21,9 +21,13 @@ unsigned int AlternateLogSource();
 // none. Every way into a send comes through here.
 void OwnState();
 
-// Keeps sends out of the calling thread's fork. Calls nest, so that all fork handlers which need it
-// may ask for it, in whichever order fork() runs them. A handler that takes a lock which a send
-// needs while it holds the main lock asks before it takes its own.
+// For the channel's fork handlers: keep sends over the channel out of the calling thread's fork.
+// Such a send posts while it holds the main lock, so this comes before the handler's own locks, and
+// its end after them. Calls nest with the funnel's own handlers, which fork() may run before or
+// after.
+//
+// The thread that a send over the channel waits for must not wait for that send: it goes on without
+// the main lock, whose holder does not get any further meanwhile.
 void HoldSends();
 void ReleaseSends();
 
@@ -41,8 +45,11 @@ class SendTurn
     int cancelState = 0;
 };
 
-// Whether the send under way waits for the channel's thread.
-extern std::atomic<bool> waitsForChannel;
+// Whether the send under way is one over the channel.
+extern constinit std::atomic<bool> channelSend;
+
+// Whether the calling thread runs the item of a send over the channel.
+extern constinit thread_local bool runsChannelItem;
 
 } // namespace bmcbus::funnel
 

@@ -5,8 +5,10 @@
 #include "faults.h"
 
 #include <dlfcn.h>
+#include <errno.h>
 #include <pthread.h>
 #include <stddef.h>
+#include <unistd.h>
 
 struct Fault threadCreation;
 struct Fault keyCreation;
@@ -14,6 +16,9 @@ struct Fault handlerRegistration;
 struct Fault condWait;
 struct Fault broadcast;
 struct Fault join;
+struct Fault pipeCreation;
+struct Fault writing;
+pthread_mutex_t* brokenMutex;
 void (*beforeRegistration)(void (*prepare)(void));
 _Thread_local int nextLockFails;
 _Thread_local int nextUnlockFails;
@@ -87,7 +92,14 @@ STAND_IN(pthread_key_create, (pthread_key_t * key, void (*destroy)(void*)), (key
 STAND_IN(pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
          (condition, mutex), thisCall(&condWait))
 STAND_IN(pthread_cond_broadcast, (pthread_cond_t * condition), (condition), thisCall(&broadcast))
-STAND_IN(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), thisCallOfThread(&nextLockFails))
+static int locking(const pthread_mutex_t* mutex)
+{
+    return __atomic_load_n(&brokenMutex, __ATOMIC_SEQ_CST) == mutex
+               ? EINVAL
+               : thisCallOfThread(&nextLockFails);
+}
+
+STAND_IN(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), locking(mutex))
 STAND_IN(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex),
          thisCallOfThread(&nextUnlockFails))
 
@@ -105,3 +117,20 @@ static int registration(void (*prepare)(void))
 STAND_IN(__register_atfork,
          (void (*prepare)(void), void (*parent)(void), void (*child)(void), void* library),
          (prepare, parent, child, library), registration(prepare))
+
+static int asReturned(int error)
+{
+    errno = error != 0 ? error : errno;
+    return error != 0 ? -1 : 0;
+}
+
+STAND_IN(pipe, (int ends[2]), (ends), asReturned(thisCall(&pipeCreation)))
+
+/* Only the channel's triggers, which are two bytes long. */
+ssize_t write(int fd, const void* data, size_t size)
+{
+    static void* cache;
+    ssize_t (*real)(int, const void*, size_t) =
+        (ssize_t(*)(int, const void*, size_t))next(&cache, "write");
+    return size == 2 && asReturned(thisCall(&writing)) != 0 ? -1 : real(fd, data, size);
+}

@@ -3,6 +3,8 @@
  */
 #pragma once
 
+#include <pthread.h>
+
 #ifdef __cplusplus
 #define FAULT_THREAD_LOCAL constinit thread_local
 extern "C"
@@ -25,6 +27,8 @@ extern "C"
     extern struct Fault condWait;
     extern struct Fault broadcast;
     extern struct Fault join;
+    extern struct Fault pipeCreation;
+    extern struct Fault writing;
 
     /* Of the calls from now on, `count` fail with `error`, after the first `good` ones. */
     void FailCalls(struct Fault* fault, int good, int count, int error);
@@ -34,6 +38,9 @@ extern "C"
 
     /* Called before fork handlers are registered; any thread. */
     extern void (*beforeRegistration)(void (*prepare)(void));
+
+    /* Locking this mutex fails with EINVAL, on any thread. */
+    extern pthread_mutex_t* brokenMutex;
 
     /* The next call of this thread returns that number. */
     extern FAULT_THREAD_LOCAL int nextLockFails;

@@ -233,8 +233,9 @@ TEST_F(FunnelFork, InsideAnItemIsReported)
         EXPECT_TRUE(test::Eventually(
             []
             {
-                return test::CountLog(1, 300, "TF_atfork_prepare",
-                                      "fork on the thread that a send waits for: deadlock\n") == 1U;
+                return test::CountLog(
+                           1, 300, "HoldMainLockInFork",
+                           "fork inside a work item waits for its own sender: deadlock\n") == 1U;
             }));
         sender.detach();
     });
