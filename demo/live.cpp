@@ -27,6 +27,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr const char* chassisFans = "/com/tamm/bmc/thermal/fans/chassis";
+constexpr const char* fanService = "com.tamm.bmc.Thermal";
 constexpr const char* systemPower = "/com/tamm/bmc/power/system";
 constexpr milliseconds bound{10000}; // for what should happen at once
 constexpr size_t remembered = 200;   // power values
@@ -62,21 +63,12 @@ class Loop
         return done();
     }
 
-    // Has the simulator do something to one of its services.
-    bool Tell(const char* method, const char* types, const char* text)
-    {
-        sd_bus_error error = SD_BUS_ERROR_NULL;
-        const int result =
-            sd_bus_call_method(bus, "com.tamm.bmc.Simulator", "/com/tamm/bmc/simulator",
-                               "com.tamm.bmc.Simulator", method, &error, nullptr, types, text);
-        sd_bus_error_free(&error);
-        return result >= 0;
-    }
-    bool TellRemoved()
+    // Has the simulator stop or start one of its services.
+    bool Tell(const char* method, const char* service)
     {
         return sd_bus_call_method(bus, "com.tamm.bmc.Simulator", "/com/tamm/bmc/simulator",
-                                  "com.tamm.bmc.Simulator", "AnnounceRemoved", nullptr, nullptr,
-                                  "oas", chassisFans, 1, "com.tamm.bmc.Thermal.FanReporting") >= 0;
+                                  "com.tamm.bmc.Simulator", method, nullptr, nullptr, "s",
+                                  service) >= 0;
     }
 
     static volatile std::sig_atomic_t interrupted;
@@ -197,16 +189,15 @@ struct Outcome
 void LoseAndFind(Loop& loop, Follower& follower, Outcome& outcome)
 {
     follower.Show("the service of the fans goes away");
-    outcome.wentAway = loop.TellRemoved() &&
-                       loop.Tell("StopService", "s", "com.tamm.bmc.Thermal") &&
-                       loop.RunUntil(
-                           [&]
-                           {
-                               return !follower.fans->Ready();
-                           });
+    outcome.wentAway =
+        loop.Tell("StopService", fanService) && loop.RunUntil(
+                                                    [&]
+                                                    {
+                                                        return !follower.fans->Ready();
+                                                    });
     bool ok = true;
     uint8_t count = 0;
-    ClientEdge::com::tamm::bmc::Thermal::FanReporting("com.tamm.bmc.Thermal", chassisFans)
+    ClientEdge::com::tamm::bmc::Thermal::FanReporting(fanService, chassisFans)
         .Get_fanCount(ok, count);
     outcome.failedMeanwhile = !ok;
     follower.Show("the service of the fans is away");
@@ -218,13 +209,12 @@ void LoseAndFind(Loop& loop, Follower& follower, Outcome& outcome)
         });
 
     follower.Show("the service of the fans is back");
-    outcome.cameBack = loop.Tell("StartService", "s", "com.tamm.bmc.Thermal") &&
-                       loop.Tell("AnnounceAdded", "o", chassisFans) &&
-                       loop.RunUntil(
-                           [&]
-                           {
-                               return follower.fans->Ready();
-                           });
+    outcome.cameBack =
+        loop.Tell("StartService", fanService) && loop.RunUntil(
+                                                     [&]
+                                                     {
+                                                         return follower.fans->Ready();
+                                                     });
     const unsigned int before = follower.fanData->SignalCount();
     outcome.followedAgain = loop.RunUntil(
         [&]

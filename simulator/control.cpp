@@ -57,10 +57,17 @@ Control::Control(const std::vector<Service*>& known, std::function<void()> step,
 
 void Control::ServeLife(Object& object)
 {
+    // An orderly service takes leave of its objects, and announces them when it is back.
     Serve(object, "StopService",
           [this](const Call& call)
           {
-              Named(call).service.Stop();
+              Service& stopped = Named(call).service;
+              for (const std::string& path : stopped.Paths())
+              {
+                  Object& leaving = stopped.ObjectAt(path);
+                  leaving.EmitInterfacesRemoved(leaving.Interfaces());
+              }
+              stopped.Stop();
           });
     Serve(object, "CrashService",
           [this](const Call& call)
@@ -73,6 +80,10 @@ void Control::ServeLife(Object& object)
               if (Service& stopped = Named(call).service; !stopped.Connected())
               {
                   stopped.Start();
+                  for (const std::string& path : stopped.Paths())
+                  {
+                      stopped.ObjectAt(path).EmitInterfacesAdded();
+                  }
               }
           });
 }

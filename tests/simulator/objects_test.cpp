@@ -80,12 +80,21 @@ TEST_F(SimulatorTest, MapperFindsServicesAndPaths)
 
 TEST_F(SimulatorTest, MapperForgetsAServiceThatLeft)
 {
+    std::vector<std::string> signals;
+    client.Collect("type='signal',path='/com/tamm/bmc/thermal/fans/chassis'", signals);
     EXPECT_EQ(Control("StopService", {thermal}).error, "");
     EXPECT_EQ(Ask("GetObject", {chassisFans, noFilter}).error, notFound);
     EXPECT_EQ(Read(thermal, chassisFans, fanReporting, "fanCount"),
               "org.freedesktop.DBus.Error.ServiceUnknown");
     EXPECT_EQ(Control("Step").error, "");
     EXPECT_EQ(Control("StartService", {thermal}).error, "");
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client,
+                                          [&]
+                                          {
+                                              return signals.size() >= 2;
+                                          }));
+    EXPECT_THAT(signals[0], HasSubstr(" InterfacesRemoved "));
+    EXPECT_THAT(signals[1], HasSubstr(" InterfacesAdded "));
     EXPECT_EQ(Ask("GetObject", {chassisFans, noFilter}).error, "");
     EXPECT_EQ(Read(thermal, chassisFans, fanReporting, "fanCount"), "v y 6");
 }
