@@ -34,7 +34,9 @@ class Lines : public Picture
     void Draw(const Scene& scene) override
     {
         std::ostringstream line;
-        line << "   " << (scene.watts.empty() ? 0.0 : scene.watts.back()) << " W  fans";
+        line << "   power "
+             << (scene.watts.empty() ? "?" : std::to_string(std::lround(scene.watts.back())))
+             << " W  fans";
         for (const auto& [name, reading] : scene.fans)
         {
             line << ' ' << static_cast<int>(std::get<1>(reading)) << '%';
@@ -138,22 +140,27 @@ class Screen : public Picture
         const auto width = static_cast<size_t>(std::clamp(COLS - 12, 10, 100));
         const size_t first = scene.watts.size() - std::min(width, scene.watts.size());
         const auto begin = scene.watts.begin() + static_cast<std::ptrdiff_t>(first);
-        const double most = *std::max_element(begin, scene.watts.end());
+        const auto [least, most] = std::minmax_element(begin, scene.watts.end());
+        // A little below the least, so that each value shows.
+        const double bottom = *least - 1 - (*most - *least) / 4;
         for (int level = height; level > 0; --level)
         {
             std::string line(width, ' ');
             for (size_t i = first; i < scene.watts.size(); ++i)
             {
-                line[i - first] = scene.watts[i] >= most * (level - 0.5) / height ? '|' : ' ';
+                const double share = (scene.watts[i] - bottom) / (*most - bottom);
+                line[i - first] = share * height > level - 0.5 ? '|' : ' ';
             }
-            std::string label(9, ' ');
-            if (level == height)
-            {
-                label = "  " + std::to_string(std::lround(most)) + " W ";
-                label.resize(9, ' ');
-            }
-            Put(label + line);
+            const std::string label = level == height ? Watts(*most)
+                                      : level == 1    ? Watts(bottom)
+                                                      : "";
+            Put("  " + label + std::string(9 - label.size(), ' ') + line);
         }
+    }
+
+    static std::string Watts(double watts)
+    {
+        return std::to_string(std::lround(watts)) + " W";
     }
 
     SCREEN* terminal;
