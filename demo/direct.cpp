@@ -168,7 +168,7 @@ void CallMethods(Report& report)
 
 void Fail(Report& report)
 {
-    report.Title("What failures look like");
+    report.Title("What failures look like, in the log: level, source, place, text");
     Bmc::Thermal::SystemInformation air("", "/com/tamm/bmc/thermal/system");
     report.Line("a property that there is not:");
     Bmc::Thermal::SystemInformation::Variant value = int16_t{-1};

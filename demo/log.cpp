@@ -5,6 +5,7 @@
 
 #include <dlog.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <deque>
@@ -54,8 +55,7 @@ extern "C" int dlog_printf(int level, unsigned int source, const char* format, .
     va_start(arguments, format);
     const int length = std::vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
-    std::string line = "log      level " + std::to_string(level) + " source " +
-                       std::to_string(source) + ": " + text;
+    std::string line = "log " + std::to_string(level) + " " + std::to_string(source) + " " + text;
     line.erase(line.find_last_not_of('\n') + 1);
     const std::lock_guard lock(demo::mutex);
     demo::lines.push_back(line);

@@ -19,7 +19,7 @@ void Report::Expect(const std::string& text, bool happened)
 {
     ++expected;
     missed += happened ? 0 : 1;
-    Line((happened ? "ok       " : "MISSING  ") + text);
+    Line((happened ? "ok      " : "MISSING ") + text);
 }
 
 bool Report::Verdict() const
