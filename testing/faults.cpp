@@ -128,9 +128,9 @@ void Faults::Delay(const Call& call, sd_bus_message* message, std::chrono::milli
     auto waiting = std::make_unique<Waiting>(*this, call, message);
     sd_event_source* source = nullptr;
     const std::chrono::microseconds microseconds = time;
-    Check(sd_event_add_time_relative(sd_bus_get_event(service.Connection()), &source,
-                                     CLOCK_MONOTONIC, static_cast<uint64_t>(microseconds.count()),
-                                     0, Waiting::OnTime, waiting.get()),
+    Check(sd_event_add_time_relative(service.EventLoop(), &source, CLOCK_MONOTONIC,
+                                     static_cast<uint64_t>(microseconds.count()), 0,
+                                     Waiting::OnTime, waiting.get()),
           "sd_event_add_time_relative");
     waiting->timer.reset(source);
     delayed.push_back(std::move(waiting));

@@ -1,31 +1,13 @@
 #include "loop.hpp"
 
+#include "quiet_thread.hpp"
+
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <csignal>
-
 namespace bmcbus::testing
 {
-namespace
-{
-
-// A thread on which no signal of the program is delivered.
-template <class Body>
-std::thread QuietThread(Body&& body)
-{
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread thread(std::forward<Body>(body));
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return thread;
-}
-
-} // namespace
-
 Loop::Loop()
 {
     sd_event* raw = nullptr;

@@ -2,7 +2,7 @@
 #include <bmcbus/testing/value.hpp>
 #include <bmcbus/testing/wait.hpp>
 
-#include "check.hpp"
+#include "connect.hpp"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -320,16 +320,11 @@ bool PrivateBus::Running() const
 
 std::vector<std::string> PrivateBus::Connections() const
 {
-    sd_bus* raw = nullptr;
-    Check(sd_bus_new(&raw), "sd_bus_new");
-    const Owned<sd_bus> bus(raw);
-    Check(sd_bus_set_address(raw, address.c_str()), "sd_bus_set_address");
-    Check(sd_bus_set_bus_client(raw, 1), "sd_bus_set_bus_client");
-    Check(sd_bus_start(raw), "connect to " + address);
+    const Owned<sd_bus> bus = Connect(address);
     const char* own = nullptr;
-    Check(sd_bus_get_unique_name(raw, &own), "connect to " + address);
+    Check(sd_bus_get_unique_name(bus.get(), &own), "sd_bus_get_unique_name");
     sd_bus_message* message = nullptr;
-    Check(sd_bus_call_method(raw, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+    Check(sd_bus_call_method(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
                              "org.freedesktop.DBus", "ListNames", nullptr, &message, ""),
           "ListNames");
     const Owned<sd_bus_message> reply(message);

@@ -1,21 +1,9 @@
 #include "service_link.hpp"
 
-#include <algorithm>
-#include <cstdlib>
+#include "connect.hpp"
 
 namespace bmcbus::testing
 {
-namespace
-{
-
-std::string SystemBusAddress()
-{
-    const char* address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    return address == nullptr ? "unix:path=/run/dbus/system_bus_socket" : address;
-}
-
-} // namespace
-
 // --- connection ---------------------------------------------------------------------------------
 
 Service::Link::Link(Service& owner, const Options& options) :
@@ -34,18 +22,11 @@ Service::Link::Link(Service& owner, const Options& options) :
 void Service::Link::Connect()
 {
     Disconnect(true);
-    sd_bus* raw = nullptr;
-    Check(sd_bus_new(&raw), "sd_bus_new");
-    Owned<sd_bus> fresh(raw);
-    Check(sd_bus_set_address(raw, address.c_str()), "sd_bus_set_address " + address);
-    Check(sd_bus_set_bus_client(raw, 1), "sd_bus_set_bus_client");
-    Check(sd_bus_negotiate_fds(raw, 1), "sd_bus_negotiate_fds");
-    Check(sd_bus_start(raw), "connect to " + address);
+    Owned<sd_bus> fresh = testing::Connect(address);
+    sd_bus* raw = fresh.get();
     sd_bus_slot* slot = nullptr;
     Check(sd_bus_add_filter(raw, &slot, OnMessage, this), "sd_bus_add_filter");
     Owned<sd_bus_slot> freshFilter(slot);
-    const char* unique = nullptr;
-    Check(sd_bus_get_unique_name(raw, &unique), "connect to " + address);
     for (const std::string& name : service.names)
     {
         Check(sd_bus_request_name(raw, name.c_str(), 0), "request name " + name);
@@ -281,6 +262,11 @@ void Service::Run(const std::function<void()>& work) const
 sd_bus* Service::Connection() const
 {
     return link->bus.get();
+}
+
+sd_event* Service::EventLoop() const
+{
+    return link->loop->Event();
 }
 
 void Service::EmitRaw(const std::string& path, const std::string& interface,

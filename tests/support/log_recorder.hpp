@@ -1,45 +1,18 @@
 #pragma once
 
-// Test programs define dlog_printf themselves, so that every line of the library is kept and can be
-// compared with what was promised.
+// Every test program records the library's lines, with the recorder of the testing kit.
 
-#include <string>
-#include <vector>
+#include <bmcbus/testing/log_recorder.hpp>
 
 namespace test
 {
 
-struct LogLine
-{
-    int level = 0;
-    unsigned int source = 0;
-    std::string format;   // as the library passed it
-    std::string file;     // its first value
-    int line = 0;         // its second value
-    std::string function; // its third value
-    std::string text;     // the whole line, formatted, without "file.line.function: "
-};
-
-// Forgets what was recorded.
-void ClearLog();
-
-// All lines so far, in order; safe from any thread.
-std::vector<LogLine> Log();
-
-// The lines up to and including `level`.
-std::vector<LogLine> Log(int level);
-
-// The lines whose format is exactly `format`.
-std::vector<LogLine> LogOf(const std::string& format);
-
-// How many recorded lines have this level, source, function and text.
-size_t CountLog(int level, unsigned int source, const std::string& function,
-                const std::string& text);
-
-// Lines above this level are dropped unread, as a sink with a threshold does (default: none are).
-void SetLogThreshold(int level);
-
-// Readable form for failure messages.
-std::string Describe(const std::vector<LogLine>& lines);
+using bmcbus::testing::ClearLog;
+using bmcbus::testing::CountLog;
+using bmcbus::testing::Describe;
+using bmcbus::testing::Log;
+using bmcbus::testing::LogLine;
+using bmcbus::testing::LogOf;
+using bmcbus::testing::SetLogThreshold;
 
 } // namespace test

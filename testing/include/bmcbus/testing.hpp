@@ -29,6 +29,9 @@
 #include <bmcbus/testing/fake_mapper.hpp>
 #include <bmcbus/testing/fake_service.hpp>
 #include <bmcbus/testing/faults.hpp>
+#include <bmcbus/testing/log_recorder.hpp>
+#include <bmcbus/testing/monitor.hpp>
+#include <bmcbus/testing/peers.hpp>
 #include <bmcbus/testing/private_bus.hpp>
 #include <bmcbus/testing/service.hpp>
 #include <bmcbus/testing/value.hpp>

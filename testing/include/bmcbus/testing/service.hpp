@@ -10,7 +10,7 @@
  * fans.Set("fanCount", 4);                                     // emits PropertiesChanged
  * fans.Set({{"fanCount", 5}, {"fanPWMData", readings}});       // one signal for both
  * fans.Emit("notifyFanReportingData", 5, readings);
- * fans.OnCall("getFanData", [](const Call&) -> std::vector<Value> { return {0}; });
+ * fans.OnCall("updateFanPWMData", [](const Call&) -> std::vector<Value> { return {0}; });
  * @endcode
  *
  * A program that has an event loop already gives it to the constructor and gets no thread:
@@ -323,6 +323,9 @@ class Service
 
     /** The connection, borrowed, for work inside Run() and handlers; null while there is none. */
     sd_bus* Connection() const;
+
+    /** The loop that the service runs on, borrowed, for timers made inside Run() and handlers. */
+    sd_event* EventLoop() const;
 
     /** Answers as if no Interceptor had taken the call, on the service's thread. */
     void Answer(const Call& call, sd_bus_message* message);
