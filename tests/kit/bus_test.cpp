@@ -1,0 +1,279 @@
+#include "client.hpp"
+
+#include <bmcbus/testing.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+
+using namespace bmcbus::testing;
+using test::Client;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+namespace
+{
+
+constexpr const char* variable = "DBUS_SYSTEM_BUS_ADDRESS";
+
+std::string Variable()
+{
+    const char* value = std::getenv(variable);
+    return value == nullptr ? "" : value;
+}
+
+// Process ids of the daemons that serve `folder`.
+std::set<pid_t> DaemonsOf(const std::filesystem::path& folder)
+{
+    std::set<pid_t> daemons;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc"))
+    {
+        const std::string number = entry.path().filename();
+        std::ostringstream command; // its words end in zero bytes
+        command << std::ifstream(entry.path() / "cmdline").rdbuf();
+        if (std::isdigit(static_cast<unsigned char>(number.front())) != 0 &&
+            command.str().find("--config-file=" + (folder / "bus.conf").string()) !=
+                std::string::npos)
+        {
+            daemons.insert(static_cast<pid_t>(std::stol(number)));
+        }
+    }
+    return daemons;
+}
+
+TEST(PrivateBusTest, LeavesNothingBehind)
+{
+    setenv(variable, "unix:path=/before", 1);
+    std::filesystem::path folder;
+    {
+        const PrivateBus bus;
+        folder = bus.Folder();
+        EXPECT_EQ(Variable(), bus.Address());
+        EXPECT_TRUE(bus.Running());
+        EXPECT_EQ(DaemonsOf(folder).size(), 1U);
+        EXPECT_THAT(bus.Connections(), IsEmpty());
+        {
+            const Client client;
+            EXPECT_THAT(bus.Connections(), ElementsAre(client.UniqueName()));
+        }
+        EXPECT_TRUE(Until(
+            [&]
+            {
+                return bus.Connections().empty();
+            }));
+        const PrivateBus inner; // the last one made is the one in use
+        EXPECT_EQ(Variable(), inner.Address());
+    }
+    EXPECT_EQ(Variable(), "unix:path=/before");
+    EXPECT_FALSE(std::filesystem::exists(folder));
+    EXPECT_THAT(DaemonsOf(folder), IsEmpty());
+    unsetenv(variable);
+    {
+        const PrivateBus bus;
+    }
+    EXPECT_EQ(std::getenv(variable), nullptr);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+}
+
+TEST(PrivateBusTest, DaemonDiesWithTheProcess)
+{
+    int report[2];
+    ASSERT_EQ(pipe(report), 0);
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        // No destructor runs here.
+        const PrivateBus bus;
+        const std::string folder = bus.Folder();
+        const bool told = write(report[1], folder.c_str(), folder.size()) > 0;
+        kill(getpid(), told ? SIGKILL : SIGABRT);
+    }
+    char folder[256] = {};
+    close(report[1]);
+    ASSERT_GT(read(report[0], folder, sizeof(folder) - 1), 0);
+    close(report[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_TRUE(Until(
+        [&]
+        {
+            return DaemonsOf(folder).empty();
+        }));
+    std::filesystem::remove_all(folder);
+}
+
+TEST(PrivateBusTest, DaemonOutlivesTheThreadThatStartedIt)
+{
+    std::unique_ptr<PrivateBus> bus;
+    std::thread(
+        [&]
+        {
+            bus = std::make_unique<PrivateBus>();
+        })
+        .join();
+    EXPECT_THAT(bus->Connections(), IsEmpty());
+    EXPECT_TRUE(bus->Running());
+}
+
+TEST(PrivateBusTest, MissingOrBrokenDaemonIsNamed)
+{
+    const auto failure = []() -> std::string
+    {
+        try
+        {
+            const PrivateBus bus;
+        }
+        catch (const std::exception& error)
+        {
+            return error.what();
+        }
+        return "started";
+    };
+    setenv("BMCBUS_DBUS_DAEMON", "/bin/false", 1);
+    EXPECT_THAT(failure(), HasSubstr("dbus-daemon did not start"));
+    setenv("BMCBUS_DBUS_DAEMON", "/nowhere/dbus-daemon", 1);
+    EXPECT_THAT(failure(), HasSubstr("dbus-daemon did not start"));
+    unsetenv("BMCBUS_DBUS_DAEMON");
+    EXPECT_EQ(failure(), "started");
+}
+
+TEST(PrivateBusTest, KillLosesConnectionsAndRestartTakesNewOnes)
+{
+    PrivateBus bus;
+    const std::string address = bus.Address();
+    FakeService service({"com.example.Service"});
+    const Client lost;
+    bus.Kill();
+    EXPECT_FALSE(bus.Running());
+    EXPECT_TRUE(Until(
+        [&]
+        {
+            return !service.Connected();
+        }));
+    EXPECT_TRUE(Until(
+        [&]
+        {
+            return sd_bus_process(lost, nullptr) < 0 || sd_bus_is_open(lost) == 0;
+        }));
+    EXPECT_THROW(Client(), std::runtime_error);
+    EXPECT_THROW(service.Start(), std::system_error);
+    EXPECT_FALSE(service.Connected());
+
+    bus.Restart();
+    EXPECT_EQ(bus.Address(), address);
+    service.Start();
+    EXPECT_THAT(bus.Connections(), ElementsAre(service.UniqueName()));
+    bus.Restart();
+    EXPECT_TRUE(Until(
+        [&]
+        {
+            return !service.Connected();
+        }));
+}
+
+TEST(PrivateBusTest, LimitsAreThoseAskedFor)
+{
+    const auto rules = [](sd_bus* client, unsigned int most)
+    {
+        for (unsigned int i = 0; i < most; ++i)
+        {
+            const std::string rule = "type='signal',member='M" + std::to_string(i) + "'";
+            if (const int result =
+                    sd_bus_add_match(client, nullptr, rule.c_str(), nullptr, nullptr);
+                result < 0)
+            {
+                return std::pair<unsigned int, int>(i, result);
+            }
+        }
+        return std::pair<unsigned int, int>(most, 0);
+    };
+    {
+        const PrivateBus bus(BusLimits::Stock());
+        const Client client;
+        EXPECT_EQ(rules(client, 600), std::make_pair(512U, -ENOBUFS));
+    }
+    {
+        BusLimits few;
+        few.matchRulesPerConnection = 3;
+        few.connectionsPerUser = 2;
+        const PrivateBus bus(few);
+        const Client client;
+        EXPECT_EQ(rules(client, 600), std::make_pair(3U, -ENOBUFS));
+        const Client second;
+        EXPECT_NE(second.UniqueName(), "");
+        const Client third;
+        EXPECT_EQ(third.UniqueName(), "");
+    }
+    const PrivateBus bus;
+    const Client client;
+    EXPECT_EQ(rules(client, 600), std::make_pair(600U, 0));
+}
+
+TEST(WaitTest, UntilStopsAtTheBound)
+{
+    int asked = 0;
+    EXPECT_FALSE(Until(
+        [&]
+        {
+            return ++asked < 0;
+        },
+        std::chrono::milliseconds(5)));
+    EXPECT_GE(asked, 2);
+    EXPECT_TRUE(Until(
+        [&]
+        {
+            return true;
+        },
+        std::chrono::milliseconds(0)));
+}
+
+TEST(WaitTest, DispatchUsesTheThreadsDefaultBus)
+{
+    PrivateBus bus;
+    FakeService fans("com.example.Fans", "/fans", {"com.tamm.bmc.Thermal.FanReporting"});
+    sd_bus* raw = nullptr;
+    ASSERT_GE(sd_bus_default_system(&raw), 0);
+    int signals = 0;
+    const auto count = [](sd_bus_message*, void* counter, sd_bus_error*)
+    {
+        ++*static_cast<int*>(counter);
+        return 0;
+    };
+    ASSERT_GE(sd_bus_add_match(raw, nullptr, "type='signal',path='/fans'", count, &signals), 0);
+    fans->Set("fanCount", 1);
+    fans->Set("fanCount", 2);
+    EXPECT_TRUE(Dispatch(
+        [&]
+        {
+            return signals == 2;
+        }));
+    EXPECT_TRUE(DispatchPending());
+    EXPECT_EQ(signals, 2);
+    EXPECT_FALSE(Dispatch(
+        [&]
+        {
+            return signals == 3;
+        },
+        std::chrono::milliseconds(5)));
+    bus.Kill();
+    EXPECT_FALSE(Dispatch(
+        [&]
+        {
+            return signals == 3;
+        }))
+        << "returns when the bus has gone";
+    EXPECT_FALSE(DispatchPending());
+    sd_bus_unref(raw);
+}
+
+} // namespace
