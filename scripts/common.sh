@@ -53,6 +53,9 @@ Only root may install them; as root: apt-get install ${missing[*]}"
     fi
 }
 
+# Tests and the demo are about behaviour, so what compiles fast serves them best.
+fast=(-Doptimization=0 -Ddebug=false)
+
 # build FOLDER [OPTION...] [-- TARGET...]: builds in a folder below build/ that is set up with these
 # options. The tools' words are shown when they matter. Fails when the build does.
 build()
