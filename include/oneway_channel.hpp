@@ -1,9 +1,9 @@
-#ifndef ONEWAY_CHANNEL_HPP
-#define ONEWAY_CHANNEL_HPP
+#ifndef BMCBUS_ONEWAY_CHANNEL_HPP
+#define BMCBUS_ONEWAY_CHANNEL_HPP
 
 /**
  * @file
- * Work from any thread to the thread of one event loop.
+ * Hands work from any thread to the thread of one event loop.
  *
  * A producer queues a message (a function, a data pointer and a size) and writes two bytes into a
  * pipe; the loop watches the pipe's read end and runs the queued functions on its own thread, each
@@ -11,33 +11,46 @@
  * process. An sd-event loop, a CZMQ `zloop`, an asio `io_context` or the caller's own poll loop can
  * drive it, one at a time.
  *
- * Order of calls: register from the loop's own thread, post from any thread, unregister on the
- * loop's thread once the producers have stopped. Messages that were not processed by then stay
- * queued for the next registration.
+ * @code
+ * static int Work(void* context, void* data, unsigned long size); // runs on the loop's thread
  *
- * A full pipe: producers wait until the loop has drained enough of it, without holding any lock.
- * The loop's own thread never waits; when the pipe is full, the triggers in it wake the loop for
- * its messages, too.
+ * OneWayChannel_RegisterZLoop(loop, context);   // on the thread that will run the loop
+ * OneWayChannel_Execute(Work, data, size, 0);   // on any thread
+ * OneWayChannel_Unregister();                   // on the loop's thread, after the last post
+ * @endcode
  *
- * fork(): the parent's channel goes on undisturbed. The child's copy is destroyed, with what was
- * queued; its first use makes a new, unregistered channel. A loop that the child inherited must not
- * be run there without the loop library's own provisions.
+ * **Order.** Register, let producers post, stop them, unregister. Messages run in the order in
+ * which they were queued. Those that nobody processed stay queued for the next registration.
  *
- * The flat functions can be used from C. Those that catch nothing let `std::system_error` (a failed
- * lock), `std::bad_alloc` and `std::runtime_error` (no pipe) through.
+ * **A full pipe.** Producers wait until the loop has drained some of it (65536 bytes hold 32768
+ * triggers), without holding a lock; when the registration ends meanwhile they return. The loop's
+ * own thread never waits: when its trigger finds no room, those in the pipe wake the loop for its
+ * message, too. The loop's own thread is the one that registered, or that drained last.
+ *
+ * **Exceptions.** A `std::exception` from a message's function is logged. Any other exception
+ * passes to the loop, and the messages behind it run at the next wake-up. A `zloop` is written in
+ * C: what passes through it ends the program on some machines.
+ *
+ * **fork().** The parent's channel goes on undisturbed. The child's copy is destroyed with what was
+ * queued; the child's first call makes a new, unregistered channel. Inside a message's function
+ * that forks, only this function goes on in the child. A thread must not fork while it holds
+ * `infrautils::oneWayChannelOperationMutex`. An inherited `io_context` needs asio's `notify_fork`
+ * before it can run in the child; an inherited sd-event loop cannot run there at all.
+ *
+ * **From C** the flat functions can be called, except where noted. Those that catch nothing let
+ * `std::system_error` (a failed lock), `std::bad_alloc` and `std::runtime_error` (no pipe) pass.
  */
 
 #include <bmcbus/export.h>
 
-#include <czmq.h>
 #include <pthread.h>
-#include <systemd/sd-event.h>
+#include <stdbool.h>
 
 #ifdef __cplusplus
 
 #include <bmcbus/config.h>
 
-#include <utility> // before asio, which forgets it
+#include <utility> // before asio 1.74, which forgets it
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
@@ -54,17 +67,19 @@
 #error "Boost.Asio must be configured as in libbmcbus: take the flags of pkg-config bmcbus"
 #endif
 
-#else
-#include <stdbool.h>
+struct zmq_pollitem_t;
+
 #endif
 
+typedef struct sd_event sd_event;
+typedef struct _zloop_t zloop_t;
+
 /**
- * A message's function: gets the registration's context, and the message's data and size. The
+ * A message's function. Gets the registration's context, and the message's data and size; the
  * result is ignored.
  *
- * Runs on the loop's thread, without any lock: it may post, also again and again, and its messages
- * run in the same drain. A `std::exception` from it is logged. Anything else passes to the loop,
- * and the messages after it run at the next wake-up; a `zloop` is C and not made for that.
+ * Runs on the loop's thread, without a lock of the channel. It may post, again and again: its
+ * messages run in the same drain, without waiting. It may also unregister and register.
  */
 typedef int (*OneWayChannelFunction)(void* context, void* data, unsigned long size);
 
@@ -73,7 +88,10 @@ typedef int (*OneWayChannelFunction)(void* context, void* data, unsigned long si
 namespace infrautils
 {
 
-/** Guards the queue and the trigger writes; held across fork(), never while a function runs. */
+/**
+ * Guards the queue and the trigger writes; held across fork(), never while a function runs and
+ * never while a producer waits.
+ */
 extern BMCBUS_EXPORT std::mutex oneWayChannelOperationMutex;
 
 /** How the read end of the pipe is watched. */
@@ -86,52 +104,65 @@ enum class RegistrationType : int
     UserFD = 4
 };
 
-/** One queued message. */
+/** One queued message; on the heap, the queue's. */
 struct MBMessage
 {
-    std::function<int(void*, void*, unsigned long)> function;
-    void* data;
-    unsigned long size;
-    bool freeData; ///< release `data` with free() after the call
+    std::function<int(void*, void*, unsigned long)> function; ///< may be empty
+    void* data;                                               ///< as the producer gave it
+    unsigned long size;                                       ///< passed through
+    bool freeData; ///< release `data` with free() once the function has run
 };
 
 /**
- * The channel. See the file's description for threads, blocking and fork().
+ * The channel, with the members that its flat functions are made of.
  *
- * Results of the operations: 0 success, 2 a registration is in place, 3 not possible in this state,
- * 4 the reactor refused the pipe, 6 the trigger could not be written (the message stays queued), 7
- * the pipe could not be read.
+ * See the file's description for threads, waiting, exceptions and fork(). Results: 0 success, 2 a
+ * registration is in place, 3 not possible in this state, 4 the reactor refused the pipe, 6 the
+ * trigger could not be written, 7 the pipe could not be read; each but 0 comes with a log line,
+ * except the 3 of `OneWayChannel_Process`. A lock that fails throws `std::system_error`.
  */
 class BMCBUS_EXPORT OneWayChannel
 {
   public:
+    /** What a message runs: context, data, size; the result is ignored. */
     using Function = std::function<int(void*, void*, unsigned long)>;
 
     /**
-     * The channel of this process, made on first use. Any thread.
+     * The channel of this process, made on first use. Any thread; does not block.
      *
-     * Throws `std::runtime_error` when no pipe can be made, `std::system_error` when a lock fails.
+     * @throws std::runtime_error when there is no pipe; the next call tries again
      */
     static OneWayChannel* GetInstance();
 
     /**
      * Lets an sd-event loop drive the channel. Call it on the loop's thread.
      *
-     * The watch keeps a reference to the loop until `Unregister`.
+     * The watch holds a reference to the loop until `Unregister`.
      *
-     * @param context          first argument of every function; the caller's
+     * @param context  first argument of every function; stays the caller's
      * @param defaultFunction  for messages without a function; may be empty
-     * @return 0, or 2 when a registration is in place. Throws what sdeventplus throws.
+     * @return 0 or 2
+     * @throws what sdeventplus throws; nothing is registered then
      */
     int RegisterEventLoop(sdeventplus::Event& event, void* context, Function defaultFunction);
 
-    /** Lets a `zloop` drive the channel, on the same terms. @return 0, 2, or 4 when it refuses. */
+    /**
+     * Lets a `zloop` drive the channel, on the same terms. It must outlive the registration.
+     *
+     * @return 0, 2 or 4
+     */
     int RegisterZLoop(zloop_t* loop, void* context, Function defaultFunction);
 
     /**
-     * Lets an `io_context` drive the channel, on the same terms. @return 0 or 2.
+     * Lets an `io_context` drive the channel, on the same terms.
      *
-     * The context may be destroyed after `Unregister`, not before. Throws asio's error.
+     * The watch has a descriptor of its own for the read end, which is non-blocking while the
+     * registration lasts. It counts as work of the context, also after `Unregister` until the
+     * pipe is readable; it then runs nothing. The context may be destroyed at any time that it
+     * does not run.
+     *
+     * @return 0 or 2
+     * @throws boost::system::system_error when the descriptor is refused; nothing is registered
      */
     int RegisterIOContext(boost::asio::io_context& context, void* userContext,
                           Function defaultFunction);
@@ -139,100 +170,141 @@ class BMCBUS_EXPORT OneWayChannel
     /**
      * Queues a message. Any thread; a producer waits while the pipe is full.
      *
-     * @param data  the producer's until the function has run; with @p freeData the channel's
-     * @return 0; 3 when nothing is registered, with nothing queued or released; 6
+     * @param data  the producer's until the function has run; with @p freeData the channel's, from
+     * malloc()
+     * @return 0; 3 when nothing is registered, with nothing queued and nothing released; 6 with
+     * the message queued for a later wake-up
      */
     int Execute(Function function, void* data, unsigned long size, bool freeData);
 
-    /** Queues a message for the default function. @return as above; 3 also without one. */
+    /** Queues a message for the default function. @return as above, 3 also without one */
     int Execute(void* data, unsigned long size, bool freeData);
 
-    /** Runs every queued message. For the loop's thread. */
+    /**
+     * Runs every queued message with @p context. For the loop's thread.
+     *
+     * Lets exceptions pass that are not `std::exception`; the message that threw is released.
+     */
     void ProcessMBQueue(void* context);
 
     /**
-     * Ends the registration. On the loop's thread, also from inside a message's function; waits for
-     * the operation mutex only.
+     * Ends the registration. On the loop's thread, also inside a message's function. Does not
+     * block; what is queued stays queued.
      */
     void Unregister();
 
     /** Logs which registration is in place. @return 2 */
     int _ReturnAlreadyRegistered();
 
-    /** Writes the two trigger bytes; the caller holds the operation mutex. @return 0 or 6 */
+    /**
+     * Writes the two trigger bytes, unless the pipe is full and so wakes the loop anyway. The
+     * caller holds `oneWayChannelOperationMutex`. Does not block.
+     *
+     * @return 0 or 6
+     */
     int TriggerReadPipeNoLock();
 
-    // What the loops call.
+    /** Called by an sd-event loop, on its thread: reads triggers, then drains the queue. */
     void _PipeIOEventReceive(sdeventplus::source::IO& source, int fd, unsigned int events,
                              void* context);
+
+    /** Reads triggers from @p fd, then drains the queue. On the loop's thread. @return 0 or 7 */
     int _ReadFromPipe(int fd);
+
+    /** Called by a `zloop`, on its thread. @return what the reactor gets, 0 or 7 */
     int _PipeZLoopReceive(zloop_t* loop, zmq_pollitem_t* item, void* arg);
+
+    /**
+     * Called by an `io_context`, on its thread: reads triggers, drains the queue and waits again;
+     * not after an error.
+     *
+     * @throws boost::system::system_error when the pipe cannot be read
+     */
     void _PipeIOContexHandler(const boost::system::error_code& error, unsigned long bytes);
+
+    /** Makes the pipe. @throws std::runtime_error after a log line */
+    OneWayChannel();
+
+    /** Releases what is queued without running it. Happens in a forked child only. */
+    ~OneWayChannel();
 
     OneWayChannel(const OneWayChannel&) = delete;
     OneWayChannel& operator=(const OneWayChannel&) = delete;
 
-    /** The channel, null until first use. */
+    /** The channel, null until first use. Read it through `GetInstance`. */
     static OneWayChannel* instance;
 
-    /** Guards the making of the channel. */
+    /** Guards the making of the channel; held across fork(), too. */
     static std::mutex initCriticalSection;
+
+    /** @name State
+     * Written by the registration functions without a lock, `mbQueue` under the operation mutex.
+     * @{ */
+    int pipeFds[2];                ///< read end, write end
+    std::list<MBMessage*> mbQueue; ///< first in, first out
+    int registrationType;          ///< a `RegistrationType`
+    void* userContext;             ///< first argument of every function
+    Function defaultFunction;      ///< may be empty
+    char readBuffer[32];           ///< triggers end here
+    pthread_t loopTid;             ///< thread that registered the loop
+    bool loopTidValid;             ///< whether `loopTid` is set; not for a self-made poll loop
+    std::unique_ptr<sdeventplus::source::IO> ioSource; ///< watch of an sd-event loop
+    zloop_t* registeredZLoop;                          ///< reactor of a `ZLoop` registration
+    /// watch of an `io_context`
+    std::unique_ptr<boost::asio::posix::stream_descriptor> streamDescriptor;
+    /** @} */
 
   private:
     friend struct OneWayChannelFlat;
-    class Drain;
+    struct BMCBUS_LOCAL Watch;
 
-    OneWayChannel();
-    ~OneWayChannel();
+    BMCBUS_LOCAL static void InstallForkHandlers();
+    BMCBUS_LOCAL static void ForkPrepare();
+    BMCBUS_LOCAL static void ForkParent();
+    BMCBUS_LOCAL static void ForkChild();
 
-    static void ForkPrepare();
-    static void ForkParent();
-    static void ForkChild();
+    BMCBUS_LOCAL RegistrationType Type() const;
+    BMCBUS_LOCAL void TakeOver(void* context, Function function);
+    BMCBUS_LOCAL void Publish(RegistrationType type);
+    BMCBUS_LOCAL void WaitForIO(std::shared_ptr<Watch> owner);
+    BMCBUS_LOCAL void GiveUpWatch(bool inherited);
 
-    RegistrationType Type() const;
-    void BeginRegistration(void* context, Function function);
-    void EndRegistration(RegistrationType type);
-    void RegisterUserFD(int* fd, void* context, Function function);
-    void WaitForIO();
-    void ReleaseStreamDescriptor();
-    long ReadTriggers(int fd);
-    int WriteTrigger();
-    bool HasRoom();
-    void WaitForRoom() const;
-    bool OnLoopThread() const;
-
-    int pipeFds[2];
-    std::list<MBMessage*> mbQueue;
-    int registrationType;
-    void* userContext;
-    Function defaultFunction;
-    char readBuffer[32];
-    pthread_t loopTid;
-    bool loopTidValid;
-    std::unique_ptr<sdeventplus::source::IO> ioSource;
-    zloop_t* registeredZLoop;
-    std::unique_ptr<boost::asio::posix::stream_descriptor> streamDescriptor;
+    // Not hidden: TriggerReadPipeNoLock is inline.
+    int WriteTrigger(const char (&bytes)[2]);
+    BMCBUS_LOCAL int WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock);
+    BMCBUS_LOCAL bool OnLoopThread() const;
+    BMCBUS_LOCAL bool RunNext(void* context);
+    BMCBUS_LOCAL void WakeAgain() noexcept;
 
     // The thread that drains, also where loopTid is not published.
-    pthread_t drainTid;
-    // Trigger bytes in the pipe, never counted too low, and how many surely fit.
-    int triggerBytes;
-    int safeBytes;
+    pthread_t drainTid_;
+    // How many triggers surely fit into the pipe, and whether the last one did not. Under the
+    // operation mutex.
+    unsigned int credit_ = 0;
+    bool noRoom_ = false;
+    // The asio registration in force; owned by the handler of its wait.
+    Watch* watch_ = nullptr;
 };
 
-/** What `zloop_poller` gets: forwards to the channel @p arg. */
+inline int OneWayChannel::TriggerReadPipeNoLock()
+{
+    static const char buf[2] = {'R', '\0'};
+    return WriteTrigger(buf);
+}
+
+/** What `zloop_poller` gets. Forwards to the channel @p arg, unless it is a forked parent's. */
 BMCBUS_EXPORT int _OneWayChannelZLoopFunctionHandler(zloop_t* loop, zmq_pollitem_t* item,
                                                      void* arg);
 
 } // namespace infrautils
 
 /**
- * Registration for the caller's own poll loop; no watch is made.
+ * Makes the calling thread's own poll loop drive the channel; no watch is made.
  *
- * Poll @p fd for reading on the calling thread and call `OneWayChannel_Process` when it is
- * readable. It takes the place of any other registration without asking.
+ * Poll @p fd for reading and call `OneWayChannel_Process` when it is readable. Takes the place of
+ * any other registration without asking. Does not block.
  *
- * @param[out] fd  the channel's descriptor, which stays the channel's
+ * @param[out] fd  the channel's read end, which stays the channel's
  * @return 0
  */
 BMCBUS_EXPORT int OneWayChannel_GetChannelFDAndSelfRegister(int* fd, void* context);
@@ -242,17 +314,21 @@ extern "C"
 #endif
 
     /**
-     * Lets an sd-event loop drive the channel. Call it on the loop's thread; works once per
-     * process.
+     * Lets an sd-event loop drive the channel. Call it on the loop's thread; it works once in a
+     * process, its children included. Does not block.
      *
-     * Takes a reference on @p event for the life of the process.
+     * Takes a reference to @p event for the life of the process.
      *
-     * @return 0; 2 when it was called successfully before, also in a parent process; 5 after an
-     * exception, which is logged
+     * @return 0, also when another kind is registered, which is logged; 2 when it was called
+     * before; 5 after an exception, which is logged
      */
     BMCBUS_EXPORT int OneWayChannel_RegisterSDEvent(sd_event* event, void* context);
 
-    /** Lets a `zloop` drive the channel. @return 0, also when it is refused with a log line; or 5
+    /**
+     * Lets a `zloop` drive the channel. Call it on the loop's thread; the loop must outlive the
+     * registration. Does not block.
+     *
+     * @return 0, also when it was refused, which is logged; 5 after an exception, which is logged
      */
     BMCBUS_EXPORT int OneWayChannel_RegisterZLoop(zloop_t* loop, void* context);
 
@@ -261,7 +337,9 @@ extern "C"
     OneWayChannel_RegisterZLoopWithDefaultFunction(zloop_t* loop, void* context,
                                                    OneWayChannelFunction function);
 
-    /** As `OneWayChannel_GetChannelFDAndSelfRegister`, with a default function, which may be null.
+    /**
+     * As OneWayChannel_GetChannelFDAndSelfRegister(), which C cannot call, with a default
+     * function, which may be null.
      */
     BMCBUS_EXPORT int
     OneWayChannel_GetChannelFDAndSelfRegisterWithDefaultFunction(int* fd, void* context,
@@ -270,30 +348,34 @@ extern "C"
     /**
      * Queues a message. Any thread; a producer waits while the pipe is full.
      *
-     * @param freeData  not 0: `data` is released with free() after the function ran
-     * @return 0; 3 when nothing is registered; 6 when the trigger could not be written
+     * @param function  may be null: its message is logged when it is processed
+     * @param data  the producer's until the function has run
+     * @param freeData  not 0: @p data is from malloc() and released after the function ran
+     * @return 0; 3 when nothing is registered, with nothing queued and nothing released; 6 when
+     * the trigger could not be written, with the message queued for a later wake-up
      */
     BMCBUS_EXPORT int OneWayChannel_Execute(OneWayChannelFunction function, void* data,
                                             unsigned long size, int freeData);
 
-    /** Queues a message for the default function. @return as above; 3 also without one */
+    /** Queues a message for the default function. @return as above, 3 also without one */
     BMCBUS_EXPORT int OneWayChannel_ExecuteDefault(void* data, unsigned long size, int freeData);
 
     /**
-     * Drains the channel in the caller's own poll loop.
+     * Runs what is queued, in the caller's own poll loop when @p fd is readable. Blocks while the
+     * pipe is empty.
      *
-     * @return 0; 1 after an exception, which is logged; 3 for another kind of registration; 7
+     * @return 0; 1 after an exception outside of the functions, which is logged; 3 for another
+     * kind of registration; 7 when @p fd could not be read, which is logged
      */
     BMCBUS_EXPORT int OneWayChannel_Process(int fd);
 
-    /** Ends the registration; see `Unregister`. */
+    /** Ends the registration. On the loop's thread, also inside a message's function. */
     BMCBUS_EXPORT void OneWayChannel_Unregister(void);
 
     /**
-     * Tells whether a loop is registered, and which thread it runs on. Any thread; does not block.
+     * Tells whether a loop is registered, and on which thread. Any thread; does not block.
      *
-     * @param[out] tidValid  false also for the caller's own poll loop, whose thread is not
-     * published
+     * @param[out] tidValid  whether @p tid is set; false for the caller's own poll loop
      */
     BMCBUS_EXPORT void OneWayChannel_IsRegistered(bool* registered, bool* tidValid, pthread_t* tid);
 

@@ -1,66 +1,56 @@
 #include <oneway_channel.hpp>
 
 #include "log.hpp"
-#include "oneway_channel_flat.hpp"
+#include "oneway_channel_internal.hpp"
+#include "threadfunnel_internal.hpp"
 
+#include <czmq.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
-#include <exception>
 #include <new>
 #include <stdexcept>
 
-// The pipe is the wake-up, the queue is the data. Nobody ever blocks in the write: a producer that
-// finds no room waits for it with poll() and without the mutex, and the loop's own thread does not
-// wait at all, since the triggers that fill the pipe will wake it anyway. The registration's fields
-// are read without a lock by design; they are plain in type and atomic in access.
+// The channel's life: one per process, one registration at a time, and what becomes of it in a
+// forked child. Messages and wake-ups are in oneway_channel_queue.cpp.
 
 namespace infrautils
 {
 
+using channel::Load;
+using channel::Store;
+
 constinit std::mutex oneWayChannelOperationMutex;
 constinit std::mutex OneWayChannel::initCriticalSection;
 constinit OneWayChannel* OneWayChannel::instance = nullptr;
+constinit unsigned int channel::forks = 0;
 
 namespace
 {
-
-template <class T>
-T Load(const T& field)
-{
-    return std::atomic_ref(const_cast<T&>(field)).load(std::memory_order_acquire);
-}
-
-template <class T>
-void Store(T& field, T value)
-{
-    std::atomic_ref(field).store(value, std::memory_order_release);
-}
-
-// Which asio registration is in force. A handler of an earlier one, or one in a forked child, holds
-// another number and does nothing.
-std::atomic<unsigned long> ioGeneration{0};
-
-pthread_once_t forkHandlers = PTHREAD_ONCE_INIT;
 
 zmq_pollitem_t PollItem(int fd)
 {
     return {.socket = nullptr, .fd = fd, .events = ZMQ_POLLIN, .revents = 0};
 }
 
-void Discard(MBMessage* message)
+// What stays of a parent's channel in a child: its place, since an inherited zloop still has the
+// address, and the watch of an sd-event loop. Dropping it here could end the parent's, with which
+// it shares the epoll instance: sd-event learns of the fork from a handler of its own, which may
+// run after this one. Another thread may have been changing the loop's lists, too.
+struct Grave
 {
-    if (message->freeData)
-    {
-        std::free(message->data);
-    }
-    delete message;
-}
+    Grave* older;
+    sdeventplus::source::IO* watch;
+};
+static_assert(sizeof(Grave) <= sizeof(OneWayChannel) && alignof(Grave) <= alignof(OneWayChannel));
+
+constinit Grave* graves = nullptr;
+
+// A child that was forked while another thread installed the handlers may install them again.
+constinit thread_local unsigned int handlersEntered = 0;
 
 } // namespace
 
@@ -70,8 +60,7 @@ OneWayChannel::OneWayChannel() :
     loopTid(),
     loopTidValid(false),
     registeredZLoop(nullptr),
-    drainTid(),
-    triggerBytes(0)
+    drainTid_()
 {
     const int result = pipe(pipeFds);
     if (result != 0)
@@ -79,30 +68,18 @@ OneWayChannel::OneWayChannel() :
         BMCBUS_LOG(failure, "Pipe creation failed : %d", result);
         throw std::runtime_error("Error in pipe creation OneWayChannel");
     }
-    // A page that is read in part still takes its place, so one page is left out.
-    safeBytes =
-        std::max(0, fcntl(pipeFds[1], F_GETPIPE_SZ) - static_cast<int>(sysconf(_SC_PAGESIZE)));
 }
 
 OneWayChannel::~OneWayChannel()
 {
     BMCBUS_LOG(misuse,
                "Destructor. fork happened? (NOT Recommended to fork with multiple threads)");
+    GiveUpWatch(true);
     ioSource.reset();
     defaultFunction = nullptr;
-    std::for_each(mbQueue.begin(), mbQueue.end(), Discard);
+    std::for_each(mbQueue.begin(), mbQueue.end(), channel::Discard);
+    close(pipeFds[0]);
     close(pipeFds[1]);
-    if (streamDescriptor)
-    {
-        // The reactor is shared with the parent, whose watch must stay: the object is given up, not
-        // destroyed. Its descriptor stays open for the child's io_context, should it be told of the
-        // fork.
-        static_cast<void>(streamDescriptor.release());
-    }
-    else
-    {
-        close(pipeFds[0]);
-    }
 }
 
 OneWayChannel* OneWayChannel::GetInstance()
@@ -111,12 +88,8 @@ OneWayChannel* OneWayChannel::GetInstance()
     {
         return made;
     }
-    // Before the lock: registering waits for a fork() that is under way, and that for the lock.
-    pthread_once(&forkHandlers,
-                 []
-                 {
-                     static_cast<void>(pthread_atfork(ForkPrepare, ForkParent, ForkChild));
-                 });
+    // Before the lock: registering handlers waits for a fork() under way, and that for the lock.
+    InstallForkHandlers();
     const std::lock_guard lock(initCriticalSection);
     if (instance == nullptr)
     {
@@ -125,25 +98,54 @@ OneWayChannel* OneWayChannel::GetInstance()
     return instance;
 }
 
+void OneWayChannel::InstallForkHandlers()
+{
+    static constinit pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once,
+                 []
+                 {
+                     static_cast<void>(pthread_atfork(ForkPrepare, ForkParent, ForkChild));
+                 });
+}
+
 void OneWayChannel::ForkPrepare()
 {
-    initCriticalSection.lock();
-    oneWayChannelOperationMutex.lock();
+    if (handlersEntered++ == 0)
+    {
+        // A send over the channel posts while it holds the funnel's lock.
+        bmcbus::funnel::HoldSends();
+        initCriticalSection.lock();
+        oneWayChannelOperationMutex.lock();
+    }
 }
 
 void OneWayChannel::ForkParent()
 {
-    oneWayChannelOperationMutex.unlock();
-    initCriticalSection.unlock();
+    if (--handlersEntered == 0)
+    {
+        oneWayChannelOperationMutex.unlock();
+        initCriticalSection.unlock();
+        bmcbus::funnel::ReleaseSends();
+    }
 }
 
 void OneWayChannel::ForkChild()
 {
-    ioGeneration.fetch_add(1);
-    OneWayChannel* const inherited = instance;
-    Store(instance, static_cast<OneWayChannel*>(nullptr));
     ForkParent();
-    delete inherited;
+    if (handlersEntered != 0)
+    {
+        return;
+    }
+    ++channel::forks;
+    OneWayChannel* const inherited = instance;
+    if (inherited == nullptr)
+    {
+        return;
+    }
+    Store(instance, static_cast<OneWayChannel*>(nullptr));
+    sdeventplus::source::IO* const watch = inherited->ioSource.release();
+    inherited->~OneWayChannel();
+    graves = new (static_cast<void*>(inherited)) Grave{.older = graves, .watch = watch};
 }
 
 RegistrationType OneWayChannel::Type() const
@@ -175,15 +177,15 @@ int OneWayChannel::_ReturnAlreadyRegistered()
     return channel::alreadyRegistered;
 }
 
-void OneWayChannel::BeginRegistration(void* context, Function function)
+void OneWayChannel::TakeOver(void* context, Function function)
 {
     Store(userContext, context);
     defaultFunction = std::move(function);
-    Store(drainTid, pthread_self());
+    Store(drainTid_, pthread_self());
 }
 
 // The type comes last: a producer that sees it sees the rest.
-void OneWayChannel::EndRegistration(RegistrationType type)
+void OneWayChannel::Publish(RegistrationType type)
 {
     Store(loopTid, pthread_self());
     Store(loopTidValid, true);
@@ -203,8 +205,8 @@ int OneWayChannel::RegisterEventLoop(sdeventplus::Event& event, void* context, F
         {
             _PipeIOEventReceive(source, fd, events, context);
         });
-    BeginRegistration(context, std::move(function));
-    EndRegistration(RegistrationType::EventLoop);
+    TakeOver(context, std::move(function));
+    Publish(RegistrationType::EventLoop);
     return channel::success;
 }
 
@@ -222,323 +224,49 @@ int OneWayChannel::RegisterZLoop(zloop_t* loop, void* context, Function function
         return channel::pollerRefused;
     }
     registeredZLoop = loop;
-    BeginRegistration(context, std::move(function));
-    EndRegistration(RegistrationType::ZLoop);
+    TakeOver(context, std::move(function));
+    Publish(RegistrationType::ZLoop);
     return channel::success;
-}
-
-int OneWayChannel::RegisterIOContext(boost::asio::io_context& context, void* newUserContext,
-                                     Function function)
-{
-    if (Type() != RegistrationType::None)
-    {
-        return _ReturnAlreadyRegistered();
-    }
-    streamDescriptor = std::make_unique<boost::asio::posix::stream_descriptor>(context);
-    boost::system::error_code failed;
-    streamDescriptor->assign(pipeFds[0], failed);
-    if (failed)
-    {
-        streamDescriptor.reset(); // owns nothing yet
-        throw boost::system::system_error(failed, "assign");
-    }
-    BeginRegistration(newUserContext, std::move(function));
-    ioGeneration.fetch_add(1);
-    WaitForIO();
-    EndRegistration(RegistrationType::IOContext);
-    return channel::success;
-}
-
-void OneWayChannel::RegisterUserFD(int* fd, void* context, Function function)
-{
-    BeginRegistration(context, std::move(function));
-    Store(registrationType, static_cast<int>(RegistrationType::UserFD));
-    *fd = pipeFds[0];
-}
-
-int OneWayChannel::Execute(Function function, void* data, unsigned long size, bool freeData)
-{
-    if (Type() == RegistrationType::None)
-    {
-        BMCBUS_LOG(misuse, "the receive fd is not registered, please call Register");
-        return channel::notPossible;
-    }
-    auto message =
-        std::make_unique<MBMessage>(MBMessage{std::move(function), data, size, freeData});
-    std::unique_lock lock(oneWayChannelOperationMutex);
-    mbQueue.push_back(message.get());
-    static_cast<void>(message.release());
-    while (!HasRoom())
-    {
-        // Nobody but this thread drains the pipe, or nobody at all does any more. What fills it
-        // wakes whoever comes to drain it.
-        if (OnLoopThread() || Type() == RegistrationType::None)
-        {
-            return channel::success;
-        }
-        lock.unlock();
-        WaitForRoom();
-        lock.lock();
-    }
-    return TriggerReadPipeNoLock();
-}
-
-int OneWayChannel::Execute(void* data, unsigned long size, bool freeData)
-{
-    if (!defaultFunction)
-    {
-        BMCBUS_LOG(misuse, "Default function handler not registered");
-        return channel::notPossible;
-    }
-    return Execute(defaultFunction, data, size, freeData);
-}
-
-int OneWayChannel::TriggerReadPipeNoLock()
-{
-    static char buf[2] = {'R', '\0'};
-    // Counted first, as the loop may read the bytes before this returns.
-    std::atomic_ref count(triggerBytes);
-    count.fetch_add(sizeof(buf), std::memory_order_relaxed);
-    const ssize_t written = write(pipeFds[1], buf, sizeof(buf));
-    if (written <= 0)
-    {
-        count.fetch_sub(sizeof(buf), std::memory_order_relaxed);
-        BMCBUS_LOG(failure, "Write failed : %zd", written);
-        return channel::writeFailed;
-    }
-    return channel::success;
-}
-
-// True when the next trigger will not block. The count spares asking the kernel most of the time.
-bool OneWayChannel::HasRoom()
-{
-    const int bytes = std::atomic_ref(triggerBytes).load(std::memory_order_relaxed);
-    if (bytes + 2 <= safeBytes)
-    {
-        return true;
-    }
-    pollfd end{.fd = pipeFds[1], .events = POLLOUT, .revents = 0};
-    // An error is for the write to find.
-    return poll(&end, 1, 0) != 0;
-}
-
-// Comes back now and then to see whether the registration has ended.
-void OneWayChannel::WaitForRoom() const
-{
-    static constexpr int milliseconds = 100;
-    pollfd end{.fd = pipeFds[1], .events = POLLOUT, .revents = 0};
-    static_cast<void>(poll(&end, 1, milliseconds));
-}
-
-bool OneWayChannel::OnLoopThread() const
-{
-    return pthread_equal(Load(drainTid), pthread_self()) != 0;
-}
-
-long OneWayChannel::ReadTriggers(int fd)
-{
-    const ssize_t bytes = read(fd, readBuffer, sizeof(readBuffer));
-    if (bytes > 0)
-    {
-        std::atomic_ref(triggerBytes).fetch_sub(static_cast<int>(bytes), std::memory_order_relaxed);
-    }
-    return bytes;
-}
-
-void OneWayChannel::_PipeIOEventReceive(sdeventplus::source::IO& /*source*/, int fd,
-                                        unsigned int /*events*/, void* context)
-{
-    const ssize_t bytes = ReadTriggers(fd);
-    if (bytes < 0)
-    {
-        BMCBUS_LOG(misuse, "Error in read : %zd", bytes);
-        return;
-    }
-    ProcessMBQueue(context);
-}
-
-int OneWayChannel::_ReadFromPipe(int fd)
-{
-    const ssize_t bytes = ReadTriggers(fd);
-    if (bytes < 0)
-    {
-        BMCBUS_LOG(misuse, "Error in zloop pipe read : %zd", bytes);
-        return channel::readFailed;
-    }
-    ProcessMBQueue(Load(userContext));
-    return channel::success;
-}
-
-int OneWayChannel::_PipeZLoopReceive(zloop_t* /*loop*/, zmq_pollitem_t* item, void* /*arg*/)
-{
-    return _ReadFromPipe(item->fd);
-}
-
-int _OneWayChannelZLoopFunctionHandler(zloop_t* loop, zmq_pollitem_t* item, void* arg)
-{
-    // In a forked child the reactor still knows the parent's channel.
-    auto* const self = static_cast<OneWayChannel*>(arg);
-    return self == Load(OneWayChannel::instance) ? self->_PipeZLoopReceive(loop, item, arg) : 0;
-}
-
-void OneWayChannel::WaitForIO()
-{
-    streamDescriptor->async_read_some(
-        boost::asio::null_buffers(),
-        [mine = ioGeneration.load()](const boost::system::error_code& error, size_t bytes)
-        {
-            if (mine == ioGeneration.load())
-            {
-                Load(instance)->_PipeIOContexHandler(error, bytes);
-            }
-        });
-}
-
-void OneWayChannel::_PipeIOContexHandler(const boost::system::error_code& error,
-                                         unsigned long /*bytes*/)
-{
-    if (error)
-    {
-        BMCBUS_LOG(misuse, "Error in IOContext Read: %d", error.value());
-        return;
-    }
-    const size_t bytes =
-        streamDescriptor->read_some(boost::asio::buffer(readBuffer, sizeof(readBuffer)));
-    std::atomic_ref(triggerBytes).fetch_sub(static_cast<int>(bytes), std::memory_order_relaxed);
-    // Waits again also when a function's exception passes, unless the registration ended meanwhile.
-    struct Again
-    {
-        OneWayChannel& channel;
-        unsigned long mine = ioGeneration.load();
-        ~Again()
-        {
-            if (mine == ioGeneration.load())
-            {
-                channel.WaitForIO();
-            }
-        }
-    } const again{*this};
-    ProcessMBQueue(Load(userContext));
-}
-
-// The descriptor stays the channel's, and blocking, as it was before asio had it.
-void OneWayChannel::ReleaseStreamDescriptor()
-{
-    ioGeneration.fetch_add(1);
-    const int fd = streamDescriptor->release();
-    streamDescriptor.reset();
-    const int flags = fcntl(fd, F_GETFL);
-    static_cast<void>(fcntl(fd, F_SETFL, flags & ~O_NONBLOCK));
-}
-
-// A message being run. It goes whatever its function does; what is queued behind an exception that
-// passes must still be woken for.
-class OneWayChannel::Drain
-{
-  public:
-    Drain(OneWayChannel& owner, MBMessage* message) : channel(owner), current(message)
-    {
-    }
-
-    ~Drain()
-    {
-        Discard(current);
-        if (std::uncaught_exceptions() > before)
-        {
-            const std::lock_guard lock(oneWayChannelOperationMutex);
-            if (!channel.mbQueue.empty() && channel.HasRoom())
-            {
-                channel.TriggerReadPipeNoLock();
-            }
-        }
-    }
-
-    Drain(const Drain&) = delete;
-    Drain& operator=(const Drain&) = delete;
-
-  private:
-    OneWayChannel& channel;
-    MBMessage* current;
-    int before = std::uncaught_exceptions();
-};
-
-void OneWayChannel::ProcessMBQueue(void* context)
-{
-    Store(drainTid, pthread_self());
-    while (true)
-    {
-        std::unique_lock lock(oneWayChannelOperationMutex);
-        if (mbQueue.empty())
-        {
-            return;
-        }
-        MBMessage* const message = mbQueue.front();
-        mbQueue.pop_front();
-        lock.unlock();
-        const Drain drain(*this, message);
-        try
-        {
-            static_cast<void>(message->function(context, message->data, message->size));
-        }
-        catch (const std::exception& e)
-        {
-            BMCBUS_LOG(failure, "Error in ProcessMBQueue : %s", e.what());
-        }
-    }
-}
-
-void OneWayChannel::Unregister()
-{
-    const std::lock_guard lock(oneWayChannelOperationMutex);
-    BMCBUS_LOG(trace, "enter");
-    switch (Type())
-    {
-        case RegistrationType::None:
-            BMCBUS_LOG(trace, "not registered");
-            return;
-        case RegistrationType::ZLoop:
-        {
-            BMCBUS_LOG(trace, "unregister zloop");
-            zmq_pollitem_t item = PollItem(pipeFds[0]);
-            zloop_poller_end(registeredZLoop, &item);
-            registeredZLoop = nullptr;
-            break;
-        }
-        case RegistrationType::EventLoop:
-            BMCBUS_LOG(trace, "unregister sd_event");
-            ioSource.reset();
-            break;
-        case RegistrationType::IOContext:
-            ReleaseStreamDescriptor();
-            break;
-        case RegistrationType::UserFD:
-            break;
-    }
-    Store(registrationType, static_cast<int>(RegistrationType::None));
-    Store(userContext, static_cast<void*>(nullptr));
-    defaultFunction = nullptr;
-    Store(loopTidValid, false);
-    BMCBUS_LOG(trace, "leave");
 }
 
 void OneWayChannelFlat::RegisterUserFD(int* fd, void* context, OneWayChannel::Function function)
 {
-    OneWayChannel::GetInstance()->RegisterUserFD(fd, context, std::move(function));
+    OneWayChannel* const self = OneWayChannel::GetInstance();
+    self->TakeOver(context, std::move(function));
+    Store(self->registrationType, static_cast<int>(RegistrationType::UserFD));
+    *fd = self->pipeFds[0];
 }
 
-int OneWayChannelFlat::Process(int fd)
+void OneWayChannel::Unregister()
 {
-    OneWayChannel* const channel = OneWayChannel::GetInstance();
-    return channel->Type() == RegistrationType::UserFD ? channel->_ReadFromPipe(fd)
-                                                       : channel::notPossible;
-}
-
-void OneWayChannelFlat::State(bool& registered, bool& tidValid, pthread_t& tid)
-{
-    const OneWayChannel* const channel = OneWayChannel::GetInstance();
-    registered = channel->Type() != RegistrationType::None;
-    tidValid = Load(channel->loopTidValid);
-    tid = Load(channel->loopTid);
+    Function ended; // the caller's code; goes without the lock
+    const std::lock_guard lock(oneWayChannelOperationMutex);
+    BMCBUS_LOG(trace, "enter");
+    const RegistrationType type = Type();
+    if (type == RegistrationType::None)
+    {
+        BMCBUS_LOG(trace, "not registered");
+        return;
+    }
+    if (type == RegistrationType::ZLoop)
+    {
+        BMCBUS_LOG(trace, "unregister zloop");
+        zmq_pollitem_t item = PollItem(pipeFds[0]);
+        zloop_poller_end(registeredZLoop, &item);
+        registeredZLoop = nullptr;
+    }
+    else if (type == RegistrationType::EventLoop)
+    {
+        BMCBUS_LOG(trace, "unregister sd_event");
+    }
+    // Also what a self-made poll loop took the place of.
+    ioSource.reset();
+    GiveUpWatch(false);
+    Store(registrationType, static_cast<int>(RegistrationType::None));
+    Store(userContext, static_cast<void*>(nullptr));
+    ended.swap(defaultFunction);
+    Store(loopTidValid, false);
+    BMCBUS_LOG(trace, "leave");
 }
 
 } // namespace infrautils

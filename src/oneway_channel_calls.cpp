@@ -1,5 +1,5 @@
 #include "log.hpp"
-#include "oneway_channel_flat.hpp"
+#include "oneway_channel_internal.hpp"
 
 using infrautils::OneWayChannel;
 using infrautils::OneWayChannelFlat;
@@ -92,5 +92,8 @@ void OneWayChannel_Unregister(void)
 
 void OneWayChannel_IsRegistered(bool* registered, bool* tidValid, pthread_t* tid)
 {
-    OneWayChannelFlat::State(*registered, *tidValid, *tid);
+    const OneWayChannel* const self = OneWayChannel::GetInstance();
+    *registered = channel::Load(self->registrationType) != 0;
+    *tidValid = channel::Load(self->loopTidValid);
+    *tid = channel::Load(self->loopTid);
 }

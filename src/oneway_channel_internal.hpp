@@ -1,0 +1,56 @@
+#pragma once
+
+// What the channel's sources share.
+
+#include <oneway_channel.hpp>
+
+#include <atomic>
+
+namespace infrautils
+{
+
+namespace channel
+{
+
+// Results of the operations and the flat functions.
+enum Result : int
+{
+    success = 0,
+    processFailed = 1,
+    alreadyRegistered = 2,
+    notPossible = 3,
+    pollerRefused = 4,
+    registerFailed = 5,
+    writeFailed = 6,
+    readFailed = 7
+};
+
+// The registration's fields are read without a lock by design: plain in type, atomic in access.
+template <class T>
+T Load(const T& field)
+{
+    return std::atomic_ref(const_cast<T&>(field)).load(std::memory_order_acquire);
+}
+
+template <class T>
+void Store(T& field, T value)
+{
+    std::atomic_ref(field).store(value, std::memory_order_release);
+}
+
+// How often the lineage of this process has forked. Only a forked child writes it, before it has
+// threads: whoever finds another value than before runs in a child, where the channel is gone.
+extern unsigned int forks;
+
+void Discard(MBMessage* message);
+
+} // namespace channel
+
+// The registration that has no member function, and the results of the wake-ups in it.
+struct OneWayChannelFlat
+{
+    static void RegisterUserFD(int* fd, void* context, OneWayChannel::Function function);
+    static int Process(int fd);
+};
+
+} // namespace infrautils

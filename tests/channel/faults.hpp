@@ -1,0 +1,21 @@
+#pragma once
+
+// This program's own write, read, pipe and zloop_poller, which fail when told to.
+
+#include <atomic>
+
+namespace test
+{
+
+struct Faults
+{
+    std::atomic<int> write = 0; // the error number of failing triggers
+    std::atomic<bool> read = false;
+    std::atomic<bool> pipe = false;
+    std::atomic<bool> poller = false;
+    std::atomic<long> triggers = 0; // that were written
+};
+
+extern Faults faults;
+
+} // namespace test

@@ -1,0 +1,253 @@
+// More messages than the pipe holds triggers for.
+
+#include "faults.hpp"
+#include "log_recorder.hpp"
+#include "loops.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using test::Channel;
+using test::TriggerBytes;
+
+int Capacity()
+{
+    return fcntl(Channel().pipeFds[1], F_GETPIPE_SZ);
+}
+
+class Threads
+{
+  public:
+    template <class Work>
+    Threads(int count, Work work)
+    {
+        for (int i = 0; i < count; ++i)
+        {
+            threads.emplace_back(work);
+        }
+    }
+    void Join()
+    {
+        std::for_each(threads.begin(), threads.end(),
+                      [](std::thread& t)
+                      {
+                          t.join();
+                      });
+    }
+
+  private:
+    std::vector<std::thread> threads;
+};
+
+template <class Loop>
+class FullPipe : public testing::Test
+{
+  protected:
+    FullPipe()
+    {
+        Channel();
+        test::SetLogThreshold(4);
+        test::ClearLog();
+    }
+    ~FullPipe() override
+    {
+        test::Drain();
+        EXPECT_EQ(test::Describe(test::Log(4)), "");
+        test::SetLogThreshold(1000);
+    }
+};
+
+TYPED_TEST_SUITE(FullPipe, test::AllLoops);
+
+// As long as nobody drains, and no longer: nothing is lost, every message has its trigger, and no
+// more is queued than the pipe has triggers and there are producers.
+TYPED_TEST(FullPipe, HoldsProducersBack)
+{
+    static constexpr int producers = 4;
+    static constexpr long each = 20000;
+    TypeParam loop;
+    ASSERT_EQ(loop.Register(nullptr), 0);
+    test::faults.triggers = 0;
+    std::atomic<long> ran{0};
+    std::atomic<long> started{0};
+    std::atomic<long> largest{0};
+    Threads threads(producers,
+                    [&]
+                    {
+                        for (long n = 0; n < each; ++n)
+                        {
+                            const long queued = ++started - ran;
+                            largest = std::max(largest.load(), queued);
+                            EXPECT_EQ(test::Post(
+                                          [&]
+                                          {
+                                              ++ran;
+                                          }),
+                                      0);
+                        }
+                    });
+    EXPECT_TRUE(bmcbus::testing::Until(
+        [&]
+        {
+            // Who waits does not wait with the lock.
+            const std::lock_guard lock(infrautils::oneWayChannelOperationMutex);
+            return Channel().mbQueue.size() == static_cast<size_t>(Capacity() / 2 + producers);
+        }));
+    EXPECT_EQ(TriggerBytes(), Capacity());
+    EXPECT_TRUE(loop.Run(
+        [&]
+        {
+            return ran == producers * each;
+        }));
+    threads.Join();
+    EXPECT_LE(largest, Capacity() / 2 + 2 * producers);
+    EXPECT_EQ(test::faults.triggers, producers * each);
+}
+
+TYPED_TEST(FullPipe, NeverHoldsTheLoopsThread)
+{
+    static constexpr int count = 40000;
+    TypeParam loop;
+    ASSERT_EQ(loop.Register(nullptr), 0);
+    std::vector<int> ran;
+    for (int i = 0; i < count; ++i)
+    {
+        ASSERT_EQ(test::Post(
+                      [&, i]
+                      {
+                          ran.push_back(i);
+                      }),
+                  0);
+    }
+    EXPECT_EQ(TriggerBytes(), Capacity());
+    EXPECT_TRUE(loop.Run(
+        [&]
+        {
+            return ran.size() == count;
+        }));
+    EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+
+    int left = count;
+    const std::function<void()> again = [&]
+    {
+        if (--left > 0)
+        {
+            EXPECT_EQ(test::Post(again), 0);
+        }
+    };
+    ASSERT_EQ(test::Post(again), 0);
+    EXPECT_TRUE(loop.Run(
+        [&]
+        {
+            return left == 0;
+        }));
+}
+
+// While a message that posts keeps the loop in one drain, producers go on as soon as it is over.
+TYPED_TEST(FullPipe, SharesTheLoopWithProducers)
+{
+    TypeParam loop;
+    ASSERT_EQ(loop.Register(nullptr), 0);
+    std::atomic<bool> stop{false};
+    std::atomic<int> ran{0};
+    Threads threads(2,
+                    [&]
+                    {
+                        while (!stop)
+                        {
+                            test::Post(
+                                [&]
+                                {
+                                    test::Post(
+                                        [&]
+                                        {
+                                            ++ran;
+                                        });
+                                });
+                        }
+                    });
+    EXPECT_TRUE(loop.Run(
+        [&]
+        {
+            return ran > 100000;
+        }));
+    stop = true;
+    OneWayChannel_Unregister(); // one may be waiting for room
+    threads.Join();
+    test::Drain();
+}
+
+using FullPipeOfOwnLoop = FullPipe<test::PollLoop>;
+
+TEST_F(FullPipeOfOwnLoop, FreesWaitingProducersWhenTheRegistrationEnds)
+{
+    test::PollLoop loop;
+    loop.Register(nullptr);
+    test::SetLogThreshold(3);
+    Threads threads(3,
+                    []
+                    {
+                        while (test::Post([] {}) == 0)
+                        {
+                        }
+                    });
+    EXPECT_TRUE(bmcbus::testing::Until(
+        []
+        {
+            return TriggerBytes() == Capacity();
+        }));
+    OneWayChannel_Unregister();
+    threads.Join();
+}
+
+// Also where a pipe is small, or made so while triggers are in it; the smallest is one page.
+TEST_F(FullPipeOfOwnLoop, TakesTheRoomThatThereIs)
+{
+    const int usual = Capacity();
+    test::PollLoop loop;
+    loop.Register(nullptr);
+    int ran = 0;
+    const auto post = [&](int count)
+    {
+        for (int i = 0; i < count; ++i)
+        {
+            ASSERT_EQ(test::Post(
+                          [&]
+                          {
+                              ++ran;
+                          }),
+                      0);
+        }
+    };
+    post(1);
+    ASSERT_GT(fcntl(loop.fd, F_SETPIPE_SZ, 1), 0);
+    post(5000);
+    EXPECT_EQ(TriggerBytes(), Capacity());
+    EXPECT_TRUE(loop.Run(
+        [&]
+        {
+            return ran == 5001 && TriggerBytes() == 0;
+        }));
+    ASSERT_EQ(fcntl(loop.fd, F_SETPIPE_SZ, usual), usual);
+
+    // A page read in part is no room yet.
+    post(usual / 2);
+    EXPECT_EQ(OneWayChannel_Process(loop.fd), 0);
+    post(100);
+    EXPECT_EQ(TriggerBytes(), usual - 32);
+    EXPECT_TRUE(loop.Run(
+        [&]
+        {
+            return ran == 5101 + usual / 2 && TriggerBytes() == 0;
+        }));
+    EXPECT_EQ(fcntl(Channel().pipeFds[1], F_GETFL) & O_NONBLOCK, 0);
+}
+
+} // namespace
