@@ -1,0 +1,226 @@
+// What a direct proxy says and does besides carrying values; see every_member.hpp for those.
+
+#include "fixture.hpp"
+
+#include <com/tamm/bmc/Cpu/cpu/client_cache.hpp>
+#include <com/tamm/bmc/cpumetrics/CpuTelemetryPkg/client_cache.hpp>
+#include <com/tamm/bmc/Memory/Dimm/client_cache.hpp>
+#include <com/tamm/bmc/Thermal/SystemInformation/client_cache.hpp>
+
+#include <thread>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace
+{
+
+class Direct : public ClientTest
+{
+};
+
+TEST_F(Direct, KnowsOrFindsItsService)
+{
+    FanEdge known("com.example.Any", fanPath);
+    EXPECT_EQ(known.Service(), "com.example.Any");
+    EXPECT_EQ(known.Path(), fanPath);
+    EXPECT_THAT(Logged(), ElementsAre(Trace("FanReporting", "enter FanReporting"),
+                                      Trace("FanReporting", "leave FanReporting")));
+    EXPECT_THAT(mapper.Calls(), IsEmpty());
+
+    test::ClearLog();
+    FanEdge found("", fanPath);
+    EXPECT_EQ(found.Service(), fanService);
+    EXPECT_THAT(Logged(), ElementsAre(Trace("FanReporting", "enter FanReporting"),
+                                      Trace("FanReporting", "found service=[%s]",
+                                            "found service=[" + fanService + "]"),
+                                      Trace("FanReporting", "leave FanReporting")));
+    EXPECT_EQ(mapper.Calls().at(0).Arguments(),
+              "sas \"" + fanPath + "\" 1 \"" + fanInterface + "\"");
+
+    test::ClearLog();
+    FanEdge unowned("", "/unowned");
+    EXPECT_EQ(unowned.Service(), "");
+    EXPECT_THAT(Logged(), ElementsAre(Trace("FanReporting", "enter FanReporting"),
+                                      Trace("FanReporting", "no service found"),
+                                      Trace("FanReporting", "leave FanReporting")));
+    // The service is not looked for again: there is nobody to call.
+    mapper.Add("/unowned", fanService, {fanInterface});
+    mapper.ClearCalls();
+    test::ClearLog();
+    bool ok = true;
+    int32_t out = 9;
+    unowned.Call_updateFanPWMData(ok, "fan1", uint8_t{40}, out);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(unowned.Get_fanCount(), 0);
+    EXPECT_THAT(mapper.Calls(), IsEmpty());
+    EXPECT_THAT(LoggedErrors(),
+                ElementsAre(testing::StartsWith(Exception("Call_updateFanPWMData", "sd_bus_")),
+                            testing::StartsWith(Exception("GetLocked_fanCount", "sd_bus_"))));
+}
+
+TEST_F(Direct, LinesOfByNameAccess)
+{
+    FanEdge edge(fanService, fanPath);
+    test::ClearLog();
+    FanEdge::Variant value = uint8_t{9};
+    edge.GetByName("fanCount", value);
+    EXPECT_EQ(value, FanEdge::Variant(uint8_t{2}));
+    for (const char* name : {"FanCount", "fanCoun", "fanCount ", ""})
+    {
+        edge.GetByNameLocked(name, value);
+        edge.GetByName(name, value);
+    }
+    EXPECT_EQ(value, FanEdge::Variant(uint8_t{2}));
+    EXPECT_EQ(fans.Calls().size(), 1U);
+    const Lines lines = Logged();
+    ASSERT_EQ(lines.size(), 17U);
+    EXPECT_THAT(
+        Lines(lines.begin(), lines.begin() + 5),
+        ElementsAre(
+            Trace("GetByName", "property_name=[%s]", "property_name=[fanCount]"),
+            Trace("GetByNameLocked", "property_name=[%s]", "property_name=[FanCount]"),
+            Error("GetByNameLocked", "invalid property_name=[%s]",
+                  "invalid property_name=[FanCount]"),
+            Trace("GetByName", "property_name=[%s]", "property_name=[FanCount]"),
+            Error("GetByName", "invalid property_name=[%s]", "invalid property_name=[FanCount]")));
+}
+
+TEST_F(Direct, ReadsEvenOddReplies)
+{
+    FanEdge edge(fanService, fanPath);
+    const auto reply = [&](const std::vector<Value>& values)
+    {
+        test::ClearLog();
+        fans.On("Get").Once().Reply(values);
+    };
+    bool ok = true;
+    uint8_t count = 9;
+    FanMap map = twoFans;
+    // Another alternative of the interface.
+    reply({Value::Variant(uint8_t{3})});
+    edge.Get_fanPWMData(ok, map);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(map, twoFans);
+    EXPECT_THAT(LoggedErrors(), ElementsAre(Error("Get_fanPWMData", "invalid type in variant")));
+    reply({Value::Variant(uint8_t{3})});
+    FanEdge::Variant variant;
+    edge.Get_fanPWMData(ok, variant);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(variant, FanEdge::Variant(uint8_t{3}));
+    // No variant; and nothing at all, which reads as the first alternative.
+    reply({uint8_t{3}});
+    edge.Get_fanCount(ok, count);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(count, 9);
+    EXPECT_THAT(LoggedErrors(), ElementsAre(testing::StartsWith(
+                                    Exception("GetLocked_fanCount", "sd_bus_message_"))));
+    reply({});
+    edge.Get_fanCount(ok, count);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(count, 9);
+    EXPECT_THAT(LoggedErrors(), ElementsAre(Error("Get_fanCount", "invalid type in variant")));
+    // More than is read is passed over.
+    reply({Value::Variant(uint8_t{3}), "more"});
+    EXPECT_EQ(edge.Get_fanCount(), 3);
+}
+
+TEST_F(Direct, WritesWhatTheVariantHolds)
+{
+    using System = ClientEdge::com::tamm::bmc::Thermal::SystemInformation;
+    const std::string interface = "com.tamm.bmc.Thermal.SystemInformation";
+    kit::FakeService service("com.example.System", "/system", {interface});
+    System edge("com.example.System", "/system");
+    edge.Set_ExhaustTemperature(System::Variant("text"));
+    ASSERT_EQ(service.Calls("Set").size(), 1U);
+    EXPECT_EQ(service.Calls("Set")[0].Arguments(),
+              "ssv \"" + interface + "\" \"ExhaustTemperature\" s \"text\"");
+    EXPECT_EQ(test::LogOf("EXCEPTION %s.%d.%s: %s").size(), 1U) << "the service's answer";
+    test::ClearLog();
+    edge.SetByName("Key", System::Variant("text"));
+    EXPECT_EQ(test::CountLog(2, 127, "SetByName", "invalid property_name=[Key]"), 1U);
+    EXPECT_EQ(service.Calls("Set").size(), 1U);
+}
+
+TEST_F(Direct, MethodsReadWhatIsThere)
+{
+    const std::string interface = "com.tamm.bmc.cpumetrics.CpuTelemetryPkg";
+    kit::FakeService cpu("com.example.Cpu", "/cpu", {interface});
+    ClientEdge::com::tamm::bmc::cpumetrics::CpuTelemetryPkg edge("com.example.Cpu", "/cpu");
+    std::array<uint32_t, 30> out{};
+    bool ok = true;
+    const auto call = [&](const std::vector<Value>& reply)
+    {
+        cpu.On("GetCpuTelemetryData").Once().Reply(reply);
+        out.fill(7);
+        std::apply(
+            [&](auto&... each)
+            {
+                edge.Call_GetCpuTelemetryData(ok, uint8_t{1}, each...);
+            },
+            out);
+    };
+    std::vector<Value> reply(29, Value(uint32_t{5}));
+    call(reply);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(std::count(out.begin(), out.end(), 5U), 29);
+    EXPECT_EQ(out[29], 7U);
+    reply.push_back(uint32_t{5});
+    reply[4] = 0.5;
+    call(reply);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(std::count(out.begin(), out.end(), 5U), 4);
+    EXPECT_EQ(out[4], 7U);
+}
+
+TEST_F(Direct, EmptyArgumentsTravel)
+{
+    FanEdge edge(fanService, fanPath);
+    bool ok = false;
+    int32_t out = 9;
+    edge.Call_updateFanPWMData(ok, "", uint8_t{0}, out);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(out, 0);
+    EXPECT_EQ(fans.Calls().at(0).Arguments(), "sy \"\" 0");
+    kit::FakeService dimm("com.example.Dimm", "/dimm", {"com.tamm.bmc.Memory.Dimm"});
+    ClientEdge::com::tamm::bmc::Memory::Dimm memory("com.example.Dimm", "/dimm");
+    memory.Call_MemoryCmdHandler(ok, {}, out);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(dimm.Calls().at(0).Arguments(), "ay 0");
+}
+
+// The plain forms run one at a time; the others and the methods do not wait for them.
+TEST_F(Direct, OnlyThePlainFormsWaitForEachOther)
+{
+    FanEdge edge(fanService, fanPath);
+    fans.On("Get", "fanCount").Once().Hold();
+    uint8_t first = 0;
+    uint8_t second = 0;
+    std::thread holding(
+        [&]
+        {
+            first = edge.Get_fanCount();
+        });
+    ASSERT_TRUE(fans.WaitForHeld());
+    std::thread waiting(
+        [&]
+        {
+            second = edge.Get_fanCount();
+        });
+    FanEdge::Variant value;
+    edge.GetLocked_fanCount(value);
+    EXPECT_EQ(value, FanEdge::Variant(uint8_t{2}));
+    bool ok = false;
+    int32_t out = 0;
+    edge.Call_updateFanPWMData(ok, "fan1", uint8_t{1}, out);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(fans.Calls("Get").size(), 2U) << "the second plain form has sent nothing yet";
+    fans->SetQuietly({{"fanCount", 6}});
+    fans.Release();
+    holding.join();
+    waiting.join();
+    EXPECT_EQ(first, 6);
+    EXPECT_EQ(second, 6);
+}
+
+} // namespace
