@@ -1,0 +1,164 @@
+#include "bounded.hpp"
+#include "log_recorder.hpp"
+#include "loops.hpp"
+
+#include <threadfunnel.hpp>
+
+#include <atomic>
+#include <latch>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using test::FunnelRuns;
+using test::InChild;
+using test::LoopThread;
+using test::MakeLoop;
+using test::Runs;
+
+constexpr int forks = 100;
+
+// Threads that send over the channel and through the funnel until they are stopped.
+class Senders
+{
+  public:
+    Senders()
+    {
+        for (bool (*send)() : {Runs, Runs, FunnelRuns})
+        {
+            threads.emplace_back(
+                [this, send]
+                {
+                    while (!stop)
+                    {
+                        refused += send() ? 0 : 1;
+                    }
+                });
+        }
+    }
+
+    // How many sends were refused.
+    int Stop()
+    {
+        stop = true;
+        for (std::thread& thread : threads)
+        {
+            thread.join();
+        }
+        return refused;
+    }
+
+  private:
+    std::atomic<bool> stop{false};
+    std::atomic<int> refused{0};
+    std::vector<std::thread> threads;
+};
+
+// In a child: no channel at first, then one of its own.
+bool StartsAnew(MakeLoop make)
+{
+    if (owc_tid_valid || Runs())
+    {
+        return false;
+    }
+    const LoopThread loop(make);
+    return Runs() && FunnelRuns();
+}
+
+bool ChildAndGrandchildWork(MakeLoop make)
+{
+    return InChild(
+        [=]
+        {
+            return StartsAnew(make) && InChild(
+                                           [=]
+                                           {
+                                               return StartsAnew(make);
+                                           });
+        });
+}
+
+class ForkOverChannel : public test::Bounded, public testing::WithParamInterface<MakeLoop>
+{
+  protected:
+    void SetUp() override
+    {
+        Bounded::SetUp();
+        // The recorder's fork handlers must enclose the library's, which write lines.
+        test::ClearLog();
+    }
+};
+
+TEST_P(ForkOverChannel, WhileOthersSend)
+{
+    const LoopThread loop(GetParam());
+    Senders senders;
+    int failed = 0;
+    for (int i = 0; i < forks; ++i)
+    {
+        failed += ChildAndGrandchildWork(GetParam()) ? 0 : 1;
+    }
+    EXPECT_EQ(senders.Stop(), 0);
+    EXPECT_EQ(failed, 0);
+    EXPECT_TRUE(Runs());
+}
+
+// Sends that wait for the loop's thread cannot end before its fork() does.
+TEST_P(ForkOverChannel, OnTheLoopsThreadWhileOthersWaitForIt)
+{
+    struct Forks
+    {
+        MakeLoop make;
+        int failed = 0;
+        std::latch left{forks};
+    } state{.make = GetParam()};
+    const LoopThread loop(state.make);
+    Senders senders;
+    for (int i = 0; i < forks; ++i)
+    {
+        OneWayChannel_Execute(
+            [](void*, void* data, unsigned long)
+            {
+                auto& all = *static_cast<Forks*>(data);
+                all.failed += ChildAndGrandchildWork(all.make) ? 0 : 1;
+                all.left.count_down();
+                return 0;
+            },
+            &state, 0, 0);
+    }
+    state.left.wait();
+    EXPECT_EQ(senders.Stop(), 0);
+    EXPECT_EQ(state.failed, 0);
+    EXPECT_TRUE(Runs());
+}
+
+TEST_P(ForkOverChannel, InsideAnItemIsReported)
+{
+    const MakeLoop make = GetParam();
+    IN_FRESH_PROCESS({
+        new LoopThread(make); // ends with the process
+        std::thread sender(
+            []
+            {
+                test::Send(
+                    []
+                    {
+                        InChild(Runs);
+                    });
+            });
+        sender.detach();
+        EXPECT_TRUE(test::Eventually(
+            []
+            {
+                return test::CountLog(
+                           1, 300, "HoldMainLockInFork",
+                           "fork inside a work item waits for its own sender: deadlock\n") == 1U;
+            }));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Loops, ForkOverChannel, test::everyLoop, test::KindName);
+
+} // namespace
