@@ -13,7 +13,7 @@ int main(int argc, char** argv)
     std::string simulatorOutput;
     CLI::App app("Shows a client of bmcbus-simulator at work.", "bmcbus-demo");
     app.add_option("--seconds", seconds, "How long to follow live values (4)")
-        ->check(CLI::Range(2, 3600))
+        ->check(CLI::Range(1, 3600))
         ->option_text("N");
     app.add_option("--simulator-output", simulatorOutput,
                    "The file that has the simulator's output")

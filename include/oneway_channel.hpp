@@ -71,8 +71,10 @@ struct zmq_pollitem_t;
 
 #endif
 
+/// @cond internal
 typedef struct sd_event sd_event;
 typedef struct _zloop_t zloop_t;
+/// @endcond
 
 /**
  * A message's function. Gets the registration's context, and the message's data and size; the

@@ -11,12 +11,10 @@
  *
  * What becomes of the request:
  *
- * | Line                   | Level | Meaning |
- * |------------------------|-------|---------------------------------------------------------------|
- * | `method_status=%d`     | 5     | the daemon's answer; what it means is the daemon's business |
- * | `reply is an error`    | 1     | the daemon answered with an error | | `exception: %s`        |
- * 1     | no answer: not sent, no such service, refused by the bus,     | | |       | no reply in
- * time, connection lost; or not the answer expected |
+ * - Level 5, `method_status=%d`: the daemon's answer; what it means is the daemon's business.
+ * - Level 1, `reply is an error`: the daemon answered with an error.
+ * - Level 1, `exception: %s`: no answer (not sent, no such service, refused by the bus, no reply in
+ *   time, connection lost), or not the answer that was expected.
  *
  * sd-bus reports both kinds of error alike. An error counts as the bus's own by its name and, where
  * services use that name too, by the text that dbus-daemon and dbus-broker give it; and as a

@@ -28,12 +28,14 @@ using Bus = decltype(std::declval<const Message&>().get_bus());
 /** What failed bus calls throw; a `std::exception`. */
 using Error = sdbusplus::exception::SdBusError;
 
+/// @cond internal
 namespace lookup
 {
 using namespace sdbusplus;
 using namespace sdbusplus::message;
 using ObjectPath = object_path;
 } // namespace lookup
+/// @endcond
 
 /** An object path, wherever the installed generation declares it. */
 using ObjectPath = lookup::ObjectPath;

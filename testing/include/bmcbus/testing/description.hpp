@@ -32,35 +32,35 @@ struct PropertyDescription
         nothing       /**< no signal */
     };
 
-    std::string name;
-    std::string type;      /**< one complete D-Bus type */
-    bool readable = true;  /**< may be read over the bus */
-    bool writable = false; /**< may be written over the bus */
-    Emits emits = Emits::value;
+    std::string name;           /**< on the bus */
+    std::string type;           /**< one complete D-Bus type */
+    bool readable = true;       /**< may be read over the bus */
+    bool writable = false;      /**< may be written over the bus */
+    Emits emits = Emits::value; /**< what a change announces */
 };
 
 /** A method. */
 struct MethodDescription
 {
-    std::string name;
-    std::vector<Argument> in;
-    std::vector<Argument> out;
+    std::string name;          /**< on the bus */
+    std::vector<Argument> in;  /**< what the caller sends */
+    std::vector<Argument> out; /**< what the service answers */
 };
 
 /** A signal. */
 struct SignalDescription
 {
-    std::string name;
-    std::vector<Argument> arguments;
+    std::string name;                /**< on the bus */
+    std::vector<Argument> arguments; /**< in order */
 };
 
 /** One interface with its members in the order of the file. */
 struct InterfaceDescription
 {
-    std::string name;
-    std::vector<PropertyDescription> properties;
-    std::vector<MethodDescription> methods;
-    std::vector<SignalDescription> signals;
+    std::string name;                            /**< on the bus */
+    std::vector<PropertyDescription> properties; /**< all of them */
+    std::vector<MethodDescription> methods;      /**< all of them */
+    std::vector<SignalDescription> signals;      /**< all of them */
     std::string xml; /**< the interface element, as introspection prints it */
 
     /** The member of that name, borrowed from this object, or null. */

@@ -40,11 +40,11 @@ class Faults
     /** One rule: which calls, what happens, how often. */
     struct Rule
     {
-        std::string member;        /**< method name; "*" for every method */
-        std::string argument = {}; /**< text that one of the arguments must be; empty: any call */
-        Kind kind = Kind::silence;
-        std::string errorName = {};          /**< for error */
-        std::string errorText = {};          /**< for error */
+        std::string member;         /**< method name; "*" for every method */
+        std::string argument = {};  /**< text that one of the arguments must be; empty: any call */
+        Kind kind = Kind::silence;  /**< what happens */
+        std::string errorName = {}; /**< for error */
+        std::string errorText = {}; /**< for error */
         std::vector<Value> values = {};      /**< for values */
         std::chrono::milliseconds time = {}; /**< for delay */
         size_t times = 0;                    /**< how many calls it hits; 0: all */
