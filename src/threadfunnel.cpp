@@ -4,9 +4,9 @@
 
 #include "threadfunnel.hpp"
 
+#include "thread_exit.hpp"
 #include "threadfunnel_internal.hpp"
 
-#include <cxxabi.h>
 #include <pthread.h>
 #include <sched.h>
 #include <time.h>
@@ -405,15 +405,15 @@ void* TF_funnel_thread(void*)
         {
             FUNNEL_LOG_EXCEPTION(e.what());
         }
-        catch (const abi::__forced_unwind&)
-        {
-            // pthread_exit. Its sender still holds the main lock, so the next one starts a thread.
-            funnel_context = nullptr;
-            LeaveFunnel();
-            throw;
-        }
         catch (...)
         {
+            if (bmcbus::ThreadIsEnding())
+            {
+                // Its sender still holds the main lock, so the next one starts a thread.
+                funnel_context = nullptr;
+                LeaveFunnel();
+                throw;
+            }
             FUNNEL_LOG_EXCEPTION(bmcbus::funnel::foreignException);
         }
     }

@@ -1,9 +1,9 @@
 #include "threadfunnel_over_owc.hpp"
 
 #include "oneway_channel.hpp"
+#include "thread_exit.hpp"
 #include "threadfunnel_internal.hpp"
 
-#include <cxxabi.h>
 #include <pthread.h>
 #include <sched.h>
 #include <semaphore.h>
@@ -111,12 +111,12 @@ int TFoOWC_callback(void* /*context*/, void* data, unsigned long /*size*/)
     {
         FUNNEL_LOG_EXCEPTION(e.what());
     }
-    catch (const abi::__forced_unwind&)
-    {
-        throw; // pthread_exit: swallowing it would end the process
-    }
     catch (...)
     {
+        if (bmcbus::ThreadIsEnding())
+        {
+            throw;
+        }
         FUNNEL_LOG_EXCEPTION(bmcbus::funnel::foreignException);
     }
     return 0;

@@ -1,8 +1,7 @@
 #include "yetanotherthreadpool.hpp"
 
 #include "log.hpp"
-
-#include <cxxabi.h>
+#include "thread_exit.hpp"
 
 #include <algorithm>
 #include <exception>
@@ -156,12 +155,12 @@ void YetAnotherThreadPool::workerThreadBody()
         {
             BMCBUS_LOG(failure, "Exception in task: %s\n", e.what());
         }
-        catch (const abi::__forced_unwind&)
-        {
-            throw; // pthread_exit: swallowing it would end the process
-        }
         catch (...)
         {
+            if (bmcbus::ThreadIsEnding())
+            {
+                throw;
+            }
             BMCBUS_LOG(failure, "Exception in task: %s\n", "not a std::exception");
         }
     }
