@@ -50,7 +50,7 @@ extern "C" ssize_t read(int fd, void* data, size_t size)
 extern "C" int pipe(int* fds) noexcept
 {
     static auto* const real = Real<int(int*)>("pipe");
-    if (test::faults.pipe)
+    if (test::faults.pipe.exchange(false))
     {
         errno = EMFILE;
         return -1;

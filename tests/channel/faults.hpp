@@ -11,7 +11,7 @@ struct Faults
 {
     std::atomic<int> write = 0; // the error number of failing triggers
     std::atomic<bool> read = false;
-    std::atomic<bool> pipe = false;
+    std::atomic<bool> pipe = false; // once: sanitizers look at objects through pipes
     std::atomic<bool> poller = false;
     std::atomic<long> triggers = 0; // that were written
 };

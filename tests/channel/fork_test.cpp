@@ -3,6 +3,7 @@
 #include "faults.hpp"
 #include "log_recorder.hpp"
 #include "loops.hpp"
+#include "sanitizer.hpp"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -154,6 +155,7 @@ class Producers
 
 TYPED_TEST(ForkTest, LeavesBothSidesWorking)
 {
+    SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
     Producers producers;
     for (int round = 0; round < 100; ++round)
     {
@@ -176,6 +178,7 @@ TYPED_TEST(ForkTest, LeavesBothSidesWorking)
 // The loop's thread may be anywhere when another one forks.
 TYPED_TEST(ForkTest, MayComeFromAnotherThread)
 {
+    SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
     Producers producers;
     std::atomic<bool> stop{false};
     std::thread forking(
@@ -310,6 +313,7 @@ TEST_F(ForkWithSdEvent, ChannelWithoutAPipeIsTriedAgain)
                 {
                     return 1;
                 }
+                test::faults.pipe = true;
                 int fd = -1;
                 try
                 {
@@ -323,7 +327,6 @@ TEST_F(ForkWithSdEvent, ChannelWithoutAPipeIsTriedAgain)
                         return 3;
                     }
                 }
-                test::faults.pipe = false;
                 const bool told =
                     test::CountLog(1, 300, "OneWayChannel", "Pipe creation failed : -1") == 2 &&
                     test::CountLog(1, 300, "OneWayChannel_RegisterZLoop",

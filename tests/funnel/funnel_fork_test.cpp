@@ -1,6 +1,7 @@
 #include "bounded.hpp"
 #include "faults.h"
 #include "log_recorder.hpp"
+#include "sanitizer.hpp"
 
 #include <pthread.h>
 #include <threadfunnel.hpp>
@@ -9,12 +10,6 @@
 #include <latch>
 #include <thread>
 #include <vector>
-
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool sanitized = true;
-#else
-constexpr bool sanitized = false;
-#endif
 
 namespace
 {
@@ -105,6 +100,7 @@ TEST_F(FunnelFork, ChildLogsWhatItForgets)
 
 TEST_F(FunnelFork, ManyTimesWhileOthersSend)
 {
+    SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
     constexpr int forks = 100;
     constexpr int senders = 4;
     std::atomic<bool> stop{false};
@@ -169,7 +165,7 @@ TEST_F(FunnelFork, DuringTheVeryFirstSend)
 // _Fork() and the like run no handlers at all.
 TEST_F(FunnelFork, WithoutHandlersDuringASend)
 {
-    if (sanitized)
+    if (test::addressSanitizer || test::threadSanitizer)
     {
         GTEST_SKIP() << "the sanitizer's own locks do not survive a fork without handlers";
     }

@@ -1,6 +1,7 @@
 #include "bounded.hpp"
 #include "log_recorder.hpp"
 #include "loops.hpp"
+#include "sanitizer.hpp"
 
 #include <threadfunnel.hpp>
 
@@ -93,6 +94,7 @@ class ForkOverChannel : public test::Bounded, public testing::WithParamInterface
 
 TEST_P(ForkOverChannel, WhileOthersSend)
 {
+    SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
     const LoopThread loop(GetParam());
     Senders senders;
     int failed = 0;
@@ -108,6 +110,7 @@ TEST_P(ForkOverChannel, WhileOthersSend)
 // Sends that wait for the loop's thread cannot end before its fork() does.
 TEST_P(ForkOverChannel, OnTheLoopsThreadWhileOthersWaitForIt)
 {
+    SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
     struct Forks
     {
         MakeLoop make;
