@@ -56,28 +56,42 @@ Only root may install them; as root: apt-get install ${missing[*]}"
 # Tests and the demo are about behaviour, so what compiles fast serves them best.
 fast=(-Doptimization=0 -Ddebug=false)
 
-# build FOLDER [OPTION...] [-- TARGET...]: builds in a folder below build/ that is set up with these
-# options. The tools' words are shown when they matter. Fails when the build does.
-build()
+# configure FOLDER [OPTION...]: sets up a folder below build/ with these options.
+configure()
 {
-    local folder=$top/build/$1 options=()
+    local folder=$top/build/$1
     shift
-    while (($#)) && [[ $1 != -- ]]; do
-        options+=("$1")
-        shift
-    done
-    shift $(($# ? 1 : 0))
-    if [[ ! -e $folder/build.ninja ]]; then
-        rm -rf "$folder" # what an interrupted set-up left
-        if ! meson setup "${options[@]}" "$folder" "$top" >"$scratch/setup" 2>&1; then
-            cat "$scratch/setup" >&2
-            return 1
-        fi
+    [[ ! -e $folder/build.ninja ]] || return 0
+    rm -rf "$folder" # what an interrupted set-up left
+    if ! meson setup "$@" "$folder" "$top" >"$scratch/setup" 2>&1; then
+        cat "$scratch/setup" >&2
+        return 1
     fi
+}
+
+# compile FOLDER [TARGET...]: what was asked for, or everything. The tools' words are shown when they
+# matter.
+compile()
+{
+    local folder=$top/build/$1
+    shift
     if [[ -t 1 ]]; then
         ninja -C "$folder" "$@"
     elif ! ninja -C "$folder" "$@" >"$scratch/compile" 2>&1; then
         grep -v '^\[[0-9]*/[0-9]*\]' "$scratch/compile" >&2 || true
         return 1
     fi
+}
+
+# build FOLDER [OPTION...] [-- TARGET...]: both. Fails when either does.
+build()
+{
+    local folder=$1 options=()
+    shift
+    while (($#)) && [[ $1 != -- ]]; do
+        options+=("$1")
+        shift
+    done
+    shift $(($# ? 1 : 0))
+    configure "$folder" "${options[@]}" && compile "$folder" "$@"
 }

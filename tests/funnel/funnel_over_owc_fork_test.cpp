@@ -95,6 +95,7 @@ class ForkOverChannel : public test::Bounded, public testing::WithParamInterface
 TEST_P(ForkOverChannel, WhileOthersSend)
 {
     SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
+    SKIP_WHERE_CHILDREN_CANNOT_START_THREADS();
     const LoopThread loop(GetParam());
     Senders senders;
     int failed = 0;
@@ -111,6 +112,7 @@ TEST_P(ForkOverChannel, WhileOthersSend)
 TEST_P(ForkOverChannel, OnTheLoopsThreadWhileOthersWaitForIt)
 {
     SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
+    SKIP_WHERE_CHILDREN_CANNOT_START_THREADS();
     struct Forks
     {
         MakeLoop make;

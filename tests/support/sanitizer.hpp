@@ -28,3 +28,11 @@ inline constexpr bool threadSanitizer = false;
     {                                                                                              \
         GTEST_SKIP() << "AddressSanitizer's allocator does not survive the fork of busy threads";  \
     }
+
+// For tests whose children start threads: ThreadSanitizer goes on counting the parent's threads
+// there, and ends a child whose new thread takes the place of one of them.
+#define SKIP_WHERE_CHILDREN_CANNOT_START_THREADS()                                                 \
+    if (test::threadSanitizer)                                                                     \
+    {                                                                                              \
+        GTEST_SKIP() << "ThreadSanitizer does not let a forked child start threads";               \
+    }
