@@ -8,7 +8,7 @@ import signal
 import subprocess
 import time
 
-PATIENCE = 60  # seconds; only a failing test waits that long
+PATIENCE = 300  # seconds, for emulated machines; only a failing test waits that long
 
 
 class Failure(Exception):
