@@ -3,10 +3,10 @@
 // A private bus with the simulator on it, and a client.
 
 #include "client.hpp"
-#include "process.hpp"
 
 #include <bmcbus/testing/fake_mapper.hpp>
 #include <bmcbus/testing/private_bus.hpp>
+#include <bmcbus/testing/simulator.hpp>
 #include <bmcbus/testing/wait.hpp>
 
 #include <gtest/gtest.h>
@@ -30,7 +30,6 @@ class SimulatorTest : public ::testing::Test
     explicit SimulatorTest(const std::vector<std::string>& arguments = {"--period", "0"}) :
         simulator(arguments)
     {
-        EXPECT_TRUE(simulator.Says("bmcbus-simulator: ready")) << simulator.Output();
     }
 
     // Both give the answer as text.
@@ -61,7 +60,7 @@ class SimulatorTest : public ::testing::Test
     }
 
     bmcbus::testing::PrivateBus bus;
-    Process simulator;
+    bmcbus::testing::Simulator simulator;
     Client client;
 };
 

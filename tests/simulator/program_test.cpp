@@ -13,12 +13,23 @@ namespace test
 namespace
 {
 
+using bmcbus::testing::Process;
+
+// The program with these options; `variables` ("NAME=value") are added to the environment.
+Process Started(const std::vector<std::string>& options,
+                const std::vector<std::string>& variables = {})
+{
+    std::vector<std::string> command = {BMCBUS_BUILT_SIMULATOR};
+    command.insert(command.end(), options.begin(), options.end());
+    return Process(command, variables);
+}
+
 TEST(SimulatorProgram, SignalsEndItWithStatusZero)
 {
     const bmcbus::testing::PrivateBus bus;
     for (const int number : {SIGINT, SIGTERM})
     {
-        Process simulator({"--period", "5"});
+        Process simulator = Started({"--period", "5"});
         ASSERT_TRUE(simulator.Says("bmcbus-simulator: ready")) << simulator.Output();
         simulator.Signal(number);
         EXPECT_EQ(simulator.Wait(), 0) << simulator.Output();
@@ -31,11 +42,11 @@ TEST(SimulatorProgram, RefusesWhatItCannotDo)
     const bmcbus::testing::PrivateBus bus;
     for (const char* option : {"--period=-1", "--period=fast", "--seed=x", "--colour", "more"})
     {
-        Process simulator({option});
+        Process simulator = Started({option});
         EXPECT_GT(simulator.Wait(), 0) << option;
         EXPECT_FALSE(simulator.Output().empty()) << option;
     }
-    Process help({"--help"});
+    Process help = Started({"--help"});
     EXPECT_EQ(help.Wait(), 0);
     EXPECT_NE(help.Output().find("--no-mapper"), std::string::npos);
 }
@@ -44,7 +55,7 @@ TEST(SimulatorProgram, SaysWhyItCannotStart)
 {
     const bmcbus::testing::PrivateBus bus;
     const bmcbus::testing::Service taken({"com.tamm.bmc.Power"});
-    Process simulator({});
+    Process simulator = Started({});
     EXPECT_EQ(simulator.Wait(), 1);
     EXPECT_NE(simulator.Output().find("com.tamm.bmc.Power"), std::string::npos)
         << simulator.Output();
@@ -53,7 +64,7 @@ TEST(SimulatorProgram, SaysWhyItCannotStart)
 TEST(SimulatorProgram, EndsWithTheBus)
 {
     bmcbus::testing::PrivateBus bus;
-    Process simulator({"--period", "0"});
+    Process simulator = Started({"--period", "0"});
     ASSERT_TRUE(simulator.Says("bmcbus-simulator: ready")) << simulator.Output();
     bus.Kill();
     EXPECT_EQ(simulator.Wait(), 1) << simulator.Output();
@@ -70,7 +81,7 @@ TEST(SimulatorProgram, TellsItsServiceManagerThatItIsReady)
     ASSERT_LT(path.size(), sizeof(address.sun_path));
     std::strcpy(address.sun_path, path.c_str());
     ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    Process simulator({"--period", "0"}, {"NOTIFY_SOCKET=" + path});
+    Process simulator = Started({"--period", "0"}, {"NOTIFY_SOCKET=" + path});
     char told[64] = {};
     EXPECT_TRUE(bmcbus::testing::Until(
         [&]
@@ -79,6 +90,17 @@ TEST(SimulatorProgram, TellsItsServiceManagerThatItIsReady)
         }));
     EXPECT_STREQ(told, "READY=1");
     close(manager);
+}
+
+TEST(SimulatorProgram, IsPartOfTheKit)
+{
+    const bmcbus::testing::PrivateBus bus;
+    bmcbus::testing::Simulator bmc;
+    EXPECT_NO_THROW(bmc.Step());
+    EXPECT_THROW(bmc.Control("CrashService", {"com.example.Unknown"}), std::runtime_error);
+    EXPECT_EQ(bmc.Stop(), 0);
+    EXPECT_THROW(bmc.Step(), std::runtime_error);
+    EXPECT_THROW(bmcbus::testing::Simulator({"--colour"}), std::runtime_error);
 }
 
 class WithoutMapper : public SimulatorTest
@@ -100,14 +122,12 @@ TEST_F(WithoutMapper, AnotherOneMayServe)
 std::string Story(const std::vector<std::string>& arguments)
 {
     const bmcbus::testing::PrivateBus bus;
-    Process simulator(arguments);
-    EXPECT_TRUE(simulator.Says("bmcbus-simulator: ready")) << simulator.Output();
+    const bmcbus::testing::Simulator simulator(arguments);
     const Client client;
     std::string story;
     for (int i = 0; i < 5; ++i)
     {
-        client.Call("com.tamm.bmc.Simulator", "/com/tamm/bmc/simulator", "com.tamm.bmc.Simulator",
-                    "Step");
+        simulator.Step();
         story += client
                      .Properties("com.tamm.bmc.Power", "/com/tamm/bmc/power/system", "GetAll",
                                  {"com.tamm.bmc.power.PowerReporting"})

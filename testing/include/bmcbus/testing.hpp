@@ -4,8 +4,9 @@
  * @file
  * The testing kit: test code that talks D-Bus without a BMC.
  *
- * A private bus, services made from introspection XML with faults on demand, the object mapper, a
- * recorder of what went over the wire, and waiting without sleeping. A complete test:
+ * A private bus, the simulated BMC on it, services made from introspection XML with faults on
+ * demand, the object mapper, a recorder of what went over the wire, and waiting without sleeping. A
+ * complete test:
  *
  * @code
  * #include <bmcbus/testing.hpp>
@@ -33,6 +34,8 @@
 #include <bmcbus/testing/monitor.hpp>
 #include <bmcbus/testing/peers.hpp>
 #include <bmcbus/testing/private_bus.hpp>
+#include <bmcbus/testing/process.hpp>
 #include <bmcbus/testing/service.hpp>
+#include <bmcbus/testing/simulator.hpp>
 #include <bmcbus/testing/value.hpp>
 #include <bmcbus/testing/wait.hpp>

@@ -5,6 +5,8 @@
  * A bus daemon of the test's own.
  */
 
+#include <bmcbus/testing/process.hpp>
+
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -98,15 +100,13 @@ class PrivateBus
     std::vector<std::string> Connections() const;
 
   private:
-    class Daemon;
-
     void Start();
     void WriteConfiguration(const BusLimits& limits) const;
 
     std::filesystem::path folder;
     std::string address;
     std::string daemonPath;
-    std::unique_ptr<Daemon> daemon;
+    std::unique_ptr<Process> daemon;
     std::string before;
     bool wasSet = false;
 };
