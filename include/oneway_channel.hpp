@@ -204,7 +204,7 @@ class BMCBUS_EXPORT OneWayChannel
      *
      * @return 0 or 6
      */
-    int TriggerReadPipeNoLock();
+    BMCBUS_EXPORT int TriggerReadPipeNoLock();
 
     /** Called by an sd-event loop, on its thread: reads triggers, then drains the queue. */
     void _PipeIOEventReceive(sdeventplus::source::IO& source, int fd, unsigned int events,

@@ -1,5 +1,6 @@
 #include <async_ops.hpp>
 
+#include "bus.hpp"
 #include "log.hpp"
 
 #include <stdexcept>

@@ -8,8 +8,19 @@
 
 #include <systemd/sd-bus.h>
 
+#include <string>
+#include <string_view>
+
 namespace bmcbus
 {
+
+// True for text that may travel as a D-Bus string: valid UTF-8 without zero bytes. The daemon drops
+// the whole connection of a sender of other text, so that is refused before it reaches a message.
+bool IsBusText(std::string_view text);
+
+// Appends one string. Gives 0 or more, or a negative error number: -EINVAL for text that may not
+// travel.
+int AppendText(sd_bus_message* message, const std::string& text);
 
 // The calling thread's default system-bus connection, connected. Throws Error.
 BusRef DefaultBus();
@@ -23,3 +34,11 @@ MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const cha
 MessageRef Call(sd_bus* bus, sd_bus_message* call);
 
 } // namespace bmcbus
+
+namespace bmcbus::client
+{
+
+// Throws Error(-result, step) for a negative result, else gives it back.
+int Require(int result, const char* step);
+
+} // namespace bmcbus::client

@@ -21,7 +21,7 @@ KEYWORDS = frozenset(
 # Names that the generated code says itself; a class or namespace of that name would hide them.
 SPOKEN = frozenset(
     """
-    std bmcbus sdbusplus client interface label properties alternatives argumentTypes
+    std bmcbus sdbusplus client interface label propertyNames properties alternatives argumentTypes
     int8_t uint8_t int16_t uint16_t int32_t uint32_t int64_t uint64_t size_t
     """.split()
 )
@@ -37,7 +37,7 @@ MACROS = frozenset(
 
 # Members that every class of a kind has, besides the ones made from the description.
 _REGISTRY = """
-    Create Lookup Save Unsave Release Cleanup Ready SignalCount Path AddCallback Get Callback
+    Create Make Lookup Save Unsave Release Cleanup Ready SignalCount Path AddCallback Get Callback
     Tables fields about active class_mutex object_mutex path ready signal_count callbacks anchor
     """
 CACHE_MEMBERS = frozenset(

@@ -4,6 +4,7 @@
 #include "client/match.hpp"
 #include "client/member_log.hpp"
 #include "client/property_map.hpp"
+#include "client/signal.hpp"
 #include "object_mapper_lookup.hpp"
 
 #include <async_ops.hpp>
@@ -132,9 +133,10 @@ void SetIndexed(void* object, const CachedClass& about, Which which, const Sourc
     const Type& type = about.interface->TypeOf(property);
     if (source.type != &type)
     {
-        CLIENT_LOG(error, about.label,
-                   MemberName(SetterPrefix(which.lock()), property.name).c_str(),
-                   "invalid type in variant");
+        CLIENT_LOG(
+            error, about.label,
+            MemberName(SetterPrefix(which.lock()), about.interface->NameOf(property)).c_str(),
+            "invalid type in variant");
         return;
     }
     try
@@ -149,7 +151,8 @@ void SetIndexed(void* object, const CachedClass& about, Which which, const Sourc
     }
     catch (const std::exception& error)
     {
-        LogException(about.label, SetterPrefix(which.lock()), property.name, error);
+        LogException(about.label, SetterPrefix(which.lock()), about.interface->NameOf(property),
+                     error);
     }
 }
 
@@ -161,7 +164,7 @@ void SetNamed(void* object, const CachedClass& about, std::string_view name, boo
     const std::span<const Property> properties = about.interface->properties;
     for (uint32_t i = 0; i < properties.size(); ++i)
     {
-        if (name == properties[i].name)
+        if (name == about.interface->NameOf(properties[i]))
         {
             SetIndexed(object, about, {i, lock}, source);
             return;

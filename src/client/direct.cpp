@@ -2,6 +2,7 @@
 
 #include "bus.hpp"
 #include "client/member_log.hpp"
+#include "client/value.hpp"
 
 #include <object_mapper.hpp>
 
@@ -20,12 +21,16 @@ struct Access
     Target& target;
     const Interface& interface;
     Which which;
-};
 
-const Property& PropertyOf(const Access& access)
-{
-    return access.interface.properties[access.which.property()];
-}
+    const Property& property() const
+    {
+        return interface.properties[which.property()];
+    }
+    const char* name() const
+    {
+        return interface.NameOf(property());
+    }
+};
 
 // The names of a property's operations in log lines.
 const char* GetterPrefix(const Access& access)
@@ -59,20 +64,19 @@ MessageRef PropertyCall(sd_bus* bus, const Access& access, const char* member)
     MessageRef call = NewCall(bus, access.target.service.c_str(), access.target.path.c_str(),
                               propertiesInterface, member);
     AppendBasic(call.get(), SD_BUS_TYPE_STRING, access.interface.name);
-    AppendBasic(call.get(), SD_BUS_TYPE_STRING, PropertyOf(access).name);
+    AppendBasic(call.get(), SD_BUS_TYPE_STRING, access.name());
     return call;
 }
 
 // The bus exchange of a read: the alternative's index, or nothing.
 std::optional<size_t> ReadProperty(const Access& access, Value& value)
 {
-    const Property& property = PropertyOf(access);
     try
     {
         const BusRef bus = DefaultBus();
         const MessageRef call = PropertyCall(bus.get(), access, "Get");
         const MessageRef reply =
-            Exchange(bus.get(), call.get(), access.interface.label, "GetLocked_", property.name);
+            Exchange(bus.get(), call.get(), access.interface.label, "GetLocked_", access.name());
         if (reply)
         {
             return ReadVariant(reply.get(), access.interface.alternatives, value);
@@ -80,7 +84,7 @@ std::optional<size_t> ReadProperty(const Access& access, Value& value)
     }
     catch (const std::exception& error)
     {
-        LogException(access.interface.label, "GetLocked_", property.name, error);
+        LogException(access.interface.label, "GetLocked_", access.name(), error);
     }
     return {};
 }
@@ -99,14 +103,13 @@ std::optional<size_t> Get(const Access& access, Value& value)
     }
     catch (const std::exception& error)
     {
-        LogException(access.interface.label, GetterPrefix(access), PropertyOf(access).name, error);
+        LogException(access.interface.label, GetterPrefix(access), access.name(), error);
     }
     return {};
 }
 
 void WriteProperty(const Access& access, ConstRef value)
 {
-    const Property& property = PropertyOf(access);
     try
     {
         if (value.type == nullptr)
@@ -118,11 +121,11 @@ void WriteProperty(const Access& access, ConstRef value)
         Open(call.get(), SD_BUS_TYPE_VARIANT, value.type->signature);
         value.type->append(call.get(), value.value);
         Close(call.get());
-        Exchange(bus.get(), call.get(), access.interface.label, "SetLocked_", property.name);
+        Exchange(bus.get(), call.get(), access.interface.label, "SetLocked_", access.name());
     }
     catch (const std::exception& error)
     {
-        LogException(access.interface.label, "SetLocked_", property.name, error);
+        LogException(access.interface.label, "SetLocked_", access.name(), error);
     }
 }
 
@@ -141,7 +144,7 @@ void Set(const Access& access, ConstRef value)
     catch (const std::exception& error)
     {
         LogException(access.interface.label, access.which.lock() ? "Set_" : "SetLocked_",
-                     PropertyOf(access).name, error);
+                     access.name(), error);
     }
 }
 
@@ -153,7 +156,7 @@ std::optional<uint32_t> FindByName(const Interface& interface, const char* funct
     for (uint32_t i = 0; i < interface.properties.size(); ++i)
     {
         const Property& property = interface.properties[i];
-        if (name == property.name && (property.writable || !writing))
+        if (name == interface.NameOf(property) && (property.writable || !writing))
         {
             return i;
         }
@@ -213,12 +216,11 @@ void GetTyped(Target& target, const Interface& interface, Which which, bool* ok,
     {
         return;
     }
-    const Property& property = PropertyOf(access);
-    const Type& type = access.interface.TypeOf(property);
+    const Type& type = access.interface.TypeOf(access.property());
     if (read.type() != &type)
     {
         CLIENT_LOG(error, access.interface.label,
-                   MemberName(GetterPrefix(access), property.name).c_str(),
+                   MemberName(GetterPrefix(access), access.name()).c_str(),
                    "invalid type in variant");
         return;
     }

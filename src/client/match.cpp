@@ -1,6 +1,6 @@
 #include "client/match.hpp"
 
-#include <bmcbus/client/wire.hpp>
+#include "bus.hpp"
 
 #include <cerrno>
 

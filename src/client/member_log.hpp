@@ -17,6 +17,10 @@
 namespace bmcbus::client
 {
 
+// Logs `error` as caught in `prefix` + `member`, for example "Get_" and "fanCount".
+void LogException(const char* label, const char* prefix, const char* member,
+                  const std::exception& error);
+
 // "Get_" and "fanCount" in one text, made only when a line needs it.
 class MemberName
 {

@@ -1,6 +1,7 @@
 #include <bmcbus/client/object.hpp>
 
 #include "client/member_log.hpp"
+#include "client/signal.hpp"
 
 #include <cstdio>
 
@@ -25,6 +26,15 @@ void Callbacks::Add(Callback callback)
                         : std::make_shared<std::vector<Callback>>();
     longer->push_back(callback);
     list_ = std::move(longer);
+}
+
+void AddCallback(std::mutex& mutex, Callbacks& callbacks, const Callback& callback)
+{
+    if (callback.function != nullptr)
+    {
+        const std::lock_guard lock(mutex);
+        callbacks.Add(callback);
+    }
 }
 
 Anchor::~Anchor()

@@ -1,18 +1,23 @@
 #include "client/property_map.hpp"
 
+#include "bus.hpp"
+
 #include <algorithm>
+#include <functional>
 
 namespace bmcbus::client
 {
 namespace
 {
 
+// Equal names stay in the order of the message, which both point into.
 bool Before(const char* a, const char* b)
 {
-    return std::strcmp(a, b) < 0;
+    const int order = std::strcmp(a, b);
+    return order != 0 ? order < 0 : std::less<>()(a, b);
 }
 
-// Senders mostly send their maps in order already.
+// Senders mostly send their maps in order already; where one does not, small code will do.
 template <class List, class Name>
 void SortUnique(List& list, Name name)
 {
@@ -20,16 +25,17 @@ void SortUnique(List& list, Name name)
     {
         return Before(name(a), name(b));
     };
-    const auto notBefore = [&](const auto& a, const auto& b)
+    const auto notAscending = [&](const auto& a, const auto& b)
     {
-        return !before(a, b);
+        return std::strcmp(name(a), name(b)) >= 0;
     };
-    if (std::adjacent_find(list.begin(), list.end(), notBefore) == list.end())
+    if (std::adjacent_find(list.begin(), list.end(), notAscending) == list.end())
     {
         return;
     }
-    std::stable_sort(list.begin(), list.end(), before);
-    list.erase(std::unique(list.begin(), list.end(), notBefore), list.end());
+    std::make_heap(list.begin(), list.end(), before);
+    std::sort_heap(list.begin(), list.end(), before);
+    list.erase(std::unique(list.begin(), list.end(), notAscending), list.end());
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "client/value.hpp"
+
 #include <bmcbus/client/object.hpp>
 
 namespace bmcbus::client

@@ -3,6 +3,7 @@
 #include "bus.hpp"
 #include "client/match.hpp"
 #include "client/member_log.hpp"
+#include "client/signal.hpp"
 
 namespace bmcbus::client
 {

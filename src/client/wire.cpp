@@ -1,5 +1,7 @@
 #include <bmcbus/client/wire.hpp>
 
+#include "bus.hpp"
+
 #include <cerrno>
 
 namespace bmcbus

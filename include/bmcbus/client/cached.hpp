@@ -54,11 +54,11 @@ template <class Variant>
 void PropertiesRead(void* object, const CachedClass& about, bool success,
                     const std::map<std::string, Variant>& values)
 {
-    std::vector<NamedRef> list;
-    list.reserve(values.size());
+    std::vector<NamedRef> list(values.size());
+    auto next = list.begin();
     for (const auto& [name, value] : values)
     {
-        list.push_back({name, Held(value)});
+        *next++ = {name, Held(value)};
     }
     PropertiesRead(object, about, success, list);
 }

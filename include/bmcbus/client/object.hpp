@@ -23,23 +23,28 @@ namespace bmcbus::client
 /** A property of an interface. */
 struct Property
 {
-    const char* name;
-    uint8_t type; ///< which of the interface's alternatives
+    uint16_t name; ///< where it begins in the interface's names
+    uint8_t type;  ///< which of the interface's alternatives
     bool writable;
 };
 
 /** One interface of the catalogue. */
 struct Interface
 {
-    const char* name;       ///< on the bus
-    const char* short_name; ///< its last component, the name of the classes
-    const char* label;      ///< file label of its log lines
-    const char* enter;      ///< format of a constructor's first line
-    const char* leave;      ///< and of its last
+    const char* name;           ///< on the bus
+    const char* short_name;     ///< its last component, the name of the classes
+    const char* label;          ///< file label of its log lines
+    const char* enter;          ///< format of a constructor's first line
+    const char* leave;          ///< and of its last
+    const char* property_names; ///< one behind the other, so that they take no relocations
     std::span<const Property> properties;
     Alternatives alternatives; ///< of its property-value variant
     const VariantType* variant;
 
+    const char* NameOf(const Property& property) const
+    {
+        return property_names + property.name;
+    }
     const Type& TypeOf(const Property& property) const
     {
         return *alternatives[property.type];
@@ -89,10 +94,6 @@ class Which
 
 /** Log lines of generated code. */
 inline constexpr unsigned int logSource = 127;
-
-/** Logs @p error as caught in @p prefix + @p member, for example "Get_" and "fanCount". */
-BMCBUS_EXPORT void LogException(const char* label, const char* prefix, const char* member,
-                                const std::exception& error);
 
 /** One entry of a list of change callbacks, its function's type forgotten. */
 struct Callback
@@ -152,7 +153,7 @@ class BMCBUS_EXPORT Anchor
     Slot pending;
 
     /** Lives on the stack while callbacks run. */
-    class Running
+    class BMCBUS_LOCAL Running
     {
       public:
         explicit Running(Anchor& anchor);
@@ -221,16 +222,7 @@ Callback Erase(void (*function)(Class*, void*), void* user_data)
 }
 
 /** Adds a change callback; null adds nothing. */
-template <class Class>
-void AddCallback(std::mutex& mutex, Callbacks& callbacks, void (*function)(Class*, void*),
-                 void* user_data)
-{
-    if (function != nullptr)
-    {
-        const std::lock_guard lock(mutex);
-        callbacks.Add(Erase(function, user_data));
-    }
-}
+BMCBUS_EXPORT void AddCallback(std::mutex& mutex, Callbacks& callbacks, const Callback& callback);
 
 /** A service given as text; null means none. */
 inline std::string ServiceText(const char* service)
@@ -247,28 +239,25 @@ inline std::string ServiceText(const char* service)
 template <class T>
 concept TextPointer = std::same_as<T, const char*> || std::same_as<T, char*>;
 
-/** Counts one signal; the counter is never 0 again after the first. */
-BMCBUS_EXPORT void CountSignal(void* object, const Description& about);
-
-/** Runs @p callbacks until one releases the object, and logs the handler's last line. */
-BMCBUS_EXPORT void RunCallbacks(void* object, const Description& about, const char* function,
-                                const Callbacks& callbacks);
-
 /** Copies every one of @p fields to the address with its index in @p out, under one lock. */
 BMCBUS_EXPORT void CopyAll(std::mutex& mutex, const void* object, const Fields& fields,
                            void* const* out);
 
 // One instance per type, not per property.
 
+/** Copying cannot fail, and neither can locking a mutex of the class's own. */
 template <class T>
-[[gnu::noinline]] T GetValue(std::mutex& mutex, const T& field)
+inline constexpr bool plain = std::is_trivially_copyable_v<T>;
+
+template <class T>
+[[gnu::noinline]] T GetValue(std::mutex& mutex, const T& field) noexcept(plain<T>)
 {
     const std::lock_guard lock(mutex);
     return field;
 }
 
 template <class T>
-[[gnu::noinline]] void CopyValue(std::mutex& mutex, const T& field, T& value)
+[[gnu::noinline]] void CopyValue(std::mutex& mutex, const T& field, T& value) noexcept(plain<T>)
 {
     const std::lock_guard lock(mutex);
     value = field;
@@ -276,7 +265,7 @@ template <class T>
 
 template <class T>
 [[gnu::noinline]] void CopyFlagged(std::mutex& mutex, const T& field, const bool& flag,
-                                   bool& is_set, T& value)
+                                   bool& is_set, T& value) noexcept(plain<T>)
 {
     const std::lock_guard lock(mutex);
     is_set = flag;
@@ -284,14 +273,15 @@ template <class T>
 }
 
 template <class T>
-[[gnu::noinline]] void StoreValue(T& field, bool& flag, const T& value)
+[[gnu::noinline]] void StoreValue(T& field, bool& flag, const T& value) noexcept(plain<T>)
 {
     field = value;
     flag = true;
 }
 
 template <class T>
-[[gnu::noinline]] void SetValue(std::mutex& mutex, T& field, bool& flag, const T& value)
+[[gnu::noinline]] void SetValue(std::mutex& mutex, T& field, bool& flag,
+                                const T& value) noexcept(plain<T>)
 {
     const std::lock_guard lock(mutex);
     field = value;
@@ -334,7 +324,7 @@ template <class Class>
 void Unsave(std::mutex& mutex, std::vector<Class*>& active, Class* object)
 {
     const std::lock_guard lock(mutex);
-    const auto found = std::find(active.begin(), active.end(), object);
+    const auto found = std::ranges::find(active, object);
     if (found != active.end())
     {
         active.erase(found);

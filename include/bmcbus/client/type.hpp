@@ -196,42 +196,4 @@ inline constexpr VariantType variantOf = {
     },
 };
 
-/** An owned value of any type; small ones lie inside. Movable. */
-class BMCBUS_EXPORT Value
-{
-  public:
-    Value() = default;
-    Value(Value&& other);
-    Value& operator=(Value&& other);
-    ~Value();
-
-    /** Drops what it held and holds a value-initialised @p type. */
-    void* Emplace(const Type& type);
-
-    const Type* type() const
-    {
-        return type_;
-    }
-    void* get()
-    {
-        return heap_ != nullptr ? heap_ : inside_;
-    }
-
-  private:
-    void Take(Value& other);
-    void Drop();
-
-    const Type* type_ = nullptr;
-    void* heap_ = nullptr;
-    alignas(std::max_align_t) std::byte inside_[48];
-};
-
-/**
- * Reads one variant. A value of no alternative's type is skipped and reads as alternative 0,
- * value-initialised. Throws `bmcbus::Error`.
- *
- * @return the index of the alternative
- */
-BMCBUS_EXPORT size_t ReadVariant(sd_bus_message* message, Alternatives alternatives, Value& value);
-
 } // namespace bmcbus::client

@@ -28,29 +28,8 @@
 #include <variant>
 #include <vector>
 
-namespace bmcbus
-{
-
-/** True for text that may travel as a D-Bus string: valid UTF-8 without zero bytes. */
-BMCBUS_EXPORT bool IsBusText(std::string_view text);
-
-/**
- * Appends one string.
- *
- * The daemon drops the whole connection of a sender of text that may not travel, so such text is
- * refused before it reaches a message.
- *
- * @return 0 or more, or a negative error number: -EINVAL for text that may not travel
- */
-BMCBUS_EXPORT int AppendText(sd_bus_message* message, const std::string& text);
-
-} // namespace bmcbus
-
 namespace bmcbus::client
 {
-
-/** Throws `Error(-result, step)` for a negative @p result, else gives it back. */
-BMCBUS_EXPORT int Require(int result, const char* step);
 
 /** The text of a type's D-Bus signature, put together at compile time. */
 template <size_t N>

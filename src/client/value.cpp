@@ -1,4 +1,4 @@
-#include <bmcbus/client/type.hpp>
+#include "client/value.hpp"
 
 #include <new>
 #include <stdexcept>

@@ -1,0 +1,17 @@
+#pragma once
+
+// The end of every signal handler.
+
+#include <bmcbus/client/object.hpp>
+
+namespace bmcbus::client
+{
+
+// Counts one signal; the counter is never 0 again after the first.
+void CountSignal(void* object, const Description& about);
+
+// Runs `callbacks` until one releases the object, and logs the handler's last line.
+void RunCallbacks(void* object, const Description& about, const char* function,
+                  const Callbacks& callbacks);
+
+} // namespace bmcbus::client
