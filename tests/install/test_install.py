@@ -1,0 +1,229 @@
+"""Installs the build into a folder of its own and uses it as a stranger would.
+
+    test_install.py [CLASS...]
+
+The environment says where things are: BMCBUS_BUILD, BMCBUS_PREFIX (the configured one), and CC and
+CXX, the compilers. What is installed is found by pkg-config alone.
+"""
+
+import os
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+sys.dont_write_bytecode = True
+
+SOURCE = Path(__file__).resolve().parent.parent.parent
+CXX = shlex.split(os.environ["CXX"])
+CC = shlex.split(os.environ["CC"])
+EXAMPLE = SOURCE / "examples" / "own-interface"
+
+
+def run(*command, **options):
+    """Gives what the command prints; its failure fails the test with all that it said."""
+    done = subprocess.run(
+        [str(word) for word in command],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        encoding="utf-8",
+        errors="replace",
+        check=False,
+        **options,
+    )
+    if done.returncode != 0:
+        raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
+    return done.stdout
+
+
+class Stage:
+    """A copy of what `meson install` puts under the prefix, made to work where it lies."""
+
+    def __init__(self):
+        self._folder = tempfile.TemporaryDirectory(prefix="bmcbus-install.")
+        root = Path(self._folder.name)
+        run("meson", "install", "-C", os.environ["BMCBUS_BUILD"], "--no-rebuild", "--quiet",
+            "--destdir", root)
+        self.prefix = root / Path(os.environ["BMCBUS_PREFIX"]).relative_to("/")
+        self.packages = [found.parent for found in self.prefix.rglob("bmcbus.pc")]
+        for file in self.packages[0].glob("*.pc"):
+            text = file.read_text(encoding="utf-8")
+            text = re.sub("(?m)^prefix=.*", f"prefix={self.prefix}", text)
+            file.write_text(text, encoding="utf-8")
+        self.library = next(self.prefix.rglob("libbmcbus.so"))
+        self.environment = {
+            **os.environ,
+            "PKG_CONFIG_PATH": str(self.packages[0]),
+            "LD_LIBRARY_PATH": str(self.library.parent),
+        }
+
+    def close(self):
+        self._folder.cleanup()
+
+    def pkg_config(self, *arguments):
+        return run("pkg-config", *arguments, env=self.environment).split()
+
+
+class InstallTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.stage = Stage()
+        cls.addClassCleanup(cls.stage.close)
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="bmcbus-user.")
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+
+
+class Files(InstallTest):
+    def test_nothing_is_missing(self):
+        prefix = self.stage.prefix
+        for name in (
+            "bin/bmcbus-codegen",
+            "bin/bmcbus-simulator",
+            "lib/systemd/system/bmcbus-simulator.service",
+            "share/doc/bmcbus/examples/bmcbus-simulator.conf",
+            "share/man/man1/bmcbus-codegen.1",
+            "share/man/man1/bmcbus-simulator.1",
+        ):
+            self.assertTrue((prefix / name).is_file(), name)
+        self.assertEqual(len(self.stage.packages), 1)
+        for name in ("bmcbus-testing.pc", "../libbmcbus-testing.a", "../libbmcbus.so.0"):
+            self.assertTrue((self.stage.packages[0] / name).is_file(), name)
+
+    def test_every_public_header_and_description_is_there(self):
+        include = self.stage.prefix / "include" / "bmcbus"
+        for root in (SOURCE / "include", SOURCE / "testing" / "include"):
+            for header in root.rglob("*.h*"):
+                name = str(header.relative_to(root)).removesuffix(".in")
+                self.assertTrue((include / name).is_file() or name == "meson.build", name)
+        interfaces = self.stage.prefix / "share" / "dbus-1" / "interfaces"
+        for description in (SOURCE / "com").rglob("*.xml"):
+            self.assertTrue((interfaces / description.name).is_file(), description.name)
+            path = description.parent.relative_to(SOURCE)
+            self.assertTrue((include / path / "client_cache.hpp").is_file(), str(path))
+
+    def test_package_files_lead_to_what_they_name(self):
+        self.assertIn("-lbmcbus", self.stage.pkg_config("--libs", "bmcbus"))
+        self.assertIn("-lbmcbus-testing", self.stage.pkg_config("--libs", "bmcbus-testing"))
+        [interfaces] = self.stage.pkg_config("--variable=interfaces_dir", "bmcbus")
+        self.assertEqual(len(list(Path(interfaces).glob("com.tamm.*.xml"))), 10)
+        [codegen] = self.stage.pkg_config("--variable=codegen", "bmcbus")
+        run(codegen, "--output-dir", self.folder, EXAMPLE / "com.example.rack.Sensor.xml")
+        self.assertEqual(
+            (self.folder / "client_cache.hpp").read_text(encoding="utf-8").count("class BMCBUS_EXPORT"),
+            3,
+        )
+
+    def test_programs_start_and_manual_pages_are_well_formed(self):
+        run(self.stage.prefix / "bin" / "bmcbus-simulator", "--help", env=self.stage.environment)
+        if man := shutil.which("groff"):
+            for page in (self.stage.prefix / "share" / "man" / "man1").iterdir():
+                said = subprocess.run(
+                    [man, "-man", "-Tutf8", "-ww", "-z", page], capture_output=True, text=True, check=True
+                )
+                self.assertEqual(said.stderr, "", page.name)
+
+
+class Headers(InstallTest):
+    """Each compiles on its own; all together they compile under the other language and compiler."""
+
+    def headers(self):
+        root = self.stage.prefix / "include" / "bmcbus"
+        for header in sorted(root.rglob("*.h*")):
+            name = header.relative_to(root)
+            if name.parts[0] != "compat":
+                yield str(name)
+
+    def compile(self, compiler, language, standard, *names):
+        source = "".join(f"#include <{name}>\n" for name in names) + "extern int something;\n"
+        flags = self.stage.pkg_config("--cflags", "bmcbus", "bmcbus-testing")
+        run(*compiler, "-x", language, f"-std={standard}", "-fsyntax-only", "-Wall", "-Wextra",
+            "-Wpedantic", "-Werror", *flags, "-", input=source)
+
+    def test_alone(self):
+        names = list(self.headers())
+        self.assertGreater(len(names), 35)
+        with ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
+            for done in [pool.submit(self.compile, CXX, "c++", "c++20", name) for name in names]:
+                done.result()
+
+    def test_together(self):
+        names = list(self.headers())
+        self.compile(CXX, "c++", "c++2b", *names)
+        for other in {"clang++", "g++"} - {Path(CXX[-1]).name}:
+            if shutil.which(other):
+                self.compile([other], "c++", "c++20", *names)
+                self.compile([other], "c++", "c++2b", *names)
+
+    def test_c(self):
+        root = self.stage.prefix / "include" / "bmcbus"
+        plain = [
+            name
+            for name in self.headers()
+            if name.endswith(".h") or "__cplusplus" in (root / name).read_text(encoding="utf-8")
+        ]
+        self.assertLessEqual({"scoped_timer.h", "oneway_channel.hpp", "threadfunnel.hpp"}, set(plain))
+        for name in plain:
+            self.compile(CC, "c", "c11", name)
+
+
+class Example(InstallTest):
+    def test_a_copy_of_the_example_builds_and_passes_its_own_test(self):
+        copy = self.folder / "project"
+        shutil.copytree(EXAMPLE, copy)
+        run("meson", "setup", "-Doptimization=0", "-Ddebug=false", "-Dwerror=true", "build", cwd=copy,
+            env=self.stage.environment)
+        run("meson", "compile", "-C", "build", cwd=copy, env=self.stage.environment)
+        said = run("meson", "test", "-C", "build", "-v", cwd=copy, env=self.stage.environment)
+        self.assertRegex(said, r"Ok: +1\b")
+
+
+class Subproject(unittest.TestCase):
+    PROJECT = """
+        project('fan-watch', 'cpp', default_options: ['cpp_std=c++20', 'werror=true'])
+        executable('fan-watch', 'main.cpp', dependencies: dependency('bmcbus'))
+    """
+    PROGRAM = """
+        #include <com/tamm/bmc/Thermal/FanReporting/client_cache.hpp>
+        #include <pathops.hpp>
+
+        int main()
+        {
+            ClientEdge::com::tamm::bmc::Thermal::FanReporting fans("com.example.Fans", "/fans");
+            const bool same = fans.Service() == "com.example.Fans";
+            return same && DBU_make_lower_case("Fan_1") == "fan_1" ? 0 : 1;
+        }
+    """
+    WRAP = """
+        [wrap-file]
+        directory = libbmcbus
+
+        [provide]
+        bmcbus = bmcbus_dep
+        bmcbus-testing = bmcbus_testing_dep
+        program_names = bmcbus-codegen
+    """
+
+    def test_another_project_builds_it_along(self):
+        with tempfile.TemporaryDirectory(prefix="bmcbus-user.") as folder:
+            folder = Path(folder)
+            (folder / "meson.build").write_text(self.PROJECT, encoding="utf-8")
+            (folder / "main.cpp").write_text(self.PROGRAM, encoding="utf-8")
+            (folder / "subprojects").mkdir()
+            (folder / "subprojects" / "libbmcbus").symlink_to(SOURCE)
+            wrap = "\n".join(line.strip() for line in self.WRAP.splitlines())
+            (folder / "subprojects" / "libbmcbus.wrap").write_text(wrap, encoding="utf-8")
+            run("meson", "setup", "-Doptimization=0", "-Ddebug=false", "build", cwd=folder)
+            run("ninja", "-C", "build", "fan-watch", cwd=folder)
+            run("build/fan-watch", cwd=folder)
+
+
+if __name__ == "__main__":
+    unittest.main()
