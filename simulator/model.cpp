@@ -37,7 +37,9 @@ Model::Model(uint32_t seed) :
     {
         for (int slot = 1; slot <= 4; ++slot)
         {
-            dimms.push_back({(cpu == 0 ? "A" : "B") + std::to_string(slot), cpu, {}});
+            std::string name = cpu == 0 ? "A" : "B";
+            name += std::to_string(slot);
+            dimms.push_back({name, cpu, {}});
         }
     }
     Step(0);

@@ -322,6 +322,17 @@ std::string Value::Text() const
     return signature + " " + Body();
 }
 
+std::string Bracketed(const char* before, std::initializer_list<std::string> types,
+                      const char* after)
+{
+    std::string text(before);
+    for (const std::string& type : types)
+    {
+        text += type;
+    }
+    return text += after;
+}
+
 std::string SignatureOf(const std::vector<Value>& values)
 {
     std::string signature;
@@ -337,7 +348,8 @@ std::string TextOf(const std::vector<Value>& values)
     std::string text = SignatureOf(values);
     for (const Value& value : values)
     {
-        text += " " + value.Body();
+        text += ' ';
+        text += value.Body();
     }
     return text;
 }
