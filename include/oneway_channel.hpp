@@ -58,6 +58,7 @@
 #include <sdeventplus/event.hpp>
 #include <sdeventplus/source/io.hpp>
 
+#include <atomic>
 #include <functional>
 #include <list>
 #include <memory>
@@ -91,7 +92,7 @@ namespace infrautils
 {
 
 /**
- * Guards the queue and the trigger writes; held across fork(), never while a function runs and
+ * Guards the queue and the room for triggers; held across fork(), never while a function runs and
  * never while a producer waits.
  */
 extern BMCBUS_EXPORT std::mutex oneWayChannelOperationMutex;
@@ -273,6 +274,9 @@ class BMCBUS_EXPORT OneWayChannel
 
     // Not hidden: TriggerReadPipeNoLock is inline.
     int WriteTrigger(const char (&bytes)[2]);
+    BMCBUS_LOCAL bool ReserveRoom();
+    BMCBUS_LOCAL int WriteIntoRoom(const char (&bytes)[2]);
+    BMCBUS_LOCAL int WriteIfRoom(const char (&bytes)[2]);
     BMCBUS_LOCAL int WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock);
     BMCBUS_LOCAL bool OnLoopThread() const;
     BMCBUS_LOCAL bool RunNext(void* context);
@@ -280,10 +284,12 @@ class BMCBUS_EXPORT OneWayChannel
 
     // The thread that drains, also where loopTid is not published.
     pthread_t drainTid_;
-    // How many triggers surely fit into the pipe, and whether the last one did not. Under the
+    // How many more triggers surely fit into the pipe, and whether the last one did not. Under the
     // operation mutex.
-    unsigned int credit_ = 0;
+    int credit_ = 0;
     bool noRoom_ = false;
+    // How many of those that fit are being written right now; raised under the operation mutex.
+    std::atomic<int> reserved_ = 0;
     // The asio registration in force; owned by the handler of its wait.
     Watch* watch_ = nullptr;
 };

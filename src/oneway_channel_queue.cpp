@@ -4,6 +4,7 @@
 #include <czmq.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -13,9 +14,13 @@
 #include <exception>
 
 // Messages and wake-ups. The queue is the data, the pipe the wake-up: a full pipe wakes the loop as
-// surely as one more trigger would. So nobody ever blocks in the write. Where room is not certain
-// the write end is made non-blocking for one write, under the mutex; a producer that finds no room
-// then waits in poll() without the mutex, and the loop's own thread goes on without a trigger.
+// surely as one more trigger would. So nobody ever blocks in the write.
+//
+// Usually a producer knows that its trigger fits, and writes it after it has released the mutex: on
+// one processor the loop's thread may run at once then, and needs the mutex itself. Where room is
+// not certain the write end is made non-blocking for one write, under the mutex; a producer that
+// finds no room then waits in poll() without the mutex, and the loop's own thread goes on without a
+// trigger.
 
 namespace infrautils
 {
@@ -28,10 +33,10 @@ namespace
 
 // After so many triggers the room is looked up again, in case somebody else fills the pipe or
 // makes it smaller.
-constexpr unsigned int largestCredit = 64;
+constexpr int largestCredit = 256;
 
 // Triggers that surely fit. A page that is read in part still takes its place.
-unsigned int SureRoom(int fd)
+int SureRoom(int fd)
 {
     static const int page = static_cast<int>(sysconf(_SC_PAGESIZE));
     int queued = 0;
@@ -39,8 +44,7 @@ unsigned int SureRoom(int fd)
     {
         return 0;
     }
-    const int room = fcntl(fd, F_GETPIPE_SZ) - page - queued;
-    return std::min(static_cast<unsigned int>(std::max(room, 0)) / 2, largestCredit);
+    return (fcntl(fd, F_GETPIPE_SZ) - page - queued) / 2;
 }
 
 bool IsWritable(int fd, int milliseconds)
@@ -114,6 +118,20 @@ class Drain
 
 constinit thread_local Drain* Drain::current = nullptr;
 
+constexpr char trigger[] = {'R', '\0'};
+
+// Of the write of a trigger. Logs as the member that did it first.
+int Result(ssize_t written)
+{
+    if (written > 0)
+    {
+        return channel::success;
+    }
+    BMCBUS_LOG_AS(failure, bmcbus::log::librarySource, "TriggerReadPipeNoLock",
+                  "Write failed : %zd", written);
+    return channel::writeFailed;
+}
+
 // Inline for its callers, and still a function that the library has.
 [[gnu::used]] constexpr auto triggerReadPipe = &OneWayChannel::TriggerReadPipeNoLock;
 
@@ -141,7 +159,12 @@ int OneWayChannel::Execute(Function function, void* data, unsigned long size, bo
     std::unique_lock lock(oneWayChannelOperationMutex);
     mbQueue.splice(mbQueue.end(), added);
     static_cast<void>(message.release());
-    const int result = TriggerReadPipeNoLock();
+    if (ReserveRoom())
+    {
+        lock.unlock();
+        return WriteIntoRoom(trigger);
+    }
+    const int result = WriteIfRoom(trigger);
     return noRoom_ && !OnLoopThread() ? WaitForRoomAndTrigger(lock) : result;
 }
 
@@ -165,54 +188,76 @@ int OneWayChannel::WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock)
     {
         lock.unlock();
         static_cast<void>(IsWritable(pipeFds[1], recheckMilliseconds));
+        if (reserved_.load(std::memory_order_relaxed) != 0)
+        {
+            sched_yield();
+        }
         lock.lock();
         result = TriggerReadPipeNoLock();
     }
     return result;
 }
 
-// Logs as the member that it does the work of.
-int OneWayChannel::WriteTrigger(const char (&bytes)[2])
+// Whether there is room for one more trigger, which is then the caller's.
+bool OneWayChannel::ReserveRoom()
 {
-    noRoom_ = false;
-    ssize_t written = 0;
     if (credit_ == 0)
     {
-        Drain* const drain = Drain::Of(this);
-        noRoom_ = drain != nullptr && drain->pipeFull;
-        if (noRoom_)
+        const Drain* const drain = Drain::Of(this);
+        if (drain != nullptr && drain->pipeFull)
         {
-            return channel::success;
+            return false;
         }
-        credit_ = SureRoom(pipeFds[1]);
+        // In this order: a trigger written meanwhile counts twice.
+        const int reserved = reserved_.load(std::memory_order_acquire);
+        credit_ = std::clamp(SureRoom(pipeFds[1]) - reserved, 0, largestCredit);
     }
-    if (credit_ > 0)
+    if (credit_ == 0)
     {
-        --credit_;
-        written = write(pipeFds[1], bytes, sizeof(bytes));
+        return false;
     }
-    else
+    --credit_;
+    reserved_.fetch_add(1, std::memory_order_relaxed);
+    return true;
+}
+
+// Needs no lock.
+int OneWayChannel::WriteIntoRoom(const char (&bytes)[2])
+{
+    const ssize_t written = write(pipeFds[1], bytes, sizeof(bytes));
+    reserved_.fetch_sub(1, std::memory_order_release);
+    return Result(written);
+}
+
+// Where no room could be reserved.
+int OneWayChannel::WriteIfRoom(const char (&bytes)[2])
+{
+    Drain* const drain = Drain::Of(this);
+    // Neither into somebody else's room. Then the pipe is as good as full.
+    noRoom_ =
+        (drain != nullptr && drain->pipeFull) || reserved_.load(std::memory_order_acquire) != 0;
+    if (noRoom_)
+    {
+        return channel::success;
+    }
+    ssize_t written = 0;
     {
         const NonBlocking now(pipeFds[1]);
         errno = 0;
         written = write(pipeFds[1], bytes, sizeof(bytes));
         noRoom_ = written < 0 && errno == EAGAIN && !IsWritable(pipeFds[1], 0);
     }
-    if (noRoom_)
+    if (noRoom_ && drain != nullptr)
     {
-        if (Drain* const drain = Drain::Of(this))
-        {
-            drain->pipeFull = true;
-        }
-        return channel::success;
+        drain->pipeFull = true;
     }
-    if (written <= 0)
-    {
-        BMCBUS_LOG_AS(failure, bmcbus::log::librarySource, "TriggerReadPipeNoLock",
-                      "Write failed : %zd", written);
-        return channel::writeFailed;
-    }
-    return channel::success;
+    return noRoom_ ? channel::success : Result(written);
+}
+
+int OneWayChannel::WriteTrigger(const char (&bytes)[2])
+{
+    noRoom_ = false;
+    return ReserveRoom() ? WriteIntoRoom(bytes) : WriteIfRoom(bytes);
 }
 
 bool OneWayChannel::OnLoopThread() const
