@@ -91,6 +91,7 @@ class BMCBUS_EXPORT YetAnotherThreadPool
     };
     __attribute__((visibility("hidden"))) explicit YetAnotherThreadPool(Empty);
     __attribute__((visibility("hidden"))) void LetGoOfWorkers();
+    __attribute__((visibility("hidden"))) void LookAgain(std::unique_lock<std::mutex>& lock);
 
     std::vector<std::thread> workers;
     std::deque<std::function<void()>> tasks;
@@ -98,6 +99,7 @@ class BMCBUS_EXPORT YetAnotherThreadPool
     std::condition_variable condition;
     std::atomic<bool> stop;
     unsigned long leftWorkers; // those that have returned from their body, under queueMutex
+    std::atomic<unsigned long> lookingWorkers; // those that found nothing and are not yet asleep
 };
 
 #endif

@@ -7,7 +7,16 @@
 #include <exception>
 #include <utility>
 
-YetAnotherThreadPool::YetAnotherThreadPool(Empty) : stop(false), leftWorkers(0)
+namespace
+{
+
+// How often a worker that finds nothing lets other threads run and looks again before it goes to
+// sleep. To sleep and be woken costs more than a short task does, and the next one may be near.
+constexpr int yields = 2;
+
+} // namespace
+
+YetAnotherThreadPool::YetAnotherThreadPool(Empty) : stop(false), leftWorkers(0), lookingWorkers(0)
 {
 }
 
@@ -91,7 +100,10 @@ void YetAnotherThreadPool::enqueue(const std::function<void()>& task)
     std::function<void()> copy = task;
     const std::lock_guard lock(queueMutex);
     tasks.push_back(std::move(copy));
-    condition.notify_one();
+    if (tasks.size() > lookingWorkers)
+    {
+        condition.notify_one();
+    }
 }
 
 void YetAnotherThreadPool::clearQueue()
@@ -117,6 +129,24 @@ void YetAnotherThreadPool::makeNewWorkerThread()
     workers.emplace_back(&YetAnotherThreadPool::workerThreadBody, this);
 }
 
+// Until it is back the worker counts as one that needs no waking: it looks at the queue again, also
+// when the lock fails.
+void YetAnotherThreadPool::LookAgain(std::unique_lock<std::mutex>& lock)
+{
+    struct Looking
+    {
+        std::atomic<unsigned long>& workers;
+        ~Looking()
+        {
+            --workers;
+        }
+    } const looking{lookingWorkers};
+    ++lookingWorkers;
+    lock.unlock();
+    std::this_thread::yield();
+    lock.lock();
+}
+
 void YetAnotherThreadPool::workerThreadBody()
 {
     for (;;)
@@ -125,9 +155,16 @@ void YetAnotherThreadPool::workerThreadBody()
         try
         {
             std::unique_lock lock(queueMutex);
-            while (tasks.empty() && !stop)
+            for (int looks = 0; tasks.empty() && !stop; ++looks)
             {
-                condition.wait(lock);
+                if (looks < yields)
+                {
+                    LookAgain(lock);
+                }
+                else
+                {
+                    condition.wait(lock);
+                }
             }
             if (tasks.empty())
             {

@@ -42,7 +42,8 @@ extern "C"
     /* Locking this mutex fails with EINVAL, on any thread. */
     extern pthread_mutex_t* brokenMutex;
 
-    /* The next call of this thread returns that number. */
+    /* The next call of this thread returns that number, of locks the next after the good ones. */
+    extern FAULT_THREAD_LOCAL int goodLocks;
     extern FAULT_THREAD_LOCAL int nextLockFails;
     extern FAULT_THREAD_LOCAL int nextUnlockFails;
 

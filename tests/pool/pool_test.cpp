@@ -332,4 +332,38 @@ TEST_F(ThreadPool, FailedLocks)
     EXPECT_EQ(CountLog(2, source, "~YetAnotherThreadPool", "EXCEPTION Invalid argument\n"), 1U);
 }
 
+// A worker that looks at the queue again before it sleeps is not woken; one that failed to, is.
+TEST_F(ThreadPool, WakesAWorkerThatFailedToLook)
+{
+    test::SetLogThreshold(2);
+    std::atomic<bool> ran{false};
+    {
+        Pool pool(1);
+        pool.enqueue(
+            []
+            {
+                FailCalls(&condWait, 0, 0, 0);
+                goodLocks = 1; // finds the queue empty
+                nextLockFails = EINVAL;
+            });
+        EXPECT_TRUE(test::Eventually(
+            []
+            {
+                return CountLog(1, source, body, "Exception in while: Invalid argument\n") == 1 &&
+                       CountCalls(&condWait) == 1; // asleep
+            }));
+        pool.enqueue(
+            [&]
+            {
+                ran = true;
+            });
+        EXPECT_TRUE(test::Eventually(
+            [&]
+            {
+                return ran.load();
+            }));
+    }
+    test::SetLogThreshold(1000);
+}
+
 } // namespace
