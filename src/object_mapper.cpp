@@ -305,7 +305,7 @@ bmcbus::Slot Queue(sd_bus* bus, const std::string& path, const Names& interfaces
             sd_bus_call_async(bus, &raw, call.get(), OnReply<Callback>, pending.get(), 0));
     bmcbus::Slot slot(raw);
     sd_bus_slot_set_destroy_callback(raw, Pending<Callback>::Drop);
-    pending.release();
+    static_cast<void>(pending.release());
     return slot;
 }
 
@@ -358,7 +358,7 @@ try
                                                    {
                                                        delete static_cast<Record*>(own);
                                                    });
-    context.release();
+    static_cast<void>(context.release());
     return slot;
 }
 catch (const std::exception& e)

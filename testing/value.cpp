@@ -489,7 +489,10 @@ void Value::AppendBasic(sd_bus_message* message) const
             }
         },
         content);
-    Check(result, "append " + Text());
+    if (result < 0)
+    {
+        Check(result, "append " + Text());
+    }
 }
 
 void Value::AppendContainer(sd_bus_message* message) const

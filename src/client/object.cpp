@@ -10,7 +10,7 @@ namespace bmcbus::client
 
 MemberName::MemberName(const char* prefix, const char* name)
 {
-    std::snprintf(text_, sizeof(text_), "%s%s", prefix, name);
+    static_cast<void>(std::snprintf(text_, sizeof(text_), "%s%s", prefix, name));
 }
 
 void LogException(const char* label, const char* prefix, const char* member,

@@ -18,12 +18,12 @@ void* Value::Emplace(const Type& type)
     return get();
 }
 
-Value::Value(Value&& other)
+Value::Value(Value&& other) noexcept
 {
     Take(other);
 }
 
-Value& Value::operator=(Value&& other)
+Value& Value::operator=(Value&& other) noexcept
 {
     if (this != &other)
     {
@@ -38,7 +38,7 @@ Value::~Value()
     Drop();
 }
 
-void Value::Take(Value& other)
+void Value::Take(Value& other) noexcept
 {
     if (other.heap_ != nullptr)
     {
@@ -53,7 +53,7 @@ void Value::Take(Value& other)
     }
 }
 
-void Value::Drop()
+void Value::Drop() noexcept
 {
     if (type_ != nullptr)
     {

@@ -10,8 +10,8 @@ class Value
 {
   public:
     Value() = default;
-    Value(Value&& other);
-    Value& operator=(Value&& other);
+    Value(Value&& other) noexcept;
+    Value& operator=(Value&& other) noexcept;
     ~Value();
 
     // Drops what it held and holds a value-initialised `type`.
@@ -27,8 +27,8 @@ class Value
     }
 
   private:
-    void Take(Value& other);
-    void Drop();
+    void Take(Value& other) noexcept;
+    void Drop() noexcept;
 
     const Type* type_ = nullptr;
     void* heap_ = nullptr;

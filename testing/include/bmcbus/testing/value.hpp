@@ -375,6 +375,7 @@ struct ArrayCodec
     static Value Make(const Container& container)
     {
         std::vector<Value> elements;
+        elements.reserve(container.size());
         for (const auto& element : container)
         {
             elements.push_back(Codec<Element>::Make(element));
