@@ -111,7 +111,7 @@ int main(int argc, char** argv)
 {
     if (sd_bus_default_system(&bus) < 0)
     {
-        std::fprintf(stderr, "no bus\n");
+        static_cast<void>(std::fprintf(stderr, "no bus\n"));
         return 1;
     }
     if (argc > 1 && std::strcmp(argv[1], "heap") == 0)
