@@ -1,5 +1,7 @@
 #include "classes.hpp"
 
+#include <algorithm>
+#include <bit>
 #include <map>
 
 namespace fuzz
@@ -23,6 +25,25 @@ kit::Value AsKept(const kit::Value& value)
         entries.emplace_back(key, *mapped);
     }
     return kit::Value::Dictionary("s", type.substr(3, type.size() - 4), std::move(entries));
+}
+
+bool Same(const kit::Value& a, const kit::Value& b)
+{
+    const std::string& type = a.Signature();
+    if (type != b.Signature())
+    {
+        return false;
+    }
+    if (type == "d")
+    {
+        return std::bit_cast<uint64_t>(a.Get<double>()) == std::bit_cast<uint64_t>(b.Get<double>());
+    }
+    if (type.front() != 'a' && type.front() != '(')
+    {
+        return a == b;
+    }
+    return std::equal(a.Children().begin(), a.Children().end(), b.Children().begin(),
+                      b.Children().end(), Same);
 }
 
 } // namespace fuzz

@@ -87,6 +87,9 @@ struct About<PowerSignal>
 // A value as an object keeps it: a map by text in order, of equal keys the first.
 kit::Value AsKept(const kit::Value& value);
 
+// Equal to the last bit, numbers that are none included.
+bool Same(const kit::Value& a, const kit::Value& b);
+
 // Names of the interface and of all members, for inputs about Class.
 template <class Class>
 const std::vector<Word>& Words()

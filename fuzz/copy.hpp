@@ -72,7 +72,7 @@ class Tested
             const Stored& wanted = expected.values.at(member.name);
             bool is_set = false;
             const kit::Value value = member.get(object, is_set);
-            if (is_set != wanted.is_set || !(value == wanted.value))
+            if (is_set != wanted.is_set || !Same(value, wanted.value))
             {
                 Fail(member.name + " is " + value.Text() + " instead of " + wanted.value.Text());
             }

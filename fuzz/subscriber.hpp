@@ -86,7 +86,7 @@ class Subscription
             const Member<Class>& member = About<Class>::members[i];
             bool is_set = false;
             const kit::Value value = member.get(object, is_set);
-            if (is_set != (signals > 0) || !(value == values[i]))
+            if (is_set != (signals > 0) || !Same(value, values[i]))
             {
                 Fail(member.name + " is " + value.Text() + " instead of " + values[i].Text());
             }

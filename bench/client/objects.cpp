@@ -37,9 +37,11 @@ void Check(int result, const char* what)
     }
 }
 
+// Of the same length for every number, so that all messages are the same work.
 std::string PathOf(long number)
 {
-    return "/com/example/fans/" + std::to_string(number);
+    const std::string digits = std::to_string(number);
+    return "/com/example/fans/" + std::string(6 - digits.size(), '0') + digits;
 }
 
 // Emits `count` signals to `objects` paths in turn, once told to, and waits to be killed.
@@ -178,6 +180,8 @@ int main(int argc, char** argv)
         {
         }
     };
+    // Buffers and tables of the connection itself come with the first object.
+    add(objects);
     const size_t before = Heap();
     for (long i = 0; i < objects; ++i)
     {
