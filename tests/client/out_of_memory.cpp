@@ -1,0 +1,295 @@
+// Every allocation of the handlers fails in turn: one line says so, nothing is kept, no lock is
+// held, and the next message is handled as if nothing had been.
+
+#include "fixture.hpp"
+
+#include <async_ops.hpp>
+#include <com/tamm/bmc/power/PowerReporting/client_cache.hpp>
+#include <object_mapper.hpp>
+
+#include <cstdlib>
+#include <new>
+
+namespace
+{
+
+// The number of this thread's allocation that fails, counted from one; 0 for none.
+thread_local size_t failing = 0;
+thread_local size_t live = 0;
+
+// Gives memory, or does not.
+void* Allocate(size_t size)
+{
+    if (failing > 0 && --failing == 0)
+    {
+        throw std::bad_alloc();
+    }
+    void* const memory = std::malloc(size);
+    if (memory == nullptr)
+    {
+        throw std::bad_alloc();
+    }
+    ++live;
+    return memory;
+}
+
+void Free(void* memory)
+{
+    live -= memory != nullptr ? 1 : 0;
+    std::free(memory);
+}
+
+} // namespace
+
+void* operator new(size_t size)
+{
+    return Allocate(size);
+}
+void* operator new[](size_t size)
+{
+    return Allocate(size);
+}
+// Whoever asks like this can do without, as sorting does.
+void* operator new(size_t size, const std::nothrow_t&) noexcept
+{
+    void* const memory = std::malloc(size);
+    live += memory != nullptr ? 1 : 0;
+    return memory;
+}
+void operator delete(void* memory) noexcept
+{
+    Free(memory);
+}
+void operator delete[](void* memory) noexcept
+{
+    Free(memory);
+}
+void operator delete(void* memory, size_t) noexcept
+{
+    Free(memory);
+}
+void operator delete[](void* memory, size_t) noexcept
+{
+    Free(memory);
+}
+
+namespace
+{
+
+using Power = ClientCache::com::tamm::bmc::power::PowerReporting;
+const std::string powerInterface = "com.tamm.bmc.power.PowerReporting";
+
+const std::vector<uint32_t> times = {1, 2, 3};
+const std::vector<double> numbers = {1, 2, 3, 4, 5, 6, 7, 8};
+const std::vector<std::string> names = {"VR0", "a name that is too long to lie inside", ""};
+
+class OutOfMemory : public testing::Test
+{
+  protected:
+    using Handler = std::function<void(sd_bus_message*)>;
+
+    OutOfMemory()
+    {
+        EXPECT_GE(sd_bus_default_system(&connection), 0);
+        // Recorded lines take memory, too: only errors are, and the first of them now.
+        test::SetLogThreshold(2);
+        Power("/power", fanService, true).SetByName("nothing", uint8_t{1});
+        test::ClearLog();
+    }
+    ~OutOfMemory() override
+    {
+        test::SetLogThreshold(1000);
+        sd_bus_flush_close_unref(connection);
+    }
+
+    // Handles the message with each allocation failing in turn, and then without a failure. Gives
+    // the number of allocations.
+    static size_t FailEach(sd_bus_message* message, const Handler& handle,
+                           const std::function<void()>& afterFailure)
+    {
+        for (size_t number = 1;; ++number)
+        {
+            test::ClearLog();
+            sd_bus_message_rewind(message, 1);
+            failing = number;
+            handle(message);
+            const bool failed = failing == 0;
+            failing = 0;
+            if (!failed)
+            {
+                EXPECT_THAT(test::Log(), testing::IsEmpty());
+                return number - 1;
+            }
+            EXPECT_EQ(test::Log().size(), 1U) << test::Describe(test::Log());
+            afterFailure();
+        }
+    }
+
+    static void ExpectException(const std::string& function)
+    {
+        EXPECT_EQ(test::CountLog(2, 127, function, "EXCEPTION std::bad_alloc"), 1U)
+            << test::Describe(test::Log());
+    }
+
+    // A handler of an object, which has handled no signal before.
+    template <class Class>
+    void ExpectOf(Class& object, const size_t& calls, void (Class::*handler)(bmcbus::Message&),
+                  const std::vector<Value>& arguments, const std::string& function, size_t least)
+    {
+        const kit::MessagePtr message = peers.Message(arguments);
+        const size_t allocations = FailEach(
+            message.get(),
+            [&](sd_bus_message* raw)
+            {
+                bmcbus::Message wrapped(raw);
+                (object.*handler)(wrapped);
+            },
+            [&]
+            {
+                ExpectException(function);
+                EXPECT_EQ(object.SignalCount(), 0U) << "and the lock is not held";
+                EXPECT_EQ(calls, 0U);
+            });
+        EXPECT_GE(allocations, least);
+        EXPECT_EQ(object.SignalCount(), 1U);
+        EXPECT_EQ(calls, 1U);
+    }
+
+    // A handler of a cached proxy.
+    void ExpectOfProxy(void (Power::*handler)(bmcbus::Message&),
+                       const std::vector<Value>& arguments, const std::string& function,
+                       size_t least, const std::function<void(Power&)>& check)
+    {
+        const size_t before = live;
+        {
+            size_t calls = 0;
+            Power power("/power", fanService, Count, &calls, true);
+            ExpectOf(power, calls, handler, arguments, function, least);
+            check(power);
+        }
+        EXPECT_EQ(live, before) << "nothing is kept";
+    }
+
+    kit::PrivateBus bus;
+    kit::Peers peers;
+    sd_bus* connection = nullptr;
+};
+
+const Value properties = kit::AsPropertyMap(
+    {{"CPUTimeStmp", times}, {"PSURPMReading", numbers}, {"CPUSlotCount", uint8_t{4}}});
+
+void ExpectProperties(Power& power)
+{
+    EXPECT_EQ(power.Get_CPUTimeStmp(), times);
+    EXPECT_EQ(power.Get_PSURPMReading(), numbers);
+    EXPECT_EQ(power.Get_CPUSlotCount(), 4);
+}
+
+TEST_F(OutOfMemory, InAHandlerOfACachedProxy)
+{
+    ExpectOfProxy(&Power::ObjectCallbackChanged, {powerInterface, properties},
+                  "ObjectCallbackChanged", 3, ExpectProperties);
+    ExpectOfProxy(
+        &Power::ObjectCallbackAdded,
+        {kit::Path{"/power"}, Value::Dictionary("s", "a{sv}", {{powerInterface, properties}})},
+        "ObjectCallbackAdded", 4, ExpectProperties);
+    ExpectOfProxy(&Power::ObjectCallbackRemoved,
+                  {kit::Path{"/power"}, std::vector<std::string>{powerInterface, names[1]}},
+                  "ObjectCallbackRemoved", 3,
+                  [](Power& power)
+                  {
+                      EXPECT_FALSE(power.Ready());
+                  });
+}
+
+TEST_F(OutOfMemory, InASubscriber)
+{
+    const size_t before = live;
+    {
+        size_t calls = 0;
+        FanSignal signal(fanPath, Count, &calls);
+        ExpectOf(signal, calls, &FanSignal::ObjectCallback, {uint8_t{3}, twoFans}, "ObjectCallback",
+                 twoFans.size());
+        EXPECT_EQ(signal.Get_fanPWMData(), twoFans);
+    }
+    EXPECT_EQ(live, before);
+}
+
+TEST_F(OutOfMemory, InTheReplyToGetAll)
+{
+    using Request = Async::Ops::detail::Request<Power::Variant>;
+    const kit::MessagePtr message = peers.Message({properties});
+    size_t failures = 0;
+    size_t successes = 0;
+    const size_t before = live;
+    const size_t allocations = FailEach(
+        message.get(),
+        [&](sd_bus_message* raw)
+        {
+            Request request{[&](bool success, std::map<std::string, Power::Variant>& values, void*)
+                            {
+                                ++(success ? successes : failures);
+                                EXPECT_EQ(values.size(), success ? 3U : 0U);
+                            },
+                            nullptr};
+            EXPECT_EQ(Async::Ops::Internal_GetAllProperties_Callback<Power::Variant>(raw, &request,
+                                                                                     nullptr),
+                      1);
+        },
+        []
+        {
+            EXPECT_EQ(
+                test::CountLog(2, 300, "Internal_GetAllProperties_Callback", "ex: std::bad_alloc"),
+                1U);
+        });
+    EXPECT_GE(allocations, 5U);
+    EXPECT_EQ(failures, allocations);
+    EXPECT_EQ(successes, 1U);
+    test::ClearLog();
+    EXPECT_EQ(live, before);
+}
+
+TEST_F(OutOfMemory, InTheReplyOfTheMapper)
+{
+    using ObjectMapper::Wrappers::ServiceMap;
+    using Callback = ObjectMapper::Wrappers::GetObjectCallback2;
+    using Record = ObjectMapper::Wrappers::CallbackRecord<Callback>;
+    struct Told
+    {
+        size_t failures = 0;
+        size_t successes = 0;
+    } told;
+    const Callback tell = [](bool success, bool timedOut, ServiceMap& services, void* context)
+    {
+        auto& to = *static_cast<Told*>(context);
+        ++(success ? to.successes : to.failures);
+        EXPECT_FALSE(timedOut);
+        EXPECT_EQ(services.size(), success ? 2U : 0U);
+    };
+    const kit::MessagePtr message = peers.Message({std::map<std::string, std::vector<std::string>>{
+        {names[1], {powerInterface}}, {powerInterface, names}}});
+    const size_t before = live;
+    const size_t allocations = FailEach(
+        message.get(),
+        [&](sd_bus_message* raw)
+        {
+            const size_t later = std::exchange(failing, 0);
+            auto* const record = new Record{tell, &told};
+            failing = later;
+            ObjectMapper::Wrappers::Internal_GetObjectAsync_Callback2(raw, record, nullptr);
+        },
+        []
+        {
+            EXPECT_EQ(
+                test::CountLog(2, 300, "Internal_GetObjectAsync_Callback2", "ex: std::bad_alloc"),
+                1U)
+                << test::Describe(test::Log());
+        });
+    EXPECT_GE(allocations, 6U);
+    EXPECT_EQ(told.failures, allocations);
+    EXPECT_EQ(told.successes, 1U);
+    test::ClearLog();
+    EXPECT_EQ(live, before);
+}
+
+} // namespace
