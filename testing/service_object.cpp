@@ -54,14 +54,16 @@ Object::Found Object::FindProperty(const std::string& name) const
 
 std::vector<std::string> Object::Interfaces() const
 {
-    return service.OnThread([this] {
-        std::vector<std::string> names;
-        for (const auto& [name, slot] : slots)
+    return service.OnThread(
+        [this]
         {
-            names.push_back(name);
-        }
-        return names;
-    });
+            std::vector<std::string> names;
+            for (const auto& [name, slot] : slots)
+            {
+                names.push_back(name);
+            }
+            return names;
+        });
 }
 
 // --- values -------------------------------------------------------------------------------------
