@@ -39,8 +39,8 @@ extern "C"
     /* Called before fork handlers are registered; any thread. */
     extern void (*beforeRegistration)(void (*prepare)(void));
 
-    /* Locking this mutex fails with EINVAL, on any thread. */
-    extern pthread_mutex_t* brokenMutex;
+    /* Locking this mutex fails with EINVAL on this thread. */
+    extern FAULT_THREAD_LOCAL pthread_mutex_t* brokenMutex;
 
     /* The next call of this thread returns that number, of locks the next after the good ones. */
     extern FAULT_THREAD_LOCAL int goodLocks;
