@@ -20,7 +20,7 @@ constexpr size_t longestSocketPath = 100;
 std::string FindDaemon()
 {
     const char* given = std::getenv("BMCBUS_DBUS_DAEMON");
-    const std::string found = Process::Find(given != nullptr ? given : "dbus-daemon");
+    std::string found = Process::Find(given != nullptr ? given : "dbus-daemon");
     if (found.empty() && given != nullptr)
     {
         throw std::runtime_error("dbus-daemon did not start: there is no program " +

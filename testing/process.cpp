@@ -29,6 +29,7 @@ namespace
 std::vector<char*> Pointers(std::vector<std::string>& texts)
 {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts)
     {
         pointers.push_back(text.data());
@@ -225,7 +226,8 @@ std::string Process::Find(const std::string& name)
     std::istringstream folders(std::string(path == nullptr ? "" : path) + ":/usr/bin:/bin");
     for (std::string folder; std::getline(folders, folder, ':');)
     {
-        const std::string candidate = folder + "/" + name;
+        std::string candidate = folder;
+        candidate.append("/").append(name);
         if (!folder.empty() && access(candidate.c_str(), X_OK) == 0)
         {
             return candidate;

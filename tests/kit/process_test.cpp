@@ -34,7 +34,7 @@ TEST(ProcessTest, OutputHoldsNothingUp)
     EXPECT_TRUE(bmcbus::testing::Until(
         [&]
         {
-            return program.Output().size() == 3000 * 404;
+            return program.Output().size() == 3000UL * 404;
         }));
     EXPECT_TRUE(program.Running());
     program.Signal(SIGKILL);
