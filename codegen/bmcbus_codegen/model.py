@@ -22,8 +22,7 @@ The templates get one variable, `interface`:
     signals         every signal in declaration order, empty if no signal classes are wanted
     types           every distinct type of the above, ordered by its C++ spelling
 
-A type has: cpp, signature, kind ("basic", "array", "dict", "struct"), parts (the types inside),
-is_scalar (number or bool).
+A type has: cpp, signature, kind ("basic", "array", "dict", "struct"), parts (the types inside).
 
 A property has: name, type, signature, writable, variant_index (of its type in `variant`), field
 and flag (private members, "<name>_" and "<name>_is_set": names from a description end in an

@@ -27,8 +27,6 @@ UNSERVED = {
     "v": "a variant (v) has no fixed C++ type",
 }
 
-_TEXT = "so"
-
 
 class SignatureError(Exception):
     """The text is not the signature of one complete type."""
@@ -48,11 +46,6 @@ class Type:
     cpp: str
     parts: tuple = ()
     unserved: tuple = ()
-
-    @property
-    def is_scalar(self):
-        """A number or a bool, as opposed to text and containers."""
-        return self.kind == "basic" and self.signature not in _TEXT
 
 
 class _Parser:
