@@ -1,7 +1,7 @@
 // The descriptor that asio owns, and the handlers that outlive a registration.
 
+#include "channel_loops.hpp"
 #include "log_recorder.hpp"
-#include "loops.hpp"
 
 #include <fcntl.h>
 

@@ -1,8 +1,8 @@
 // What the channel does in order, and what it refuses.
 
+#include "channel_loops.hpp"
 #include "faults.hpp"
 #include "log_recorder.hpp"
-#include "loops.hpp"
 
 #include <gmock/gmock.h>
 

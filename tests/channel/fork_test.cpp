@@ -1,8 +1,8 @@
 // fork() with a channel at work: both sides go on, again and again.
 
+#include "channel_loops.hpp"
 #include "faults.hpp"
 #include "log_recorder.hpp"
-#include "loops.hpp"
 #include "sanitizer.hpp"
 
 #include <sys/wait.h>

@@ -1,8 +1,8 @@
 // More messages than the pipe holds triggers for.
 
+#include "channel_loops.hpp"
 #include "faults.hpp"
 #include "log_recorder.hpp"
-#include "loops.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -3,35 +3,18 @@
 // The connection in each kind of loop, attached as the headers say. No loop looks at the connection
 // unless its descriptor says so, or the caller does what belongs after a blocking call.
 
+#include "run_until.hpp"
+
 #include <bmcbus/testing.hpp>
 #include <systemd/sd-bus.h>
 
-#include <boost/asio.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 #include <czmq.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <unistd.h>
-
-#include <chrono>
-#include <functional>
 
 namespace test
 {
-
-class Deadline
-{
-  public:
-    bool Passed() const
-    {
-        return std::chrono::steady_clock::now() > end;
-    }
-
-  private:
-    std::chrono::steady_clock::time_point end =
-        std::chrono::steady_clock::now() + bmcbus::testing::patience;
-};
-
-using Condition = std::function<bool()>;
 
 // Handles what has been read; then the descriptor tells of everything else.
 inline void ProcessAll(sd_bus* bus)
@@ -62,15 +45,7 @@ class SdEventLoop
     }
     bool Run(const Condition& done)
     {
-        constexpr uint64_t tick = 10'000;
-        for (const Deadline deadline; !done() && !deadline.Passed();)
-        {
-            if (sd_event_run(loop, tick) < 0)
-            {
-                break;
-            }
-        }
-        return done();
+        return RunUntil(loop, done);
     }
 
   private:
@@ -93,12 +68,7 @@ class AsioLoop
     }
     bool Run(const Condition& done)
     {
-        for (const Deadline deadline; !done() && !deadline.Passed();)
-        {
-            io.restart();
-            io.run_one_for(std::chrono::milliseconds(10));
-        }
-        return done();
+        return RunUntil(io, done);
     }
 
   private:
@@ -143,24 +113,7 @@ class ZLoop
     }
     bool Run(const Condition& done)
     {
-        const Deadline deadline;
-        Condition stop = [&]
-        {
-            return done() || deadline.Passed();
-        };
-        const int timer = zloop_timer(
-            loop, 2, 0,
-            [](zloop_t*, int, void* condition)
-            {
-                return (*static_cast<Condition*>(condition))() ? -1 : 0;
-            },
-            &stop);
-        while (!stop())
-        {
-            zloop_start(loop);
-        }
-        zloop_timer_end(loop, timer);
-        return done();
+        return RunUntil(loop, done);
     }
 
   private:
@@ -189,15 +142,12 @@ class PollLoop
     }
     bool Run(const Condition& done)
     {
-        for (const Deadline deadline; !done() && !deadline.Passed();)
-        {
-            pollfd readable = {sd_bus_get_fd(bus), POLLIN, 0};
-            if (poll(&readable, 1, 10) > 0)
-            {
-                ProcessAll(bus);
-            }
-        }
-        return done();
+        return PollUntil(sd_bus_get_fd(bus), done,
+                         [this]
+                         {
+                             ProcessAll(bus);
+                             return true;
+                         });
     }
 
   private:

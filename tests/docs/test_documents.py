@@ -3,14 +3,16 @@ somewhere."""
 
 import os
 import re
-import shutil
-import subprocess
+import sys
 import tempfile
 import unittest
 from pathlib import Path
 
 from blocks import SOURCE, all_blocks, blocks, documents
 from running import machine, run
+
+sys.path.insert(0, str(SOURCE / "tests" / "support"))
+from staged import Stage  # noqa: E402
 
 BUILD = Path(os.environ["BMCBUS_BUILD"])
 SIMULATOR = os.environ["BMCBUS_SIMULATOR"]
@@ -32,7 +34,6 @@ def anchors(document):
     """What links to headings of a document are called."""
     headings = HEADING.findall(prose(document))
     return [re.sub(r"[^\w -]", "", heading).lower().replace(" ", "-") for heading in headings]
-
 
 
 class Documents(unittest.TestCase):
@@ -86,36 +87,20 @@ class Commands(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.scratch = Path(cls.enterContext(tempfile.TemporaryDirectory()))
-        cls.environment = cls.installed(cls.scratch / "root")
+        stage = Stage()
+        cls.addClassCleanup(stage.close)
+        cls.environment = {
+            **stage.environment,
+            "SYSTEMD_PAGER": "",
+            "PATH": f"{stage.prefix / 'bin'}:{os.environ['PATH']}",
+            "BMCBUS_INTERFACE_PATH": str(stage.prefix / "share" / "dbus-1" / "interfaces"),
+        }
 
     @classmethod
     def enterContext(cls, context):  # Python 3.10 has none
         value = context.__enter__()
         cls.addClassCleanup(context.__exit__, None, None, None)
         return value
-
-    @staticmethod
-    def installed(root):
-        """Installs what was built, and gives an environment in which it is found."""
-        subprocess.run(
-            ["meson", "install", "-C", BUILD, "--no-rebuild", "--quiet", "--destdir", root],
-            check=True,
-            stdout=subprocess.DEVNULL,
-        )
-        (pc,) = root.rglob("bmcbus.pc")
-        prefix = re.search(r"^prefix=(.*)$", pc.read_text(), re.M)[1]
-        for file in pc.parent.glob("*.pc"):
-            text = file.read_text().replace(f"prefix={prefix}\n", f"prefix={root}{prefix}\n", 1)
-            file.write_text(text)
-        placed = Path(f"{root}{prefix}")
-        return {
-            **os.environ,
-            "SYSTEMD_PAGER": "",
-            "PATH": f"{placed / 'bin'}:{os.environ['PATH']}",
-            "PKG_CONFIG_PATH": str(pc.parent),
-            "LD_LIBRARY_PATH": str(pc.parent.parent),
-            "BMCBUS_INTERFACE_PATH": str(placed / "share" / "dbus-1" / "interfaces"),
-        }
 
     def go(self, document):
         folder = self.scratch / document.stem

@@ -229,7 +229,7 @@ TEST_F(FunnelWithoutLoop, IsRefused)
 
 TEST_F(FunnelWithoutLoop, RefusesWhoCannotWait)
 {
-    const LoopThread loop(Make<test::ReactorLoop>);
+    const LoopThread loop(Make<test::ZLoop>);
     test::ClearLog();
     std::function<void()> work = []
     {

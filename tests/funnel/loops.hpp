@@ -2,13 +2,11 @@
 
 // Event loops of each kind that tells its thread, and sends over the channel.
 
-#include <czmq.h>
-#include <oneway_channel.hpp>
-#include <systemd/sd-event.h>
+#include "channel_loops.hpp"
+
 #include <threadfunnel.hpp>
 #include <threadfunnel_over_owc.hpp>
 
-#include <boost/asio/io_context.hpp>
 #include <gtest/gtest.h>
 
 #include <latch>
@@ -19,97 +17,30 @@
 namespace test
 {
 
-using infrautils::OneWayChannel;
-
-// A loop of one kind: made, registered and run by the thread that calls Run().
+// A loop of one kind: made, registered and run by one thread.
 class Loop
 {
   public:
     virtual ~Loop() = default;
     virtual void Register() = 0;
-    virtual void Run() = 0;
-    // Called on the loop's thread.
-    virtual void Stop() = 0;
+    virtual void Run(const Condition& done) = 0;
 };
 
-class SdEventLoop : public Loop
-{
-  public:
-    SdEventLoop() : event(New())
-    {
-    }
-    void Register() override
-    {
-        OneWayChannel::GetInstance()->RegisterEventLoop(event, nullptr, {});
-    }
-    void Run() override
-    {
-        sd_event_loop(event.get());
-    }
-    void Stop() override
-    {
-        sd_event_exit(event.get(), 0);
-    }
-
-  private:
-    static sdeventplus::Event New()
-    {
-        sd_event* made = nullptr;
-        sd_event_new(&made);
-        return {made, std::false_type()};
-    }
-    sdeventplus::Event event;
-};
-
-class ReactorLoop : public Loop
+template <class Kind>
+class LoopOf : public Loop
 {
   public:
     void Register() override
     {
-        OneWayChannel_RegisterZLoop(loop.get(), nullptr);
+        kind.Register(nullptr);
     }
-    void Run() override
+    void Run(const Condition& done) override
     {
-        zloop_start(loop.get());
-    }
-    void Stop() override
-    {
-        const auto end = [](zloop_t*, int, void*)
-        {
-            return -1;
-        };
-        zloop_timer(loop.get(), 0, 1, end, nullptr);
+        kind.Run(done);
     }
 
   private:
-    struct Destroy
-    {
-        void operator()(zloop_t* old) const
-        {
-            zloop_destroy(&old);
-        }
-    };
-    std::unique_ptr<zloop_t, Destroy> loop{zloop_new()};
-};
-
-class AsioLoop : public Loop
-{
-  public:
-    void Register() override
-    {
-        OneWayChannel::GetInstance()->RegisterIOContext(context, nullptr, {});
-    }
-    void Run() override
-    {
-        context.run();
-    }
-    void Stop() override
-    {
-        context.stop();
-    }
-
-  private:
-    boost::asio::io_context context;
+    Kind kind;
 };
 
 using MakeLoop = std::unique_ptr<Loop> (*)();
@@ -117,7 +48,7 @@ using MakeLoop = std::unique_ptr<Loop> (*)();
 template <class Kind>
 std::unique_ptr<Loop> Make()
 {
-    return std::make_unique<Kind>();
+    return std::make_unique<LoopOf<Kind>>();
 }
 
 // A registered loop on a thread of its own.
@@ -129,12 +60,14 @@ class LoopThread
         thread = std::thread(
             [this, make]
             {
-                loop = make();
+                const std::unique_ptr<Loop> loop = make(); // ends its registration with itself
                 loop->Register();
                 registered.count_down();
-                loop->Run();
-                OneWayChannel_Unregister();
-                loop.reset();
+                loop->Run(
+                    [this]
+                    {
+                        return stop;
+                    });
             });
         registered.wait();
     }
@@ -143,7 +76,7 @@ class LoopThread
         OneWayChannel_Execute(
             [](void*, void* self, unsigned long)
             {
-                static_cast<LoopThread*>(self)->loop->Stop();
+                static_cast<LoopThread*>(self)->stop = true;
                 return 0;
             },
             this, 0, 0);
@@ -159,7 +92,7 @@ class LoopThread
 
   private:
     std::latch registered{1};
-    std::unique_ptr<Loop> loop;
+    bool stop = false; // the loop's thread's
     std::thread thread;
 };
 
@@ -197,6 +130,6 @@ inline std::string KindName(const testing::TestParamInfo<MakeLoop>& info)
 }
 
 // For INSTANTIATE_TEST_SUITE_P.
-inline const auto everyLoop = testing::Values(Make<SdEventLoop>, Make<ReactorLoop>, Make<AsioLoop>);
+inline const auto everyLoop = testing::Values(Make<SdEventLoop>, Make<ZLoop>, Make<AsioLoop>);
 
 } // namespace test

@@ -7,7 +7,6 @@ CXX, the compilers. What is installed is found by pkg-config alone.
 """
 
 import os
-import re
 import shlex
 import shutil
 import subprocess
@@ -24,6 +23,9 @@ CXX = shlex.split(os.environ["CXX"])
 CC = shlex.split(os.environ["CC"])
 EXAMPLE = SOURCE / "examples" / "own-interface"
 
+sys.path.insert(0, str(SOURCE / "tests" / "support"))
+from staged import Stage  # noqa: E402
+
 
 def run(*command, **options):
     """Gives what the command prints; its failure fails the test with all that it said."""
@@ -39,34 +41,6 @@ def run(*command, **options):
     if done.returncode != 0:
         raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
     return done.stdout
-
-
-class Stage:
-    """A copy of what `meson install` puts under the prefix, made to work where it lies."""
-
-    def __init__(self):
-        self._folder = tempfile.TemporaryDirectory(prefix="bmcbus-install.")
-        root = Path(self._folder.name)
-        run("meson", "install", "-C", os.environ["BMCBUS_BUILD"], "--no-rebuild", "--quiet",
-            "--destdir", root)
-        self.prefix = root / Path(os.environ["BMCBUS_PREFIX"]).relative_to("/")
-        self.packages = [found.parent for found in self.prefix.rglob("bmcbus.pc")]
-        for file in self.packages[0].glob("*.pc"):
-            text = file.read_text(encoding="utf-8")
-            text = re.sub("(?m)^prefix=.*", f"prefix={self.prefix}", text)
-            file.write_text(text, encoding="utf-8")
-        self.library = next(self.prefix.rglob("libbmcbus.so"))
-        self.environment = {
-            **os.environ,
-            "PKG_CONFIG_PATH": str(self.packages[0]),
-            "LD_LIBRARY_PATH": str(self.library.parent),
-        }
-
-    def close(self):
-        self._folder.cleanup()
-
-    def pkg_config(self, *arguments):
-        return run("pkg-config", *arguments, env=self.environment).split()
 
 
 class InstallTest(unittest.TestCase):

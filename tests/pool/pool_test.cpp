@@ -36,6 +36,22 @@ class ThreadPool : public test::Bounded
     }
 };
 
+// Whether a task that is enqueued now runs.
+bool Works(Pool& pool)
+{
+    const auto ran = std::make_shared<std::atomic<bool>>(false);
+    pool.enqueue(
+        [ran]
+        {
+            *ran = true;
+        });
+    return test::Eventually(
+        [&]
+        {
+            return ran->load();
+        });
+}
+
 // Keeps one worker busy until it is let go.
 class Blocker
 {
@@ -291,7 +307,6 @@ TEST_F(ThreadPool, FailedJoinDoesNotEndTheProcess)
 TEST_F(ThreadPool, FailedLocks)
 {
     test::SetLogThreshold(2); // so that the next lock is not the recorder's
-    std::atomic<bool> ran{false};
     {
         Pool pool(1);
         for (void (*call)(Pool&) : {+[](Pool& p)
@@ -315,16 +330,7 @@ TEST_F(ThreadPool, FailedLocks)
             {
                 nextLockFails = EINVAL;
             }); // the worker's next one
-        pool.enqueue(
-            [&]
-            {
-                ran = true;
-            });
-        EXPECT_TRUE(test::Eventually(
-            [&]
-            {
-                return ran.load();
-            }));
+        EXPECT_TRUE(Works(pool));
         nextLockFails = EINVAL; // the destructor's
     }
     test::SetLogThreshold(1000);
@@ -336,7 +342,6 @@ TEST_F(ThreadPool, FailedLocks)
 TEST_F(ThreadPool, WakesAWorkerThatFailedToLook)
 {
     test::SetLogThreshold(2);
-    std::atomic<bool> ran{false};
     {
         Pool pool(1);
         pool.enqueue(
@@ -352,16 +357,7 @@ TEST_F(ThreadPool, WakesAWorkerThatFailedToLook)
                 return CountLog(1, source, body, "Exception in while: Invalid argument\n") == 1 &&
                        CountCalls(&condWait) == 1; // asleep
             }));
-        pool.enqueue(
-            [&]
-            {
-                ran = true;
-            });
-        EXPECT_TRUE(test::Eventually(
-            [&]
-            {
-                return ran.load();
-            }));
+        EXPECT_TRUE(Works(pool));
     }
     test::SetLogThreshold(1000);
 }

@@ -1,25 +1,21 @@
 #pragma once
 
-// The four kinds of loop under one face: register on this thread, run until a condition holds.
+// The four kinds of loop with the channel under one face: register on this thread, run until a
+// condition holds.
+
+#include "run_until.hpp"
 
 #include <oneway_channel.hpp>
 
-#include <bmcbus/testing/wait.hpp>
-#include <czmq.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 
-#include <atomic>
-#include <chrono>
 #include <functional>
-#include <optional>
 #include <utility>
 
 namespace test
 {
 
-using Condition = std::function<bool()>;
 using Function = infrautils::OneWayChannel::Function;
 
 inline infrautils::OneWayChannel& Channel()
@@ -38,19 +34,6 @@ inline int Post(std::function<void()> work)
         },
         nullptr, 0, false);
 }
-
-class Deadline
-{
-  public:
-    bool Passed() const
-    {
-        return std::chrono::steady_clock::now() > end;
-    }
-
-  private:
-    std::chrono::steady_clock::time_point end =
-        std::chrono::steady_clock::now() + 4 * bmcbus::testing::patience;
-};
 
 // Ends the registration before the loop goes.
 struct Registration
@@ -77,14 +60,7 @@ class SdEventLoop
     }
     bool Run(const Condition& done)
     {
-        for (const Deadline deadline; !done();)
-        {
-            if (deadline.Passed() || sd_event_run(event.get(), 10000) < 0)
-            {
-                return false;
-            }
-        }
-        return true;
+        return RunUntil(event.get(), done);
     }
 
     sdeventplus::Event event = sdeventplus::Event::get_new();
@@ -117,25 +93,7 @@ class ZLoop
     }
     bool Run(const Condition& done)
     {
-        struct Check
-        {
-            const Condition& done;
-            Deadline deadline;
-        } check{done, {}};
-        const int timer = zloop_timer(
-            loop, 2, 0,
-            [](zloop_t*, int, void* arg)
-            {
-                const auto* self = static_cast<Check*>(arg);
-                return self->done() || self->deadline.Passed() ? -1 : 0;
-            },
-            &check);
-        while (!done() && !check.deadline.Passed())
-        {
-            zloop_start(loop);
-        }
-        zloop_timer_end(loop, timer);
-        return done();
+        return RunUntil(loop, done);
     }
 
     zloop_t* loop = zloop_new();
@@ -154,16 +112,7 @@ class AsioLoop
     }
     bool Run(const Condition& done)
     {
-        for (const Deadline deadline; !done();)
-        {
-            if (deadline.Passed())
-            {
-                return false;
-            }
-            io.restart();
-            io.run_one_for(std::chrono::milliseconds(10));
-        }
-        return true;
+        return RunUntil(io, done);
     }
 
     boost::asio::io_context io;
@@ -185,15 +134,11 @@ class PollLoop
     }
     bool Run(const Condition& done)
     {
-        for (const Deadline deadline; !done();)
-        {
-            pollfd end{.fd = fd, .events = POLLIN, .revents = 0};
-            if (deadline.Passed() || (poll(&end, 1, 10) > 0 && OneWayChannel_Process(fd) != 0))
-            {
-                return false;
-            }
-        }
-        return true;
+        return PollUntil(fd, done,
+                         [this]
+                         {
+                             return OneWayChannel_Process(fd) == 0;
+                         });
     }
 
     int fd = -1;

@@ -1,0 +1,54 @@
+"""The build, installed into a folder of its own."""
+
+import os
+import re
+import subprocess
+import tempfile
+from pathlib import Path
+
+
+class Stage:
+    """A copy of what `meson install` puts under the prefix, made to work where it lies.
+
+    The environment says where the build is, BMCBUS_BUILD, and what prefix it was configured with,
+    BMCBUS_PREFIX.
+    """
+
+    def __init__(self):
+        self._folder = tempfile.TemporaryDirectory(prefix="bmcbus-install.")
+        root = Path(self._folder.name)
+        build = os.environ["BMCBUS_BUILD"]
+        done = subprocess.run(
+            ["meson", "install", "-C", build, "--no-rebuild", "--quiet", "--destdir", root],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            encoding="utf-8",
+            errors="replace",
+            check=False,
+        )
+        if done.returncode != 0:
+            raise AssertionError(f"meson install ended with {done.returncode}:\n{done.stdout}")
+        self.prefix = root / Path(os.environ["BMCBUS_PREFIX"]).relative_to("/")
+        self.packages = [found.parent for found in self.prefix.rglob("bmcbus.pc")]
+        for file in self.packages[0].glob("*.pc"):
+            text = file.read_text(encoding="utf-8")
+            text = re.sub("(?m)^prefix=.*", f"prefix={self.prefix}", text)
+            file.write_text(text, encoding="utf-8")
+        self.library = next(self.prefix.rglob("libbmcbus.so"))
+        self.environment = {
+            **os.environ,
+            "PKG_CONFIG_PATH": str(self.packages[0]),
+            "LD_LIBRARY_PATH": str(self.library.parent),
+        }
+
+    def close(self):
+        self._folder.cleanup()
+
+    def pkg_config(self, *arguments):
+        return subprocess.run(
+            ["pkg-config", *arguments],
+            env=self.environment,
+            stdout=subprocess.PIPE,
+            encoding="utf-8",
+            check=True,
+        ).stdout.split()
