@@ -8,6 +8,7 @@ import signal
 import subprocess
 import time
 
+GRACE = 10  # seconds for what ends when it is asked to
 PATIENCE = 300  # seconds, for emulated machines; only a failing test waits that long
 
 
@@ -16,8 +17,14 @@ class Failure(Exception):
 
 
 def stop(process):
-    """Ends a process and whatever it started in its session."""
+    """Ends a process and whatever it started in its session; a bus then removes its socket."""
+    end = time.monotonic() + GRACE
     with contextlib.suppress(ProcessLookupError):
+        os.killpg(process.pid, signal.SIGTERM)
+        while time.monotonic() < end:
+            process.poll()
+            os.killpg(process.pid, 0)
+            time.sleep(0.01)
         os.killpg(process.pid, signal.SIGKILL)
     process.wait()
 
