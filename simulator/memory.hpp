@@ -10,7 +10,7 @@
 namespace simulator
 {
 
-class Memory : public Part
+class Memory final : public Part
 {
   public:
     Memory(Model& machine, sd_event* loop);

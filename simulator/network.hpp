@@ -9,7 +9,7 @@
 namespace simulator
 {
 
-class Network : public Part
+class Network final : public Part
 {
   public:
     Network(const Model& machine, sd_event* loop);

@@ -8,7 +8,7 @@
 namespace simulator
 {
 
-class Power : public Part
+class Power final : public Part
 {
   public:
     Power(const Model& machine, sd_event* loop);

@@ -11,7 +11,7 @@
 namespace simulator
 {
 
-class Processors : public Part
+class Processors final : public Part
 {
   public:
     Processors(Model& machine, sd_event* loop);

@@ -8,7 +8,7 @@
 namespace simulator
 {
 
-class Thermal : public Part
+class Thermal final : public Part
 {
   public:
     Thermal(Model& machine, sd_event* loop);

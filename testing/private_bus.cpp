@@ -51,9 +51,8 @@ std::filesystem::path MakeFolder()
 
 } // namespace
 
-PrivateBus::PrivateBus(const BusLimits& limits) : daemonPath(FindDaemon())
+PrivateBus::PrivateBus(const BusLimits& limits) : daemonPath(FindDaemon()), folder(MakeFolder())
 {
-    folder = MakeFolder();
     address = "unix:path=" + (folder / "bus").string();
     try
     {

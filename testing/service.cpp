@@ -162,7 +162,7 @@ void Service::ReplyError(sd_bus_message* call, const std::string& name, const st
 
 // --- life ---------------------------------------------------------------------------------------
 
-Service::Service(std::vector<std::string> wellKnown, Options options) :
+Service::Service(std::vector<std::string> wellKnown, const Options& options) :
     names(std::move(wellKnown)), link(std::make_unique<Link>(*this, options))
 {
     Start();

@@ -168,15 +168,11 @@ template <class Variant, size_t... Index>
 void StoreAlternative(void* variant, size_t index, void* value, std::index_sequence<Index...>)
 {
     auto& target = As<Variant>(variant);
-    const auto store = [&]<size_t I>(std::integral_constant<size_t, I>)
-    {
-        if (index == I)
-        {
-            using T = std::variant_alternative_t<I, Variant>;
-            target.template emplace<I>(std::move(As<T>(value)));
-        }
-    };
-    (store(std::integral_constant<size_t, Index>{}), ...);
+    static_cast<void>(
+        ((index == Index && (target.template emplace<Index>(
+                                 std::move(As<std::variant_alternative_t<Index, Variant>>(value))),
+                             true)) ||
+         ...));
 }
 
 } // namespace detail

@@ -103,9 +103,9 @@ class PrivateBus
     void Start();
     void WriteConfiguration(const BusLimits& limits) const;
 
+    std::string daemonPath;
     std::filesystem::path folder;
     std::string address;
-    std::string daemonPath;
     std::unique_ptr<Process> daemon;
     std::string before;
     bool wasSet = false;

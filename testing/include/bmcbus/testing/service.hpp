@@ -240,7 +240,7 @@ class Service
      *
      * Throws std::system_error when there is no bus or a name is taken.
      */
-    explicit Service(std::vector<std::string> wellKnown, Options options);
+    explicit Service(std::vector<std::string> wellKnown, const Options& options);
     /** The same on a thread of its own. */
     explicit Service(std::vector<std::string> wellKnown = {}) :
         Service(std::move(wellKnown), Options())
