@@ -1,37 +1,25 @@
 // One blocking exchange, against the same exchange written by hand on sd-bus. The service runs in a
-// process of its own; the connection is held open. One contender per process, chosen by name.
+// process of its own; the connection is held open. One contender per process.
+//
+//   bench-calls library|floor|sdbus-c++|gdbus get|call COUNT
+
+#include "fans.hpp"
 
 #include <com/tamm/bmc/Thermal/FanReporting/client_cache.hpp>
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <string>
 
 using Fans = ClientEdge::com::tamm::bmc::Thermal::FanReporting;
 
 namespace
 {
 
-constexpr const char* service = "com.example.Bench";
-constexpr const char* path = "/fans";
-constexpr const char* interface = "com.tamm.bmc.Thermal.FanReporting";
-
-void Check(int result, const char* what)
-{
-    if (result < 0)
-    {
-        std::fprintf(stderr, "%s: %s\n", what, std::strerror(-result));
-        std::exit(1);
-    }
-}
+using namespace bench;
+using namespace bench::fans;
 
 int Update(sd_bus_message* call, void*, sd_bus_error*)
 {
@@ -41,7 +29,7 @@ int Update(sd_bus_message* call, void*, sd_bus_error*)
 int Count(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
           sd_bus_error*)
 {
-    return sd_bus_message_append(reply, "y", 6);
+    return sd_bus_message_append(reply, "y", fans::count);
 }
 
 // Runs until its parent is gone.
@@ -58,7 +46,7 @@ int Count(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
     Check(sd_bus_open_system(&bus), "sd_bus_open_system");
     Check(sd_bus_add_object_vtable(bus, nullptr, path, interface, table, nullptr), "vtable");
     Check(sd_bus_request_name(bus, service, 0), "sd_bus_request_name");
-    Check(write(ready, "", 1) == 1 ? 0 : -EIO, "write");
+    Check(write(ready, "", 1) == 1, "write");
     while (true)
     {
         if (sd_bus_process(bus, nullptr) == 0)
@@ -74,8 +62,7 @@ uint8_t GetByHand(sd_bus* bus)
     sd_bus_message* reply = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
     uint8_t value = 0;
-    Check(sd_bus_message_new_method_call(bus, &call, service, path,
-                                         "org.freedesktop.DBus.Properties", "Get"),
+    Check(sd_bus_message_new_method_call(bus, &call, service, path, propertiesInterface, "Get"),
           "new call");
     sd_bus_message_append_basic(call, 's', interface);
     sd_bus_message_append_basic(call, 's', "fanCount");
@@ -108,54 +95,63 @@ int32_t UpdateByHand(sd_bus* bus)
     return status;
 }
 
-std::function<void()> Contender(const std::string& name, sd_bus* bus)
+Work ByHand(const std::string& what)
 {
-    static Fans fans(service, path);
-    if (name == "get-floor")
+    sd_bus* bus = nullptr;
+    Check(sd_bus_default_system(&bus), "sd_bus_default_system");
+    if (what == "get")
     {
         return [=]
         {
-            Check(GetByHand(bus) == 6 ? 0 : -EIO, "value");
+            Check(GetByHand(bus) == fans::count, "value");
         };
     }
-    if (name == "get")
+    return [=]
+    {
+        Check(UpdateByHand(bus), "status");
+    };
+}
+
+Work Library(const std::string& what)
+{
+    static Fans object(service, path);
+    sd_bus* held = nullptr;
+    Check(sd_bus_default_system(&held), "sd_bus_default_system");
+    if (what == "get")
     {
         return []
         {
             bool ok = false;
             uint8_t value = 0;
-            fans.Get_fanCount(ok, value);
-            Check(ok && value == 6 ? 0 : -EIO, "value");
+            object.Get_fanCount(ok, value);
+            Check(ok && value == fans::count, "value");
         };
     }
-    if (name == "call-floor")
+    return [fan = std::string("Fan1")]
     {
-        return [=]
-        {
-            Check(UpdateByHand(bus), "status");
-        };
-    }
-    if (name == "call")
+        bool ok = false;
+        int32_t status = -1;
+        object.Call_updateFanPWMData(ok, fan, 40, status);
+        Check(ok && status == 0, "status");
+    };
+}
+
+Work Contender(const std::string& who, const std::string& what)
+{
+    if (who == "floor")
     {
-        return [fan = std::string("Fan1")]
-        {
-            bool ok = false;
-            int32_t status = -1;
-            fans.Call_updateFanPWMData(ok, fan, 40, status);
-            Check(ok ? status : -EIO, "status");
-        };
+        return ByHand(what);
     }
-    std::fprintf(stderr, "no contender '%s'\n", name.c_str());
-    std::exit(2);
+    return who == "library" ? Library(what) : Peer(who, what);
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc != 3)
+    if (argc != 4)
     {
-        std::fprintf(stderr, "usage: %s CONTENDER COUNT\n", argv[0]);
+        static_cast<void>(std::fprintf(stderr, "usage: %s WHO WHAT COUNT\n", argv[0]));
         return 2;
     }
     int ready[2];
@@ -166,15 +162,12 @@ int main(int argc, char** argv)
         Serve(ready[1]);
     }
     char byte = 0;
-    Check(read(ready[0], &byte, 1) == 1 ? 0 : -EIO, "service");
-    sd_bus* bus = nullptr;
-    Check(sd_bus_default_system(&bus), "sd_bus_default_system");
-    const std::function<void()> work = Contender(argv[1], bus);
-    for (long i = std::atol(argv[2]); i > 0; --i)
+    Check(read(ready[0], &byte, 1) == 1, "service");
+    const Work work = Contender(argv[1], argv[2]);
+    for (long i = std::atol(argv[3]); i > 0; --i)
     {
         work();
     }
-    sd_bus_flush_close_unref(bus);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     return 0;

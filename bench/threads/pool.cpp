@@ -2,7 +2,7 @@
 //
 //   bench-pool library|plain|asio|tbb WORKERS TASKS
 
-#include "cost.hpp"
+#include <cost.hpp>
 
 #include <yetanotherthreadpool.hpp>
 

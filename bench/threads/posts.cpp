@@ -2,8 +2,8 @@
 //
 //   bench-posts library|plain LOOP PRODUCERS BURSTS
 
-#include "cost.hpp"
 #include "loops.hpp"
+#include <cost.hpp>
 
 #include <cstdlib>
 #include <deque>

@@ -2,8 +2,8 @@
 //
 //   bench-sends library|plain funnel|LOOP SENDERS COUNT
 
-#include "cost.hpp"
 #include "loops.hpp"
+#include <cost.hpp>
 
 #include <threadfunnel.hpp>
 #include <threadfunnel_over_owc.hpp>

@@ -1,0 +1,115 @@
+#pragma once
+
+// The large messages: an object of 55 properties, a signal of 70 arguments, and the struct that a
+// contender without classes of its own decodes them into.
+
+#include "contender.hpp"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace bench::power
+{
+
+constexpr const char* path = "/power";
+constexpr const char* interface = "com.tamm.bmc.power.PowerReporting";
+constexpr const char* signal = "NotifyPwrReportingData";
+
+struct Member
+{
+    const char* name;
+    const char* type;
+};
+
+constexpr Member properties[] = {
+#include "power_members.inc"
+};
+constexpr size_t propertyCount = 55;
+static_assert(std::size(properties) == propertyCount);
+
+// The signal has the first fifty properties' values, then these.
+constexpr const char* signalTail[] = {"ad", "ad", "ad", "ad", "ad", "ad", "ay", "as", "au", "ad",
+                                      "ad", "ad", "ad", "ad", "ad", "ad", "d",  "d",  "d",  "d"};
+constexpr size_t argumentCount = 70;
+
+constexpr const char* ArgumentType(size_t number)
+{
+    return number < 50 ? properties[number].type : signalTail[number - 50];
+}
+
+// A value of one of the types.
+struct Slot
+{
+    std::vector<uint8_t> bytes;
+    std::vector<uint16_t> shorts;
+    std::vector<uint32_t> words;
+    std::vector<double> doubles;
+    std::vector<std::string> texts;
+    uint8_t byte = 0;
+    uint16_t half = 0;
+    uint32_t word = 0;
+    double real = 0;
+};
+
+struct Object
+{
+    Slot slots[argumentCount];
+};
+
+// What every message carries.
+inline const Slot& Sample()
+{
+    static const Slot sample{.bytes = {1, 2, 3, 4, 5, 6, 7, 8},
+                             .shorts = {100, 200, 300, 400, 500, 600, 700, 800},
+                             .words = {1, 2, 3, 4, 5, 6, 7, 8},
+                             .doubles = {1, 2, 3, 4, 5, 6, 7, 8},
+                             .texts = {"VR0", "VR1", "VR2", "VR3", "VR4", "VR5", "VR6", "VR7"},
+                             .byte = 1,
+                             .half = 2,
+                             .word = 3,
+                             .real = 12.5};
+    return sample;
+}
+
+// Calls `use` with the member of a slot that holds values of this type.
+template <class Use>
+void WithMember(const char* type, Use use)
+{
+    const bool array = type[0] == 'a';
+    switch (array ? type[1] : type[0])
+    {
+        case 'y':
+            return array ? use(&Slot::bytes) : use(&Slot::byte);
+        case 'q':
+            return array ? use(&Slot::shorts) : use(&Slot::half);
+        case 'u':
+            return array ? use(&Slot::words) : use(&Slot::word);
+        case 'd':
+            return array ? use(&Slot::doubles) : use(&Slot::real);
+        case 's':
+            return use(&Slot::texts);
+        default:
+            std::abort();
+    }
+}
+
+// In ascending order of the names, as services send their maps. The number says where the value
+// goes.
+inline const std::map<std::string_view, size_t>& Index()
+{
+    static const auto index = []
+    {
+        std::map<std::string_view, size_t> made;
+        for (size_t i = 0; i < propertyCount; ++i)
+        {
+            made[properties[i].name] = i;
+        }
+        return made;
+    }();
+    return index;
+}
+
+} // namespace bench::power

@@ -1,0 +1,68 @@
+"""Threads and loops: what a send, a post or a task costs."""
+
+from .measure import median, ratio
+
+LOOPS = ("sd-event", "zloop", "asio", "poll")
+
+
+def compare(times, report, name, bound, floor, program, *arguments):
+    try:
+        results = times.rounds(program, (floor, "library"), *arguments)
+    except RuntimeError as error:
+        report.failed(name, error)
+        return
+    by_hand, library = results[floor], results["library"]
+    if by_hand is None:
+        report.plain(f"{name:44} not measured, {floor} is not built in")
+    else:
+        report.row(name, median(by_hand), median(library), bound, ratio(library, by_hand),
+                   [("wall", ratio(library, by_hand, 1))])
+
+
+def sends(times, report):
+    for senders in (1, 4):
+        compare(times, report, f"funnel send, senders: {senders}", 1.1, "plain",
+                "threads/bench-sends", "funnel", senders, 20000)
+    for loop in LOOPS[:3]:
+        compare(times, report, f"send over the channel, {loop}", 1.1, "plain",
+                "threads/bench-sends", loop, 1, 20000)
+
+
+def posts(times, report):
+    for loop in LOOPS:
+        for producers in (1, 4):
+            compare(times, report, f"post, {loop}, producers: {producers}", 1.1, "plain",
+                    "threads/bench-posts", loop, producers, 20)
+
+
+def pool(times, report):
+    for workers in (1, 2, 4):
+        name = f"task, workers: {workers}"
+        compare(times, report, name, 1.25, "plain", "threads/bench-pool", workers, 300000)
+        for who in ("asio", "tbb"):
+            compare(times, report, f"{name}, against {who}", 1, who, "threads/bench-pool", workers,
+                    300000)
+
+
+def endless(times, report):
+    """Producers that know no measure: to the end, in order, and without growth."""
+    # 256 bytes for each of the triggers that a pipe holds.
+    for loop in LOOPS:
+        for name, what, count, bound in ((f"2,000,000 posts of 4 producers, {loop}", "producers", 2000000, 8192),
+                                         (f"1,000,000 times itself, {loop}", "self", 1000000, 1024)):
+            try:
+                seconds, growth = times.pinned("threads/bench-unbounded", what, loop, count)
+            except RuntimeError as error:
+                report.failed(name, error)
+                continue
+            report.limit(f"{name} ({seconds:.2f} s)", growth, "KiB more", bound)
+
+
+def time(times, report):
+    report.heading("processor time, ns")
+    sends(times, report)
+    posts(times, report)
+    pool(times, report)
+    report.plain("")
+    endless(times, report)
+    report.plain("")
