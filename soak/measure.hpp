@@ -1,0 +1,42 @@
+#pragma once
+
+// What the process holds, and what it holds of the bus.
+
+#include "world.hpp"
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace soak
+{
+
+struct Figures
+{
+    size_t residentKb = 0;
+    size_t heapKb = 0; // 0 under sanitizers, whose allocators do not tell
+    size_t descriptors = 0;
+    size_t threads = 0;
+    size_t connections = 0;
+    std::optional<size_t> matchRules; // nothing where the bus does not count them
+
+    // "resident 9000 kB, heap 400 kB, descriptors 12, ..."
+    std::string Text() const;
+
+    // "flat", or what differs: memory may grow by the allowances, nothing else may change.
+    std::string Against(const Figures& first) const;
+};
+
+// How much more memory than after the first check still counts as flat: what allocator, loader and
+// connections keep for the next use. It is a bound on the whole run.
+inline constexpr size_t residentAllowanceKb = 4096;
+inline constexpr size_t heapAllowanceKb = 256;
+
+// Reads the figures of this moment.
+Figures Measure(World& world);
+
+// The same once what was ended before has left: threads that were joined, connections that were
+// closed. Until the figures are `first`'s, or stay the same where there is none.
+Figures MeasureSettled(World& world, const std::optional<Figures>& first);
+
+} // namespace soak
