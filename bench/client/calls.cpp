@@ -29,7 +29,7 @@ int Update(sd_bus_message* call, void*, sd_bus_error*)
 int Count(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
           sd_bus_error*)
 {
-    return sd_bus_message_append(reply, "y", fans::count);
+    return sd_bus_message_append(reply, "y", fans::present);
 }
 
 // Runs until its parent is gone.
@@ -103,7 +103,7 @@ Work ByHand(const std::string& what)
     {
         return [=]
         {
-            Check(GetByHand(bus) == fans::count, "value");
+            Check(GetByHand(bus) == fans::present, "value");
         };
     }
     return [=]
@@ -124,7 +124,7 @@ Work Library(const std::string& what)
             bool ok = false;
             uint8_t value = 0;
             object.Get_fanCount(ok, value);
-            Check(ok && value == fans::count, "value");
+            Check(ok && value == fans::present, "value");
         };
     }
     return [fan = std::string("Fan1")]
@@ -164,7 +164,7 @@ int main(int argc, char** argv)
     char byte = 0;
     Check(read(ready[0], &byte, 1) == 1, "service");
     const Work work = Contender(argv[1], argv[2]);
-    for (long i = std::atol(argv[3]); i > 0; --i)
+    for (long i = std::stol(argv[3]); i > 0; --i)
     {
         work();
     }

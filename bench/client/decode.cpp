@@ -248,7 +248,7 @@ int main(int argc, char** argv)
         return 2;
     }
     const Work work = Contender(argv[1], argv[2]);
-    for (long i = std::atol(argv[3]); i > 0; --i)
+    for (long i = std::stol(argv[3]); i > 0; --i)
     {
         work();
     }

@@ -14,7 +14,7 @@ namespace bench::fans
 constexpr const char* service = "com.example.Bench";
 constexpr const char* path = "/fans";
 constexpr const char* interface = "com.tamm.bmc.Thermal.FanReporting";
-constexpr uint8_t count = 6; // its property
+constexpr uint8_t present = 6; // its property
 
 // The plainest cached object: one property, and the three match rules that the library's has.
 class Plain

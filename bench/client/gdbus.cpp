@@ -47,6 +47,7 @@ GVariant* Wrap(const char* type, const std::vector<T>& values)
 GVariant* Wrap(const char*, const std::vector<std::string>& texts)
 {
     std::vector<const char*> pointers;
+    pointers.reserve(texts.size());
     for (const std::string& text : texts)
     {
         pointers.push_back(text.c_str());
@@ -262,7 +263,7 @@ Work Exchange(const std::string& what)
             GVariant* raw = nullptr;
             g_variant_get(reply.get(), "(v)", &raw);
             const Variant value(raw);
-            Check(g_variant_get_byte(raw) == fans::count, "value");
+            Check(g_variant_get_byte(raw) == fans::present, "value");
         };
     }
     return [=]

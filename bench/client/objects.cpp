@@ -79,8 +79,8 @@ int main(int argc, char** argv)
         return 2;
     }
     const bool byHand = std::strcmp(argv[1], "floor") == 0;
-    const long objects = std::atol(argv[2]);
-    const long count = std::atol(argv[3]);
+    const long objects = std::stol(argv[2]);
+    const long count = std::stol(argv[3]);
     int go[2];
     Check(pipe(go), "pipe");
     const pid_t child = fork();

@@ -24,11 +24,11 @@ struct Member
     const char* type;
 };
 
-constexpr Member properties[] = {
+constexpr size_t propertyCount = 55;
+constexpr Member properties[propertyCount] = {
 #include "power_members.inc"
 };
-constexpr size_t propertyCount = 55;
-static_assert(std::size(properties) == propertyCount);
+static_assert(properties[propertyCount - 1].name != nullptr);
 
 // The signal has the first fifty properties' values, then these.
 constexpr const char* signalTail[] = {"ad", "ad", "ad", "ad", "ad", "ad", "ay", "as", "au", "ad",

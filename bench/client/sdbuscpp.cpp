@@ -5,6 +5,8 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <type_traits>
+
 namespace bench
 {
 namespace
@@ -13,7 +15,7 @@ namespace
 using Values = std::map<std::string, sdbus::Variant>;
 
 template <class Member>
-using Value = std::decay_t<decltype(power::Sample().*Member())>;
+using Value = std::decay_t<std::invoke_result_t<Member, power::Slot>>;
 
 sdbus::Variant SampleVariant(const char* type)
 {
@@ -67,9 +69,9 @@ sdbus::Signal MakeMessage(const std::string& what)
 
 void Store(const Values& values, power::Object& object)
 {
-    for (const auto& [name, variant] : values)
+    for (const auto& entry : values)
     {
-        const auto found = power::Index().find(name);
+        const auto found = power::Index().find(entry.first);
         if (found == power::Index().end())
         {
             continue;
@@ -78,7 +80,7 @@ void Store(const Values& values, power::Object& object)
         power::WithMember(power::properties[found->second].type,
                           [&](auto member)
                           {
-                              slot.*member = variant.get<Value<decltype(member)>>();
+                              slot.*member = entry.second.get<Value<decltype(member)>>();
                           });
     }
 }
@@ -136,7 +138,7 @@ Work Exchange(const std::string& what)
         return []
         {
             const uint8_t value = proxy->getProperty("fanCount").onInterface(fans::interface);
-            Check(value == fans::count, "value");
+            Check(value == fans::present, "value");
         };
     }
     return [fan = std::string("Fan1")]

@@ -5,18 +5,26 @@ from .measure import median, ratio
 LOOPS = ("sd-event", "zloop", "asio", "poll")
 
 
-def compare(times, report, name, bound, floor, program, *arguments):
+def measured(times, report, name, program, contenders, *arguments):
+    """The rounds' figures by contender, or None where one failed."""
     try:
-        results = times.rounds(program, (floor, "library"), *arguments)
+        return times.rounds(program, contenders, *arguments)
     except RuntimeError as error:
         report.failed(name, error)
+        return None
+
+
+def compare(times, report, name, bound, floor, program, *arguments, peers=()):
+    results = measured(times, report, name, program, (floor, "library", *peers), *arguments)
+    if results is None:
         return
     by_hand, library = results[floor], results["library"]
     if by_hand is None:
         report.plain(f"{name:44} not measured, {floor} is not built in")
-    else:
-        report.row(name, median(by_hand), median(library), bound, ratio(library, by_hand),
-                   [("wall", ratio(library, by_hand, 1))])
+        return
+    others = [(who, results[who] and ratio(results[who], by_hand)) for who in peers]
+    report.row(name, median(by_hand), median(library), bound, ratio(library, by_hand),
+               [("wall", ratio(library, by_hand, 1)), *others])
 
 
 def sends(times, report):
@@ -32,7 +40,23 @@ def posts(times, report):
     for loop in LOOPS:
         for producers in (1, 4):
             compare(times, report, f"post, {loop}, producers: {producers}", 1.1, "plain",
-                    "threads/bench-posts", loop, producers, 20)
+                    "threads/bench-posts", loop, producers, 20,
+                    peers=["asio"] if loop == "asio" else [])
+
+
+def latency(times, report):
+    for loop in LOOPS:
+        name = f"post to an idle loop, {loop}"
+        peers = ["asio"] if loop == "asio" else []
+        results = measured(times, report, name, "threads/bench-latency",
+                           ("plain", "library", *peers), loop, 20000)
+        if results is None:
+            continue
+        floor, library = results["plain"], results["library"]
+        for which, what in enumerate(("median", "99th percentile")):
+            report.row(f"{name}, {what}", median(floor, which), median(library, which), None,
+                       ratio(library, floor, which),
+                       [(who, ratio(results[who], floor, which)) for who in peers])
 
 
 def pool(times, report):
@@ -63,6 +87,9 @@ def time(times, report):
     sends(times, report)
     posts(times, report)
     pool(times, report)
+    report.plain("")
+    report.heading("wall time from post to handler, ns")
+    latency(times, report)
     report.plain("")
     endless(times, report)
     report.plain("")

@@ -1,10 +1,12 @@
 #include "loops.hpp"
 
+#include <boost/asio/post.hpp>
 #include <czmq.h>
 #include <oneway_channel.hpp>
 #include <poll.h>
 #include <systemd/sd-event.h>
 
+#include <cstdlib>
 #include <stdexcept>
 
 namespace bench
@@ -107,6 +109,10 @@ class Asio : public Loop
     {
         io.stop();
     }
+    boost::asio::io_context* Context() override
+    {
+        return &io;
+    }
 
   private:
     void Wait(PlainChannel& channel)
@@ -187,20 +193,30 @@ std::unique_ptr<Loop> MakeLoop(const std::string& kind)
     throw std::invalid_argument("no such loop: " + kind);
 }
 
-Poster::Poster(const std::string& who, Loop& loop, void* context)
+Poster::Poster(const std::string& who, Loop& loop, void* given) : context(given)
 {
     if (who == "library")
     {
         loop.Register(context);
-        return;
     }
-    plain = std::make_unique<PlainChannel>(context);
-    loop.Watch(*plain);
+    else if (who == "asio")
+    {
+        if (loop.Context() == nullptr)
+        {
+            std::exit(77);
+        }
+        queue.emplace(loop.Context()->get_executor());
+    }
+    else
+    {
+        plain = std::make_unique<PlainChannel>(context);
+        loop.Watch(*plain);
+    }
 }
 
 Poster::~Poster()
 {
-    if (plain == nullptr)
+    if (!plain && !queue)
     {
         OneWayChannel_Unregister();
     }
@@ -209,13 +225,21 @@ Poster::~Poster()
 void Poster::Post(int (*function)(void*, void*, unsigned long), void* data,
                   unsigned long size) const
 {
-    if (plain == nullptr)
+    if (queue)
     {
-        OneWayChannel_Execute(function, data, size, 0);
+        boost::asio::post(queue->get_executor(),
+                          [=, to = context]
+                          {
+                              function(to, data, size);
+                          });
+    }
+    else if (plain)
+    {
+        plain->Post(function, data, size, false);
     }
     else
     {
-        plain->Post(function, data, size, false);
+        OneWayChannel_Execute(function, data, size, 0);
     }
 }
 

@@ -5,7 +5,11 @@
 
 #include "plain_channel.hpp"
 
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace bench
@@ -21,16 +25,23 @@ class Loop
     virtual void Run() = 0;
     // In a message's function.
     virtual void Stop() = 0;
+    // Where functions can be posted without a channel, in a loop that has it.
+    virtual boost::asio::io_context* Context()
+    {
+        return nullptr;
+    }
 };
 
 // By name: sd-event, zloop, asio, poll.
 std::unique_ptr<Loop> MakeLoop(const std::string& kind);
 
-// Where a contender's messages go: the library's channel on this loop, or a plain one.
+// Where a contender's messages go: the library's channel on this loop, a plain one, or, for "asio",
+// the loop's own queue.
 class Poster
 {
   public:
-    // Registers. The context of all messages is `context`.
+    // Registers. The context of all messages is `context`. Ends the process with 77 when the loop
+    // has no queue of its own.
     Poster(const std::string& who, Loop& loop, void* context);
     ~Poster();
     Poster(const Poster&) = delete;
@@ -40,7 +51,11 @@ class Poster
     void Post(int (*function)(void*, void*, unsigned long), void* data, unsigned long size) const;
 
   private:
-    std::unique_ptr<PlainChannel> plain; // null for the library
+    using Queue = boost::asio::io_context::executor_type;
+
+    void* context;
+    std::unique_ptr<PlainChannel> plain;
+    std::optional<boost::asio::executor_work_guard<Queue>> queue; // neither for the library
 };
 
 } // namespace bench

@@ -1,6 +1,6 @@
 // Posts in bursts: each burst begins when the last one has been run to its end.
 //
-//   bench-posts library|plain LOOP PRODUCERS BURSTS
+//   bench-posts library|plain|asio LOOP PRODUCERS BURSTS
 
 #include "loops.hpp"
 #include <cost.hpp>
@@ -61,7 +61,7 @@ int main(int argc, char** argv)
 {
     if (argc != 5)
     {
-        std::cerr << "usage: bench-posts library|plain LOOP PRODUCERS BURSTS\n";
+        std::cerr << "usage: bench-posts library|plain|asio LOOP PRODUCERS BURSTS\n";
         return 2;
     }
     const auto loop = bench::MakeLoop(argv[2]);
