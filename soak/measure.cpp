@@ -1,5 +1,7 @@
 #include "measure.hpp"
 
+#include "sanitizer.hpp"
+
 #include <malloc.h>
 #include <unistd.h>
 
@@ -28,6 +30,10 @@ size_t ResidentKb()
 
 size_t HeapKb()
 {
+    if (test::addressSanitizer || test::threadSanitizer)
+    {
+        return 0;
+    }
     const auto heap = mallinfo2();
     return (heap.uordblks + heap.hblkhd) / 1024;
 }
@@ -81,10 +87,13 @@ std::string Figures::Text() const
 
 std::string Figures::Against(const Figures& first) const
 {
+    const std::string memory =
+        first.heapKb == 0
+            ? ""
+            : Difference("resident kB", residentKb, first.residentKb, residentAllowanceKb) +
+                  Difference("heap kB", heapKb, first.heapKb, heapAllowanceKb);
     const std::string differences =
-        Difference("resident kB", residentKb, first.residentKb, residentAllowanceKb) +
-        Difference("heap kB", heapKb, first.heapKb, heapAllowanceKb) +
-        Difference("descriptors", descriptors, first.descriptors) +
+        memory + Difference("descriptors", descriptors, first.descriptors) +
         Difference("threads", threads, first.threads) +
         Difference("connections", connections, first.connections) +
         Difference("match rules", matchRules.value_or(0), first.matchRules.value_or(0));

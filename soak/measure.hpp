@@ -14,7 +14,7 @@ namespace soak
 struct Figures
 {
     size_t residentKb = 0;
-    size_t heapKb = 0; // 0 under sanitizers, whose allocators do not tell
+    size_t heapKb = 0; // 0: the allocator does not tell, as those of the sanitizers and valgrind
     size_t descriptors = 0;
     size_t threads = 0;
     size_t connections = 0;
@@ -23,7 +23,8 @@ struct Figures
     // "resident 9000 kB, heap 400 kB, descriptors 12, ..."
     std::string Text() const;
 
-    // "flat", or what differs: memory may grow by the allowances, nothing else may change.
+    // "flat", or what differs: memory may grow by the allowances, nothing else may change. An
+    // allocator that does not tell what is in use keeps what is not; memory is then not looked at.
     std::string Against(const Figures& first) const;
 };
 
