@@ -2,6 +2,7 @@
 
 #include "channel_loops.hpp"
 #include "log_recorder.hpp"
+#include "no_descriptors.hpp"
 
 #include <fcntl.h>
 
@@ -183,6 +184,19 @@ TEST_F(AsioTest, LeavesTheOldContextToItsThread)
     producer.join();
     stop = true;
     thread.join();
+}
+
+TEST_F(AsioTest, RegistersNothingWithoutADescriptor)
+{
+    AsioLoop loop;
+    {
+        const test::NoDescriptors exhausted;
+        EXPECT_THROW(loop.Register(nullptr), boost::system::system_error);
+    }
+    EXPECT_TRUE(Blocks());
+    EXPECT_EQ(test::Post([] {}), 3);
+    test::ClearLog();
+    EXPECT_EQ(loop.Register(nullptr), 0);
 }
 
 TEST_F(AsioTest, EndsTheWatchAfterAnError)

@@ -2,11 +2,11 @@
 
 #include "fixture.hpp"
 #include "no_bus.hpp"
+#include "no_descriptors.hpp"
 
 #include <com/tamm/bmc/debug/dataorigin/client_cache.hpp>
 
 #include <malloc.h>
-#include <sys/resource.h>
 
 #include <filesystem>
 #include <thread>
@@ -149,6 +149,41 @@ TEST_F(Failures, TheServiceDiesDuringACall)
                     "ServiceIsSet", "sd_bus_call: org.freedesktop.DBus.Error.NoReply: "))));
 }
 
+// One that crashes tells nobody; when it is back, objects made before it went work as they are.
+TEST_F(Failures, TheServiceRestarts)
+{
+    Fan fan(fanPath);
+    FanSignal signal(fanPath);
+    FanEdge edge("", fanPath);
+    fans.Crash();
+    Deliver();
+    EXPECT_TRUE(fan.Ready());
+    EXPECT_EQ(fan.Get_fanCount(), 2);
+    bool ok = true;
+    uint8_t count = 5;
+    test::ClearLog();
+    edge.Get_fanCount(ok, count);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(count, 5);
+    EXPECT_THAT(LoggedErrors(), ElementsAre(StartsWith(Exception(
+                                    "GetLocked_fanCount",
+                                    "sd_bus_call: org.freedesktop.DBus.Error.ServiceUnknown: "))));
+
+    fans->SetQuietly({{"fanCount", 9}});
+    fans.Start();
+    Deliver();
+    EXPECT_EQ(fan.Get_fanCount(), 2) << "nothing announced it yet";
+    edge.Get_fanCount(ok, count);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(count, 9);
+    fans->EmitInterfacesAdded();
+    fans->Emit("notifyFanReportingData", uint8_t{3}, twoFans);
+    Deliver();
+    EXPECT_EQ(fan.Get_fanCount(), 9);
+    EXPECT_EQ(fan.SignalCount(), 1U);
+    EXPECT_EQ(signal.Get_fanCount(), 3);
+}
+
 TEST_F(Failures, TextThatMayNotTravel)
 {
     using Origin = ClientEdge::com::tamm::bmc::debug::dataorigin;
@@ -257,35 +292,13 @@ TEST(WithoutABus, EverythingFailsWithItsLine)
     EXPECT_THAT(LoggedErrors(), ElementsAre(Exception("GetLocked_fanPWMData", missing)));
 }
 
-// Takes every descriptor that the process may still open.
-class NoDescriptors
-{
-  public:
-    NoDescriptors()
-    {
-        getrlimit(RLIMIT_NOFILE, &before_);
-        rlimit none = before_;
-        none.rlim_cur = 0;
-        setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~NoDescriptors()
-    {
-        setrlimit(RLIMIT_NOFILE, &before_);
-    }
-    NoDescriptors(const NoDescriptors&) = delete;
-    NoDescriptors& operator=(const NoDescriptors&) = delete;
-
-  private:
-    rlimit before_{};
-};
-
 TEST_F(Failures, NoDescriptorIsLeft)
 {
     FanEdge edge(fanService, fanPath);
     sd_bus_flush_close_unref(connection);
     connection = nullptr;
     {
-        const NoDescriptors exhausted;
+        const test::NoDescriptors exhausted;
         bool ok = true;
         uint8_t count = 5;
         edge.Get_fanCount(ok, count);

@@ -102,17 +102,16 @@ class OutOfMemory : public testing::Test
         sd_bus_flush_close_unref(connection);
     }
 
-    // Handles the message with each allocation failing in turn, and then without a failure. Gives
-    // the number of allocations.
-    static size_t FailEach(sd_bus_message* message, const Handler& handle,
+    // Does the work with each allocation failing in turn, and then without a failure. Gives the
+    // number of allocations.
+    static size_t FailEach(const std::function<void()>& work,
                            const std::function<void()>& afterFailure)
     {
         for (size_t number = 1;; ++number)
         {
             test::ClearLog();
-            sd_bus_message_rewind(message, 1);
             failing = number;
-            handle(message);
+            work();
             const bool failed = failing == 0;
             failing = 0;
             if (!failed)
@@ -123,6 +122,19 @@ class OutOfMemory : public testing::Test
             EXPECT_EQ(test::Log().size(), 1U) << test::Describe(test::Log());
             afterFailure();
         }
+    }
+
+    // The same for work that handles a message.
+    static size_t FailEach(sd_bus_message* message, const Handler& handle,
+                           const std::function<void()>& afterFailure)
+    {
+        return FailEach(
+            [&]
+            {
+                sd_bus_message_rewind(message, 1);
+                handle(message);
+            },
+            afterFailure);
     }
 
     static void ExpectException(const std::string& function)
@@ -212,6 +224,62 @@ TEST_F(OutOfMemory, InASubscriber)
                  twoFans.size());
         EXPECT_EQ(signal.Get_fanPWMData(), twoFans);
     }
+    EXPECT_EQ(live, before);
+}
+
+TEST_F(OutOfMemory, InTheBlockingFirstRead)
+{
+    kit::FakeService service(fanService, fanPath, {fanInterface},
+                             {{"fanCount", 2}, {"fanPWMData", twoFans}});
+    const size_t before = live;
+    {
+        Fan fan(fanPath, "com.example.Nobody");
+        // Reads from its service, as one does that was made before the service came.
+        std::string found = fanService;
+        Fan::GetServiceAsyncCallback(true, found, &fan);
+        fan.Set_fanPWMData(FanMap{});
+        const size_t allocations = FailEach(
+            [&]
+            {
+                fan.ServiceIsSet();
+            },
+            [&]
+            {
+                ExpectException("ServiceIsSet");
+                EXPECT_EQ(fan.SignalCount(), 0U) << "and the lock is not held";
+            });
+        EXPECT_GE(allocations, twoFans.size());
+        EXPECT_EQ(fan.Get_fanPWMData(), twoFans);
+    }
+    test::ClearLog();
+    EXPECT_EQ(live, before);
+}
+
+TEST_F(OutOfMemory, InADirectRead)
+{
+    kit::FakeService service(fanService, fanPath, {fanInterface}, {{"fanPWMData", twoFans}});
+    const size_t before = live;
+    {
+        FanEdge edge(fanService, fanPath);
+        bool ok = true;
+        FanMap map;
+        const size_t allocations = FailEach(
+            [&]
+            {
+                map = {};
+                edge.Get_fanPWMData(ok, map);
+            },
+            [&]
+            {
+                ExpectException("GetLocked_fanPWMData");
+                EXPECT_FALSE(ok);
+                EXPECT_TRUE(map.empty());
+            });
+        EXPECT_GE(allocations, twoFans.size());
+        EXPECT_TRUE(ok) << "and no lock is held";
+        EXPECT_EQ(map, twoFans);
+    }
+    test::ClearLog();
     EXPECT_EQ(live, before);
 }
 

@@ -1,6 +1,5 @@
 #include "fixture.hpp"
-
-#include <sys/resource.h>
+#include "no_descriptors.hpp"
 
 #include <filesystem>
 #include <thread>
@@ -330,15 +329,12 @@ TEST_F(Mapper, CallsLeaveNothingBehind)
 TEST_F(Mapper, RunningOutOfDescriptorsIsAnError)
 {
     connection = sd_bus_flush_close_unref(connection);
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    rlimit none = before;
-    none.rlim_cur = 0;
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_THROW(GetObject("/p", {}), bmcbus::Error);
     std::string service = "before";
-    PathAndInterfaceToService("/p", "x.I", service);
-    setrlimit(RLIMIT_NOFILE, &before);
+    {
+        const test::NoDescriptors exhausted;
+        EXPECT_THROW(GetObject("/p", {}), bmcbus::Error);
+        PathAndInterfaceToService("/p", "x.I", service);
+    }
     EXPECT_EQ(service, "");
     mapper.Add("/p", "a.svc", {"x.I"});
     PathAndInterfaceToService("/p", "x.I", service);
