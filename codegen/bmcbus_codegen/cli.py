@@ -9,7 +9,7 @@ from . import __version__
 from .model import Wanted, build, choose
 from .parser import parse
 from .refusal import Refusal
-from .render import render, write
+from .render import render, write, write_dependencies
 from .signature import BASIC, UNSERVED
 
 _PROGRAM = "bmcbus-codegen"
@@ -77,6 +77,11 @@ def _parser():
         default="client_cache",
         help="write NAME.hpp and NAME.cpp (default: %(default)s)",
     )
+    parser.add_argument(
+        "--depfile",
+        metavar="FILE",
+        help="write a rule for make that names what the output is made of: FILE.xml and this program",
+    )
     parser.add_argument("file", metavar="FILE.xml", help="the introspection data")
     return parser
 
@@ -110,8 +115,15 @@ def main(arguments=None):
         _say(options.file, refusal.problems)
         return 1
     _say(options.file, sorted(notes + more), "note: ")
+    files = render(model)
     try:
-        write(render(model), options.output_dir)
+        write(files, options.output_dir)
     except OSError as error:
         return _fail(f"{options.output_dir}: {error.strerror}")
+    try:
+        if options.depfile is not None:
+            outputs = [Path(options.output_dir, name) for name in files]
+            write_dependencies(options.depfile, outputs, options.file)
+    except OSError as error:
+        return _fail(f"{options.depfile}: {error.strerror}")
     return 0

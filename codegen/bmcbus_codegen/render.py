@@ -2,6 +2,7 @@
 
 import errno
 import os
+import re
 import tempfile
 from pathlib import Path
 
@@ -46,6 +47,20 @@ def write(files, directory):
     finally:
         for temporary, _ in written:
             os.unlink(temporary)
+
+
+def write_dependencies(depfile, outputs, source):
+    """Writes a rule for make: what was made, and of what, this program included."""
+    here = Path(__file__).resolve().parent
+    made_of = [Path(source), *sorted(here.glob("*.py")), *sorted(TEMPLATES.glob("*.j2"))]
+    rule = f"{_words(outputs)}: {_words(made_of)}\n"
+    Path(depfile).write_text(rule, encoding="utf-8")
+
+
+def _words(paths):
+    return " ".join(
+        re.sub(r"([ #\\])", r"\\\1", str(path)).replace("$", "$$") for path in paths
+    )
 
 
 def _umask():

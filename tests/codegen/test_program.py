@@ -138,6 +138,24 @@ class Output(GeneratorTest):
         self.assertEqual(self.written(), ("sensor.cpp", "sensor.hpp"))
         self.assertIn(b'#include "sensor.hpp"', self.contents()["sensor.cpp"])
 
+    def test_depfile_names_what_the_output_is_made_of(self):
+        rule = self.output / "a rule.d"
+        file = self.interface(PROPERTY)
+        self.assertEqual(self.generate("--depfile", rule, file).returncode, 0)
+        outputs, inputs = rule.read_text(encoding="utf-8").rstrip("\n").split(": ")
+        self.assertEqual(
+            outputs.split(), [str(self.output / name) for name in sorted(OUTPUT, reverse=True)]
+        )
+        inputs = inputs.split()
+        self.assertIn(str(file), inputs)
+        self.assertTrue(any(name.endswith("client_cache.hpp.j2") for name in inputs))
+        self.assertEqual([name for name in inputs if not os.path.exists(name)], [])
+        unwritable = self.generate("--depfile", self.output, file)
+        self.assertEqual(
+            (unwritable.returncode, unwritable.stderr),
+            (1, f"bmcbus-codegen: {self.output}: Is a directory\n"),
+        )
+
 
 class Choice(GeneratorTest):
     def test_standard_interfaces_are_passed_over(self):
