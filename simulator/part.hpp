@@ -60,6 +60,7 @@ template <class Elements, class Take>
 auto PerEach(const Elements& elements, Take take)
 {
     std::vector<decltype(take(*elements.begin()))> values;
+    values.reserve(elements.size());
     for (const auto& element : elements)
     {
         values.push_back(take(element));

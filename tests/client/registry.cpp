@@ -1,5 +1,6 @@
 // How objects are made, found and destroyed.
 
+#include "child.hpp"
 #include "fixture.hpp"
 
 #include <com/tamm/bmc/debug/dataorigin/client_cache.hpp>
@@ -287,7 +288,7 @@ TYPED_TEST(Registry, ObjectsMayBeReleasedInAForkedChild)
     {
         TypeParam::Release(object);
         TypeParam::Cleanup();
-        _exit(TypeParam::active.empty() ? 0 : 1);
+        test::EndChild(TypeParam::active.empty() ? 0 : 1);
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);

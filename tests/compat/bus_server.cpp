@@ -68,8 +68,8 @@ int AddMatch(sd_bus_message* call)
 
 BusServer::BusServer()
 {
-    std::string name = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
-                       "/bmcbus-compat.XXXXXX";
+    const char* const base = std::getenv("TMPDIR");
+    std::string name = std::string(base != nullptr ? base : "/tmp") + "/bmcbus-compat.XXXXXX";
     Need(mkdtemp(name.data()) != nullptr, "mkdtemp");
     folder = name;
     listener = Listen(folder + "/bus");

@@ -31,6 +31,10 @@ using Properties = std::map<std::string, Value>;
 // Messages of a connection whose peer never speaks; they are sealed and read back here.
 class MessageTest : public testing::Test
 {
+  public:
+    MessageTest(const MessageTest&) = delete;
+    MessageTest& operator=(const MessageTest&) = delete;
+
   protected:
     MessageTest()
     {
@@ -46,9 +50,6 @@ class MessageTest : public testing::Test
         sd_bus_unref(bus);
         close(pair[1]);
     }
-
-    MessageTest(const MessageTest&) = delete;
-    MessageTest& operator=(const MessageTest&) = delete;
 
     Message New()
     {
@@ -236,7 +237,7 @@ TEST_F(MessageTest, FailuresNameTheStep)
     const std::string sequence = "sd_bus_message_enter_container emplace_back_container" + no;
     const std::string keyed = "sd_bus_message_enter_container emplace_container" + no;
     const std::string structure = "sd_bus_message_enter_container tuple" + no;
-    const auto fails = [](Message m)
+    const auto fails = [](const Message& m)
     {
         return [m](auto value)
         {

@@ -2,6 +2,8 @@
 
 // Support for tests of code that blocks: nothing here may hang for ever.
 
+#include "child.hpp"
+
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/wait.h>
@@ -54,7 +56,7 @@ inline bool InChild(const std::function<bool()>& body, pid_t (*makeChild)() = fo
     if (child == 0)
     {
         alarm(boundSeconds);
-        _exit(body() ? 0 : 1);
+        EndChild(body() ? 0 : 1);
     }
     int status = -1;
     return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
@@ -71,6 +73,6 @@ inline bool InChild(const std::function<bool()>& body, pid_t (*makeChild)() = fo
             alarm(test::boundSeconds);                                                             \
             __VA_ARGS__;                                                                           \
             fflush(stdout);                                                                        \
-            _exit(testing::Test::HasFailure() ? 1 : 0);                                            \
+            test::EndChild(testing::Test::HasFailure() ? 1 : 0);                                   \
         },                                                                                         \
         testing::ExitedWithCode(0), "")

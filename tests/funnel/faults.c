@@ -71,6 +71,7 @@ static void* next(void** cache, const char* name)
 }
 
 /* Defines `function`: it returns `irv` unless that is 0, else what the next definition returns. */
+// NOLINTBEGIN(bugprone-macro-parentheses): lists of parameters have their own
 #define STAND_IN(function, parameters, arguments, irv)                                             \
     int function parameters;                                                                       \
     int function parameters                                                                        \
@@ -80,6 +81,7 @@ static void* next(void** cache, const char* name)
         const int error = irv;                                                                     \
         return error != 0 ? error : real arguments;                                                \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 #pragma GCC diagnostic ignored "-Wpedantic" /* dlsym() returns functions as data */
 

@@ -37,8 +37,10 @@ TEST_F(SimulatorTest, EveryInterfaceHasAnObjectThatDescribesIt)
         {"com.tamm.ovrik.wharfd.OSLogicalNetworkInterface", "/com/tamm/ovrik/wharfd/network/eth1"},
         {"com.tamm.ovrik.wharfd.OSLogicalNetworkInterfaces", network},
     };
-    for (const auto& [interface, path] : examples)
+    for (const auto& example : examples)
     {
+        const std::string& interface = example.first;
+        const std::string& path = example.second;
         const auto owners = Ask("GetObject", {path, Names{interface}});
         ASSERT_EQ(owners.error, "") << path;
         const auto services = owners.values.at(0).Get<Owners>();

@@ -6,8 +6,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
-
 namespace test
 {
 namespace
@@ -79,7 +77,7 @@ TEST(SimulatorProgram, TellsItsServiceManagerThatItIsReady)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     ASSERT_LT(path.size(), sizeof(address.sun_path));
-    std::strcpy(address.sun_path, path.c_str());
+    path.copy(address.sun_path, path.size()); // a zero follows, as in all of it
     ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     Process simulator = Started({"--period", "0"}, {"NOTIFY_SOCKET=" + path});
     char told[64] = {};

@@ -83,7 +83,7 @@ inline std::string StandardKey(const std::string& key)
     {
         for (const std::string& piece : Split(lower, ':'))
         {
-            result = Underscores(piece) + "/" + result;
+            result.insert(0, Underscores(piece) + "/");
         }
         while (result.starts_with('/'))
         {

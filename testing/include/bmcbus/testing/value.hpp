@@ -421,6 +421,7 @@ struct MapCodec
     static Value Make(const Map& map)
     {
         std::vector<std::pair<Value, Value>> entries;
+        entries.reserve(map.size());
         for (const auto& [key, mapped] : map)
         {
             entries.emplace_back(Codec<Key>::Make(key), Codec<Mapped>::Make(mapped));
