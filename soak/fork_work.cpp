@@ -98,6 +98,11 @@ int UseInChild(Scene& scene)
     catch (const std::exception&)
     {
     }
+    if (failed == 0)
+    {
+        // What only the parent's other threads refer to is lost here: valgrind must not count that.
+        execl("/bin/true", "true", nullptr);
+    }
     _exit(failed);
 }
 

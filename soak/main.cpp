@@ -25,6 +25,7 @@ struct Options
     double minutes = 60;
     double secondsPerCheck = 60;
     uint64_t seed = 1;
+    Allowance allowance;
 };
 
 class Run
@@ -112,7 +113,7 @@ class Run
         objects.ReleaseAll();
         last = MeasureSettled(world, first);
         first = first.value_or(last);
-        const std::string verdict = last.Against(*first);
+        const std::string verdict = last.Against(*first, options.allowance);
         ++number;
         std::cout << "check " << number << ": " << tally.Text() << "; values compared " << values
                   << "; " << last.Text() << ": " << verdict << std::endl;
@@ -177,6 +178,9 @@ int main(int argc, char** argv)
         ->check(CLI::Range(0.1, 3600.0))
         ->option_text("N");
     app.add_option("--seed", options.seed, "Start of the random choices (1)")->option_text("N");
+    app.add_option("--resident-allowance", options.allowance.residentKb,
+                   "Resident memory that may be added after the first check (4096)")
+        ->option_text("KB");
     CLI11_PARSE(app, argc, argv);
     try
     {

@@ -85,13 +85,13 @@ std::string Figures::Text() const
            (matchRules ? std::to_string(*matchRules) : "unknown");
 }
 
-std::string Figures::Against(const Figures& first) const
+std::string Figures::Against(const Figures& first, const Allowance& allowance) const
 {
     const std::string memory =
         first.heapKb == 0
             ? ""
-            : Difference("resident kB", residentKb, first.residentKb, residentAllowanceKb) +
-                  Difference("heap kB", heapKb, first.heapKb, heapAllowanceKb);
+            : Difference("resident kB", residentKb, first.residentKb, allowance.residentKb) +
+                  Difference("heap kB", heapKb, first.heapKb, allowance.heapKb);
     const std::string differences =
         memory + Difference("descriptors", descriptors, first.descriptors) +
         Difference("threads", threads, first.threads) +

@@ -11,6 +11,14 @@
 namespace soak
 {
 
+// How much more memory than after the first check still counts as flat: what allocator, loader and
+// connections keep for the next use. It is a bound on the whole run.
+struct Allowance
+{
+    size_t residentKb = 4096;
+    size_t heapKb = 256;
+};
+
 struct Figures
 {
     size_t residentKb = 0;
@@ -23,15 +31,10 @@ struct Figures
     // "resident 9000 kB, heap 400 kB, descriptors 12, ..."
     std::string Text() const;
 
-    // "flat", or what differs: memory may grow by the allowances, nothing else may change. An
+    // "flat", or what differs: memory may grow by the allowance, nothing else may change. An
     // allocator that does not tell what is in use keeps what is not; memory is then not looked at.
-    std::string Against(const Figures& first) const;
+    std::string Against(const Figures& first, const Allowance& allowance) const;
 };
-
-// How much more memory than after the first check still counts as flat: what allocator, loader and
-// connections keep for the next use. It is a bound on the whole run.
-inline constexpr size_t residentAllowanceKb = 4096;
-inline constexpr size_t heapAllowanceKb = 256;
 
 // Reads the figures of this moment.
 Figures Measure(World& world);
