@@ -6,9 +6,9 @@ namespace simulator
 Debug::Debug(const Model& machine, sd_event* loop) :
     Part("com.tamm.bmc.Debug", loop),
     model(machine),
-    object(Add("/com/tamm/bmc/debug", "com.tamm.bmc.debug.dataorigin"))
+    object(Add("/com/tamm/bmc/debug", "com.tamm.bmc.debug.dataorigin",
+               {{"originstring", "simulator"}, {"debugproperty", "nothing yet"}}))
 {
-    object.SetQuietly({{"originstring", "simulator"}, {"debugproperty", "nothing yet"}});
     object.OnWrite("debugproperty",
                    [this](const Value& written)
                    {

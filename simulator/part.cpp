@@ -8,9 +8,9 @@
 namespace simulator
 {
 
-Object& Part::Add(const std::string& path, const std::string& interface)
+Object& Part::Add(const std::string& path, const std::string& interface, const NamedValues& values)
 {
-    return service.AddObject(path, {Describe(interface)});
+    return service.AddObject(path, {Describe(interface)}, values);
 }
 
 void Part::Update(Object& object, const NamedValues& values)

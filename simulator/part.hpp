@@ -38,7 +38,8 @@ class Part
     }
 
   protected:
-    Object& Add(const std::string& path, const std::string& interface);
+    Object& Add(const std::string& path, const std::string& interface,
+                const NamedValues& values = {});
 
     // Stores values and announces those that are new.
     static void Update(Object& object, const NamedValues& values);

@@ -32,11 +32,11 @@ Thermal::Thermal(Model& machine, sd_event* loop) :
     model(machine),
     chassisFans(AddFans("/com/tamm/bmc/thermal/fans/chassis", machine.chassisFans)),
     supplyFans(AddFans("/com/tamm/bmc/thermal/fans/supplies", machine.supplyFans)),
-    air(Add("/com/tamm/bmc/thermal/system", "com.tamm.bmc.Thermal.SystemInformation")),
+    air(Add("/com/tamm/bmc/thermal/system", "com.tamm.bmc.Thermal.SystemInformation",
+            {{"Key", "System.Embedded.1"}})),
     telemetry(Add("/com/tamm/bmc/thermal/telemetry", telemetryInterface))
 {
     service.Manage("/com/tamm/bmc/thermal");
-    air.SetQuietly({{"Key", "System.Embedded.1"}});
     air.OnWrite("ExhaustTemperature",
                 [this](const Value&)
                 {

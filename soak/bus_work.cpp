@@ -113,14 +113,11 @@ void Toggle(Scene& scene)
     }
 }
 
-// When the machine starts it announces objects before it knows all of their values, so it does that
-// again.
 void KillServices(Scene& scene)
 {
     AskMapper(scene); // nobody answers that
     AskObject(scene);
     scene.world.KillServices();
-    scene.objects.AnnounceAll();
     AwaitAnswers(scene.world);
 }
 

@@ -200,22 +200,6 @@ void Objects::AnnounceLossAndReturn()
                });
 }
 
-void Objects::AnnounceAll()
-{
-    std::set<std::string> paths;
-    for (const Kind& kind : kinds)
-    {
-        for (const Place& place : kind.places)
-        {
-            paths.insert(place.path);
-        }
-    }
-    for (const std::string& path : paths)
-    {
-        world.Control("AnnounceAdded", {kit::Path{path}});
-    }
-}
-
 Objects::Sent Objects::Properties(const Kind& kind, const Place& place)
 {
     return world

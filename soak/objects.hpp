@@ -76,9 +76,6 @@ class Objects
     // Takes the interface away from an object and gives it back, by signals alone.
     void AnnounceLossAndReturn();
 
-    // Has the services announce their objects with all values.
-    void AnnounceAll();
-
     // Everything has arrived: each value must be the service's. Returns how many were compared.
     size_t Compare();
 

@@ -2,9 +2,13 @@
 
 #include "fixture.hpp"
 
+#include <bmcbus/testing/monitor.hpp>
+
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include <map>
 
 namespace test
 {
@@ -57,6 +61,54 @@ TEST(SimulatorProgram, SaysWhyItCannotStart)
     EXPECT_EQ(simulator.Wait(), 1);
     EXPECT_NE(simulator.Output().find("com.tamm.bmc.Power"), std::string::npos)
         << simulator.Output();
+}
+
+// What signals said of one object: interface, property, value.
+using Told = std::map<std::string, std::map<std::string, Value>>;
+
+std::map<std::string, Told> ToldBySignals(bmcbus::testing::Monitor& monitor)
+{
+    std::map<std::string, Told> objects;
+    for (const auto& signal : monitor.Signals("InterfacesAdded"))
+    {
+        for (const auto& [interface, values] : signal.values.at(1).Get<Told>())
+        {
+            objects[signal.sender + signal.values.at(0).Get<Path>().text][interface] = values;
+        }
+    }
+    for (const auto& signal : monitor.Signals("PropertiesChanged"))
+    {
+        Told& told = objects[signal.sender + signal.path];
+        for (const auto& [name, value] : signal.values.at(1).Get<std::map<std::string, Value>>())
+        {
+            told[signal.values.at(0).Get<std::string>()].insert_or_assign(name, value);
+        }
+    }
+    return objects;
+}
+
+// A client that was there before misses nothing.
+TEST(SimulatorProgram, AnnouncesAllValuesWhenItStarts)
+{
+    const bmcbus::testing::PrivateBus bus;
+    bmcbus::testing::Monitor monitor;
+    const bmcbus::testing::Simulator simulator;
+    const Client client;
+    size_t compared = 0;
+    for (const auto& [object, told] : ToldBySignals(monitor))
+    {
+        const size_t path = object.find('/');
+        for (const auto& [interface, values] : told)
+        {
+            const auto answer = client.Properties(object.substr(0, path), object.substr(path),
+                                                  "GetAll", {interface});
+            ASSERT_EQ(answer.error, "") << object;
+            const auto held = answer.values.at(0).Get<std::map<std::string, Value>>();
+            EXPECT_EQ(values, held) << object << " " << interface;
+            compared += held.size();
+        }
+    }
+    EXPECT_GT(compared, 100U);
 }
 
 TEST(SimulatorProgram, EndsWithTheBus)
