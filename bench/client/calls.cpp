@@ -1,11 +1,17 @@
-// One blocking exchange, against the same exchange written by hand on sd-bus. The service runs in a
-// process of its own; the connection is held open. One contender per process.
+// Blocking exchanges, against the same exchange written by hand on sd-bus. The service runs in a
+// process of its own. One contender per process. Prints nanoseconds of processor and of wall time.
 //
-//   bench-calls library|floor|sdbus-c++|gdbus get|call COUNT
+//   bench-calls library|floor|sdbus-c++|gdbus WHAT COUNT
+//
+//   get, call    a property, a method; the connection is held open
+//   get-taken    a property, on a connection that is opened and closed for it
+//   create       a cached object, made and released; the connection is held open
+//   first        a cached object, on a connection that is opened and closed for it
 
 #include "fans.hpp"
 
 #include <com/tamm/bmc/Thermal/FanReporting/client_cache.hpp>
+#include <cost.hpp>
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -14,6 +20,7 @@
 #include <csignal>
 
 using Fans = ClientEdge::com::tamm::bmc::Thermal::FanReporting;
+using Cached = ClientCache::com::tamm::bmc::Thermal::FanReporting;
 
 namespace
 {
@@ -95,54 +102,96 @@ int32_t UpdateByHand(sd_bus* bus)
     return status;
 }
 
-Work ByHand(const std::string& what)
+// Connected. Whoever calls first opens the connection, whoever unreferences last closes it.
+sd_bus* Take()
 {
     sd_bus* bus = nullptr;
+    const char* name = nullptr;
     Check(sd_bus_default_system(&bus), "sd_bus_default_system");
-    if (what == "get")
+    Check(sd_bus_get_unique_name(bus, &name), "sd_bus_get_unique_name");
+    return bus;
+}
+
+void CreateByHand(sd_bus* bus)
+{
+    Plain object(bus, path, nullptr);
+    object.Read(bus, service, path);
+    Check(object.fanCount == present, "value");
+}
+
+using OnConnection = void (*)(sd_bus*);
+
+OnConnection ByHand(const std::string& what)
+{
+    if (what.starts_with("get"))
     {
-        return [=]
+        return [](sd_bus* bus)
         {
-            Check(GetByHand(bus) == fans::present, "value");
+            Check(GetByHand(bus) == present, "value");
         };
     }
-    return [=]
+    if (what == "call")
     {
-        Check(UpdateByHand(bus), "status");
-    };
+        return [](sd_bus* bus)
+        {
+            Check(UpdateByHand(bus) == 0, "status");
+        };
+    }
+    return CreateByHand;
 }
 
 Work Library(const std::string& what)
 {
     static Fans object(service, path);
-    sd_bus* held = nullptr;
-    Check(sd_bus_default_system(&held), "sd_bus_default_system");
-    if (what == "get")
+    if (what.starts_with("get"))
     {
         return []
         {
             bool ok = false;
             uint8_t value = 0;
             object.Get_fanCount(ok, value);
-            Check(ok && value == fans::present, "value");
+            Check(ok && value == present, "value");
         };
     }
-    return [fan = std::string("Fan1")]
+    if (what == "call")
     {
-        bool ok = false;
-        int32_t status = -1;
-        object.Call_updateFanPWMData(ok, fan, 40, status);
-        Check(ok && status == 0, "status");
+        return [fan = std::string("Fan1")]
+        {
+            bool ok = false;
+            int32_t status = -1;
+            object.Call_updateFanPWMData(ok, fan, 40, status);
+            Check(ok && status == 0, "status");
+        };
+    }
+    return []
+    {
+        Cached* const cached = Cached::Create(path, service);
+        Check(cached->Get_fanCount() == present, "value");
+        Cached::Release(cached);
     };
 }
 
 Work Contender(const std::string& who, const std::string& what)
 {
-    if (who == "floor")
+    if (who != "floor" && who != "library")
     {
-        return ByHand(what);
+        return Peer(who, what);
     }
-    return who == "library" ? Library(what) : Peer(who, what);
+    const bool held = what != "first" && what != "get-taken";
+    sd_bus* const bus = held ? Take() : nullptr;
+    if (who == "library")
+    {
+        return Library(what);
+    }
+    return [=, byHand = ByHand(what)]
+    {
+        sd_bus* const own = held ? bus : Take();
+        byHand(own);
+        if (!held)
+        {
+            sd_bus_unref(own);
+        }
+    };
 }
 
 } // namespace
@@ -164,10 +213,14 @@ int main(int argc, char** argv)
     char byte = 0;
     Check(read(ready[0], &byte, 1) == 1, "service");
     const Work work = Contender(argv[1], argv[2]);
-    for (long i = std::stol(argv[3]); i > 0; --i)
+    const long count = std::stol(argv[3]);
+    work();
+    const Stopwatch stopwatch;
+    for (long i = 0; i < count; ++i)
     {
         work();
     }
+    stopwatch.Print(count);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     return 0;

@@ -30,8 +30,9 @@ std::string PathOf(long number)
     return "/com/example/fans/" + std::string(6 - digits.size(), '0') + digits;
 }
 
-// Emits `count` signals to `objects` paths in turn, once told to, and waits to be killed.
-[[noreturn]] void Emit(int go, long objects, long count)
+// Emits `count` signals to `objects` paths in turn, once told to, says when the daemon has them
+// all, and waits to be killed.
+[[noreturn]] void Emit(int go, int done, long objects, long count)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     char byte = 0;
@@ -52,7 +53,10 @@ std::string PathOf(long number)
         // The queue towards the daemon is finite.
         Check(i % 500 == 499 ? sd_bus_flush(bus) : 0, "flush");
     }
-    Check(sd_bus_flush(bus), "flush");
+    Check(sd_bus_call_method(bus, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "GetId",
+                             nullptr, nullptr, ""),
+          "GetId");
+    Check(write(done, "", 1) == 1, "done");
     while (true)
     {
         pause();
@@ -82,11 +86,13 @@ int main(int argc, char** argv)
     const long objects = std::stol(argv[2]);
     const long count = std::stol(argv[3]);
     int go[2];
+    int done[2];
     Check(pipe(go), "pipe");
+    Check(pipe(done), "pipe");
     const pid_t child = fork();
     if (child == 0)
     {
-        Emit(go[0], objects, count);
+        Emit(go[0], done[1], objects, count);
     }
     sd_bus* bus = nullptr;
     Check(sd_bus_default_system(&bus), "sd_bus_default_system");
@@ -119,6 +125,9 @@ int main(int argc, char** argv)
     }
     const size_t each = (Heap() - before) / static_cast<size_t>(objects);
     Check(write(go[1], "", 1) == 1, "go");
+    // How often the queue is found empty would be chance.
+    char byte = 0;
+    Check(read(done[0], &byte, 1) == 1, "done");
     while (received < count)
     {
         if (sd_bus_process(bus, nullptr) == 0)

@@ -129,26 +129,91 @@ Work Decode(const std::string& what)
     };
 }
 
-Work Exchange(const std::string& what)
+using Connection = std::unique_ptr<sdbus::IConnection>;
+
+std::unique_ptr<sdbus::IProxy> MakeProxy(const Connection& connection)
 {
-    static const auto connection = sdbus::createSystemBusConnection();
-    static const auto proxy = sdbus::createProxy(*connection, fans::service, fans::path);
-    if (what == "get")
+    return sdbus::createProxy(*connection, fans::service, fans::path);
+}
+
+void Get(sdbus::IProxy& proxy)
+{
+    const uint8_t value = proxy.getProperty("fanCount").onInterface(fans::interface);
+    Check(value == fans::present, "value");
+}
+
+void Call(sdbus::IProxy& proxy)
+{
+    static const std::string fan = "Fan1";
+    int32_t status = -1;
+    proxy.callMethod("updateFanPWMData")
+        .onInterface(fans::interface)
+        .withArguments(fan, uint8_t{40})
+        .storeResultsTo(status);
+    Check(status == 0, "status");
+}
+
+// With what keeps it up to date.
+void Create(const Connection& connection)
+{
+    uint8_t value = 0;
+    const auto store = [&](const Values& values)
+    {
+        const auto found = values.find("fanCount");
+        value = found == values.end() ? value : found->second.get<uint8_t>();
+    };
+    const auto proxy = MakeProxy(connection);
+    proxy->uponSignal("PropertiesChanged")
+        .onInterface(propertiesInterface)
+        .call(
+            [&](const std::string& which, const Values& values, const std::vector<std::string>&)
+            {
+                if (which == fans::interface)
+                {
+                    store(values);
+                }
+            });
+    proxy->finishRegistration();
+    Values values;
+    proxy->callMethod("GetAll")
+        .onInterface(propertiesInterface)
+        .withArguments(fans::interface)
+        .storeResultsTo(values);
+    store(values);
+    Check(value == fans::present, "value");
+}
+
+Work OnHeldConnection(const std::string& what)
+{
+    static const Connection connection = sdbus::createSystemBusConnection();
+    if (what == "create")
     {
         return []
         {
-            const uint8_t value = proxy->getProperty("fanCount").onInterface(fans::interface);
-            Check(value == fans::present, "value");
+            Create(connection);
         };
     }
-    return [fan = std::string("Fan1")]
+    static const auto proxy = MakeProxy(connection);
+    const auto once = what == "get" ? Get : Call;
+    return [=]
     {
-        int32_t status = -1;
-        proxy->callMethod("updateFanPWMData")
-            .onInterface(fans::interface)
-            .withArguments(fan, uint8_t{40})
-            .storeResultsTo(status);
-        Check(status == 0, "status");
+        once(*proxy);
+    };
+}
+
+Work OnOwnConnection(const std::string& what)
+{
+    return [first = what == "first"]
+    {
+        const Connection connection = sdbus::createSystemBusConnection();
+        if (first)
+        {
+            Create(connection);
+        }
+        else
+        {
+            Get(*MakeProxy(connection));
+        }
     };
 }
 
@@ -156,7 +221,11 @@ Work Exchange(const std::string& what)
 
 Work SdbusCpp(const std::string& what)
 {
-    return what == "get" || what == "call" ? Exchange(what) : Decode(what);
+    if (what == "get" || what == "call" || what == "create")
+    {
+        return OnHeldConnection(what);
+    }
+    return what == "get-taken" || what == "first" ? OnOwnConnection(what) : Decode(what);
 }
 
 } // namespace bench

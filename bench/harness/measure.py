@@ -16,7 +16,7 @@ class NotBuiltIn(Exception):
 def run(command, environment):
     """Gives what it printed, on both channels."""
     done = subprocess.run([str(word) for word in command], stdout=subprocess.PIPE,
-                          stderr=subprocess.PIPE, text=True, env=environment, timeout=600, check=False)
+                          stderr=subprocess.PIPE, text=True, env=environment, timeout=300, check=False)
     if done.returncode == NOT_BUILT_IN:
         raise NotBuiltIn(command[-3])
     if done.returncode:

@@ -82,6 +82,29 @@ def endless(times, report):
             report.limit(f"{name} ({seconds:.2f} s)", growth, "KiB more", bound)
 
 
+def instructions(count, report):
+    """In user space alone: the bounds are for processor time, most of which the kernel takes. Posts
+    and their functions are on one thread, so that no two runs differ; the others' threads meet by
+    chance."""
+    report.heading("instructions per operation")
+
+    def row(name, program, *arguments, operations=1, short=1000, long=3000, peers=()):
+        floor, library, *others = (
+            count.each(program, [who, *arguments], short, long, operations)
+            for who in ("plain", "library", *peers))
+        report.row(name, floor, library,
+                   others=[(who, other / floor) for who, other in zip(peers, others)])
+
+    row("funnel send, senders: 1", "threads/bench-sends", "funnel", 1)
+    for loop in LOOPS[:3]:
+        row(f"send over the channel, {loop}", "threads/bench-sends", loop, 1)
+    for loop in LOOPS:
+        row(f"post, {loop}, on one thread", "threads/bench-posts", loop, 0, operations=16000,
+            short=1, long=2, peers=["asio"] if loop == "asio" else [])
+    row("task, workers: 1", "threads/bench-pool", 1, short=10000, long=30000, peers=["asio"])
+    report.plain("")
+
+
 def time(times, report):
     report.heading("processor time, ns")
     sends(times, report)

@@ -1,4 +1,5 @@
-// Posts in bursts: each burst begins when the last one has been run to its end.
+// Posts in bursts: each burst begins when the last one has been run to its end. Without producers
+// the loop's own thread posts, which is what an instruction counter can count.
 //
 //   bench-posts library|plain|asio LOOP PRODUCERS BURSTS
 
@@ -43,14 +44,19 @@ int Count(void* context, void*, unsigned long)
     return 0;
 }
 
+void PostMany(const bench::Poster& poster, long count)
+{
+    for (long i = 0; i < count; ++i)
+    {
+        poster.Post(Count, nullptr, 0);
+    }
+}
+
 void Produce(const bench::Poster& poster, Run& run, std::binary_semaphore& next)
 {
     for (long posted = 0; posted < run.expected; posted += burst)
     {
-        for (long i = 0; i < burst / run.producers; ++i)
-        {
-            poster.Post(Count, nullptr, 0);
-        }
+        PostMany(poster, burst / run.producers);
         next.acquire();
     }
 }
@@ -80,6 +86,10 @@ int main(int argc, char** argv)
     for (std::binary_semaphore& next : run.next)
     {
         producers.emplace_back(Produce, std::cref(poster), std::ref(run), std::ref(next));
+    }
+    if (producers.empty())
+    {
+        PostMany(poster, run.expected);
     }
     loop->Run();
     for (std::thread& producer : producers)
