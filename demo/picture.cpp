@@ -154,7 +154,9 @@ class Screen : public Picture
             const std::string label = level == height ? Watts(*most)
                                       : level == 1    ? Watts(bottom)
                                                       : "";
-            Put("  " + label + std::string(9 - label.size(), ' ') + line);
+            std::string text = "  " + label;
+            text.append(9 - label.size(), ' ');
+            Put(text + line);
         }
     }
 

@@ -87,6 +87,7 @@ void PostThroughChannel(Report& report)
 {
     ChannelLoop loop;
     std::vector<std::thread> threads;
+    threads.reserve(producers);
     for (int i = 0; i < producers; ++i)
     {
         threads.emplace_back(

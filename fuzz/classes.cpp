@@ -20,6 +20,7 @@ kit::Value AsKept(const kit::Value& value)
         kept.emplace(entry.Children()[0].Get<std::string>(), &entry.Children()[1]);
     }
     std::vector<std::pair<kit::Value, kit::Value>> entries;
+    entries.reserve(kept.size());
     for (const auto& [key, mapped] : kept)
     {
         entries.emplace_back(key, *mapped);

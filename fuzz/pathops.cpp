@@ -32,7 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     Expect(DBU_make_lower_case(key), model::LowerCase(key));
     Expect(DBU_replace_with_underscore(key), model::Underscores(key));
     Expect(DBU_std_key_to_dbus_path_fragment(key), model::StandardKey(key));
-    Expect(DBU_std_key_to_dbus_path_fragment(key.c_str()), model::StandardKey(key.c_str()));
+    const char* const text = key.c_str(); // ends at the first zero
+    Expect(DBU_std_key_to_dbus_path_fragment(text), model::StandardKey(text));
     Expect(DBU_std_key_to_dbus_path_fragment_cfgmgr(key), model::ManagerKey(key));
     Expect(DBU_insert_key(path, key), model::InsertKey(path, key));
     return 0;

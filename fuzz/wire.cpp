@@ -47,7 +47,7 @@ size_t BodyAt(const std::vector<uint8_t>& message)
     uint32_t fields = 0;
     Expect(message.size() >= fixed, "a whole message was sent");
     std::memcpy(&fields, message.data() + fixed - sizeof(fields), sizeof(fields));
-    return fixed + (fields + 7) / 8 * 8;
+    return fixed + (size_t{fields} + 7) / 8 * 8;
 }
 
 } // namespace
