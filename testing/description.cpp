@@ -52,7 +52,7 @@ class Parser
 
     std::string Name(const pugi::xml_node& node) const
     {
-        const std::string name = node.attribute("name").as_string();
+        std::string name = node.attribute("name").as_string();
         if (name.empty())
         {
             Fail("a " + std::string(node.name()) + " without name");
@@ -62,7 +62,7 @@ class Parser
 
     std::string Type(const pugi::xml_node& node) const
     {
-        const std::string type = node.attribute("type").as_string();
+        std::string type = node.attribute("type").as_string();
         try
         {
             Value::Default(type);

@@ -178,6 +178,7 @@ std::vector<Value> MapperTable::Answer(const Call& call) const
         return {found};
     }
     std::vector<std::string> paths;
+    paths.reserve(found.size());
     for (const auto& [each, services] : found)
     {
         paths.push_back(each);

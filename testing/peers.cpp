@@ -87,7 +87,7 @@ MessagePtr Peers::Message(const std::vector<Value>& body, const std::string& int
     sd_bus_message* raw = nullptr;
     Check(sd_bus_message_new_signal(client, &raw, path.c_str(), interface.c_str(), member.c_str()),
           "sd_bus_message_new_signal");
-    const MessagePtr message(raw, sd_bus_message_unref);
+    MessagePtr message(raw, sd_bus_message_unref);
     for (const Value& value : body)
     {
         value.Append(raw);

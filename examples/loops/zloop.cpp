@@ -14,7 +14,7 @@ static int Print(void* loop, void* data, unsigned long)
     const char* const reading = static_cast<const char*>(data);
     std::puts(reading);
     printed += reading;
-    const zloop_timer_fn* const end = [](zloop_t*, int, void*)
+    zloop_timer_fn* const end = [](zloop_t*, int, void*)
     {
         return -1;
     };
