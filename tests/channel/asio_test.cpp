@@ -3,6 +3,7 @@
 #include "channel_loops.hpp"
 #include "log_recorder.hpp"
 #include "no_descriptors.hpp"
+#include "sanitizer.hpp"
 
 #include <fcntl.h>
 
@@ -186,17 +187,26 @@ TEST_F(AsioTest, LeavesTheOldContextToItsThread)
     thread.join();
 }
 
+// A context needs one for itself when it first watches something, later only for the channel.
 TEST_F(AsioTest, RegistersNothingWithoutADescriptor)
 {
-    AsioLoop loop;
+    if (test::addressSanitizer)
     {
-        const test::NoDescriptors exhausted;
-        EXPECT_THROW(loop.Register(nullptr), boost::system::system_error);
+        GTEST_SKIP() << "UndefinedBehaviorSanitizer looks at objects through pipes of its own";
     }
-    EXPECT_TRUE(Blocks());
-    EXPECT_EQ(test::Post([] {}), 3);
-    test::ClearLog();
-    EXPECT_EQ(loop.Register(nullptr), 0);
+    AsioLoop loop;
+    for (int round = 0; round < 2; ++round)
+    {
+        {
+            const test::NoDescriptors exhausted;
+            EXPECT_THROW(loop.Register(nullptr), boost::system::system_error);
+        }
+        EXPECT_TRUE(Blocks());
+        EXPECT_EQ(test::Post([] {}), 3);
+        test::ClearLog();
+        EXPECT_EQ(loop.Register(nullptr), 0);
+        OneWayChannel_Unregister();
+    }
 }
 
 TEST_F(AsioTest, EndsTheWatchAfterAnError)
