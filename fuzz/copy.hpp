@@ -4,7 +4,7 @@
 
 #include "check.hpp"
 #include "classes.hpp"
-#include "sink.hpp"
+#include "counting_sink.hpp"
 
 #include <map>
 
@@ -66,7 +66,7 @@ class Tested
         Expect(object.Ready() == expected.ready, "readiness");
         Expect(object.SignalCount() == expected.signals, "signals are counted");
         Expect(calls == expected.calls, "callbacks run once for every signal");
-        Expect(ErrorLines() - errorsBefore == expected.errors, "errors are logged");
+        Expect(test::ErrorLines() - errorsBefore == expected.errors, "errors are logged");
         for (const Member<Class>& member : About<Class>::members)
         {
             const Stored& wanted = expected.values.at(member.name);
@@ -87,7 +87,7 @@ class Tested
         expected.signals += more;
         expected.calls += more;
         expected.ready = object.Ready();
-        expected.errors = ErrorLines() - errorsBefore;
+        expected.errors = test::ErrorLines() - errorsBefore;
         for (const Member<Class>& member : About<Class>::members)
         {
             Stored& stored = expected.values.at(member.name);
@@ -106,7 +106,7 @@ class Tested
     }
 
     size_t calls = 0;
-    size_t errorsBefore = ErrorLines();
+    size_t errorsBefore = test::ErrorLines();
 };
 
 } // namespace fuzz

@@ -1,7 +1,7 @@
 // What is asked of the event log, for any texts.
 
 #include "check.hpp"
-#include "sink.hpp"
+#include "counting_sink.hpp"
 #include "wire.hpp"
 
 #include <qzlog_via_dbus.hpp>
@@ -96,10 +96,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     sd_bus* connection = TheWire().Default();
     sd_bus_set_method_call_timeout(connection, 1);
     bmcbus::Bus bus(connection);
-    const size_t before = ErrorLines();
+    const size_t before = test::ErrorLines();
     QZLogViaDbus::Log(bus, entry.agent, entry.category, entry.severity, entry.id, entry.message,
                       entry.fqdd, entry.arguments);
-    Expect(ErrorLines() == before + 1, "one line says that there is no answer");
+    Expect(test::ErrorLines() == before + 1, "one line says that there is no answer");
 
     size_t calls = 0;
     TheWire().Serve(

@@ -4,7 +4,7 @@
 
 #include "check.hpp"
 #include "classes.hpp"
-#include "sink.hpp"
+#include "counting_sink.hpp"
 #include "wire.hpp"
 
 namespace fuzz
@@ -80,7 +80,7 @@ class Subscription
         Expect(object.SignalCount() == signals, "complete signals are counted");
         Expect(calls == signals, "callbacks run once for every complete signal");
         Expect(object.Ready() == (signals > 0), "readiness");
-        Expect(ErrorLines() - errorsBefore == errors, "errors are logged");
+        Expect(test::ErrorLines() - errorsBefore == errors, "errors are logged");
         for (size_t i = 0; i < values.size(); ++i)
         {
             const Member<Class>& member = About<Class>::members[i];
@@ -99,7 +99,7 @@ class Subscription
         const uint32_t before = signals;
         signals = object.SignalCount();
         Expect(signals - before <= 1, "a signal is handled at most once");
-        errors = ErrorLines() - errorsBefore;
+        errors = test::ErrorLines() - errorsBefore;
         for (size_t i = 0; i < values.size(); ++i)
         {
             bool is_set = false;
@@ -125,7 +125,7 @@ class Subscription
 
     Input& input;
     size_t calls = 0;
-    size_t errorsBefore = ErrorLines();
+    size_t errorsBefore = test::ErrorLines();
     size_t errors = 0;
     uint32_t signals = 0;
     std::vector<kit::Value> values = Initial();

@@ -2,8 +2,8 @@
 // life, and checks at every turn that its values are right and that it keeps nothing.
 
 #include "classes.hpp"
+#include "counting_sink.hpp"
 #include "guard.hpp"
-#include "log.hpp"
 #include "measure.hpp"
 #include "work.hpp"
 
@@ -72,8 +72,8 @@ class Run
     {
         std::cout << "operations: " << total.Text() << '\n'
                   << "checks: " << number << ", values compared: " << compared
-                  << ", callbacks: " << Callbacks() << ", error lines in the log: " << ErrorLines()
-                  << '\n';
+                  << ", callbacks: " << Callbacks()
+                  << ", error lines in the log: " << test::ErrorLines() << '\n';
         if (first)
         {
             std::cout << "first: " << first->Text() << '\n' << "last:  " << last.Text() << '\n';

@@ -1,22 +1,24 @@
-#include "sink.hpp"
+#include "counting_sink.hpp"
 
 #include <dlog.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 
 namespace
 {
 
-size_t errors = 0;
+constexpr int error = 2;
+
+std::atomic<size_t> errors = 0;
 
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) int
 dlog_printf(int level, unsigned int /*source*/, const char* format, ...)
 {
-    constexpr int error = 2;
-    errors += level <= error ? 1 : 0;
+    errors += level <= error ? 1U : 0U;
     char line[4096];
     va_list values;
     va_start(values, format);
@@ -25,7 +27,7 @@ dlog_printf(int level, unsigned int /*source*/, const char* format, ...)
     return length;
 }
 
-size_t fuzz::ErrorLines()
+size_t test::ErrorLines()
 {
     return errors;
 }
