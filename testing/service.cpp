@@ -285,6 +285,7 @@ Object& Service::AddObject(const std::string& path, const std::vector<std::strin
                            const NamedValues& values)
 {
     std::vector<InterfaceDescription> descriptions;
+    descriptions.reserve(interfaces.size());
     for (const std::string& interface : interfaces)
     {
         descriptions.push_back(FindInterface(interface));
