@@ -9,7 +9,7 @@
  * @code
  * void update(void)
  * {
- *     __attribute__((cleanup(ScopedTimerCLogInfoRelease))) ScopedTimerCInfo* timer =
+ *     __attribute__((cleanup(ScopedTimerCLogInfoRelease), unused)) ScopedTimerCInfo* timer =
  *         ScopedTimerCLogInfoBuild(5000, 300, __FILE__, __LINE__, __func__);
  *     ... // a line at the start, a line at the end, one more if it took more than 5 ms
  * }
