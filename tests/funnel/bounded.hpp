@@ -2,8 +2,6 @@
 
 // Support for tests of code that blocks: nothing here may hang for ever.
 
-#include "child.hpp"
-
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/wait.h>
@@ -56,7 +54,7 @@ inline bool InChild(const std::function<bool()>& body, pid_t (*makeChild)() = fo
     if (child == 0)
     {
         alarm(boundSeconds);
-        EndChild(body() ? 0 : 1);
+        _exit(body() ? 0 : 1);
     }
     int status = -1;
     return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
@@ -73,6 +71,6 @@ inline bool InChild(const std::function<bool()>& body, pid_t (*makeChild)() = fo
             alarm(test::boundSeconds);                                                             \
             __VA_ARGS__;                                                                           \
             fflush(stdout);                                                                        \
-            test::EndChild(testing::Test::HasFailure() ? 1 : 0);                                   \
+            _exit(testing::Test::HasFailure() ? 1 : 0);                                            \
         },                                                                                         \
         testing::ExitedWithCode(0), "")
