@@ -47,7 +47,8 @@ inline bool Eventually(const std::function<bool()>& condition)
     return true;
 }
 
-// Runs `body` in a child made by `fork` and tells whether it returned true there.
+// Runs `body` in a child made by `fork` and tells whether it returned true there; says how the
+// child ended otherwise.
 inline bool InChild(const std::function<bool()>& body, pid_t (*makeChild)() = fork)
 {
     const pid_t child = makeChild();
@@ -57,8 +58,13 @@ inline bool InChild(const std::function<bool()>& body, pid_t (*makeChild)() = fo
         _exit(body() ? 0 : 1);
     }
     int status = -1;
-    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
+    const bool done = child > 0 && waitpid(child, &status, 0) == child && status == 0;
+    if (!done)
+    {
+        std::fprintf(stderr, "child %d of %d: wait status %#x\n", child, getpid(),
+                     static_cast<unsigned int>(status));
+    }
+    return done;
 }
 
 } // namespace test

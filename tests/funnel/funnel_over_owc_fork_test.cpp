@@ -60,12 +60,16 @@ class Senders
 // In a child: no channel at first, then one of its own.
 bool StartsAnew(MakeLoop make)
 {
-    if (owc_tid_valid || Runs())
-    {
-        return false;
-    }
+    const bool anew = !owc_tid_valid && !Runs();
     const LoopThread loop(make);
-    return Runs() && FunnelRuns();
+    const bool channel = Runs();
+    const bool funnel = FunnelRuns();
+    if (!anew || !channel || !funnel)
+    {
+        std::fprintf(stderr, "starts anew: %d, channel runs: %d, funnel runs: %d\n%s", anew,
+                     channel, funnel, test::Describe(test::Log(2)).c_str());
+    }
+    return anew && channel && funnel;
 }
 
 bool ChildAndGrandchildWork(MakeLoop make)

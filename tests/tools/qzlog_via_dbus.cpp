@@ -265,7 +265,9 @@ TEST_F(EventLog, CarriesLongTexts)
     test::SetLogThreshold(2); // a line per byte is more than a recorder should keep
     QZLogViaDbus::Log(*wrapped, 1, 2, 3, text, text, text, std::vector<std::string>(1000, text));
     test::SetLogThreshold(1000);
-    const auto arguments = daemon.Calls(method).back().arguments;
+    const auto calls = daemon.Calls(method);
+    ASSERT_FALSE(calls.empty()) << Failure();
+    const auto& arguments = calls.back().arguments;
     EXPECT_EQ(arguments.at(5).Get<std::string>(), text);
     const auto items = arguments.at(6).Get<std::vector<std::tuple<uint16_t, std::string>>>();
     ASSERT_EQ(items.size(), 3U);
