@@ -92,11 +92,14 @@ std::string Figures::Against(const Figures& first, const Allowance& allowance) c
             ? ""
             : Difference("resident kB", residentKb, first.residentKb, allowance.residentKb) +
                   Difference("heap kB", heapKb, first.heapKb, allowance.heapKb);
+    const std::string rules =
+        matchRules.has_value() == first.matchRules.has_value()
+            ? Difference("match rules", matchRules.value_or(0), first.matchRules.value_or(0))
+            : ", match rules counted at one of two times only";
     const std::string differences =
         memory + Difference("descriptors", descriptors, first.descriptors) +
         Difference("threads", threads, first.threads) +
-        Difference("connections", connections, first.connections) +
-        Difference("match rules", matchRules.value_or(0), first.matchRules.value_or(0));
+        Difference("connections", connections, first.connections) + rules;
     return differences.empty() ? "flat" : "NOT FLAT" + differences;
 }
 

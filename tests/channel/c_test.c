@@ -14,7 +14,7 @@ static int useFromC(unsigned long* total)
     int fd = -1;
     bool registered = false;
     bool tidValid = true;
-    pthread_t tid;
+    pthread_t tid = 0;
     if (OneWayChannel_GetChannelFDAndSelfRegisterWithDefaultFunction(&fd, total, add) != 0 ||
         OneWayChannel_Execute(add, NULL, 40, 0) != 0 ||
         OneWayChannel_ExecuteDefault(NULL, 2, 0) != 0)

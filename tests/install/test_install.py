@@ -24,23 +24,7 @@ CC = shlex.split(os.environ["CC"])
 EXAMPLE = SOURCE / "examples" / "own-interface"
 
 sys.path.insert(0, str(SOURCE / "tests" / "support"))
-from staged import Stage  # noqa: E402
-
-
-def run(*command, **options):
-    """Gives what the command prints; its failure fails the test with all that it said."""
-    done = subprocess.run(
-        [str(word) for word in command],
-        stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT,
-        encoding="utf-8",
-        errors="replace",
-        check=False,
-        **options,
-    )
-    if done.returncode != 0:
-        raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
-    return done.stdout
+from staged import Stage, run  # noqa: E402
 
 
 class InstallTest(unittest.TestCase):

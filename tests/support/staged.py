@@ -7,6 +7,22 @@ import tempfile
 from pathlib import Path
 
 
+def run(*command, **options):
+    """Gives what the command prints; its failure fails the test with all that it said."""
+    done = subprocess.run(
+        [str(word) for word in command],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        encoding="utf-8",
+        errors="replace",
+        check=False,
+        **options,
+    )
+    if done.returncode != 0:
+        raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
+    return done.stdout
+
+
 class Stage:
     """A copy of what `meson install` puts under the prefix, made to work where it lies.
 
@@ -18,16 +34,7 @@ class Stage:
         self._folder = tempfile.TemporaryDirectory(prefix="bmcbus-install.")
         root = Path(self._folder.name)
         build = os.environ["BMCBUS_BUILD"]
-        done = subprocess.run(
-            ["meson", "install", "-C", build, "--no-rebuild", "--quiet", "--destdir", root],
-            stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT,
-            encoding="utf-8",
-            errors="replace",
-            check=False,
-        )
-        if done.returncode != 0:
-            raise AssertionError(f"meson install ended with {done.returncode}:\n{done.stdout}")
+        run("meson", "install", "-C", build, "--no-rebuild", "--quiet", "--destdir", root)
         self.prefix = root / Path(os.environ["BMCBUS_PREFIX"]).relative_to("/")
         self.packages = [found.parent for found in self.prefix.rglob("bmcbus.pc")]
         for file in self.packages[0].glob("*.pc"):
@@ -45,10 +52,4 @@ class Stage:
         self._folder.cleanup()
 
     def pkg_config(self, *arguments):
-        return subprocess.run(
-            ["pkg-config", *arguments],
-            env=self.environment,
-            stdout=subprocess.PIPE,
-            encoding="utf-8",
-            check=True,
-        ).stdout.split()
+        return run("pkg-config", *arguments, env=self.environment).split()
