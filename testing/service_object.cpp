@@ -86,7 +86,7 @@ Object::Slot& Object::Insert(InterfaceDescription description, const NamedValues
         const auto stored = slot.values.find(property);
         if (stored == slot.values.end())
         {
-            Refuse(name + " has no property " + property);
+            Refuse(std::string(name).append(" has no property ").append(property));
         }
         stored->second = value.As(stored->second.Signature());
     }

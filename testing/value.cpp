@@ -208,7 +208,8 @@ Value Value::Struct(std::vector<Value> fields)
     {
         throw std::invalid_argument("a struct without fields");
     }
-    return {"(" + SignatureOf(fields) + ")", std::move(fields)};
+    std::string type = "(" + SignatureOf(fields) + ")";
+    return {std::move(type), std::move(fields)};
 }
 
 Value Value::Array(std::string_view element, std::vector<Value> elements)
@@ -232,14 +233,16 @@ Value Value::Dictionary(std::string_view key, std::string_view value,
     const std::string entryType = "{" + std::string(key) + std::string(value) + "}";
     Value dictionary = Default("a" + entryType);
     std::vector<Value> content;
-    for (auto& [k, v] : entries)
+    for (std::pair<Value, Value>& entry : entries)
     {
+        const auto& [k, v] = entry;
         if (k.signature != key || v.signature != value)
         {
             throw std::invalid_argument("a dictionary of " + entryType + " cannot hold " +
                                         k.Text() + " " + v.Text());
         }
-        content.push_back(Value(entryType, std::vector<Value>{std::move(k), std::move(v)}));
+        content.push_back(
+            Value(entryType, std::vector<Value>{std::move(entry.first), std::move(entry.second)}));
     }
     dictionary.content = std::move(content);
     return dictionary;

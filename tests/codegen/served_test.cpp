@@ -16,7 +16,6 @@ using bmcbus::testing::Call;
 using bmcbus::testing::Dispatch;
 using bmcbus::testing::FakeService;
 using bmcbus::testing::PrivateBus;
-using bmcbus::testing::TextOf;
 using bmcbus::testing::Value;
 using Cached = ClientCache::com::example::test::Types;
 using Direct = ClientEdge::com::example::test::Types;

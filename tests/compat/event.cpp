@@ -26,6 +26,10 @@ using sdeventplus::source::IO;
 
 class EventTest : public testing::Test
 {
+  public:
+    EventTest(const EventTest&) = delete;
+    EventTest& operator=(const EventTest&) = delete;
+
   protected:
     EventTest()
     {
@@ -40,9 +44,6 @@ class EventTest : public testing::Test
         close(pipes[0]);
         close(pipes[1]);
     }
-
-    EventTest(const EventTest&) = delete;
-    EventTest& operator=(const EventTest&) = delete;
 
     void Write() const
     {
@@ -147,7 +148,7 @@ TEST_F(EventTest, ExceptionsArePrintedAndTheWatchStays)
               {
                   throw std::runtime_error("broken");
               }
-              throw count;
+              throw 2;
           });
     testing::internal::CaptureStderr();
     EXPECT_TRUE(Round());

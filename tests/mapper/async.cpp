@@ -335,14 +335,18 @@ void ExpectRefused(const Request& request, const std::string& step, const std::s
             request.queue(connection, path, interface, &listener);
         },
         ThrowsMessage<std::runtime_error>(text));
+    const auto shown = [](const std::string& whole) // up to the first zero
+    {
+        return whole.substr(0, whole.find('\0'));
+    };
     std::string lines = step.empty() ? "" : Line(2, request.queued, step);
     lines += Line(2, request.queued, "ex: " + text) +
-             Line(2, request.queued, " path: " + std::string(path.c_str())) +
-             Line(2, request.queued, " interface: " + std::string(interface.c_str()));
+             Line(2, request.queued, " path: " + shown(path)) +
+             Line(2, request.queued, " interface: " + shown(interface));
     if (request.tellsService)
     {
-        lines += Line(2, request.name, "ex: " + text) +
-                 Line(2, request.name, " path: " + std::string(path.c_str()));
+        lines +=
+            Line(2, request.name, "ex: " + text) + Line(2, request.name, " path: " + shown(path));
     }
     EXPECT_EQ(test::Describe(test::Log()), lines);
     EXPECT_THAT(listener.answers, IsEmpty());

@@ -138,9 +138,7 @@ TEST_F(EventLog, TellsWhatItDoes)
               Information({"enter", "agentID=65535", "category=2", "severity=3", "messageID=[ID]",
                            "message=[m]", "FQDD=[f]", "arg=[ab]", "arg=[\xE9]", "message=[m]",
                            "FQDD=[f]", "arg=[ab]", "c=[a]", "c=[b]", "arg=[\xE9]", "c=[\xE9]",
-                           "margs=[61620"
-                           "0e90000]",
-                           "method_status=-7", "leave"}));
+                           "margs=[616200e90000]", "method_status=-7", "leave"}));
     test::ClearLog();
     QZLogViaDbus::Log(*wrapped, 1, 2, 3, "ID");
     EXPECT_EQ(test::Describe(test::Log()),
@@ -261,7 +259,7 @@ TEST_F(EventLog, SendsNoTextThatMayNotTravel)
 
 TEST_F(EventLog, CarriesLongTexts)
 {
-    const std::string text(10 * 1024, 'x');
+    const std::string text(10240, 'x');
     test::SetLogThreshold(2); // a line per byte is more than a recorder should keep
     QZLogViaDbus::Log(*wrapped, 1, 2, 3, text, text, text, std::vector<std::string>(1000, text));
     test::SetLogThreshold(1000);

@@ -55,6 +55,7 @@ struct object_path
     }
 
     friend bool operator==(const object_path&, const object_path&) = default;
+    // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy takes the comparison with 0 for a pointer
     friend std::strong_ordering operator<=>(const object_path&, const object_path&) = default;
 };
 
