@@ -136,6 +136,7 @@ void OneWayChannel::ForkChild()
     {
         return;
     }
+    bmcbus::funnel::BeginInChild();
     ++channel::forks;
     OneWayChannel* const inherited = instance;
     if (inherited == nullptr)

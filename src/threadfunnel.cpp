@@ -627,6 +627,16 @@ void ReleaseSends()
     ReleaseMainLock();
 }
 
+// The funnel's own handlers take no part in a fork that began before another thread had registered
+// them; if they do, they come after this one or have put the state in order already.
+void BeginInChild()
+{
+    if (handlersEntered == 0)
+    {
+        OwnState();
+    }
+}
+
 SendTurn::SendTurn()
 {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
@@ -737,6 +747,7 @@ void TF_init_and_send_work(std::function<void()>& work)
 
 bool TF_check_for_deadlock()
 {
+    bmcbus::funnel::OwnState();
     const pthread_t self = pthread_self();
     bool deadlock = false;
     TF_deadlock_lock();
@@ -761,6 +772,7 @@ bool TF_check_for_deadlock()
 
 bool TF_check_for_deadlock_in_callback()
 {
+    bmcbus::funnel::OwnState();
     bool deadlock = false;
     const bool blocked = protection_tid_valid.load(std::memory_order_acquire);
     const pthread_t sender = protection_tid.load(std::memory_order_relaxed);
@@ -779,6 +791,7 @@ bool TF_check_for_deadlock_in_callback()
 
 void TF_start_deadlock_protection()
 {
+    bmcbus::funnel::OwnState();
     TF_deadlock_lock();
     protection_tid.store(pthread_self(), std::memory_order_relaxed);
     protection_tid_valid.store(true, std::memory_order_release);

@@ -18,7 +18,7 @@ unsigned int AlternateLogSource();
 
 // Lets the calling process use the funnel's state although it was forked without the handlers: they
 // were not in place yet (the first send was still starting up), or the caller's way of forking runs
-// none. Every way into a send comes through here.
+// none. Every way into a send and into its checks comes through here.
 void OwnState();
 
 // For the channel's fork handlers: keep sends over the channel out of the calling thread's fork.
@@ -30,6 +30,9 @@ void OwnState();
 // the main lock, whose holder does not get any further meanwhile.
 void HoldSends();
 void ReleaseSends();
+
+// For the channel's handler in the child, at its end: nothing of the parent's threads is left.
+void BeginInChild();
 
 // The calling thread's turn to send: the main lock and the deadlock mark. While it lasts the thread
 // cannot be cancelled, because others hold pointers into its frame.

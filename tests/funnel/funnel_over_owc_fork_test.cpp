@@ -3,6 +3,7 @@
 #include "loops.hpp"
 #include "sanitizer.hpp"
 
+#include <pthread.h>
 #include <threadfunnel.hpp>
 
 #include <atomic>
@@ -141,6 +142,47 @@ TEST_P(ForkOverChannel, OnTheLoopsThreadWhileOthersWaitForIt)
     EXPECT_EQ(senders.Stop(), 0);
     EXPECT_EQ(state.failed, 0);
     EXPECT_TRUE(Runs());
+}
+
+// Its handlers are registered too late to take part in that fork.
+TEST_P(ForkOverChannel, ThatBeganBeforeTheFirstSend)
+{
+    SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
+    SKIP_WHERE_CHILDREN_CANNOT_START_THREADS();
+    const MakeLoop make = GetParam();
+    IN_FRESH_PROCESS({
+        static std::atomic<bool> forking{false};
+        pthread_atfork(
+            []
+            {
+                if (!forking.exchange(true))
+                {
+                    test::Eventually(
+                        []
+                        {
+                            return std::atomic_ref(owc_tid_valid).load();
+                        });
+                }
+            },
+            nullptr, nullptr);
+        const LoopThread loop(make);
+        std::thread sender(
+            []
+            {
+                EXPECT_TRUE(test::Eventually(
+                    []
+                    {
+                        return forking.load();
+                    }));
+                EXPECT_TRUE(Runs());
+            });
+        EXPECT_TRUE(InChild(
+            [=]
+            {
+                return StartsAnew(make);
+            }));
+        sender.join();
+    });
 }
 
 TEST_P(ForkOverChannel, InsideAnItemIsReported)
