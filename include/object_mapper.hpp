@@ -120,8 +120,8 @@ BMCBUS_EXPORT void PathAndInterfaceToService2(const std::string& path, const std
  * waited for. The callback runs once, on the thread that dispatches the connection, when the reply,
  * an error reply or the connection's method-call timeout arrives. There is no way to cancel.
  *
- * A request that cannot be queued is logged at level 2 and thrown (`std::runtime_error` that names
- * the failed sd-bus call, or `bmcbus::Error` without a bus); its callback never runs.
+ * A request that cannot be queued is logged at level 2 and thrown, as a `std::runtime_error` that
+ * names the failed sd-bus call; its callback never runs.
  *
  * The connection must live on and be dispatched: the forms without a connection argument leave the
  * request with the calling thread's default connection and keep no reference to it. **The caller

@@ -309,6 +309,18 @@ bmcbus::Slot Queue(sd_bus* bus, const std::string& path, const Names& interfaces
     return slot;
 }
 
+// Waits until a new connection is up: if nobody else holds it, what is only queued never goes out.
+// One that is dead or inherited is left to the steps of the request, which name it.
+bmcbus::BusRef HoldDefaultBus(const char* function)
+{
+    sd_bus* raw = nullptr;
+    REQUIRE(function, "sd_bus_default_system", sd_bus_default_system(&raw));
+    bmcbus::BusRef bus(raw);
+    const char* name = nullptr;
+    static_cast<void>(sd_bus_get_unique_name(raw, &name));
+    return bus;
+}
+
 #undef REQUIRE
 
 template <class Callback>
@@ -316,7 +328,7 @@ bmcbus::Slot QueueOnDefault(const std::string& path, const Names& interfaces,
                             const CallbackRecord<Callback>& record, void (*dropContext)(void*))
 try
 {
-    const bmcbus::BusRef bus = bmcbus::DefaultBus();
+    const bmcbus::BusRef bus = HoldDefaultBus(Form<Callback>::function);
     return Queue(bus.get(), path, interfaces, record, dropContext);
 }
 catch (const std::exception& e)

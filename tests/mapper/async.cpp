@@ -1,6 +1,7 @@
 #include "faults.hpp"
 #include "fixture.hpp"
 
+#include <cerrno>
 #include <optional>
 #include <stdexcept>
 
@@ -387,16 +388,30 @@ TEST_F(MapperAsync, TextThatMayNotTravelIsNotSent)
     }
 }
 
-TEST_F(MapperAsync, DeadConnectionIsRefused)
+TEST_F(MapperAsync, ConnectionThatIsNotThereIsRefused)
 {
-    ExpectRefused(requests[0], "sd_bus_message_new_method_call returned an error, irv=-107",
-                  "sd_bus_message_new_method_call returned an error", nullptr);
+    const auto refuse = [&](const Request& request, const std::string& step, int irv)
+    {
+        const std::string text = step + " returned an error";
+        ExpectRefused(request, text + ", irv=" + std::to_string(irv), text, connection);
+    };
     sd_bus_close(connection);
     for (const Request& request : requests)
     {
-        Listener listener;
-        EXPECT_THROW(request.queue(connection, "/p", "x.I", &listener), std::exception);
-        EXPECT_THAT(Logged(), testing::HasSubstr(" path: /p\n"));
+        if (!request.takesConnection)
+        {
+            refuse(request, "sd_bus_call_async", -ENOTCONN);
+        }
+    }
+    connection = sd_bus_unref(connection);
+    refuse(requests[0], "sd_bus_message_new_method_call", -ENOTCONN);
+    bus.Kill();
+    for (const Request& request : requests)
+    {
+        if (!request.takesConnection)
+        {
+            refuse(request, "sd_bus_default_system", -ECONNREFUSED);
+        }
     }
 }
 
