@@ -20,7 +20,7 @@
  * Nothing here blocks but writing the lines; no state is shared. Any thread may call, and after
  * `fork` a record goes on in both processes. A record belongs to one caller, who may hand it to
  * another thread. A measurement costs one small allocation, two readings of the monotonic clock and
- * its lines.
+ * its lines. Those show times as a `long`, longer ones as its largest value.
  */
 #ifndef BMCBUS_SCOPED_TIMER_H
 #define BMCBUS_SCOPED_TIMER_H

@@ -3,7 +3,7 @@
 
 #include <dlog.h>
 
-#include <inttypes.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,6 +16,13 @@ enum
     levelOverLimit = 1,
     levelTrace = 9
 };
+
+// For "%ld", which other programs look for: where a long has 32 bits, what takes more than half an
+// hour shows as its largest value.
+static long shown(int64_t usec)
+{
+    return usec > LONG_MAX ? LONG_MAX : usec < LONG_MIN ? LONG_MIN : (long)usec;
+}
 
 ScopedTimerCInfo* ScopedTimerCInfoBuild(int64_t limit_usec, const char* file, int line,
                                         const char* function)
@@ -79,14 +86,12 @@ void ScopedTimerCPrintInfoRelease(ScopedTimerCInfo** info)
     }
     const ScopedTimerCInfo* ended = *info;
     ScopedTimerCDoEndCalculations(*info);
-    fprintf(stdout, "%s.%d.%s: ScopedTimerCPrint end, usec=%" PRId64 "\n", PLACE(ended),
-            ended->usec);
+    fprintf(stdout, "%s.%d.%s: ScopedTimerCPrint end, usec=%ld\n", PLACE(ended),
+            shown(ended->usec));
     if (ended->usec > ended->limit_usec)
     {
-        fprintf(stderr,
-                "%s.%d.%s: ScopedTimerCPrint end, over limit, usec=%" PRId64 " limit_usec=%" PRId64
-                "\n",
-                PLACE(ended), ended->usec, ended->limit_usec);
+        fprintf(stderr, "%s.%d.%s: ScopedTimerCPrint end, over limit, usec=%ld limit_usec=%ld\n",
+                PLACE(ended), shown(ended->usec), shown(ended->limit_usec));
     }
     ScopedTimerCInfoRelease(info);
 }
@@ -111,14 +116,13 @@ void ScopedTimerCLogInfoRelease(ScopedTimerCInfo** info)
     }
     const ScopedTimerCInfo* ended = *info;
     ScopedTimerCDoEndCalculations(*info);
-    dlog_printf(levelTrace, ended->source, "%s.%d.%s: ScopedTimerCLog end, usec=%" PRId64 "\n",
-                PLACE(ended), ended->usec);
+    dlog_printf(levelTrace, ended->source, "%s.%d.%s: ScopedTimerCLog end, usec=%ld\n",
+                PLACE(ended), shown(ended->usec));
     if (ended->usec > ended->limit_usec)
     {
         dlog_printf(levelOverLimit, ended->source,
-                    "%s.%d.%s: ScopedTimerCLog end, over limit, usec=%" PRId64
-                    " limit_usec=%" PRId64 "\n",
-                    PLACE(ended), ended->usec, ended->limit_usec);
+                    "%s.%d.%s: ScopedTimerCLog end, over limit, usec=%ld limit_usec=%ld\n",
+                    PLACE(ended), shown(ended->usec), shown(ended->limit_usec));
     }
     ScopedTimerCInfoRelease(info);
 }
