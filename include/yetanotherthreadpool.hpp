@@ -98,8 +98,10 @@ class BMCBUS_EXPORT YetAnotherThreadPool
     std::mutex queueMutex;
     std::condition_variable condition;
     std::atomic<bool> stop;
-    unsigned long leftWorkers; // those that have returned from their body, under queueMutex
-    std::atomic<unsigned long> lookingWorkers; // those that found nothing and are not yet asleep
+    // In the room that alignment leaves behind `stop`. They count modulo their size, so the first
+    // never says more than there are.
+    std::atomic<unsigned char> lookingWorkers; // those that found nothing and are not yet asleep
+    std::atomic<unsigned short> leftWorkers;   // those that are through with the pool
 };
 
 #endif

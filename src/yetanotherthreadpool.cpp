@@ -4,6 +4,7 @@
 #include "thread_exit.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -14,9 +15,35 @@ namespace
 // sleep. To sleep and be woken costs more than a short task does, and the next one may be near.
 constexpr int yields = 2;
 
+void JoinOrDetach(std::thread& thread)
+{
+    try
+    {
+        if (thread.joinable())
+        {
+            thread.join();
+        }
+    }
+    catch (const std::exception&)
+    {
+        thread.detach();
+    }
+}
+
+// Callers have the object on their stack: it has the size of these and no more.
+struct Documented
+{
+    std::vector<std::thread> workers;
+    std::deque<std::function<void()>> tasks;
+    std::mutex queueMutex;
+    std::condition_variable condition;
+    std::atomic<bool> stop;
+};
+static_assert(sizeof(YetAnotherThreadPool) == sizeof(Documented));
+
 } // namespace
 
-YetAnotherThreadPool::YetAnotherThreadPool(Empty) : stop(false), leftWorkers(0), lookingWorkers(0)
+YetAnotherThreadPool::YetAnotherThreadPool(Empty) : stop(false), lookingWorkers(0), leftWorkers(0)
 {
 }
 
@@ -57,40 +84,27 @@ YetAnotherThreadPool::~YetAnotherThreadPool()
     BMCBUS_LOG(info, "deconstructor leave");
 }
 
-// After a failed lock or join. A worker that cannot be joined must at least have left its body
-// before the members go; and a std::thread that still stands for a thread would end the process.
+// After a failed lock or join. A worker must at least have left the pool before the members go; and
+// a std::thread that still stands for a thread would end the process. The mutex may be what fails,
+// so nothing here needs it: a worker that misses one notification gets the next.
 void YetAnotherThreadPool::LetGoOfWorkers()
 {
-    std::unique_lock lock(queueMutex, std::defer_lock);
-    while (!lock.owns_lock())
-    {
-        try
-        {
-            lock.lock();
-        }
-        catch (const std::exception&)
-        {
-            std::this_thread::yield();
-        }
-    }
-    stop = true;
-    condition.notify_all();
     // A worker that destroys its own pool cannot wait for itself.
     const auto own = std::count_if(workers.begin(), workers.end(),
                                    [](const std::thread& worker)
                                    {
                                        return worker.get_id() == std::this_thread::get_id();
                                    });
-    while (leftWorkers + static_cast<unsigned long>(own) < workers.size())
+    const auto others = static_cast<unsigned short>(workers.size() - static_cast<size_t>(own));
+    stop = true;
+    while (leftWorkers < others)
     {
-        condition.wait(lock);
+        condition.notify_all();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     for (std::thread& worker : workers)
     {
-        if (worker.joinable())
-        {
-            worker.detach();
-        }
+        JoinOrDetach(worker);
     }
 }
 
@@ -114,13 +128,13 @@ void YetAnotherThreadPool::clearQueue()
         const std::lock_guard lock(queueMutex);
         dropped.swap(tasks);
         condition.notify_all();
-        BMCBUS_LOG(info, "leave");
     }
     // What the tasks hold is the callers' and may come back here: it goes without the mutex.
     while (!dropped.empty())
     {
         dropped.pop_front();
     }
+    BMCBUS_LOG(info, "leave");
 }
 
 void YetAnotherThreadPool::makeNewWorkerThread()
@@ -135,7 +149,7 @@ void YetAnotherThreadPool::LookAgain(std::unique_lock<std::mutex>& lock)
 {
     struct Looking
     {
-        std::atomic<unsigned long>& workers;
+        decltype(lookingWorkers)& workers;
         ~Looking()
         {
             --workers;
@@ -169,8 +183,8 @@ void YetAnotherThreadPool::workerThreadBody()
             if (tasks.empty())
             {
                 BMCBUS_LOG(info, "exiting thread\n");
-                ++leftWorkers;
-                condition.notify_all();
+                lock.unlock();
+                ++leftWorkers; // the last touch of the pool
                 return;
             }
             task = std::move(tasks.front());

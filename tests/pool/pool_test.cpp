@@ -202,6 +202,7 @@ TEST_F(ThreadPool, ClearedTasksAreDroppedInOrderOutsideTheLock)
         ~Dropped()
         {
             order.push_back(number);
+            EXPECT_EQ(CountLog(5, source, "clearQueue", "leave"), 0U);
             pool.enqueue([] {}); // what a task holds may use the pool while it goes
         }
     };
