@@ -7,9 +7,8 @@
 
 // Lines written here carry the header's name, as the functions that callers see stand there.
 #define ASYNC_LOG(level, function, text, ...)                                                      \
-    static_cast<void>(dlog_printf(bmcbus::log::level, bmcbus::log::librarySource,                  \
-                                  "%s.%d.%s: " text, "async_ops.hpp", __LINE__,                    \
-                                  (function)__VA_OPT__(, ) __VA_ARGS__))
+    BMCBUS_LOG_IN("async_ops.hpp", level, bmcbus::log::librarySource, function,                    \
+                  text __VA_OPT__(, ) __VA_ARGS__)
 
 namespace Async::Ops::detail
 {

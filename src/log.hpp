@@ -42,9 +42,13 @@ consteval const char* BaseName(const char* path)
 
 // The same with a source id and a function name of the caller's choice.
 #define BMCBUS_LOG_AS(level, source, function, text, ...)                                          \
-    static_cast<void>(dlog_printf(bmcbus::log::level, (source), "%s.%d.%s: " text,                 \
-                                  bmcbus::log::BaseName(__FILE__), __LINE__,                       \
-                                  (function)__VA_OPT__(, ) __VA_ARGS__))
+    BMCBUS_LOG_IN(bmcbus::log::BaseName(__FILE__), level, source, function,                        \
+                  text __VA_OPT__(, ) __VA_ARGS__)
+
+// The same where the line belongs to another file than the one that writes it.
+#define BMCBUS_LOG_IN(file, level, source, function, text, ...)                                    \
+    static_cast<void>(dlog_printf(bmcbus::log::level, (source), "%s.%d.%s: " text, (file),         \
+                                  __LINE__, (function)__VA_OPT__(, ) __VA_ARGS__))
 
 // A caught exception, in the form that leads with the word.
 #define BMCBUS_LOG_EXCEPTION(source, tail, what)                                                   \

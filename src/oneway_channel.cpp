@@ -1,6 +1,5 @@
 #include <oneway_channel.hpp>
 
-#include "log.hpp"
 #include "oneway_channel_internal.hpp"
 #include "threadfunnel_internal.hpp"
 
@@ -65,15 +64,16 @@ OneWayChannel::OneWayChannel() :
     const int result = pipe(pipeFds);
     if (result != 0)
     {
-        BMCBUS_LOG(failure, "Pipe creation failed : %d", result);
+        CHANNEL_HEADER_LOG(failure, __func__, "Pipe creation failed : %d", result);
         throw std::runtime_error("Error in pipe creation OneWayChannel");
     }
 }
 
 OneWayChannel::~OneWayChannel()
 {
-    BMCBUS_LOG(misuse,
-               "Destructor. fork happened? (NOT Recommended to fork with multiple threads)");
+    CHANNEL_HEADER_LOG(
+        misuse, __func__,
+        "Destructor. fork happened? (NOT Recommended to fork with multiple threads)");
     GiveUpWatch(true);
     ioSource.reset();
     defaultFunction = nullptr;
@@ -159,20 +159,20 @@ int OneWayChannel::_ReturnAlreadyRegistered()
     switch (Type())
     {
         case RegistrationType::EventLoop:
-            BMCBUS_LOG(error, "Event Loop registration already done");
+            CHANNEL_LOG(error, "Event Loop registration already done");
             break;
         case RegistrationType::ZLoop:
-            BMCBUS_LOG(error, "zloop registration already done");
+            CHANNEL_LOG(error, "zloop registration already done");
             break;
         case RegistrationType::IOContext:
-            BMCBUS_LOG(error, "io_context already done");
+            CHANNEL_LOG(error, "io_context already done");
             break;
         case RegistrationType::UserFD:
-            BMCBUS_LOG(error, "User Fetched FD and registered already");
+            CHANNEL_LOG(error, "User Fetched FD and registered already");
             break;
         case RegistrationType::None:
         default:
-            BMCBUS_LOG(error, "Already registered %d", Load(registrationType));
+            CHANNEL_LOG(error, "Already registered %d", Load(registrationType));
             break;
     }
     return channel::alreadyRegistered;
@@ -221,7 +221,7 @@ int OneWayChannel::RegisterZLoop(zloop_t* loop, void* context, Function function
     const int result = zloop_poller(loop, &item, _OneWayChannelZLoopFunctionHandler, this);
     if (result != 0)
     {
-        BMCBUS_LOG(error, "Registering pipe to poller failed : %d", result);
+        CHANNEL_LOG(error, "Registering pipe to poller failed : %d", result);
         return channel::pollerRefused;
     }
     registeredZLoop = loop;
@@ -242,23 +242,23 @@ void OneWayChannel::Unregister()
 {
     Function ended; // the caller's code; goes without the lock
     const std::lock_guard lock(oneWayChannelOperationMutex);
-    BMCBUS_LOG(trace, "enter");
+    CHANNEL_HEADER_LOG(trace, __func__, "enter");
     const RegistrationType type = Type();
     if (type == RegistrationType::None)
     {
-        BMCBUS_LOG(trace, "not registered");
+        CHANNEL_HEADER_LOG(trace, __func__, "not registered");
         return;
     }
     if (type == RegistrationType::ZLoop)
     {
-        BMCBUS_LOG(trace, "unregister zloop");
+        CHANNEL_HEADER_LOG(trace, __func__, "unregister zloop");
         zmq_pollitem_t item = PollItem(pipeFds[0]);
         zloop_poller_end(registeredZLoop, &item);
         registeredZLoop = nullptr;
     }
     else if (type == RegistrationType::EventLoop)
     {
-        BMCBUS_LOG(trace, "unregister sd_event");
+        CHANNEL_HEADER_LOG(trace, __func__, "unregister sd_event");
     }
     // Also what a self-made poll loop took the place of.
     ioSource.reset();
@@ -267,7 +267,7 @@ void OneWayChannel::Unregister()
     Store(userContext, static_cast<void*>(nullptr));
     ended.swap(defaultFunction);
     Store(loopTidValid, false);
-    BMCBUS_LOG(trace, "leave");
+    CHANNEL_HEADER_LOG(trace, __func__, "leave");
 }
 
 } // namespace infrautils

@@ -1,4 +1,3 @@
-#include "log.hpp"
 #include "oneway_channel_internal.hpp"
 
 #include <fcntl.h>
@@ -121,7 +120,7 @@ void OneWayChannel::_PipeIOContexHandler(const boost::system::error_code& error,
 {
     if (error)
     {
-        BMCBUS_LOG(misuse, "Error in IOContext Read: %d", error.value());
+        CHANNEL_LOG(misuse, "Error in IOContext Read: %d", error.value());
         return;
     }
     if (watch_ == nullptr)

@@ -1,4 +1,3 @@
-#include "log.hpp"
 #include "oneway_channel_internal.hpp"
 
 using infrautils::OneWayChannel;
@@ -23,8 +22,7 @@ int RegisterZLoop(const char* name, zloop_t* loop, void* context, OneWayChannelF
     }
     catch (const std::exception& e)
     {
-        BMCBUS_LOG_AS(failure, bmcbus::log::librarySource, name, "Error in Register : %s",
-                      e.what());
+        CHANNEL_LOG_AS(failure, name, "Error in Register : %s", e.what());
         return channel::registerFailed;
     }
 }
@@ -73,7 +71,7 @@ int OneWayChannel_Process(int fd)
     }
     catch (const std::exception& e)
     {
-        BMCBUS_LOG(failure, "Error in Process : %s", e.what());
+        CHANNEL_LOG(failure, "Error in Process : %s", e.what());
         return channel::processFailed;
     }
 }
@@ -86,7 +84,7 @@ void OneWayChannel_Unregister(void)
     }
     catch (const std::exception& e)
     {
-        BMCBUS_LOG(failure, "Error in Unregister : %s", e.what());
+        CHANNEL_LOG(failure, "Error in Unregister : %s", e.what());
     }
 }
 

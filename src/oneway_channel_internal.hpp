@@ -2,9 +2,22 @@
 
 // What the channel's sources share.
 
+#include "log.hpp"
+
 #include <oneway_channel.hpp>
 
 #include <atomic>
+
+// Callers filter by the file that a line names. It is the channel's, whichever source writes it; of
+// the constructor, the destructor, Unregister and TriggerReadPipeNoLock the header.
+#define CHANNEL_LOG(level, text, ...)                                                              \
+    CHANNEL_LOG_AS(level, __func__, text __VA_OPT__(, ) __VA_ARGS__)
+#define CHANNEL_LOG_AS(level, function, text, ...)                                                 \
+    BMCBUS_LOG_IN("oneway_channel.cpp", level, bmcbus::log::librarySource, function,               \
+                  text __VA_OPT__(, ) __VA_ARGS__)
+#define CHANNEL_HEADER_LOG(level, function, text, ...)                                             \
+    BMCBUS_LOG_IN("oneway_channel.hpp", level, bmcbus::log::librarySource, function,               \
+                  text __VA_OPT__(, ) __VA_ARGS__)
 
 namespace infrautils
 {

@@ -1,4 +1,3 @@
-#include "log.hpp"
 #include "oneway_channel_internal.hpp"
 
 #include <czmq.h>
@@ -127,8 +126,7 @@ int Result(ssize_t written)
     {
         return channel::success;
     }
-    BMCBUS_LOG_AS(failure, bmcbus::log::librarySource, "TriggerReadPipeNoLock",
-                  "Write failed : %zd", written);
+    CHANNEL_HEADER_LOG(failure, "TriggerReadPipeNoLock", "Write failed : %zd", written);
     return channel::writeFailed;
 }
 
@@ -150,7 +148,7 @@ int OneWayChannel::Execute(Function function, void* data, unsigned long size, bo
 {
     if (Type() == RegistrationType::None)
     {
-        BMCBUS_LOG(misuse, "the receive fd is not registered, please call Register");
+        CHANNEL_LOG(misuse, "the receive fd is not registered, please call Register");
         return channel::notPossible;
     }
     auto message =
@@ -173,7 +171,7 @@ int OneWayChannel::Execute(void* data, unsigned long size, bool freeData)
     // Without a registration there is none, and another thread may be about to set it.
     if (Type() == RegistrationType::None || !defaultFunction)
     {
-        BMCBUS_LOG(misuse, "Default function handler not registered");
+        CHANNEL_LOG(misuse, "Default function handler not registered");
         return channel::notPossible;
     }
     return Execute(defaultFunction, data, size, freeData);
@@ -271,7 +269,7 @@ void OneWayChannel::_PipeIOEventReceive(sdeventplus::source::IO& /*source*/, int
     const ssize_t bytes = read(fd, readBuffer, sizeof(readBuffer));
     if (bytes < 0)
     {
-        BMCBUS_LOG(misuse, "Error in read : %zd", bytes);
+        CHANNEL_LOG(misuse, "Error in read : %zd", bytes);
         return;
     }
     ProcessMBQueue(context);
@@ -282,7 +280,7 @@ int OneWayChannel::_ReadFromPipe(int fd)
     const ssize_t bytes = read(fd, readBuffer, sizeof(readBuffer));
     if (bytes < 0)
     {
-        BMCBUS_LOG(misuse, "Error in zloop pipe read : %zd", bytes);
+        CHANNEL_LOG(misuse, "Error in zloop pipe read : %zd", bytes);
         return channel::readFailed;
     }
     ProcessMBQueue(Load(userContext));
@@ -342,8 +340,7 @@ bool OneWayChannel::RunNext(void* context)
     }
     catch (const std::exception& e)
     {
-        BMCBUS_LOG_AS(failure, bmcbus::log::librarySource, "ProcessMBQueue",
-                      "Error in ProcessMBQueue : %s", e.what());
+        CHANNEL_LOG_AS(failure, "ProcessMBQueue", "Error in ProcessMBQueue : %s", e.what());
     }
     return true;
 }

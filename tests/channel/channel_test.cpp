@@ -69,13 +69,27 @@ int Note(void* context, void* data, unsigned long size)
     return -1; // means something to a zloop's handler, but not here
 }
 
+std::string FileOf(const std::string& function)
+{
+    for (const char* const inlined :
+         {"OneWayChannel", "~OneWayChannel", "Unregister", "TriggerReadPipeNoLock"})
+    {
+        if (function == inlined)
+        {
+            return "oneway_channel.hpp";
+        }
+    }
+    return function == "OneWayChannel_RegisterSDEvent" ? "oneway_channel_sdevent.cpp"
+                                                       : "oneway_channel.cpp";
+}
+
 std::vector<std::string> Lines()
 {
     std::vector<std::string> lines;
     for (const test::LogLine& line : test::Log())
     {
         EXPECT_EQ(line.source, 300U);
-        EXPECT_THAT(line.file, testing::StartsWith("oneway_channel"));
+        EXPECT_EQ(line.file, FileOf(line.function));
         lines.push_back(std::to_string(line.level) + " " + line.function + ": " + line.text);
     }
     return lines;
