@@ -71,6 +71,30 @@ int AppendText(sd_bus_message* message, const std::string& text)
 
 namespace bmcbus::client
 {
+namespace
+{
+
+// sd-bus gives an array of the other byte order only number by number.
+bool ReadTurned(sd_bus_message* message, char code, size_t width, FlatArray& array)
+{
+    const char contents[] = {code, '\0'};
+    if (!Enter(message, SD_BUS_TYPE_ARRAY, contents, step::enterList))
+    {
+        return false;
+    }
+    uint64_t number = 0;
+    const auto* const first = reinterpret_cast<const std::byte*>(&number);
+    while (ReadBasic(message, code, &number))
+    {
+        array.turned.insert(array.turned.end(), first, first + width);
+    }
+    Exit(message, step::exitList);
+    array.data = array.turned.data();
+    array.bytes = array.turned.size();
+    return true;
+}
+
+} // namespace
 
 int Require(int result, const char* step)
 {
@@ -105,10 +129,14 @@ bool ReadText(sd_bus_message* message, char code, const char*& text)
                    "sd_bus_message_read_basic string") > 0;
 }
 
-bool ReadFlatArray(sd_bus_message* message, char code, const void*& data, size_t& bytes)
+bool ReadFlatArray(sd_bus_message* message, char code, size_t width, FlatArray& array)
 {
-    return Require(sd_bus_message_read_array(message, code, &data, &bytes),
-                   "sd_bus_message_read_array") > 0;
+    const int result = sd_bus_message_read_array(message, code, &array.data, &array.bytes);
+    if (result == -EOPNOTSUPP)
+    {
+        return ReadTurned(message, code, width, array);
+    }
+    return Require(result, "sd_bus_message_read_array") > 0;
 }
 
 bool Enter(sd_bus_message* message, char container, const char* contents, const char* step)

@@ -7,6 +7,9 @@
 #include <com/tamm/bmc/Memory/Dimm/client_cache.hpp>
 #include <com/tamm/bmc/Thermal/SystemInformation/client_cache.hpp>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <thread>
 
 using testing::ElementsAre;
@@ -123,6 +126,40 @@ TEST_F(Direct, ReadsEvenOddReplies)
     // More than is read is passed over.
     reply({Value::Variant(uint8_t{3}), "more"});
     EXPECT_EQ(edge.Get_fanCount(), 3);
+}
+
+// Senders choose it; sd-bus gives arrays of such messages only number by number.
+TEST(Wire, ReadsArraysOfTheOtherByteOrder)
+{
+    using namespace std::string_literals;
+    const std::string sent = "\0AUTH ANONYMOUS 61\r\nBEGIN\r\n"
+                             "B\4\0\1\0\0\0\30\0\0\0\1\0\0\0:\1\1o\0\0\0\0\1/\0\0\0\0\0\0\0"
+                             "\2\1s\0\0\0\0\3a.b\0\0\0\0\0\3\1s\0\0\0\0\1c\0\0\0\0\0\0\0"
+                             "\10\1g\0\4aqad\0\0\0\0\0\0\0"
+                             "\0\0\0\4\0\1\1\2\0\0\0\10\0\0\0\0?\370\0\0\0\0\0\0"s;
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+    ASSERT_EQ(write(pair[1], sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
+    sd_bus* peer = nullptr;
+    ASSERT_GE(sd_bus_new(&peer), 0);
+    ASSERT_GE(sd_bus_set_fd(peer, pair[0], pair[0]), 0);
+    ASSERT_GE(sd_bus_set_server(peer, 1, {}), 0);
+    ASSERT_GE(sd_bus_set_anonymous(peer, 1), 0);
+    ASSERT_GE(sd_bus_start(peer), 0);
+    sd_bus_message* message = nullptr;
+    while (message == nullptr)
+    {
+        ASSERT_GE(sd_bus_process(peer, &message), 0);
+    }
+    std::vector<uint16_t> words;
+    std::vector<double> doubles;
+    bmcbus::client::Read(message, words);
+    bmcbus::client::Read(message, doubles);
+    EXPECT_THAT(words, ElementsAre(1, 258));
+    EXPECT_THAT(doubles, ElementsAre(1.5));
+    sd_bus_message_unref(message);
+    sd_bus_close_unref(peer);
+    close(pair[1]);
 }
 
 TEST_F(Direct, WritesWhatTheVariantHolds)

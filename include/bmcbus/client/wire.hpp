@@ -16,6 +16,7 @@
 #include <systemd/sd-bus.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <list>
@@ -71,12 +72,20 @@ constexpr auto Join(const SignatureText<N>&... parts)
 template <class T>
 struct Wire;
 
+/** An array of numbers: as it lies in the message, or turned if the sender's byte order differs. */
+struct FlatArray
+{
+    const void* data = nullptr;
+    size_t bytes = 0;
+    std::vector<std::byte> turned;
+};
+
 /** Steps that do not depend on a type; `step` names the call in an error. */
 BMCBUS_EXPORT bool ReadBasic(sd_bus_message* message, char code, void* value);
 BMCBUS_EXPORT bool ReadFlag(sd_bus_message* message, bool& value);
 BMCBUS_EXPORT bool ReadText(sd_bus_message* message, char code, const char*& text);
-BMCBUS_EXPORT bool ReadFlatArray(sd_bus_message* message, char code, const void*& data,
-                                 size_t& bytes);
+BMCBUS_EXPORT bool ReadFlatArray(sd_bus_message* message, char code, size_t width,
+                                 FlatArray& array);
 BMCBUS_EXPORT bool Enter(sd_bus_message* message, char container, const char* contents,
                          const char* step);
 BMCBUS_EXPORT void Exit(sd_bus_message* message, const char* step);
@@ -254,11 +263,10 @@ struct FlatListWire
 
     static bool Read(sd_bus_message* message, std::vector<T>& list)
     {
-        const void* data = nullptr;
-        size_t bytes = 0;
-        const bool found = ReadFlatArray(message, Wire<T>::code, data, bytes);
-        const T* first = static_cast<const T*>(data);
-        list.assign(first, first + bytes / sizeof(T));
+        FlatArray array;
+        const bool found = ReadFlatArray(message, Wire<T>::code, sizeof(T), array);
+        const T* first = static_cast<const T*>(array.data);
+        list.assign(first, first + array.bytes / sizeof(T));
         return found;
     }
     static void Append(sd_bus_message* message, const std::vector<T>& list)
