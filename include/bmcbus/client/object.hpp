@@ -245,19 +245,15 @@ BMCBUS_EXPORT void CopyAll(std::mutex& mutex, const void* object, const Fields& 
 
 // One instance per type, not per property.
 
-/** Copying cannot fail, and neither can locking a mutex of the class's own. */
 template <class T>
-inline constexpr bool plain = std::is_trivially_copyable_v<T>;
-
-template <class T>
-[[gnu::noinline]] T GetValue(std::mutex& mutex, const T& field) noexcept(plain<T>)
+[[gnu::noinline]] T GetValue(std::mutex& mutex, const T& field)
 {
     const std::lock_guard lock(mutex);
     return field;
 }
 
 template <class T>
-[[gnu::noinline]] void CopyValue(std::mutex& mutex, const T& field, T& value) noexcept(plain<T>)
+[[gnu::noinline]] void CopyValue(std::mutex& mutex, const T& field, T& value)
 {
     const std::lock_guard lock(mutex);
     value = field;
@@ -265,7 +261,7 @@ template <class T>
 
 template <class T>
 [[gnu::noinline]] void CopyFlagged(std::mutex& mutex, const T& field, const bool& flag,
-                                   bool& is_set, T& value) noexcept(plain<T>)
+                                   bool& is_set, T& value)
 {
     const std::lock_guard lock(mutex);
     is_set = flag;
@@ -273,15 +269,14 @@ template <class T>
 }
 
 template <class T>
-[[gnu::noinline]] void StoreValue(T& field, bool& flag, const T& value) noexcept(plain<T>)
+[[gnu::noinline]] void StoreValue(T& field, bool& flag, const T& value)
 {
     field = value;
     flag = true;
 }
 
 template <class T>
-[[gnu::noinline]] void SetValue(std::mutex& mutex, T& field, bool& flag,
-                                const T& value) noexcept(plain<T>)
+[[gnu::noinline]] void SetValue(std::mutex& mutex, T& field, bool& flag, const T& value)
 {
     const std::lock_guard lock(mutex);
     field = value;
