@@ -157,6 +157,10 @@ TEST(Wire, ReadsArraysOfTheOtherByteOrder)
     bmcbus::client::Read(message, doubles);
     EXPECT_THAT(words, ElementsAre(1, 258));
     EXPECT_THAT(doubles, ElementsAre(1.5));
+    // Nothing is left, so nothing is replaced.
+    std::vector<std::string> texts = {"before"};
+    EXPECT_THROW(bmcbus::client::Read(message, texts), bmcbus::Error);
+    EXPECT_THAT(texts, ElementsAre("before"));
     sd_bus_message_unref(message);
     sd_bus_close_unref(peer);
     close(pair[1]);

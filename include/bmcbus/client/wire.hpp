@@ -4,9 +4,10 @@
  * @file
  * Values to and from bus messages, straight over sd-bus.
  *
- * `Wire<T>::Read` replaces what its target held and throws `bmcbus::Error` with the texts that
- * sdbusplus uses for the same failures. Arrays of numbers are copied whole, and the type of a
- * variant is looked at once. `Wire<T>::Append` refuses text that may not travel.
+ * `Wire<T>::Read` replaces what its target held, leaves it alone where nothing of that type comes
+ * next, and throws `bmcbus::Error` with the texts that sdbusplus uses for the same failures. Arrays
+ * of numbers are copied whole, and the type of a variant is looked at once. `Wire<T>::Append`
+ * refuses text that may not travel.
  *
  * Nothing here blocks. Use it on the thread that the message's connection belongs to.
  */
@@ -232,11 +233,11 @@ struct ListWire
 
     static bool Read(sd_bus_message* message, List& list)
     {
-        list.clear();
         if (!Enter(message, SD_BUS_TYPE_ARRAY, Wire<T>::signature.c_str(), step::enterList))
         {
             return false;
         }
+        list.clear();
         for (T item{}; Wire<T>::Read(message, item); item = T{})
         {
             list.push_back(std::move(item));
@@ -290,11 +291,11 @@ struct Wire<std::vector<bool>>
 
     static bool Read(sd_bus_message* message, std::vector<bool>& list)
     {
-        list.clear();
         if (!Enter(message, SD_BUS_TYPE_ARRAY, "b", step::enterList))
         {
             return false;
         }
+        list.clear();
         for (bool item = false; ReadFlag(message, item);)
         {
             list.push_back(item);
@@ -329,11 +330,11 @@ struct Wire<std::map<K, V>>
 
     static bool Read(sd_bus_message* message, std::map<K, V>& map)
     {
-        map.clear();
         if (!Enter(message, SD_BUS_TYPE_ARRAY, element.c_str(), step::enterMap))
         {
             return false;
         }
+        map.clear();
         while (Enter(message, SD_BUS_TYPE_DICT_ENTRY, entry.c_str(), step::enterTuple))
         {
             K key{};
