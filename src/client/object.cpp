@@ -4,6 +4,7 @@
 #include "client/signal.hpp"
 
 #include <cstdio>
+#include <utility>
 
 namespace bmcbus::client
 {
@@ -39,23 +40,31 @@ void AddCallback(std::mutex& mutex, Callbacks& callbacks, const Callback& callba
 
 Anchor::~Anchor()
 {
-    for (Running* frame = running_; frame != nullptr; frame = frame->outer_)
+    for (Running* round = running_; round != nullptr; round = round->next_)
     {
-        frame->anchor_ = nullptr;
+        round->anchor_ = nullptr;
     }
 }
 
-Anchor::Running::Running(Anchor& anchor) : anchor_(&anchor), outer_(anchor.running_)
+Anchor::Running::Running(Anchor& anchor, std::mutex& mutex) : anchor_(&anchor), mutex_(mutex)
 {
-    anchor.running_ = this;
+    const std::lock_guard lock(mutex);
+    next_ = std::exchange(anchor.running_, this);
 }
 
 Anchor::Running::~Running()
 {
-    if (anchor_ != nullptr)
+    if (anchor_ == nullptr)
     {
-        anchor_->running_ = outer_;
+        return;
     }
+    const std::lock_guard lock(mutex_);
+    Running** link = &anchor_->running_;
+    while (*link != this)
+    {
+        link = &(*link)->next_;
+    }
+    *link = next_;
 }
 
 void CountSignal(void* object, const Description& about)
@@ -70,7 +79,8 @@ void CountSignal(void* object, const Description& about)
 void RunCallbacks(void* object, const Description& about, const char* function,
                   const Callbacks& callbacks)
 {
-    const Anchor::Running running(At<Anchor>(object, about.anchor));
+    const Anchor::Running running(At<Anchor>(object, about.anchor),
+                                  At<std::mutex>(object, about.object_mutex));
     for (const Callback& callback : callbacks.list())
     {
         try

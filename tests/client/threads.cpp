@@ -119,6 +119,34 @@ TEST_F(Threads, ReadAndWriteWhileSignalsAreHandled)
     EXPECT_GT(calls, 0U);
 }
 
+// The handlers are public; whoever calls them has messages from elsewhere.
+TEST_F(Threads, HandleTheirOwnMessages)
+{
+    static std::atomic<uint32_t> calls;
+    calls = 0;
+    constexpr uint32_t messages = 1000;
+    Fan fan(fanPath, fanService,
+            [](Fan*, void*)
+            {
+                ++calls;
+                std::this_thread::yield();
+            });
+    Run(
+        [&](int)
+        {
+            const kit::Peers peers;
+            const kit::MessagePtr raw = peers.Message({"", kit::AsPropertyMap({})});
+            bmcbus::Message message(raw.get());
+            for (uint32_t i = 0; i < messages; ++i)
+            {
+                sd_bus_message_rewind(raw.get(), 1);
+                fan.ObjectCallbackChanged(message);
+            }
+        });
+    EXPECT_EQ(fan.SignalCount(), threadCount * messages);
+    EXPECT_EQ(calls, threadCount * messages);
+}
+
 TEST_F(Threads, CallThroughOneProxy)
 {
     FanEdge edge(fanService, fanPath);

@@ -127,8 +127,8 @@ struct Description;
 /**
  * The object as the bus sees it: the user data of its subscriptions and of its pending call.
  *
- * The destructor cancels what is pending and tells a signal handler that is running further up the
- * stack that the object is gone, so a callback may release the very object that called it.
+ * The destructor cancels what is pending and tells the signal handlers that are running that the
+ * object is gone, so a callback may release the very object that called it.
  */
 class BMCBUS_EXPORT Anchor
 {
@@ -152,11 +152,11 @@ class BMCBUS_EXPORT Anchor
     /** The request under way; a newer one takes its place. */
     Slot pending;
 
-    /** Lives on the stack while callbacks run. */
+    /** Lives on the stack while callbacks run. Linked and unlinked under the object's mutex. */
     class BMCBUS_LOCAL Running
     {
       public:
-        explicit Running(Anchor& anchor);
+        Running(Anchor& anchor, std::mutex& mutex);
         ~Running();
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
@@ -169,7 +169,8 @@ class BMCBUS_EXPORT Anchor
       private:
         friend Anchor;
         Anchor* anchor_;
-        Running* outer_;
+        std::mutex& mutex_;
+        Running* next_ = nullptr;
     };
 
   private:
