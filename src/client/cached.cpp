@@ -222,7 +222,7 @@ void Complete(void* object, const CachedClass& about, bool success, Entries&& en
 int OnGetAll(sd_bus_message* message, void* user_data, sd_bus_error* /*error*/) noexcept
 {
     Anchor& anchor = *static_cast<Anchor*>(user_data);
-    const Slot done = std::move(anchor.pending);
+    anchor.Answered();
     struct Answer
     {
         Anchor& anchor;
@@ -258,7 +258,7 @@ int OnGetAll(sd_bus_message* message, void* user_data, sd_bus_error* /*error*/) 
 void OnService(bool success, std::string& found, void* user_data)
 {
     Anchor& anchor = *static_cast<Anchor*>(user_data);
-    const Slot done = std::move(anchor.pending);
+    anchor.Answered();
     ServiceFound(anchor.object(), About(anchor), success, found);
 }
 
@@ -399,8 +399,8 @@ void InitialGetAll(void* object, const CachedClass& about)
         {
             CLIENT_LOG(trace, about.label, function, "use async");
             Anchor& anchor = At<Anchor>(object, about.anchor);
-            anchor.pending = ObjectMapper::internal::LookupServiceAsync(
-                Path(object, about), about.interface->name, OnService, &anchor);
+            anchor.Await(ObjectMapper::internal::LookupServiceAsync(
+                Path(object, about), about.interface->name, OnService, &anchor));
             return;
         }
         CLIENT_LOG(trace, about.label, function, "do not use async");
@@ -458,9 +458,9 @@ void ServiceIsSet(void* object, const CachedClass& about)
             CLIENT_LOG(trace, about.label, function, "use async");
             const BusRef bus = DefaultBus();
             Anchor& anchor = At<Anchor>(object, about.anchor);
-            anchor.pending = Async::Ops::detail::QueueGetAll(
-                bus.get(), Service(object, about), Path(object, about), about.interface->name,
-                OnGetAll, &anchor, nullptr);
+            anchor.Await(Async::Ops::detail::QueueGetAll(bus.get(), Service(object, about),
+                                                         Path(object, about), about.interface->name,
+                                                         OnGetAll, &anchor, nullptr));
             return;
         }
         CLIENT_LOG(trace, about.label, function, "do not use async");

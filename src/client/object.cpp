@@ -46,6 +46,20 @@ Anchor::~Anchor()
     }
 }
 
+void Anchor::Await(Slot request)
+{
+    pending_.push_front(std::move(request));
+}
+
+void Anchor::Answered()
+{
+    pending_.remove_if(
+        [](const Slot& request)
+        {
+            return sd_bus_get_current_slot(sd_bus_slot_get_bus(request.get())) == request.get();
+        });
+}
+
 Anchor::Running::Running(Anchor& anchor, std::mutex& mutex) : anchor_(&anchor), mutex_(mutex)
 {
     const std::lock_guard lock(mutex);

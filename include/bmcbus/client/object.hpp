@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <concepts>
+#include <forward_list>
 #include <mutex>
 #include <new>
 #include <string>
@@ -125,7 +126,7 @@ class BMCBUS_EXPORT Callbacks
 struct Description;
 
 /**
- * The object as the bus sees it: the user data of its subscriptions and of its pending call.
+ * The object as the bus sees it: the user data of its subscriptions and of its pending calls.
  *
  * The destructor cancels what is pending and tells the signal handlers that are running that the
  * object is gone, so a callback may release the very object that called it.
@@ -149,8 +150,10 @@ class BMCBUS_EXPORT Anchor
         return *about_;
     }
 
-    /** The request under way; a newer one takes its place. */
-    Slot pending;
+    /** Keeps a request that is under way. */
+    BMCBUS_LOCAL void Await(Slot request);
+    /** Drops the request whose reply is being handled. */
+    BMCBUS_LOCAL void Answered();
 
     /** Lives on the stack while callbacks run. Linked and unlinked under the object's mutex. */
     class BMCBUS_LOCAL Running
@@ -176,6 +179,7 @@ class BMCBUS_EXPORT Anchor
   private:
     void* object_;
     const Description* about_;
+    std::forward_list<Slot> pending_;
     Running* running_ = nullptr;
 };
 
