@@ -56,7 +56,7 @@ void World::Connect()
     Check(sd_bus_default_system(&connection), "sd_bus_default_system");
     const char* name = nullptr;
     Check(sd_bus_get_unique_name(connection, &name), "sd_bus_get_unique_name");
-    Check(sd_bus_attach_event(connection, loop.event.get(), SD_EVENT_PRIORITY_NORMAL),
+    Check(sd_bus_attach_event(connection, loop.raw, SD_EVENT_PRIORITY_NORMAL),
           "sd_bus_attach_event");
 }
 
@@ -80,9 +80,9 @@ void World::Disconnect(bool inherited)
 
 void World::Turn()
 {
-    Check(sd_event_run(loop.event.get(), pause), "sd_event_run");
+    Check(sd_event_run(loop.raw, pause), "sd_event_run");
     int handled = 0;
-    while ((handled = sd_event_run(loop.event.get(), 0)) > 0)
+    while ((handled = sd_event_run(loop.raw, 0)) > 0)
     {
     }
     Check(handled, "sd_event_run");

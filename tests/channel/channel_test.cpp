@@ -346,17 +346,17 @@ TEST_F(ChannelTest, SkipsAWakeUpThatCannotRead)
 // The wrapper around the loop stays: the second call is refused in silence, also later.
 TEST_F(ChannelTest, RegistersAnSdEventOncePerProcess)
 {
-    const sdeventplus::Event event = sdeventplus::Event::get_new();
+    const test::SdEventLoop loop;
     EXPECT_EQ(OneWayChannel_RegisterSDEvent(nullptr, nullptr), 5);
     EXPECT_EQ(CountLog(1, 300, "OneWayChannel_RegisterSDEvent",
                        "Error in Register : sd_event_add_io: Invalid argument"),
               1U);
-    EXPECT_EQ(OneWayChannel_RegisterSDEvent(event.get(), nullptr), 0);
+    EXPECT_EQ(OneWayChannel_RegisterSDEvent(loop.raw, nullptr), 0);
     test::ClearLog();
-    EXPECT_EQ(OneWayChannel_RegisterSDEvent(event.get(), nullptr), 2);
+    EXPECT_EQ(OneWayChannel_RegisterSDEvent(loop.raw, nullptr), 2);
     EXPECT_THAT(Lines(), IsEmpty());
     OneWayChannel_Unregister();
-    EXPECT_EQ(OneWayChannel_RegisterSDEvent(event.get(), nullptr), 2);
+    EXPECT_EQ(OneWayChannel_RegisterSDEvent(loop.raw, nullptr), 2);
 }
 
 // For the thread sanitizer: who asks or posts while loops come and go reads no half-written state.

@@ -288,8 +288,8 @@ TEST_F(ForkWithSdEvent, RegistersAFlatSdEventOncePerLineage)
 {
     const auto enroll = []
     {
-        const auto event = sdeventplus::Event::get_new();
-        return OneWayChannel_RegisterSDEvent(event.get(), nullptr);
+        const test::SdEventLoop own;
+        return OneWayChannel_RegisterSDEvent(own.raw, nullptr);
     };
     EXPECT_EQ(InChild(
                   [&]

@@ -11,6 +11,7 @@
 #include <sys/ioctl.h>
 
 #include <functional>
+#include <type_traits>
 #include <utility>
 
 namespace test
@@ -33,6 +34,13 @@ inline int Post(std::function<void()> work)
             return 0;
         },
         nullptr, 0, false);
+}
+
+inline sd_event* NewEventLoop()
+{
+    sd_event* made = nullptr;
+    EXPECT_GE(sd_event_new(&made), 0);
+    return made;
 }
 
 // Ends the registration before the loop goes.
@@ -60,10 +68,11 @@ class SdEventLoop
     }
     bool Run(const Condition& done)
     {
-        return RunUntil(event.get(), done);
+        return RunUntil(raw, done);
     }
 
-    sdeventplus::Event event = sdeventplus::Event::get_new();
+    sd_event* raw = NewEventLoop();
+    sdeventplus::Event event{raw, std::false_type()};
 
   private:
     Registration registration;
