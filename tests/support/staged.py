@@ -23,6 +23,11 @@ def run(*command, **options):
     return done.stdout
 
 
+def _in_front(folder, variable):
+    """The folder before those that the variable lists: what the package files require may be there."""
+    return ":".join(filter(None, [str(folder), os.environ.get(variable)]))
+
+
 class Stage:
     """A copy of what `meson install` puts under the prefix, made to work where it lies.
 
@@ -44,8 +49,8 @@ class Stage:
         self.library = next(self.prefix.rglob("libbmcbus.so"))
         self.environment = {
             **os.environ,
-            "PKG_CONFIG_PATH": str(self.packages[0]),
-            "LD_LIBRARY_PATH": str(self.library.parent),
+            "PKG_CONFIG_PATH": _in_front(self.packages[0], "PKG_CONFIG_PATH"),
+            "LD_LIBRARY_PATH": _in_front(self.library.parent, "LD_LIBRARY_PATH"),
         }
 
     def close(self):
