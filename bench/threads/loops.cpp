@@ -201,7 +201,8 @@ Poster::Poster(const std::string& who, Loop& loop, void* given) : context(given)
     }
     else if (who == "asio")
     {
-        if (loop.Context() == nullptr)
+        // Without Asio's locks nobody may post from another thread.
+        if (loop.Context() == nullptr || BMCBUS_ASIO_DISABLE_THREADS == 1)
         {
             std::exit(77);
         }

@@ -41,7 +41,7 @@ class Poster
 {
   public:
     // Registers. The context of all messages is `context`. Ends the process with 77 when the loop
-    // has no queue of its own.
+    // has no queue of its own, or none for other threads.
     Poster(const std::string& who, Loop& loop, void* context);
     ~Poster();
     Poster(const Poster&) = delete;

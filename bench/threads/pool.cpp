@@ -4,6 +4,7 @@
 
 #include <cost.hpp>
 
+#include <bmcbus/config.h>
 #include <yetanotherthreadpool.hpp>
 
 #include <boost/asio/post.hpp>
@@ -156,7 +157,7 @@ int Run(const std::string& who, unsigned long workers, long tasks)
                     pool.Add(task);
                 });
     }
-    else if (who == "asio")
+    else if (who == "asio" && BMCBUS_ASIO_DISABLE_THREADS == 0) // else it makes no threads
     {
         boost::asio::thread_pool pool(workers);
         Measure(tasks,
