@@ -7,10 +7,11 @@
  * sdbusplus has renamed its types more than once. The names below are aliases of the very types
  * that the installed generation uses, so `bmcbus::Bus&` takes an object declared as
  * `sdbusplus::bus::bus` or `sdbusplus::bus_t`, whichever spelling that generation knows.
+ *
+ * Nothing here needs `<sdbusplus/bus/match.hpp>`, which g++ 12 rejects in recent generations.
  */
 
 #include <sdbusplus/bus.hpp>
-#include <sdbusplus/bus/match.hpp>
 #include <sdbusplus/exception.hpp>
 #include <sdbusplus/message.hpp>
 
