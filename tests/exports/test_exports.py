@@ -30,6 +30,8 @@ RENAMED = (
     (r", \d+ul?(?=>)", ""), # the extent of a span
     (r"@.*", ""),
 )
+# What asio looks for in an io_context, which library and program share; each release has its own.
+SERVICES = "typeinfo for boost::asio::detail::typeid_wrapper<"
 
 
 def spelled(name, wide):
@@ -70,7 +72,8 @@ def exported(library):
         ["nm", "-D", "--defined-only", "-C", library], capture_output=True, text=True, check=True
     )
     names = (line.split(" ", 2) for line in listed.stdout.splitlines())
-    return {spelled(name, wide) for _, kind, name in names if kind != "A"}, wide
+    ours = (name for _, kind, name in names if kind != "A" and not name.startswith(SERVICES))
+    return {spelled(name, wide) for name in ours}, wide
 
 
 def sections(text):
