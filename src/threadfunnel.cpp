@@ -93,7 +93,7 @@ void HoldMainLock()
 
 void ReleaseMainLock()
 {
-    if (sendsHeld == 0 || --sendsHeld != 0)
+    if (sendsHeld != 0 && --sendsHeld != 0)
     {
         return;
     }
@@ -541,6 +541,13 @@ void HoldMainLockInFork()
     HoldMainLock();
 }
 
+// Whether the calling handler is the last one of its fork. Somebody may call it by hand, with locks
+// that no handler took.
+bool EndsFork()
+{
+    return handlersEntered == 0 || --handlersEntered == 0;
+}
+
 // In a child whose copy of the locks is of no use. Whatever was locked stays so, so begin anew.
 void StartAfresh()
 {
@@ -624,7 +631,10 @@ void HoldSends()
 
 void ReleaseSends()
 {
-    ReleaseMainLock();
+    if (sendsHeld != 0)
+    {
+        ReleaseMainLock();
+    }
 }
 
 // The funnel's own handlers take no part in a fork that began before another thread had registered
@@ -831,7 +841,7 @@ void TF_atfork_prepare()
 void TF_atfork_parent()
 {
     BMCBUS_LOG(trace, "enter");
-    if (--handlersEntered != 0)
+    if (!EndsFork())
     {
         return;
     }
@@ -843,7 +853,7 @@ void TF_atfork_parent()
 void TF_atfork_child()
 {
     BMCBUS_LOG(trace, "enter");
-    if (--handlersEntered != 0)
+    if (!EndsFork())
     {
         return;
     }

@@ -71,6 +71,12 @@ TEST_F(FunnelFork, BothSidesKeepWorking)
     owc_tid_valid = false;
     EXPECT_TRUE(SendRuns());
     EXPECT_TRUE(pthread_equal(funnel_tid, before));
+    // Called by hand the handler releases what the caller took.
+    TF_lock();
+    TF_deadlock_lock();
+    TF_cond_lock();
+    TF_atfork_parent();
+    EXPECT_TRUE(InChild(SendRuns) && SendRuns());
 }
 
 TEST_F(FunnelFork, ChildLogsWhatItForgets)
