@@ -2,6 +2,7 @@
 
 #include "channel_loops.hpp"
 #include "faults.hpp"
+#include "in_child.hpp"
 #include "log_recorder.hpp"
 #include "sanitizer.hpp"
 
@@ -16,30 +17,12 @@ namespace
 {
 
 using test::Channel;
+using test::childSeconds;
+using test::ExitOfChild;
 
 // The recorder's own fork handlers are registered with its first use. The channel's come later and
 // so find it unlocked in a child.
 const bool recorderFirst = (test::ClearLog(), true);
-
-constexpr int childSeconds = 120; // a child that hangs is ended by its alarm
-
-// What the child's `work` returned, or a number above 1000.
-template <class Work>
-int InChild(Work work)
-{
-    const pid_t child = fork();
-    if (child == 0)
-    {
-        alarm(childSeconds);
-        _exit(work());
-    }
-    int status = 0;
-    if (waitpid(child, &status, 0) != child)
-    {
-        return 1001;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 2000 + status;
-}
 
 template <class Loop>
 bool Runs(Loop& loop)
@@ -83,7 +66,7 @@ int UseFreshChannel(int generations)
         return 3;
     }
     return generations == 0 ? 0
-                            : 10 * InChild(
+                            : 10 * ExitOfChild(
                                        [=]
                                        {
                                            return UseFreshChannel<Loop>(generations - 1);
@@ -159,7 +142,7 @@ TYPED_TEST(ForkTest, LeavesBothSidesWorking)
     Producers producers;
     for (int round = 0; round < 100; ++round)
     {
-        ASSERT_EQ(InChild(
+        ASSERT_EQ(ExitOfChild(
                       []
                       {
                           return UseFreshChannel<TypeParam>(1);
@@ -186,7 +169,7 @@ TYPED_TEST(ForkTest, MayComeFromAnotherThread)
         {
             for (int round = 0; round < 100 && !stop; ++round)
             {
-                EXPECT_EQ(InChild(
+                EXPECT_EQ(ExitOfChild(
                               []
                               {
                                   return UseFreshChannel<TypeParam>(0);
@@ -254,7 +237,7 @@ using ForkWithAsio = ForkTest<test::AsioLoop>;
 TEST_F(ForkWithAsio, LetsTheChildKeepItsContext)
 {
     loop.io.notify_fork(boost::asio::io_context::fork_prepare);
-    EXPECT_EQ(InChild(
+    EXPECT_EQ(ExitOfChild(
                   [&]
                   {
                       loop.io.notify_fork(boost::asio::io_context::fork_child);
@@ -273,7 +256,7 @@ using ForkWithZLoop = ForkTest<test::ZLoop>;
 // The child's copy of the reactor still has the parent's poller.
 TEST_F(ForkWithZLoop, LetsTheChildKeepItsReactor)
 {
-    EXPECT_EQ(InChild(
+    EXPECT_EQ(ExitOfChild(
                   [&]
                   {
                       return loop.Register(nullptr) == 0 && Runs(loop) ? 0 : 1;
@@ -291,10 +274,10 @@ TEST_F(ForkWithSdEvent, RegistersAFlatSdEventOncePerLineage)
         const test::SdEventLoop own;
         return OneWayChannel_RegisterSDEvent(own.raw, nullptr);
     };
-    EXPECT_EQ(InChild(
+    EXPECT_EQ(ExitOfChild(
                   [&]
                   {
-                      return enroll() == 5 ? 5 : InChild(enroll);
+                      return enroll() == 5 ? 5 : ExitOfChild(enroll);
                   }),
               2);
 }
@@ -303,7 +286,7 @@ TEST_F(ForkWithSdEvent, RegistersAFlatSdEventOncePerLineage)
 TEST_F(ForkWithSdEvent, ChannelWithoutAPipeIsTriedAgain)
 {
     EXPECT_EQ(
-        InChild(
+        ExitOfChild(
             []
             {
                 test::ClearLog();

@@ -2,9 +2,10 @@
 
 // Support for tests of code that blocks: nothing here may hang for ever.
 
+#include "in_child.hpp"
+
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -51,20 +52,17 @@ inline bool Eventually(const std::function<bool()>& condition)
 // child ended otherwise.
 inline bool InChild(const std::function<bool()>& body, pid_t (*makeChild)() = fork)
 {
-    const pid_t child = makeChild();
-    if (child == 0)
+    const int result = ExitOfChild(
+        [&]
+        {
+            return body() ? 0 : 1;
+        },
+        makeChild);
+    if (result != 0)
     {
-        alarm(boundSeconds);
-        _exit(body() ? 0 : 1);
+        std::fprintf(stderr, "a child of %d ended with %d\n", getpid(), result);
     }
-    int status = -1;
-    const bool done = child > 0 && waitpid(child, &status, 0) == child && status == 0;
-    if (!done)
-    {
-        std::fprintf(stderr, "child %d of %d: wait status %#x\n", child, getpid(),
-                     static_cast<unsigned int>(status));
-    }
-    return done;
+    return result == 0;
 }
 
 } // namespace test
