@@ -43,6 +43,13 @@ static_assert(Creatable<Text> && Creatable<Text, Callback, void*> && Creatable<T
 // A callback alone must not become the flag, nor must a null service.
 static_assert(!Creatable<Text, Callback> && !Creatable<Text, std::string, Callback> &&
               !Creatable<Text, Text, Callback> && !Creatable<Text, std::nullptr_t>);
+static_assert(!Creatable<Text, decltype([](Fan*, void*) {})>);
+// A literal 0 is the flag, not a null pointer.
+// NOLINTBEGIN(modernize-use-bool-literals)
+static_assert(std::same_as<Fan*, decltype(Fan::Create("/", 0))> &&
+              std::same_as<Fan*, decltype(Fan::Create("/", "com.example.Fans", 0))>);
+// NOLINTEND(modernize-use-bool-literals)
+static_assert(Creatable<Text, std::nullptr_t, std::nullptr_t>);
 static_assert(!std::copy_constructible<Fan> && !std::movable<Fan> &&
               !std::copy_constructible<FanSignal> && !std::copy_constructible<FanEdge>);
 static_assert(!std::is_polymorphic_v<Fan> && !std::is_polymorphic_v<FanSignal>);
