@@ -119,6 +119,28 @@ TEST_F(Threads, ReadAndWriteWhileSignalsAreHandled)
     EXPECT_GT(calls, 0U);
 }
 
+TEST_F(Threads, HoldTheMutexAroundSeveralValues)
+{
+    Fan fan(fanPath, fanService);
+    Run(
+        [&](int number)
+        {
+            const auto value = static_cast<uint8_t>(number);
+            for (int i = 0; i < rounds; ++i)
+            {
+                {
+                    const std::lock_guard lock(fan.object_mutex);
+                    fan.SetLocked_fanCount(value);
+                    fan.SetByNameLocked("fanPWMData", FanMap{{"fan", {value, 0, 0, true}}});
+                }
+                uint8_t count = 0;
+                FanMap map;
+                fan.Get(count, map);
+                EXPECT_EQ(std::get<0>(map.at("fan")), count);
+            }
+        });
+}
+
 // The handlers are public; whoever calls them has messages from elsewhere.
 TEST_F(Threads, HandleTheirOwnMessages)
 {
