@@ -187,35 +187,37 @@ void StoreAll(void* object, const CachedClass& about, PropertyMap& values, const
     }
 }
 
-// One reply or one borrowed list, as the completion of the first read sees it.
-template <class Entries, class Name, class Store>
-void Complete(void* object, const CachedClass& about, bool success, Entries&& entries, Name name,
-              Store store)
+constexpr const char* completion = "GetPropertiesAsyncCallback";
+
+// The frame of the first read's completion; `store` stores all there is with StoreRead.
+template <class Store>
+void Complete(void* object, const CachedClass& about, bool success, bool empty, Store store)
 {
-    static constexpr const char* function = "GetPropertiesAsyncCallback";
     try
     {
-        CLIENT_LOG(trace, about.label, function, "success=%d", success ? 1 : 0);
+        CLIENT_LOG(trace, about.label, completion, "success=%d", success ? 1 : 0);
         if (!success)
         {
             return;
         }
-        if (entries.empty())
+        if (empty)
         {
-            CLIENT_LOG(trace, about.label, function, "empty");
+            CLIENT_LOG(trace, about.label, completion, "empty");
             return;
         }
-        for (auto& entry : entries)
-        {
-            CLIENT_LOG(trace, about.label, function, "pname=[%s]", name(entry));
-            store(entry);
-        }
+        store();
         SetReady(object, about);
     }
     catch (const std::exception& error)
     {
-        LogException(about.label, function, "", error);
+        LogException(about.label, completion, "", error);
     }
+}
+
+void StoreRead(void* object, const CachedClass& about, std::string_view name, const Source& source)
+{
+    CLIENT_LOG(trace, about.label, completion, "pname=[%s]", name.data());
+    SetNamed(object, about, name, true, source);
 }
 
 // The reply to the asynchronous first read.
@@ -242,16 +244,15 @@ int OnGetAll(sd_bus_message* message, void* user_data, sd_bus_error* /*error*/) 
                       auto& from = *static_cast<Answer*>(self);
                       void* object = from.anchor.object();
                       const CachedClass& about = About(from.anchor);
-                      Complete(
-                          object, about, success, from.values.entries(),
-                          [](const PropertyMap::Entry& entry)
-                          {
-                              return entry.name;
-                          },
-                          [&](PropertyMap::Entry& entry)
-                          {
-                              SetNamed(object, about, entry.name, true, Source(entry.value));
-                          });
+                      std::vector<PropertyMap::Entry>& entries = from.values.entries();
+                      Complete(object, about, success, entries.empty(),
+                               [&]
+                               {
+                                   for (PropertyMap::Entry& entry : entries)
+                                   {
+                                       StoreRead(object, about, entry.name, Source(entry.value));
+                                   }
+                               });
                   }});
 }
 
@@ -473,19 +474,17 @@ void ServiceIsSet(void* object, const CachedClass& about)
     }
 }
 
-void PropertiesRead(void* object, const CachedClass& about, bool success,
-                    std::span<const NamedRef> values)
+void PropertiesRead(void* object, const CachedClass& about, bool success, const NamedRefs& values)
 {
-    Complete(
-        object, about, success, values,
-        [](const NamedRef& entry)
-        {
-            return entry.name.data();
-        },
-        [&](const NamedRef& entry)
-        {
-            SetNamed(object, about, entry.name, true, Source(entry.value));
-        });
+    Complete(object, about, success, values.size == 0,
+             [&]
+             {
+                 for (size_t left = values.size; left > 0; --left)
+                 {
+                     const NamedRef entry = values.next(values.position);
+                     StoreRead(object, about, entry.name, Source(entry.value));
+                 }
+             });
 }
 
 void Changed(void* object, const CachedClass& about, sd_bus_message* message)

@@ -250,6 +250,19 @@ TEST_F(OutOfMemory, InTheBlockingFirstRead)
             });
         EXPECT_GE(allocations, twoFans.size());
         EXPECT_EQ(fan.Get_fanPWMData(), twoFans);
+        // The completion copies what a caller gives it, and nothing else takes memory.
+        std::map<std::string, Fan::Variant> values = {{"fanPWMData", twoFans}};
+        FailEach(
+            [&]
+            {
+                fan.Set_fanPWMData(FanMap{});
+                Fan::GetPropertiesAsyncCallback(true, values, &fan);
+            },
+            []
+            {
+                ExpectException("Set_fanPWMData");
+            });
+        EXPECT_EQ(fan.Get_fanPWMData(), twoFans);
     }
     test::ClearLog();
     EXPECT_EQ(live, before);

@@ -46,21 +46,29 @@ struct NamedRef
     ConstRef value;
 };
 
+/** All of them in order, one with every call of `next`. */
+struct NamedRefs
+{
+    size_t size;
+    NamedRef (*next)(void* position);
+    void* position;
+};
+
 BMCBUS_EXPORT void PropertiesRead(void* object, const CachedClass& about, bool success,
-                                  std::span<const NamedRef> values);
+                                  const NamedRefs& values);
 
 /** The same for a map of variants. */
 template <class Variant>
 void PropertiesRead(void* object, const CachedClass& about, bool success,
                     const std::map<std::string, Variant>& values)
 {
-    std::vector<NamedRef> list(values.size());
-    auto next = list.begin();
-    for (const auto& [name, value] : values)
+    auto position = values.begin();
+    const auto next = [](void* at)
     {
-        *next++ = {name, Held(value)};
-    }
-    PropertiesRead(object, about, success, list);
+        const auto& [name, value] = *(*static_cast<decltype(position)*>(at))++;
+        return NamedRef{name, Held(value)};
+    };
+    PropertiesRead(object, about, success, NamedRefs{values.size(), next, &position});
 }
 
 BMCBUS_EXPORT void Changed(void* object, const CachedClass& about, sd_bus_message* message);
