@@ -16,8 +16,8 @@
 namespace
 {
 
+using test::boundSeconds;
 using test::Channel;
-using test::childSeconds;
 using test::ExitOfChild;
 
 // The recorder's own fork handlers are registered with its first use. The channel's come later and
@@ -205,7 +205,7 @@ TYPED_TEST(ForkTest, MayComeFromAMessage)
             child = fork();
             if (child == 0)
             {
-                alarm(childSeconds);
+                alarm(boundSeconds);
                 inChild = UseFreshChannel<TypeParam>(1);
             }
             return 0;

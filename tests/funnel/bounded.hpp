@@ -15,9 +15,6 @@
 namespace test
 {
 
-// Far beyond what the slowest machine under emulation and a sanitizer needs.
-inline constexpr unsigned int boundSeconds = 120;
-
 // A test that gets stuck is ended by SIGALRM. Children of fork() inherit no alarm and set their
 // own.
 class Bounded : public testing::Test

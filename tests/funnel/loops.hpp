@@ -63,11 +63,14 @@ class LoopThread
                 const std::unique_ptr<Loop> loop = make(); // ends its registration with itself
                 loop->Register();
                 registered.count_down();
-                loop->Run(
-                    [this]
-                    {
-                        return stop;
-                    });
+                while (!stop) // a test may take longer than one wait does
+                {
+                    loop->Run(
+                        [this]
+                        {
+                            return stop;
+                        });
+                }
             });
         registered.wait();
     }

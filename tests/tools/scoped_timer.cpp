@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <limits>
 #include <string>
@@ -53,12 +55,13 @@ extern "C" int clock_gettime(clockid_t id, timespec* now) noexcept
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && !defined(__clang__)
-extern "C" void* __libc_calloc(size_t count, size_t size);
-
 extern "C" void* calloc(size_t count, size_t size) noexcept
 {
+    // Read anew, or the compiler makes the two steps a call of this function.
+    static void* (*volatile allocate)(size_t) = std::malloc;
     ++allocations;
-    return memoryIsOut ? nullptr : __libc_calloc(count, size);
+    void* const memory = memoryIsOut ? nullptr : allocate(count * size);
+    return memory == nullptr ? nullptr : std::memset(memory, 0, count * size);
 }
 #endif
 
