@@ -140,7 +140,7 @@ TYPED_TEST(ForkTest, LeavesBothSidesWorking)
 {
     SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
     Producers producers;
-    for (int round = 0; round < 100; ++round)
+    for (int round = 0; round < test::manyForks; ++round)
     {
         ASSERT_EQ(ExitOfChild(
                       []
@@ -167,7 +167,7 @@ TYPED_TEST(ForkTest, MayComeFromAnotherThread)
     std::thread forking(
         [&]
         {
-            for (int round = 0; round < 100 && !stop; ++round)
+            for (int round = 0; round < test::manyForks && !stop; ++round)
             {
                 EXPECT_EQ(ExitOfChild(
                               []

@@ -107,7 +107,6 @@ TEST_F(FunnelFork, ChildLogsWhatItForgets)
 TEST_F(FunnelFork, ManyTimesWhileOthersSend)
 {
     SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
-    constexpr int forks = 100;
     constexpr int senders = 4;
     std::atomic<bool> stop{false};
     std::atomic<int> refused{0};
@@ -124,7 +123,7 @@ TEST_F(FunnelFork, ManyTimesWhileOthersSend)
             });
     }
     int failed = 0;
-    for (int i = 0; i < forks; ++i)
+    for (int i = 0; i < test::manyForks; ++i)
     {
         failed += InChild(
                       []

@@ -20,8 +20,6 @@ using test::LoopThread;
 using test::MakeLoop;
 using test::Runs;
 
-constexpr int forks = 100;
-
 // Threads that send over the channel and through the funnel until they are stopped.
 class Senders
 {
@@ -104,7 +102,7 @@ TEST_P(ForkOverChannel, WhileOthersSend)
     const LoopThread loop(GetParam());
     Senders senders;
     int failed = 0;
-    for (int i = 0; i < forks; ++i)
+    for (int i = 0; i < test::manyForks; ++i)
     {
         failed += ChildAndGrandchildWork(GetParam()) ? 0 : 1;
     }
@@ -122,11 +120,11 @@ TEST_P(ForkOverChannel, OnTheLoopsThreadWhileOthersWaitForIt)
     {
         MakeLoop make;
         int failed = 0;
-        std::latch left{forks};
+        std::latch left{test::manyForks};
     } state{.make = GetParam()};
     const LoopThread loop(state.make);
     Senders senders;
-    for (int i = 0; i < forks; ++i)
+    for (int i = 0; i < test::manyForks; ++i)
     {
         OneWayChannel_Execute(
             [](void*, void* data, unsigned long)

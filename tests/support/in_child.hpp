@@ -19,10 +19,14 @@
 namespace test
 {
 
-// Far beyond what the slowest machine under emulation and a sanitizer needs. A memory checker,
-// which looks at all memory at each child's end, says so itself.
-inline const unsigned int boundSeconds =
-    std::getenv("BMCBUS_MEMORY_CHECKER") == nullptr ? 120 : 1800;
+// A memory checker says so itself: it looks at all memory at each child's end, which takes seconds.
+inline const bool memoryChecker = std::getenv("BMCBUS_MEMORY_CHECKER") != nullptr;
+
+// Far beyond what the slowest machine under emulation and a sanitizer needs.
+inline const unsigned int boundSeconds = memoryChecker ? 1200 : 120;
+
+// How often to fork where it must go well again and again.
+inline const int manyForks = memoryChecker ? 5 : 100;
 
 // Whether a program of 32 bits waits for a lock that lies beyond its addresses: one of the emulator
 // that runs it. A user-mode emulator does not put its locks in order in a child, so one that
