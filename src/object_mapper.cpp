@@ -1,41 +1,17 @@
 #include <object_mapper.hpp>
 
 #include "bus.hpp"
-#include "deadline.hpp"
-#include "log.hpp"
-#include "object_mapper_lookup.hpp"
+#include "object_mapper_internal.hpp"
 
-#include <cerrno>
 #include <exception>
-#include <memory>
-#include <stdexcept>
-#include <utility>
+
+// The blocking questions.
 
 namespace ObjectMapper
 {
-namespace
-{
 
-using Wrappers::CallbackRecord;
-using Wrappers::GetObjectCallback;
-using Wrappers::GetObjectCallback2;
-using Wrappers::ServiceCallback;
-using Wrappers::ServiceCallback2;
-using Wrappers::ServiceMap;
-using Wrappers::SubTreeMap;
-
-using Names = std::list<std::string>;
-
-constexpr const char* mapperService = "xyz.openbmc_project.ObjectMapper";
-constexpr const char* mapperPath = "/xyz/openbmc_project/object_mapper";
-constexpr const char* mapperInterface = "xyz.openbmc_project.ObjectMapper";
-
-// Lines of a function that is not the one being compiled.
-#define LOG_FOR(function, level, text, ...)                                                        \
-    BMCBUS_LOG_AS(level, bmcbus::log::librarySource, function, text __VA_OPT__(, ) __VA_ARGS__)
-
-void LogObjectFailure(const char* function, const std::exception& e, const std::string& path,
-                      const Names& interfaces)
+void internal::LogObjectFailure(const char* function, const std::exception& e,
+                                const std::string& path, const Names& interfaces)
 {
     LOG_FOR(function, error, "ex: %s", e.what());
     LOG_FOR(function, error, " path: %s", path.c_str());
@@ -44,6 +20,15 @@ void LogObjectFailure(const char* function, const std::exception& e, const std::
         LOG_FOR(function, error, " interface: %s", interface.c_str());
     }
 }
+
+namespace
+{
+
+using internal::LogObjectFailure;
+using internal::Names;
+using internal::Read;
+using Wrappers::ServiceMap;
+using Wrappers::SubTreeMap;
 
 void LogListed(const char* function, const Names& interfaces)
 {
@@ -69,14 +54,6 @@ void LogAncestorsFailure(const char* function, const std::exception& e, const st
     LogListed(function, interfaces);
 }
 
-template <class Result>
-Result Read(sd_bus_message* reply)
-{
-    Result result;
-    bmcbus::client::Read(reply, result);
-    return result;
-}
-
 // One question and its answer. `depth` is null for questions without one.
 bmcbus::MessageRef Ask(const char* question, const std::string& path, const int* depth,
                        const Names& interfaces)
@@ -84,7 +61,8 @@ bmcbus::MessageRef Ask(const char* question, const std::string& path, const int*
     using bmcbus::client::Append;
     const bmcbus::BusRef bus = bmcbus::DefaultBus();
     const bmcbus::MessageRef call =
-        bmcbus::NewCall(bus.get(), mapperService, mapperPath, mapperInterface, question);
+        bmcbus::NewCall(bus.get(), internal::mapperService, internal::mapperPath,
+                        internal::mapperInterface, question);
     Append(call.get(), path);
     if (depth != nullptr)
     {
@@ -200,415 +178,5 @@ void Wrappers::PathAndInterfaceToService2(const std::string& path, const std::st
         throw;
     }
 }
-
-// Asynchronous questions: the request.
-
-namespace
-{
-
-// What a pending call carries. The reply handler frees it before it calls back; the slot does when
-// there is no reply handler any more: cancelled, or the connection went away.
-template <class Callback>
-struct Pending : CallbackRecord<Callback>
-{
-    void (*dropContext)(void*); // frees a context of our own; null for the caller's
-    bmcbus::Deadline deadline;
-
-    static void Drop(void* pending)
-    {
-        const std::unique_ptr<Pending> owned(static_cast<Pending*>(pending));
-        if (owned && owned->dropContext != nullptr)
-        {
-            owned->dropContext(owned->context);
-        }
-    }
-};
-
-// The two forms of the request: whose name its lines carry, and who takes the reply.
-template <class Callback>
-struct Form;
-
-template <>
-struct Form<GetObjectCallback>
-{
-    static constexpr const char* function = "GetObjectAsync";
-    static constexpr auto handle = Wrappers::Internal_GetObjectAsync_Callback;
-};
-
-template <>
-struct Form<GetObjectCallback2>
-{
-    static constexpr const char* function = "GetObjectAsync2";
-    static constexpr auto handle = Wrappers::Internal_GetObjectAsync_Callback2;
-};
-
-// What sd-bus calls. An exception that is none of ours ends the process here instead of leaving the
-// connection half-way through a dispatch.
-template <class Callback>
-int OnReply(sd_bus_message* reply, void* record, sd_bus_error* error) noexcept
-{
-    return Form<Callback>::handle(reply, record, error);
-}
-
-// A step of putting the request together; failing, it is named in a line and in the exception.
-#define REQUIRE(function, step, result)                                                            \
-    do                                                                                             \
-    {                                                                                              \
-        const int irv = (result);                                                                  \
-        if (irv < 0)                                                                               \
-        {                                                                                          \
-            LOG_FOR(function, error, step " returned an error, irv=%d", irv);                      \
-            throw std::runtime_error(step " returned an error");                                   \
-        }                                                                                          \
-    } while (false)
-
-void AppendText(const char* function, sd_bus_message* call, const std::string& text)
-{
-    REQUIRE(function, "sd_bus_message_append",
-            bmcbus::IsBusText(text) ? sd_bus_message_append(call, "s", text.c_str()) : -EINVAL);
-}
-
-bmcbus::MessageRef NewGetObject(const char* function, sd_bus* bus, const std::string& path,
-                                const Names& interfaces)
-{
-    sd_bus_message* raw = nullptr;
-    REQUIRE(function, "sd_bus_message_new_method_call",
-            sd_bus_message_new_method_call(bus, &raw, mapperService, mapperPath, mapperInterface,
-                                           "GetObject"));
-    if (raw == nullptr)
-    {
-        LOG_FOR(function, error, "sd_bus_message_new_method_call returned a NULL message");
-        throw std::runtime_error("d_bus_message_new_method_call returned a NULL message");
-    }
-    bmcbus::MessageRef call(raw);
-    AppendText(function, raw, path);
-    REQUIRE(function, "sd_bus_message_open_container",
-            sd_bus_message_open_container(raw, SD_BUS_TYPE_ARRAY, "s"));
-    for (const std::string& interface : interfaces)
-    {
-        AppendText(function, raw, interface);
-    }
-    REQUIRE(function, "sd_bus_message_close_container", sd_bus_message_close_container(raw));
-    return call;
-}
-
-template <class Callback>
-bmcbus::Slot Queue(sd_bus* bus, const std::string& path, const Names& interfaces,
-                   const CallbackRecord<Callback>& record, void (*dropContext)(void*))
-{
-    constexpr const char* function = Form<Callback>::function;
-    auto pending = std::make_unique<Pending<Callback>>(Pending<Callback>{record, dropContext, {}});
-    const bmcbus::MessageRef call = NewGetObject(function, bus, path, interfaces);
-    pending->deadline = bmcbus::Deadline(bus);
-    sd_bus_slot* raw = nullptr;
-    REQUIRE(function, "sd_bus_call_async",
-            sd_bus_call_async(bus, &raw, call.get(), OnReply<Callback>, pending.get(), 0));
-    bmcbus::Slot slot(raw);
-    sd_bus_slot_set_destroy_callback(raw, Pending<Callback>::Drop);
-    static_cast<void>(pending.release());
-    return slot;
-}
-
-// Waits until a new connection is up: if nobody else holds it, what is only queued never goes out.
-// One that is dead or inherited is left to the steps of the request, which name it.
-bmcbus::BusRef HoldDefaultBus(const char* function)
-{
-    sd_bus* raw = nullptr;
-    REQUIRE(function, "sd_bus_default_system", sd_bus_default_system(&raw));
-    bmcbus::BusRef bus(raw);
-    const char* name = nullptr;
-    static_cast<void>(sd_bus_get_unique_name(raw, &name));
-    return bus;
-}
-
-#undef REQUIRE
-
-template <class Callback>
-bmcbus::Slot QueueOnDefault(const std::string& path, const Names& interfaces,
-                            const CallbackRecord<Callback>& record, void (*dropContext)(void*))
-try
-{
-    const bmcbus::BusRef bus = HoldDefaultBus(Form<Callback>::function);
-    return Queue(bus.get(), path, interfaces, record, dropContext);
-}
-catch (const std::exception& e)
-{
-    LogObjectFailure(Form<Callback>::function, e, path, interfaces);
-    throw;
-}
-
-template <class Callback>
-bmcbus::Slot QueueOn(sd_bus* bus, const std::string& path, const Names& interfaces,
-                     const CallbackRecord<Callback>& record)
-try
-{
-    return Queue(bus, path, interfaces, record, nullptr);
-}
-catch (const std::exception& e)
-{
-    LogObjectFailure(Form<Callback>::function, e, path, interfaces);
-    throw;
-}
-
-// Leaves a pending call to its connection: it can no longer be cancelled.
-void Detach(bmcbus::Slot slot)
-{
-    sd_bus_slot_set_floating(slot.get(), 1);
-}
-
-// Queues GetObject for one interface, to be answered to a callback that takes a service name.
-template <class ServiceForm, class ObjectForm>
-bmcbus::Slot QueueLookup(const char* function, const std::string& path,
-                         const std::string& interface, ObjectForm choose,
-                         const CallbackRecord<ServiceForm>& record)
-try
-{
-    using Record = CallbackRecord<ServiceForm>;
-    auto context = std::make_unique<Record>(record);
-    bmcbus::Slot slot = QueueOnDefault<ObjectForm>(path, {interface}, {choose, context.get()},
-                                                   [](void* own)
-                                                   {
-                                                       delete static_cast<Record*>(own);
-                                                   });
-    static_cast<void>(context.release());
-    return slot;
-}
-catch (const std::exception& e)
-{
-    LOG_FOR(function, error, "ex: %s", e.what());
-    LOG_FOR(function, error, " path: %s", path.c_str());
-    throw;
-}
-
-} // namespace
-
-namespace Wrappers
-{
-
-void GetObjectAsync(bmcbus::Bus& bus, const std::string& path, const Names& interfaces,
-                    GetObjectCallback callback, void* context)
-{
-    Detach(
-        QueueOn<GetObjectCallback>(bmcbus::Connection(bus), path, interfaces, {callback, context}));
-}
-
-void GetObjectAsync(const std::string& path, const Names& interfaces, GetObjectCallback callback,
-                    void* context)
-{
-    Detach(QueueOnDefault<GetObjectCallback>(path, interfaces, {callback, context}, nullptr));
-}
-
-void GetObjectAsync2(bmcbus::Bus& bus, const std::string& path, const Names& interfaces,
-                     GetObjectCallback2 callback, void* context)
-{
-    Detach(QueueOn<GetObjectCallback2>(bmcbus::Connection(bus), path, interfaces,
-                                       {callback, context}));
-}
-
-void GetObjectAsync2(const std::string& path, const Names& interfaces, GetObjectCallback2 callback,
-                     void* context)
-{
-    Detach(QueueOnDefault<GetObjectCallback2>(path, interfaces, {callback, context}, nullptr));
-}
-
-void PathAndInterfaceToServiceAsync(const std::string& path, const std::string& interface,
-                                    ServiceCallback callback, void* context)
-{
-    Detach(internal::LookupServiceAsync(path, interface, callback, context));
-}
-
-void PathAndInterfaceToServiceAsync2(const std::string& path, const std::string& interface,
-                                     ServiceCallback2 callback, void* context)
-{
-    Detach(QueueLookup<ServiceCallback2>("PathAndInterfaceToServiceAsync2", path, interface,
-                                         Internal_PathAndInterfaceToServiceAsync_Callback2,
-                                         {callback, context}));
-}
-
-} // namespace Wrappers
-
-bmcbus::Slot internal::LookupServiceAsync(const std::string& path, const std::string& interface,
-                                          ServiceCallback callback, void* context)
-{
-    return QueueLookup<ServiceCallback>("PathAndInterfaceToServiceAsync", path, interface,
-                                        Wrappers::Internal_PathAndInterfaceToServiceAsync_Callback,
-                                        {callback, context});
-}
-
-// Asynchronous questions: the answer.
-
-namespace
-{
-
-// The four kinds of callback behind one call: what does not concern a kind is left out.
-void Complete(const CallbackRecord<GetObjectCallback>& to, bool success, bool, ServiceMap& services)
-{
-    to.callback(success, services, to.context);
-}
-
-void Complete(const CallbackRecord<GetObjectCallback2>& to, bool success, bool timedOut,
-              ServiceMap& services)
-{
-    to.callback(success, timedOut, services, to.context);
-}
-
-void Complete(const CallbackRecord<ServiceCallback>& to, bool success, bool, std::string& service)
-{
-    to.callback(success, service, to.context);
-}
-
-void Complete(const CallbackRecord<ServiceCallback2>& to, bool success, bool timedOut,
-              std::string& service)
-{
-    to.callback(success, timedOut, service, to.context);
-}
-
-// Tells of a failure, where an exception has nowhere to go but the log.
-template <class Nothing, class Callback>
-void CompleteFailed(const char* function, const CallbackRecord<Callback>& to, bool timedOut)
-{
-    Nothing none;
-    try
-    {
-        Complete(to, false, timedOut, none);
-    }
-    catch (const std::exception& e)
-    {
-        LOG_FOR(function, error, "ex: %s", e.what());
-    }
-}
-
-// Copies the record of a pending call and frees it. A record that we did not queue ourselves is a
-// plain one; nothing is known of its deadline.
-template <class Callback>
-Pending<Callback> Take(sd_bus_message* reply, void* record)
-{
-    sd_bus_slot* slot = sd_bus_get_current_slot(sd_bus_message_get_bus(reply));
-    sd_bus_destroy_t drop = nullptr;
-    if (slot != nullptr && sd_bus_slot_get_userdata(slot) == record)
-    {
-        sd_bus_slot_get_destroy_callback(slot, &drop);
-    }
-    if (drop == Pending<Callback>::Drop)
-    {
-        sd_bus_slot_set_userdata(slot, nullptr);
-        return *std::unique_ptr<Pending<Callback>>(static_cast<Pending<Callback>*>(record));
-    }
-    using Record = CallbackRecord<Callback>;
-    return {*std::unique_ptr<Record>(static_cast<Record*>(record)), nullptr, {}};
-}
-
-// sd-bus names its own timeout of a queued call as it names a peer that went away.
-bool TimedOut(const sd_bus_error* error, const bmcbus::Deadline& deadline)
-{
-    return sd_bus_error_has_name(error, SD_BUS_ERROR_TIMEOUT) != 0 ||
-           (sd_bus_error_has_name(error, SD_BUS_ERROR_NO_REPLY) != 0 && deadline.Passed());
-}
-
-void LogErrorReply(const char* function, const sd_bus_error* reply)
-{
-    if (reply->name != nullptr)
-    {
-        LOG_FOR(function, error, "error name=[%s]", reply->name);
-    }
-    if (reply->message != nullptr)
-    {
-        LOG_FOR(function, error, "error message=[%s]", reply->message);
-    }
-}
-
-void LogServices(const char* function, const ServiceMap& services)
-{
-    for (const auto& [service, interfaces] : services)
-    {
-        LOG_FOR(function, info, "results service=[%s]", service.c_str());
-        for (const std::string& interface : interfaces)
-        {
-            LOG_FOR(function, info, "results interface=[%s]", interface.c_str());
-        }
-    }
-}
-
-template <class Callback>
-int HandleReply(const char* function, sd_bus_message* reply, void* record, bool logServices)
-{
-    const Pending<Callback> pending = Take<Callback>(reply, record);
-    if (const sd_bus_error* error = sd_bus_message_get_error(reply))
-    {
-        const bool timedOut = TimedOut(error, pending.deadline);
-        LogErrorReply(function, error);
-        CompleteFailed<ServiceMap>(function, pending, timedOut);
-        return 1;
-    }
-    try
-    {
-        auto services = Read<ServiceMap>(reply);
-        if (logServices)
-        {
-            LogServices(function, services);
-        }
-        Complete(pending, true, false, services);
-        return 1;
-    }
-    catch (const std::exception& e)
-    {
-        LOG_FOR(function, error, "ex: %s", e.what());
-    }
-    CompleteFailed<ServiceMap>(function, pending, false);
-    return 1;
-}
-
-template <class Callback>
-void ChooseService(const char* function, bool timedOut, const ServiceMap& services, void* record)
-{
-    using Record = CallbackRecord<Callback>;
-    const Record to = *std::unique_ptr<Record>(static_cast<Record*>(record));
-    try
-    {
-        for (const auto& entry : services)
-        {
-            if (!entry.first.empty())
-            {
-                std::string service = entry.first;
-                Complete(to, true, false, service);
-                return;
-            }
-        }
-    }
-    catch (const std::exception& e)
-    {
-        LOG_FOR(function, error, "ex: %s", e.what());
-    }
-    CompleteFailed<std::string>(function, to, timedOut);
-}
-
-} // namespace
-
-namespace Wrappers
-{
-
-int Internal_GetObjectAsync_Callback(sd_bus_message* reply, void* record, sd_bus_error* /*error*/)
-{
-    return HandleReply<GetObjectCallback>(__func__, reply, record, false);
-}
-
-int Internal_GetObjectAsync_Callback2(sd_bus_message* reply, void* record, sd_bus_error* /*error*/)
-{
-    return HandleReply<GetObjectCallback2>(__func__, reply, record, true);
-}
-
-void Internal_PathAndInterfaceToServiceAsync_Callback(bool /*success*/, ServiceMap& services,
-                                                      void* record)
-{
-    ChooseService<ServiceCallback>(__func__, false, services, record);
-}
-
-void Internal_PathAndInterfaceToServiceAsync_Callback2(bool /*success*/, bool timedOut,
-                                                       ServiceMap& services, void* record)
-{
-    ChooseService<ServiceCallback2>(__func__, timedOut, services, record);
-}
-
-} // namespace Wrappers
 
 } // namespace ObjectMapper
