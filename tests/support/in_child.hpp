@@ -2,6 +2,7 @@
 
 // Children made by fork(), which end within a bound.
 
+#include <linux/futex.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,10 +11,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <ios>
 #include <string>
+#include <system_error>
 #include <thread>
 
 namespace test
@@ -28,20 +31,37 @@ inline const unsigned int boundSeconds = memoryChecker ? 1200 : 120;
 // How often to fork where it must go well again and again.
 inline const int manyForks = memoryChecker ? 5 : 100;
 
-// Whether a program of 32 bits waits for a lock that lies beyond its addresses: one of the emulator
-// that runs it. A user-mode emulator does not put its locks in order in a child, so one that
-// another thread held at the fork stays locked there. Nothing in this project can change that.
+// Whether a thread of this entry under /proc waits for a mutex beyond the addresses of a program of
+// 32 bits. The emulator's housekeeping thread waits there as well, but not for a mutex.
+inline bool WaitsBeyondItsAddresses(const std::filesystem::path& thread)
+{
+    constexpr long futexOnAmd64 = 202;
+    constexpr long futexOnArm64 = 98;
+    std::ifstream call(thread / "syscall");
+    long number = 0;
+    uint64_t address = 0;
+    uint64_t operation = 0;
+    return (call >> number >> std::hex >> address >> operation) && address > UINT32_MAX &&
+           operation == FUTEX_WAIT_PRIVATE && (number == futexOnAmd64 || number == futexOnArm64);
+}
+
+// Whether a thread of a program of 32 bits waits for a lock of the emulator that runs it. A
+// user-mode emulator does not put its locks in order in a child, so one that another thread held at
+// the fork stays locked there. Nothing in this project can change that.
 inline bool WaitsInEmulator(pid_t process)
 {
     if constexpr (sizeof(void*) == sizeof(uint32_t))
     {
-        constexpr long futexOnAmd64 = 202;
-        constexpr long futexOnArm64 = 98;
-        std::ifstream call("/proc/" + std::to_string(process) + "/syscall");
-        long number = 0;
-        uint64_t address = 0;
-        return (call >> number >> std::hex >> address) && address > UINT32_MAX &&
-               (number == futexOnAmd64 || number == futexOnArm64);
+        std::error_code ended;
+        std::filesystem::directory_iterator threads("/proc/" + std::to_string(process) + "/task",
+                                                    ended);
+        for (; !ended && threads != std::filesystem::directory_iterator(); threads.increment(ended))
+        {
+            if (WaitsBeyondItsAddresses(threads->path()))
+            {
+                return true;
+            }
+        }
     }
     return false;
 }
