@@ -100,13 +100,19 @@ inline bool AwaitChild(pid_t child, int& status)
 inline int ExitOfChild(const std::function<int()>& work, pid_t (*makeChild)() = fork)
 {
     constexpr int tries = 3;
+    const pid_t parent = getpid();
     int status = -1;
     for (int i = 0; i < tries; ++i)
     {
         const pid_t child = makeChild();
         if (child == 0)
         {
-            prctl(PR_SET_PDEATHSIG, SIGKILL); // none is left where its parent is killed
+            // None is left where its parent is killed, or was just now.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent)
+            {
+                _exit(1);
+            }
             alarm(boundSeconds);
             _exit(work());
         }
@@ -114,7 +120,7 @@ inline int ExitOfChild(const std::function<int()>& work, pid_t (*makeChild)() = 
         {
             break;
         }
-        std::fprintf(stderr, "child %d of %d hung, and is made again\n", child, getpid());
+        std::fprintf(stderr, "child %d of %d hung, and is made again\n", child, parent);
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + (status & 0xffff);
 }
