@@ -65,27 +65,23 @@ inline bool RunUntil(boost::asio::io_context& io, const Condition& done)
                     });
 }
 
-// The loop must be one that does not stop for signals.
+// The loop must be one that does not stop for signals. A turn is ended by a timer, which a loop
+// that has run removes at once; one that has not started yet would still call it.
 inline bool RunUntil(zloop_t* loop, const Condition& done)
 {
-    const Deadline deadline;
-    Condition stop = [&]
-    {
-        return done() || deadline.Passed();
-    };
-    const int timer = zloop_timer(
-        loop, 2, 0,
-        [](zloop_t*, int, void* condition)
-        {
-            return (*static_cast<Condition*>(condition))() ? -1 : 0;
-        },
-        &stop);
-    while (!stop())
-    {
-        zloop_start(loop);
-    }
-    zloop_timer_end(loop, timer);
-    return done();
+    return RunTurns(done,
+                    [&]
+                    {
+                        const int timer = zloop_timer(
+                            loop, 2, 1,
+                            [](zloop_t*, int, void*)
+                            {
+                                return -1;
+                            },
+                            nullptr);
+                        zloop_start(loop);
+                        return zloop_timer_end(loop, timer) == 0;
+                    });
 }
 
 // `readable` is called whenever the descriptor is; false ends the loop.
