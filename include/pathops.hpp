@@ -13,6 +13,7 @@
 
 #include <bmcbus/export.h>
 
+#include <stdexcept>
 #include <string>
 
 /**

@@ -3,6 +3,7 @@
 #include "bus.hpp"
 #include "log.hpp"
 
+#include <cerrno>
 #include <stdexcept>
 
 // Lines written here carry the header's name, as the functions that callers see stand there.
@@ -21,7 +22,7 @@ constexpr const char* handling = "Internal_GetAllProperties_Callback";
 int Queue(sd_bus* bus, sd_bus_slot** slot, const std::string& service, const std::string& path,
           const std::string& interface, sd_bus_message_handler_t handler, void* record)
 {
-    if (!bmcbus::IsBusText(interface))
+    if (!bmcbus::IsBusText(service) || !bmcbus::IsBusText(path) || !bmcbus::IsBusText(interface))
     {
         return -EINVAL;
     }

@@ -1,5 +1,7 @@
 #include "bus.hpp"
 
+#include <cerrno>
+
 namespace bmcbus
 {
 
@@ -21,6 +23,15 @@ MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const cha
     client::Require(sd_bus_message_new_method_call(bus, &raw, service, path, interface, member),
                     "sd_bus_message_new_method_call");
     return MessageRef(raw);
+}
+
+MessageRef NewCall(sd_bus* bus, const std::string& service, const std::string& path,
+                   const char* interface, const char* member)
+{
+    const bool whole =
+        service.find('\0') == std::string::npos && path.find('\0') == std::string::npos;
+    client::Require(whole ? 0 : -EINVAL, "sd_bus_message_new_method_call");
+    return NewCall(bus, service.c_str(), path.c_str(), interface, member);
 }
 
 MessageRef Call(sd_bus* bus, sd_bus_message* call)

@@ -29,6 +29,11 @@ BusRef DefaultBus();
 MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const char* interface,
                    const char* member);
 
+// The same to where a caller said. A zero byte is refused like what else no name may hold; sd-bus
+// would stop reading there and call another object.
+MessageRef NewCall(sd_bus* bus, const std::string& service, const std::string& path,
+                   const char* interface, const char* member);
+
 // Sends `call` and waits for its reply with the connection's default timeout. Throws Error made
 // from the error reply or the failure, with the prefix "sd_bus_call".
 MessageRef Call(sd_bus* bus, sd_bus_message* call);

@@ -265,9 +265,8 @@ void OnService(bool success, std::string& found, void* user_data)
 
 void ReadNow(sd_bus* bus, void* object, const CachedClass& about)
 {
-    const MessageRef call =
-        NewCall(bus, Service(object, about).c_str(), Path(object, about).c_str(),
-                "org.freedesktop.DBus.Properties", "GetAll");
+    const MessageRef call = NewCall(bus, Service(object, about), Path(object, about),
+                                    "org.freedesktop.DBus.Properties", "GetAll");
     AppendBasic(call.get(), SD_BUS_TYPE_STRING, about.interface->name);
     const MessageRef reply = bmcbus::Call(bus, call.get());
     PropertyMap values;

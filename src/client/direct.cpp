@@ -61,8 +61,8 @@ MessageRef Exchange(sd_bus* bus, sd_bus_message* call, const char* label, const 
 
 MessageRef PropertyCall(sd_bus* bus, const Access& access, const char* member)
 {
-    MessageRef call = NewCall(bus, access.target.service.c_str(), access.target.path.c_str(),
-                              propertiesInterface, member);
+    MessageRef call =
+        NewCall(bus, access.target.service, access.target.path, propertiesInterface, member);
     AppendBasic(call.get(), SD_BUS_TYPE_STRING, access.interface.name);
     AppendBasic(call.get(), SD_BUS_TYPE_STRING, access.name());
     return call;
@@ -267,7 +267,7 @@ void Call(Target& target, const Interface& interface, const char* member, bool& 
     {
         const BusRef bus = DefaultBus();
         const MessageRef call =
-            NewCall(bus.get(), target.service.c_str(), target.path.c_str(), interface.name, member);
+            NewCall(bus.get(), target.service, target.path, interface.name, member);
         for (const ConstRef& argument : in)
         {
             argument.type->append(call.get(), argument.value);

@@ -193,6 +193,8 @@ TEST_F(GetAllProperties, ThrowsWhatCannotBeQueued)
     refused(fanService, "no path", fanInterface, -EINVAL);
     refused(fanService, fanPath, "\xff", -EINVAL);
     refused(fanService, fanPath, "a\0b"s, -EINVAL);
+    refused(fanService, fanPath + "\0b"s, fanInterface, -EINVAL);
+    refused(fanService + "\0b"s, fanPath, fanInterface, -EINVAL);
     bus.Kill();
     EXPECT_FALSE(kit::DispatchPending(connection));
     refused(fanService, fanPath, fanInterface, -ENOTCONN);

@@ -231,7 +231,8 @@ TEST_F(Failures, TextThatMayNotTravel)
 
 TEST_F(Failures, PathsThatAreNone)
 {
-    for (const std::string& path : {"fans"s, ""s, "/a//b"s, "/a/"s, "/a'b"s, "/a',member='x"s})
+    for (const std::string& path :
+         {"fans"s, ""s, "/a//b"s, "/a/"s, "/a'b"s, "/a',member='x"s, fanPath + "\0x"s})
     {
         test::ClearLog();
         Fan fan(path, fanService);
