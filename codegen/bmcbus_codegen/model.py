@@ -20,7 +20,7 @@ The templates get one variable, `interface`:
     writable        those of them that can be written
     methods         every method in declaration order, empty if no direct proxy is wanted
     signals         every signal in declaration order, empty if no signal classes are wanted
-    types           every distinct type of the above, ordered by its C++ spelling
+    argument_types  the distinct types of the signals' arguments, ordered by their C++ spelling
 
 A type has: cpp, signature, kind ("basic", "array", "dict", "struct"), parts (the types inside).
 
@@ -43,13 +43,14 @@ from .refusal import Problem, Refusal
 from .signature import UNSERVED, SignatureError, parse_signature
 
 USE_DATACACHE = "com.tamm.bmcbus.UseDatacache"
+EMITS_CHANGED = "org.freedesktop.DBus.Property.EmitsChangedSignal"
 _STANDARD = "org.freedesktop.DBus."
 _FLAG = "_is_set"
 
 
 @dataclass(frozen=True)
 class Wanted:
-    """The kinds of class to generate; explicit ones must exist."""
+    """The kinds of class to generate; an explicit one that cannot be made is told."""
 
     cache: bool = True
     direct: bool = True
@@ -156,14 +157,20 @@ class Interface:
         return _distinct(prop.type for prop in self.properties)
 
     @property
-    def types(self):
-        args = [arg for method in self.methods for arg in method.ins + method.outs]
-        args += [arg for signal in self.signals for arg in signal.args]
-        return _distinct(item.type for item in self.properties + args)
+    def argument_types(self):
+        return _distinct(arg.type for signal in self.signals for arg in signal.args)
 
 
 def _distinct(types):
     return sorted(set(types), key=lambda one: one.cpp.encode())
+
+
+def _annotation(element, name):
+    """Its value, or None."""
+    for one in element.all("annotation"):
+        if one.attributes["name"] == name:
+            return one.attributes["value"]
+    return None
 
 
 class _Builder:
@@ -247,22 +254,34 @@ class _Builder:
         what = f"property '{name}'"
         access = element.attributes["access"]
         if access == "write":
-            self._refuse(element.line, f"{what} is write-only; only read and readwrite are served")
+            if self._wanted.cache or self._wanted.direct:
+                reason = f"{what} is write-only; only read and readwrite are served"
+                self._refuse(element.line, reason)
         elif access not in ("read", "readwrite"):
             self._refuse(element.line, f"{what}: access '{access}' is not read or readwrite")
+        self._note_unannounced(element, what)
         kind = self._type(element, what)
         return Property(name, kind, element.line, writable=access == "readwrite")
+
+    def _note_unannounced(self, element, what):
+        """A cached proxy reads such a property once, which is rarely what is wanted."""
+        emits = _annotation(element, EMITS_CHANGED) or _annotation(self._element, EMITS_CHANGED)
+        if self._wanted.cache and emits in ("false", "invalidates"):
+            reason = f"{what} sends no new values, so a cached proxy keeps the first it read"
+            self._notes.append(Problem(element.line, reason))
 
     def _method(self, element):
         name = self._member_name(element, "method")
         what = f"method '{name}'"
         ins, outs = [], []
+        given = {one.attributes.get("name") for one in element.all("arg")}
         for one in element.all("arg"):
             direction = one.attributes.get("direction", "in")
             if direction not in ("in", "out"):
                 self._refuse(one.line, f"{what}: direction '{direction}' is not in or out")
             into = outs if direction == "out" else ins
-            into.append(self._argument(one, what, f"{direction}{len(into) + 1}"))
+            made_up = names.free_name(f"{direction}{len(into) + 1}", given)
+            into.append(self._argument(one, what, made_up))
         self._check_repeats(f"{what}: argument", ins + outs)
         return Method(name, element.line, ins, outs)
 
@@ -284,9 +303,9 @@ class _Builder:
         if not name and made_up:
             name = made_up
         elif not name:
-            self._refuse(
-                element.line, f"{what}: an argument has no name; its accessor needs one"
-            )
+            if self._wanted.signals:
+                reason = f"{what}: an argument has no name; its accessor needs one"
+                self._refuse(element.line, reason)
         else:
             problem = names.member_problem(name)
             if name in names.KEYWORDS:
@@ -308,17 +327,25 @@ class _Builder:
             seen.setdefault(item.name, item.line)
 
     def _check_kinds(self, properties, methods, signals):
-        """Something must come out, and each kind that was asked for by name."""
+        """Something must come out; what was asked for by name and does not is told."""
         line, wanted = self._element.line, self._wanted
         if not (properties or methods or signals):
             self._refuse(line, "the interface has no properties, methods or signals")
+            return
+        kinds = (
+            (wanted.cache, properties, "no cached proxy: the interface has no properties"),
+            (
+                wanted.direct,
+                properties or methods,
+                "no direct proxy: the interface has no properties or methods",
+            ),
+            (wanted.signals, signals, "no signal classes: the interface has no signals"),
+        )
+        missing = [Problem(line, reason) for asked, has, reason in kinds if asked and not has]
+        if not any(asked and has for asked, has, _ in kinds):
+            self._problems += missing
         elif wanted.explicit:
-            if wanted.cache and not properties:
-                self._refuse(line, "no cached proxy: the interface has no properties")
-            if wanted.direct and not (properties or methods):
-                self._refuse(line, "no direct proxy: the interface has no properties or methods")
-            if wanted.signals and not signals:
-                self._refuse(line, "no signal classes: the interface has no signals")
+            self._notes += missing
 
     def _check_served(self):
         """Only for what is generated: one odd method need not stand in the way of the rest."""
@@ -338,7 +365,11 @@ class _Builder:
         model = self._model
         if model.has_cache:
             self._check_class(
-                model, model.properties, names.CACHE_MEMBERS, names.CACHE_PREFIXES
+                model,
+                model.properties,
+                names.CACHE_MEMBERS,
+                names.CACHE_PREFIXES,
+                names.CACHE_WORDS,
             )
         if model.has_direct:
             self._check_class(
@@ -354,12 +385,18 @@ class _Builder:
         for signal in model.signals:
             self._check_signal_class(signal)
 
-    def _check_class(self, owner, items, members, prefixes):
+    def _check_class(self, owner, items, members, prefixes, words=frozenset()):
         """owner is what the class is named by, items become its accessors and fields."""
         if owner.class_name in members:
             self._refuse(
                 owner.line,
                 f"a class cannot be named '{owner.class_name}': it has a member of that name",
+            )
+        if owner.class_name in words:
+            self._refuse(
+                owner.line,
+                f"a class cannot be named '{owner.class_name}': its constructors have a parameter "
+                "of that name",
             )
         for item in items:
             for prefix in prefixes:
@@ -373,7 +410,9 @@ class _Builder:
         problem = names.scope_problem(signal.name)
         if problem:
             self._refuse(signal.line, f"signal '{signal.name}' makes no C++ class: {problem}")
-        self._check_class(signal, signal.args, names.SIGNAL_MEMBERS, ("Get_",))
+        self._check_class(
+            signal, signal.args, names.SIGNAL_MEMBERS, ("Get_",), names.SIGNAL_WORDS
+        )
         if [self._model.group, signal.name] == self._model.parts[:2]:
             self._refuse(
                 signal.line,

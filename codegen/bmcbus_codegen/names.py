@@ -22,6 +22,7 @@ KEYWORDS = frozenset(
 SPOKEN = frozenset(
     """
     std bmcbus sdbusplus client interface label propertyNames properties alternatives argumentTypes
+    BMCBUS_EXPORT BMCBUS_LOCAL
     int8_t uint8_t int16_t uint16_t int32_t uint32_t int64_t uint64_t size_t
     """.split()
 )
@@ -29,9 +30,9 @@ SPOKEN = frozenset(
 # Common headers define these as macros, so no C++ entity can have the name.
 MACROS = frozenset(
     """
-    assert errno EOF NULL BUFSIZ stdin stdout stderr linux unix major minor makedev environ
-    INT_MAX INT_MIN UINT_MAX LONG_MAX LONG_MIN ULONG_MAX CHAR_BIT RAND_MAX EXIT_SUCCESS
-    EXIT_FAILURE NAN INFINITY HUGE_VAL M_PI M_E PATH_MAX
+    assert errno offsetof va_arg va_copy va_end va_start EOF NULL BUFSIZ stdin stdout stderr linux
+    unix major minor makedev environ INT_MAX INT_MIN UINT_MAX LONG_MAX LONG_MIN ULONG_MAX
+    CHAR_BIT RAND_MAX EXIT_SUCCESS EXIT_FAILURE NAN INFINITY HUGE_VAL M_PI M_E PATH_MAX
     """.split()
 )
 
@@ -57,6 +58,10 @@ DIRECT_MEMBERS = frozenset(
     Variant Service Path GetByName GetByNameLocked SetByName SetByNameLocked target
     """.split()
 )
+
+# Parameters of the constructors, which would hide the class.
+SIGNAL_WORDS = frozenset("at callback user_data".split())
+CACHE_WORDS = SIGNAL_WORDS | frozenset("owner async Text".split())
 
 # What the body of a method says besides its parameters.
 METHOD_WORDS = frozenset("ok in out target interface client".split())

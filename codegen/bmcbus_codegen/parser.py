@@ -66,6 +66,9 @@ class _Reader:
         except expat.ExpatError as error:
             reason = "not well-formed XML: " + expat.ErrorString(error.code)
             self.problems.append(Problem(error.lineno, reason))
+        except (LookupError, ValueError) as error:
+            # An encoding that is not known.
+            self.problems.append(Problem(self._line(), f"not well-formed XML: {error}"))
 
     def _line(self):
         return self._expat.CurrentLineNumber

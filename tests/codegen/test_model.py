@@ -50,11 +50,12 @@ class Names(unittest.TestCase):
     def test_parameters_stay_clear_of_each_other(self):
         made = model(
             '<method name="act"><arg type="s"/><arg name="ok" type="s"/><arg type="s"/>'
+            '<arg name="in1" type="s"/>'
             '<arg name="ok_" type="s" direction="out"/><arg type="s" direction="out"/>'
             '<arg name="uint8_t" type="s" direction="out"/></method>'
         )
         method = made.methods[0]
-        self.assertEqual([arg.param for arg in method.ins], ["in1", "ok__", "in3"])
+        self.assertEqual([arg.param for arg in method.ins], ["in1_", "ok__", "in3", "in1"])
         self.assertEqual([arg.param for arg in method.outs], ["ok_", "out2", "uint8_t_"])
 
     def test_places(self):

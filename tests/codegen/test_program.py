@@ -189,13 +189,29 @@ class Choice(GeneratorTest):
             with self.subTest(option=option):
                 file = self.interface(body)
                 self.assertRefused(self.generate(option, file), file, (1, reason))
+        file = self.interface(PROPERTY)
+        done = self.generate("--cache", "--direct", "--signals", file)
+        self.assertEqual(
+            (done.returncode, done.stderr),
+            (0, f"{file}:1: note: no signal classes: the interface has no signals\n"),
+        )
 
-    def test_types_matter_only_in_what_is_made(self):
-        odd = '<method name="open"><arg name="file" type="h" direction="out"/></method>'
-        file = self.interface(odd + PROPERTY + SIGNAL)
-        self.assertEqual(self.generate(file).returncode, 1)
-        self.assertEqual(self.generate("--direct", file).returncode, 1)
-        self.assertGenerated(self.generate("--cache", "--signals", file))
+    def test_oddities_matter_only_in_what_is_made(self):
+        method = '<method name="open"><arg name="file" type="h" direction="out"/></method>'
+        secret = '<property name="key" type="s" access="write"/>'
+        nameless = '<signal name="changed"><arg type="d"/></signal>'
+        for body, refused, served in (
+            (method + PROPERTY + SIGNAL, "--direct", ("--cache", "--signals")),
+            (secret + SIGNAL, "--cache", ("--signals",)),
+            (PROPERTY + nameless, "--signals", ("--cache", "--direct")),
+        ):
+            with self.subTest(refused=refused):
+                file = self.interface(body)
+                self.assertEqual(self.generate(file).returncode, 1)
+                self.assertEqual(self.generate(refused, file).returncode, 1)
+                self.assertGenerated(self.generate(*served, file))
+                for name in self.written():
+                    (self.output / name).unlink()
 
 
 class Notes(GeneratorTest):
@@ -219,6 +235,24 @@ class Notes(GeneratorTest):
             f"{file}:2: note: unknown element 'methode' is passed over\n"
             f"{file}:3: note: unknown annotation com.tamm.bmcbus.UseDataCache is passed over\n",
         )
+
+    def test_values_that_are_not_sent(self):
+        emits = '<annotation name="org.freedesktop.DBus.Property.EmitsChangedSignal" value="%s"/>'
+        body = emits % "false" + "".join(
+            f'\n<property name="{value}" type="s" access="read">{emits % value}</property>'
+            for value in ("true", "const", "invalidates", "false")
+        )
+        body += '\n<property name="plain" type="s" access="read"/>'
+        file = self.interface(body)
+        self.assertEqual(
+            self.generate("--cache", file).stderr,
+            "".join(
+                f"{file}:{line}: note: property '{name}' sends no new values, so a cached proxy "
+                "keeps the first it read\n"
+                for line, name in ((5, "invalidates"), (6, "false"), (7, "plain"))
+            ),
+        )
+        self.assertEqual(self.generate("--direct", file).stderr, "")
 
 
 if __name__ == "__main__":

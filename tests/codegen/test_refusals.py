@@ -41,6 +41,7 @@ class Files(GeneratorTest):
             (b"<node>\n\xff</node>", (2, "not well-formed (invalid token)")),
             (b"<node>\n\0</node>", (2, "not well-formed (invalid token)")),
             ("<node>&none;</node>", (1, "undefined entity")),
+            ("<?xml version='1.0' encoding='none'?><node/>", (1, "unknown encoding: none")),
         ):
             with self.subTest(text=text):
                 file = self.write(text)
@@ -97,18 +98,25 @@ class Names(GeneratorTest):
             (2, f"property name '{name}' is longer than 255 characters"),
         )
 
-    def test_class_named_like_a_member(self):
+    def test_classes_named_like_what_they_hold(self):
         property_ = '<property name="value" type="d" access="read"/>'
-        for name, options in (
-            ("com.example.Create", ()),
-            ("com.example.Variant", ()),
-            ("com.example.Service", ("--direct",)),
+        signal = '<signal name="callback"/>'
+        member = "it has a member of that name"
+        parameter = "its constructors have a parameter of that name"
+        for name, body, option, line, reason in (
+            ("Create", property_, "--cache", 1, member),
+            ("Variant", property_, "--cache", 1, member),
+            ("Service", property_, "--direct", 1, member),
+            ("owner", property_, "--cache", 1, parameter),
+            ("callback", signal, "--signals", 2, parameter),
         ):
             with self.subTest(name=name):
-                file = self.interface(property_, name)
-                last = name.rpartition(".")[2]
-                reason = f"a class cannot be named '{last}': it has a member of that name"
-                self.assertRefused(self.generate(*options, file), file, (1, reason))
+                file = self.interface(body, "com.example." + name)
+                reason = f"a class cannot be named '{name}': {reason}"
+                self.assertRefused(self.generate(option, file), file, (line, reason))
+        self.assertGenerated(
+            self.generate("--direct", self.interface(property_, "com.example.owner"))
+        )
 
 
 class Depth(GeneratorTest):
