@@ -162,7 +162,9 @@ class BMCBUS_EXPORT OneWayChannel
      * The watch has a descriptor of its own for the read end, which is non-blocking while the
      * registration lasts. It counts as work of the context, also after `Unregister` until the
      * pipe is readable; it then runs nothing. The context may be destroyed at any time that it
-     * does not run.
+     * does not run. Where asio is built without locks (`BMCBUS_ASIO_DISABLE_THREADS` is 1, as real
+     * sdbusplus asks for), only one thread of the process may run contexts at all; producers may
+     * be on any thread all the same.
      *
      * @return 0 or 2
      * @throws boost::system::system_error when the descriptor is refused; nothing is registered
