@@ -93,7 +93,7 @@ class message
         (details::read_one(get(), values), ...);
     }
 
-    /** The connection, with a reference of its own. */
+    /** The connection, with a reference of its own; sdbusplus/bus.hpp has the body. */
     sdbusplus::bus::bus get_bus() const;
 
     /** Signature of the whole body. */
@@ -152,5 +152,3 @@ using message_t = message::message;
 } // namespace sdbusplus
 
 #pragma GCC visibility pop
-
-#include <sdbusplus/bus.hpp>
