@@ -98,7 +98,14 @@ void Control::ServeAnswers(Object& object)
               {
                   Faults::Rule rule{.member = call.arguments[1].Get<std::string>()};
                   describe(call, rule);
-                  Named(call).faults.Add(rule);
+                  try
+                  {
+                      Named(call).faults.Add(rule);
+                  }
+                  catch (const std::invalid_argument& refused)
+                  {
+                      throw CallError(SD_BUS_ERROR_INVALID_ARGS, refused.what());
+                  }
               });
     };
     serve("AnswerError",

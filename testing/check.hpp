@@ -2,10 +2,13 @@
 
 // What every part of the kit needs around sd-bus: failures as exceptions, and owned references.
 
+#include <bmcbus/testing/text.hpp>
+
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
@@ -25,6 +28,20 @@ inline int Check(int result, const std::string& what)
 inline int Check(int result, const char* what)
 {
     return result < 0 ? Check(result, std::string(what)) : result;
+}
+
+// Throws std::invalid_argument for an error reply for which the daemon would close the connection.
+inline void CheckError(const std::string& name, const std::string& text)
+{
+    // Error names follow the rules for names of interfaces.
+    if (!MayTravel(name) || sd_bus_interface_name_is_valid(name.c_str()) <= 0)
+    {
+        throw std::invalid_argument("no error name: \"" + Printable(name) + "\"");
+    }
+    if (!MayTravel(text))
+    {
+        throw std::invalid_argument("no text for an error: \"" + Printable(text) + "\"");
+    }
 }
 
 struct Unreference

@@ -50,6 +50,10 @@ Faults::~Faults() = default;
 
 void Faults::Add(Rule rule)
 {
+    if (rule.kind == Kind::error)
+    {
+        CheckError(rule.errorName, rule.errorText);
+    }
     rules.remove_if(
         [&](const Rule& other)
         {

@@ -4,6 +4,24 @@
 
 namespace bmcbus::testing
 {
+namespace
+{
+
+// Answers with an error in any case: with the reason where this one may not travel.
+void AnswerFailure(sd_bus_message* call, const std::string& name, const std::string& text)
+{
+    try
+    {
+        Service::ReplyError(call, name, text);
+    }
+    catch (const std::invalid_argument& refused)
+    {
+        Service::ReplyError(call, SD_BUS_ERROR_FAILED, refused.what());
+    }
+}
+
+} // namespace
+
 // --- connection ---------------------------------------------------------------------------------
 
 Service::Link::Link(Service& owner, const Options& options) :
@@ -120,7 +138,7 @@ int Service::Link::OnMessage(sd_bus_message* message, void* self, sd_bus_error*)
     }
     catch (const std::exception& error)
     {
-        ReplyError(message, SD_BUS_ERROR_FAILED, error.what());
+        AnswerFailure(message, SD_BUS_ERROR_FAILED, error.what());
     }
     return 1;
 }
@@ -133,11 +151,11 @@ void Service::Answer(const Call& call, sd_bus_message* message)
     }
     catch (const CallError& error)
     {
-        ReplyError(message, error.Name(), error.what());
+        AnswerFailure(message, error.Name(), error.what());
     }
     catch (const std::exception& error)
     {
-        ReplyError(message, SD_BUS_ERROR_FAILED, error.what());
+        AnswerFailure(message, SD_BUS_ERROR_FAILED, error.what());
     }
 }
 
@@ -155,6 +173,7 @@ void Service::Reply(sd_bus_message* call, const std::vector<Value>& values)
 
 void Service::ReplyError(sd_bus_message* call, const std::string& name, const std::string& text)
 {
+    CheckError(name, text);
     const sd_bus_error error = SD_BUS_ERROR_MAKE_CONST(name.c_str(), text.c_str());
     // The caller or the bus may be gone; then nobody waits for the answer.
     static_cast<void>(sd_bus_reply_method_error(call, &error));

@@ -1,3 +1,4 @@
+#include <bmcbus/testing/text.hpp>
 #include <bmcbus/testing/value.hpp>
 
 #include <cmath>
@@ -85,7 +86,7 @@ std::string Quoted(const std::string& text)
                 quoted += c;
         }
     }
-    return quoted + "\"";
+    return Printable(quoted) + "\"";
 }
 
 // `from` as `To` when no digit is lost.

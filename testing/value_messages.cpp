@@ -1,5 +1,6 @@
 // Values into and out of messages.
 
+#include <bmcbus/testing/text.hpp>
 #include <bmcbus/testing/value.hpp>
 
 #include "check.hpp"
@@ -15,7 +16,8 @@ void Value::AppendBasic(sd_bus_message* message) const
         {
             if constexpr (std::same_as<T, std::string>)
             {
-                return sd_bus_message_append_basic(message, type, value.c_str());
+                return MayTravel(value) ? sd_bus_message_append_basic(message, type, value.c_str())
+                                        : -EILSEQ;
             }
             else if constexpr (std::same_as<T, bool>)
             {

@@ -23,6 +23,7 @@ class Client
     {
         std::string error; // name of the error, empty for a reply
         std::vector<Value> values;
+        std::string reason = {}; // the text of the error
 
         std::string Text() const
         {
@@ -79,6 +80,7 @@ class Client
         if (sd_bus_call(bus, call, timeout, &error, &reply) < 0)
         {
             answer.error = error.name == nullptr ? "unnamed" : error.name;
+            answer.reason = error.message == nullptr ? "" : error.message;
         }
         else
         {

@@ -228,6 +228,22 @@ TEST_F(FakeServiceTest, MisuseIsRefusedByName)
                       fans.AddObject("fans/", {fanInterface});
                   }),
               "no object path: \"fans/\"");
+    for (const char* error : {"", "Broken", "not an error name", "com.example.\xff"})
+    {
+        EXPECT_EQ(refusal(
+                      [&]
+                      {
+                          fans.On("Get").ReplyError(error);
+                      }),
+                  "no error name: \"" + Printable(error) + "\"");
+    }
+    EXPECT_EQ(refusal(
+                  [&]
+                  {
+                      fans.On("Get").ReplyError("com.example.Broken", "\xff");
+                  }),
+              R"(no text for an error: "\xff")");
+    EXPECT_EQ(Get(fanInterface, "fanCount"), "v y 4");
     EXPECT_THROW(fans.AddObject("/x", {"com.example.None"}), std::runtime_error);
     EXPECT_THROW(FakeService({name}), std::system_error);
 }
@@ -260,6 +276,47 @@ TEST_F(FakeServiceTest, FaultsHitTheNamedCallsAsOftenAsSaid)
     EXPECT_EQ(client.Call(name, path, dimmInterface, "getDbusStatus").Text(), "com.example.All");
     fans.Heal();
     EXPECT_EQ(Get(fanInterface, "fanCount"), "v y 4");
+}
+
+TEST_F(FakeServiceTest, WhatMayNotTravelIsAnsweredWithTheReason)
+{
+    const std::string connection = fans.UniqueName();
+    const auto reason = [&]
+    {
+        const Client::Answer answer = client.Call(name, path, dimmInterface, "getDbusStatus");
+        EXPECT_EQ(answer.error, "org.freedesktop.DBus.Error.Failed");
+        return answer.reason;
+    };
+    const auto handled = [&](const std::exception_ptr& thrown)
+    {
+        fans->OnCall("getDbusStatus",
+                     [=](const Call&) -> std::vector<Value>
+                     {
+                         std::rethrow_exception(thrown);
+                     });
+        return reason();
+    };
+    EXPECT_EQ(handled(std::make_exception_ptr(CallError("bad name", "x"))),
+              R"(no error name: "bad name")");
+    EXPECT_EQ(handled(std::make_exception_ptr(CallError("com.example.Busy", "\xff"))),
+              R"(no text for an error: "\xff")");
+    EXPECT_EQ(handled(std::make_exception_ptr(std::runtime_error("\xff"))),
+              R"(no text for an error: "\xff")");
+
+    for (const Value& value : {Value("\xff"), Value(std::string(1, '\0')), Value(Path{"no path"})})
+    {
+        fans.On("getDbusStatus").Reply({value});
+        EXPECT_THAT(reason(), HasSubstr("append " + value.Text()));
+        EXPECT_THROW(fans->EmitRaw("com.example.Any", "Thing", {value}), std::system_error);
+    }
+    fans.Intercept(
+        [](const Call&, sd_bus_message* message)
+        {
+            Service::ReplyError(message, "Broken", "x");
+            return true;
+        });
+    EXPECT_EQ(reason(), R"(no error name: "Broken")");
+    EXPECT_EQ(fans.UniqueName(), connection);
 }
 
 TEST_F(FakeServiceTest, SilentLateAndHeldAnswers)

@@ -1,3 +1,4 @@
+#include <bmcbus/testing/text.hpp>
 #include <bmcbus/testing/value.hpp>
 
 #include <gmock/gmock.h>
@@ -43,6 +44,26 @@ TEST(ValueTest, TextIsThatOfBusctl)
     EXPECT_EQ(Value(std::vector<std::string>()).Text(), "as 0");
     EXPECT_EQ(TextOf({"/x", -1, std::vector<std::string>{"i"}}), R"(sias "/x" -1 1 "i")");
     EXPECT_EQ(AsPropertyMap({{"k", 1}, {"k", "two"}}).Text(), R"(a{sv} 2 "k" i 1 "k" s "two")");
+}
+
+TEST(ValueTest, TextThatMayNotTravelIsTold)
+{
+    const std::string letters = "a\u00E9\u20AC\uD7FF\uE000\uFFFF\U00010000\U0010FFFF";
+    EXPECT_TRUE(MayTravel(letters + "\x01\x7f\u0085"));
+    EXPECT_EQ(Printable(letters), letters);
+    // No letter, half of one, too many bytes for it, half of a UTF-16 pair, beyond the last one.
+    for (const char* wrong : {"\x80", "\xBF\x80", "\xC3", "\xC3z", "\xE2\x82", "\xF0\x9F\x98",
+                              "\xC1\xBF", "\xE0\x9F\xBF", "\xF0\x8F\xBF\xBF", "\xED\xA0\x80",
+                              "\xED\xBF\xBF", "\xF4\x90\x80\x80", "\xF8\x88\x80\x80\x80", "\xFF"})
+    {
+        EXPECT_FALSE(MayTravel(wrong)) << Printable(wrong);
+        EXPECT_FALSE(MayTravel(letters + wrong)) << Printable(wrong);
+        EXPECT_TRUE(MayTravel(Printable(wrong)));
+    }
+    EXPECT_FALSE(MayTravel(std::string("a\0b", 3)));
+    EXPECT_EQ(Printable(std::string("\0\n\x7f\u0085\xC3", 6), "n"), R"(\x00\x0a\x7f\xc2\x85\xc3)");
+    EXPECT_EQ(Printable("nun", "u"), R"(n\x75n)");
+    EXPECT_EQ(Value("\u20AC\n\xFF").Text(), "s \"\u20AC\\n\\xff\"");
 }
 
 TEST(ValueTest, ConversionKeepsEveryDigitOrRefuses)

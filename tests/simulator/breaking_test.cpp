@@ -17,6 +17,13 @@ TEST_F(SimulatorTest, AnswersCanBeBroken)
     };
     Control("AnswerError", {thermal, "Get", "com.example.Broken"});
     EXPECT_EQ(count(), "com.example.Broken");
+    for (const char* none : {"", "not an error name"})
+    {
+        const auto refused = Control("AnswerError", {thermal, "Get", none});
+        EXPECT_EQ(refused.error, "org.freedesktop.DBus.Error.InvalidArgs");
+        EXPECT_EQ(refused.reason, "no error name: \"" + std::string(none) + "\"");
+    }
+    EXPECT_EQ(count(), "com.example.Broken");
     Control("AnswerText", {thermal, "Get", "seven"});
     EXPECT_EQ(count(), "v s \"seven\"");
     Control("AnswerLate", {thermal, "Get", 1U});

@@ -37,5 +37,6 @@
 #include <bmcbus/testing/process.hpp>
 #include <bmcbus/testing/service.hpp>
 #include <bmcbus/testing/simulator.hpp>
+#include <bmcbus/testing/text.hpp>
 #include <bmcbus/testing/value.hpp>
 #include <bmcbus/testing/wait.hpp>

@@ -42,9 +42,18 @@ class FaultRule
     /** Only the next @p count calls are hit. */
     FaultRule& Times(size_t count);
 
-    /** An error reply. */
+    /**
+     * An error reply.
+     *
+     * Throws std::invalid_argument for a @p name that is no error name ("Broken" is none, it takes
+     * two elements at least) and for @p text that is not UTF-8 or holds a zero byte.
+     */
     void ReplyError(const std::string& name, const std::string& text = "as the test wants it");
-    /** A reply with exactly these values, whatever their number and types. */
+    /**
+     * A reply with exactly these values, whatever their number and types. Values that no message
+     * can carry, such as text that is not UTF-8, become the error
+     * "org.freedesktop.DBus.Error.Failed" that names them.
+     */
     void Reply(std::vector<Value> values);
     /** No reply, ever. */
     void NoReply();

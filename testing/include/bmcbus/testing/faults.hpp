@@ -56,7 +56,12 @@ class Faults
     Faults(const Faults&) = delete;
     Faults& operator=(const Faults&) = delete;
 
-    /** Adds a rule in front of the others; it replaces one for the same calls. */
+    /**
+     * Adds a rule in front of the others; it replaces one for the same calls.
+     *
+     * An error that may not travel (see Service::ReplyError()) throws std::invalid_argument and
+     * changes nothing.
+     */
     void Add(Rule rule);
 
     /** Drops the rules for @p member (all when empty). Calls on hold stay so. */

@@ -68,7 +68,12 @@ struct Call
     }
 };
 
-/** What a handler throws to answer with a D-Bus error. */
+/**
+ * What a handler throws to answer with a D-Bus error.
+ *
+ * A name that is no error name, or text that is not UTF-8 or holds a zero byte, cannot be sent: the
+ * caller then gets "org.freedesktop.DBus.Error.Failed" with a text that says so.
+ */
 class CallError : public std::runtime_error
 {
   public:
@@ -87,7 +92,12 @@ class CallError : public std::runtime_error
     std::string errorName;
 };
 
-/** Answers a method call with its out-arguments; throws CallError for an error reply. */
+/**
+ * Answers a method call with its out-arguments; throws CallError for an error reply.
+ *
+ * Whatever else it throws, and out-arguments that no message can carry, are answered with
+ * "org.freedesktop.DBus.Error.Failed" and the reason.
+ */
 using CallHandler = std::function<std::vector<Value>(const Call&)>;
 
 /** Sees a property value that a client writes, before it is stored; throws CallError to refuse. */
@@ -231,7 +241,8 @@ class Service
      * Sees every call before it is answered, on the service's thread.
      *
      * @return true when it took the call: the service then sends no answer. The message is
-     *         borrowed; reference it to answer later.
+     *         borrowed; reference it to answer later. When it throws, the caller gets
+     *         "org.freedesktop.DBus.Error.Failed" with the reason.
      */
     using Interceptor = std::function<bool(const Call& call, sd_bus_message* message)>;
 
@@ -330,10 +341,19 @@ class Service
     /** Answers as if no Interceptor had taken the call, on the service's thread. */
     void Answer(const Call& call, sd_bus_message* message);
 
-    /** Answers a call that an Interceptor took with any values, on the service's thread. */
+    /**
+     * Answers a call that an Interceptor took with any values, on the service's thread.
+     *
+     * Values that no message can carry throw std::system_error, and nothing is sent.
+     */
     static void Reply(sd_bus_message* call, const std::vector<Value>& values);
 
-    /** Answers a call with an error, on the service's thread. */
+    /**
+     * Answers a call with an error, on the service's thread.
+     *
+     * A name that is no error name, or text that is not UTF-8 or holds a zero byte, throws
+     * std::invalid_argument, and nothing is sent.
+     */
     static void ReplyError(sd_bus_message* call, const std::string& name, const std::string& text);
 
   private:

@@ -143,9 +143,8 @@ class Value
     /**
      * Appends the value to a message that is being built, on the thread of its connection.
      *
-     * Throws std::system_error, for instance for text that is no object path. Text is not checked
-     * for UTF-8: a daemon drops the connection that sends such text, which can be what a test
-     * wants.
+     * Throws std::system_error for what the daemon would punish by closing the connection: text
+     * that is not UTF-8 or holds a zero byte, a path that is none. The message is of no use then.
      */
     void Append(sd_bus_message* message) const;
 
@@ -155,7 +154,10 @@ class Value
         return signature;
     }
 
-    /** Type and content as `busctl get-property` prints them: `as 2 "one" "two"`. */
+    /**
+     * Type and content as `busctl get-property` prints them: `as 2 "one" "two"`. What a terminal
+     * would not show is written as \xNN.
+     */
     std::string Text() const;
 
     /** The content alone as busctl prints it: `2 "one" "two"`. */
