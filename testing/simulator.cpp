@@ -47,7 +47,7 @@ void Simulator::Step() const
     Control("Step");
 }
 
-void Simulator::Control(const std::string& method, const std::vector<std::string>& texts) const
+void Simulator::Control(const std::string& method, const std::vector<Value>& arguments) const
 {
     const Owned<sd_bus> bus = Connect(SystemBusAddress());
     sd_bus_message* raw = nullptr;
@@ -55,9 +55,9 @@ void Simulator::Control(const std::string& method, const std::vector<std::string
                                          method.c_str()),
           method);
     const Owned<sd_bus_message> call(raw);
-    for (const std::string& text : texts)
+    for (const Value& argument : arguments)
     {
-        Check(sd_bus_message_append_basic(raw, SD_BUS_TYPE_STRING, text.c_str()), method);
+        argument.Append(raw);
     }
     sd_bus_error error = SD_BUS_ERROR_NULL;
     if (sd_bus_call(bus.get(), raw, 0, &error, nullptr) < 0)

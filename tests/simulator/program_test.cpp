@@ -147,6 +147,11 @@ TEST(SimulatorProgram, IsPartOfTheKit)
     const bmcbus::testing::PrivateBus bus;
     bmcbus::testing::Simulator bmc;
     EXPECT_NO_THROW(bmc.Step());
+    EXPECT_NO_THROW(bmc.Control("AnswerLate", {thermal, "Get", uint32_t{1}}));
+    const std::vector<std::string> interfaces = {fanReporting};
+    EXPECT_NO_THROW(bmc.Control("AnnounceRemoved", {Path{chassisFans}, interfaces}));
+    EXPECT_NO_THROW(bmc.Control("AnnounceAdded", {Path{chassisFans}}));
+    EXPECT_THROW(bmc.Control("AnswerLate", {thermal, "Get", "1"}), std::runtime_error);
     EXPECT_THROW(bmc.Control("CrashService", {"com.example.Unknown"}), std::runtime_error);
     EXPECT_EQ(bmc.Stop(), 0);
     EXPECT_THROW(bmc.Step(), std::runtime_error);

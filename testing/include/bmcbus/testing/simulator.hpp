@@ -6,6 +6,7 @@
  */
 
 #include <bmcbus/testing/process.hpp>
+#include <bmcbus/testing/value.hpp>
 
 #include <string>
 #include <vector>
@@ -25,6 +26,7 @@ namespace bmcbus::testing
  *     EXPECT_EQ(ReadFans().size(), 6); // the code under test
  *     bmc.Step();                      // values move, signals are sent
  *     bmc.Control("CrashService", {"com.tamm.bmc.Thermal"});
+ *     bmc.Control("AnswerLate", {"com.tamm.bmc.Power", "GetAll", uint32_t{20}});
  * }
  * @endcode
  *
@@ -53,12 +55,13 @@ class Simulator
     void Step() const;
 
     /**
-     * Calls a method of the simulator's interface `com.tamm.bmc.Simulator`, whose arguments are all
-     * texts: services leave and return, answers are wrong, late or missing.
+     * Calls a method of the simulator's interface `com.tamm.bmc.Simulator`: services leave and
+     * return, answers are wrong, late or missing, losses are announced. `busctl introspect` shows
+     * the methods; the arguments must have exactly their types.
      *
      * Throws std::runtime_error with the error's name and text when it refuses.
      */
-    void Control(const std::string& method, const std::vector<std::string>& texts = {}) const;
+    void Control(const std::string& method, const std::vector<Value>& arguments = {}) const;
 
     /** What it has printed: the entries filed in its event log, for example. */
     std::string Output() const
