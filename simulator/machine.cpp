@@ -1,7 +1,6 @@
 #include "machine.hpp"
 
 #include <algorithm>
-#include <iostream>
 #include <system_error>
 
 namespace simulator
@@ -92,7 +91,7 @@ int Machine::OnTimer(sd_event_source* source, uint64_t now, void* self)
     }
     catch (const std::exception& failure)
     {
-        std::cerr << "bmcbus-simulator: " << failure.what() << '\n';
+        machine.failure = failure.what();
         return sd_event_exit(machine.loop, 1);
     }
 }

@@ -34,6 +34,12 @@ class Machine
     Machine(const Machine&) = delete;
     Machine& operator=(const Machine&) = delete;
 
+    // Why the loop ended, unless a signal ended it.
+    const std::string& Failure() const
+    {
+        return failure;
+    }
+
   private:
     std::vector<bmcbus::testing::Service*> Services() const;
     void Step();
@@ -46,6 +52,8 @@ class Machine
     std::unique_ptr<Mapper> mapper;
     Control control;
     sd_event_source* timer = nullptr;
+    // The connection ends the loop without a word when it is lost.
+    std::string failure = "the bus is gone";
 };
 
 } // namespace simulator

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
+#include <system_error>
 
 namespace
 {
@@ -61,7 +63,15 @@ int Run(const simulator::Options& options)
     sd_notify(0, "READY=1");
     const int status = sd_event_loop(loop.get());
     sd_notify(0, "STOPPING=1");
-    return status == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (status < 0)
+    {
+        throw std::system_error(-status, std::generic_category(), "sd_event_loop");
+    }
+    if (status > 0)
+    {
+        throw std::runtime_error(machine.Failure());
+    }
+    return EXIT_SUCCESS;
 }
 
 } // namespace

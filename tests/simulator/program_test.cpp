@@ -117,7 +117,8 @@ TEST(SimulatorProgram, EndsWithTheBus)
     Process simulator = Started({"--period", "0"});
     ASSERT_TRUE(simulator.Says("bmcbus-simulator: ready")) << simulator.Output();
     bus.Kill();
-    EXPECT_EQ(simulator.Wait(), 1) << simulator.Output();
+    EXPECT_EQ(simulator.Wait(), 1);
+    EXPECT_EQ(simulator.Output(), "bmcbus-simulator: ready\nbmcbus-simulator: the bus is gone\n");
 }
 
 TEST(SimulatorProgram, TellsItsServiceManagerThatItIsReady)
