@@ -123,6 +123,19 @@ void Network::Publish()
     PublishTable();
 }
 
+std::vector<Object*> Network::Ports()
+{
+    std::vector<Object*> ports;
+    for (const std::string& path : service.Paths())
+    {
+        if (path.starts_with(PathOf("")))
+        {
+            ports.push_back(&service.ObjectAt(path));
+        }
+    }
+    return ports;
+}
+
 void Network::PublishTable()
 {
     std::string rowType = "(";
@@ -132,43 +145,46 @@ void Network::PublishTable()
     }
     rowType += ")";
     std::vector<Value> rows;
-    for (const std::string& path : service.Paths())
+    for (const Object* port : Ports())
     {
-        if (path.starts_with(PathOf("")))
-        {
-            const Object& object = service.ObjectAt(path);
-            rows.push_back(Value::Struct(PerEach(Columns(),
-                                                 [&](const auto& column)
-                                                 {
-                                                     return object.Get(column.name);
-                                                 })));
-        }
+        rows.push_back(Value::Struct(PerEach(Columns(),
+                                             [&](const auto& column)
+                                             {
+                                                 return port->Get(column.name);
+                                             })));
     }
     Update(table, {{"OSLogicalNetworkInterfaces", Value::Array(rowType, rows)}});
 }
 
 void Network::TakeTable(const Value& rows)
 {
-    const std::vector<std::string> paths = service.Paths();
-    const auto pathOf = [](const Value& row)
-    {
-        return PathOf(row.Children().at(nameColumn).Get<std::string>());
-    };
+    // Where interfaces share a name, each row has one of them, in their order.
+    std::vector<Object*> left = Ports();
+    std::vector<Object*> ports;
     for (const Value& row : rows.Children())
     {
-        if (std::find(paths.begin(), paths.end(), pathOf(row)) == paths.end())
+        const Value& name = row.Children().at(nameColumn);
+        const auto found = std::find_if(left.begin(), left.end(),
+                                        [&](const Object* port)
+                                        {
+                                            return port->Get(Columns()[nameColumn].name) == name;
+                                        });
+        if (found == left.end())
         {
-            throw CallError(SD_BUS_ERROR_INVALID_ARGS, "There is no interface " + pathOf(row));
+            throw CallError(SD_BUS_ERROR_INVALID_ARGS,
+                            "There is no interface for the row " + name.Body());
         }
+        ports.push_back(*found);
+        left.erase(found);
     }
-    for (const Value& row : rows.Children())
+    for (size_t at = 0; at < ports.size(); ++at)
     {
         NamedValues values;
         for (size_t i = 0; i < Columns().size(); ++i)
         {
-            values.emplace_back(Columns()[i].name, row.Children().at(i));
+            values.emplace_back(Columns()[i].name, rows.Children()[at].Children().at(i));
         }
-        Update(service.ObjectAt(pathOf(row)), values);
+        Update(*ports[at], values);
     }
 }
 

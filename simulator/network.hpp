@@ -26,9 +26,12 @@ class Network final : public Part
     void Plug(const Port& port);
     void Unplug(const Port& port);
     NamedValues Values(const Port& port) const;
+    // The objects of all interfaces, in the order of the table's rows.
+    std::vector<Object*> Ports();
     // All interfaces as rows of the table object.
     void PublishTable();
-    // Takes what a client wrote into the table over into the interfaces.
+    // Takes what a client wrote into the table over into the interfaces: a row belongs to the one
+    // that has its name at present, wherever its object is.
     void TakeTable(const Value& rows);
 
     const Model& model;

@@ -251,10 +251,14 @@ TEST_F(SimulatorTest, TheInterfaceTableAndItsInterfacesAgree)
     const char* table = "com.tamm.ovrik.wharfd.OSLogicalNetworkInterfaces";
     const std::string eth0 = std::string(network) + "/eth0";
     EXPECT_EQ(Write(wharfd, eth0, port, "hostName", "renamed"), "");
-    auto rows = client.Properties(wharfd, network, "Get", {table, "OSLogicalNetworkInterfaces"})
-                    .values.at(0)
-                    .Children()
-                    .front();
+    const auto readTable = [&]
+    {
+        return client.Properties(wharfd, network, "Get", {table, "OSLogicalNetworkInterfaces"})
+            .values.at(0)
+            .Children()
+            .front();
+    };
+    Value rows = readTable();
     EXPECT_THAT(rows.Text(), HasSubstr("\"renamed\""));
 
     std::vector<Value> fields = rows.Children().front().Children();
@@ -268,6 +272,17 @@ TEST_F(SimulatorTest, TheInterfaceTableAndItsInterfacesAgree)
     EXPECT_EQ(Write(wharfd, network, table, "OSLogicalNetworkInterfaces",
                     Value::Array(rowType, {Value::Struct(fields)})),
               "org.freedesktop.DBus.Error.InvalidArgs");
+
+    // What is read may be written back, also when interfaces have other names, or the same.
+    for (const char* renamed : {"/eth1", "/eth0"})
+    {
+        EXPECT_EQ(Write(wharfd, network + std::string(renamed), port, "ifName", "eth9"), "");
+        rows = readTable();
+        EXPECT_EQ(Write(wharfd, network, table, "OSLogicalNetworkInterfaces", rows), "");
+        EXPECT_EQ(readTable(), rows);
+    }
+    EXPECT_EQ(Read(wharfd, eth0, port, "mtuSize"), "v u 9000");
+    EXPECT_EQ(Read(wharfd, network + std::string("/eth1"), port, "mtuSize"), "v u 1500");
 }
 
 class MovingSimulator : public SimulatorTest
