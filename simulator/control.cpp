@@ -179,10 +179,16 @@ Object& Control::ObjectOf(const Call& call) const
     for (const auto& served : services)
     {
         const std::vector<std::string> paths = served->service.Paths();
-        if (std::find(paths.begin(), paths.end(), path) != paths.end())
+        if (std::find(paths.begin(), paths.end(), path) == paths.end())
         {
-            return served->service.ObjectAt(path);
+            continue;
         }
+        if (!served->service.Connected())
+        {
+            throw CallError(SD_BUS_ERROR_FAILED,
+                            "The service " + served->service.Names().front() + " is down.");
+        }
+        return served->service.ObjectAt(path);
     }
     throw CallError(SD_BUS_ERROR_INVALID_ARGS, "The simulator has no object " + path + ".");
 }

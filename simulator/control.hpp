@@ -39,7 +39,7 @@ class Control
     void ServeAnnouncements(bmcbus::testing::Object& object);
     // The service that a call names in its first argument.
     Served& Named(const bmcbus::testing::Call& call) const;
-    // The object whose path it names there.
+    // The object whose path it names there, of a service that is on the bus.
     bmcbus::testing::Object& ObjectOf(const bmcbus::testing::Call& call) const;
 
     std::vector<std::unique_ptr<Served>> services;

@@ -62,6 +62,13 @@ TEST_F(SimulatorTest, AServiceCanCrash)
     std::vector<std::string> signals;
     client.Collect("type='signal',member='NameOwnerChanged',arg0='com.tamm.bmc.Thermal'", signals);
     Control("CrashService", {thermal});
+    for (const auto& refused :
+         {Control("AnnounceAdded", {Path{chassisFans}}),
+          Control("AnnounceRemoved", {Path{chassisFans}, std::vector<std::string>{fanReporting}})})
+    {
+        EXPECT_EQ(refused.error, "org.freedesktop.DBus.Error.Failed");
+        EXPECT_EQ(refused.reason, "The service com.tamm.bmc.Thermal is down.");
+    }
     Control("StartService", {thermal});
     ASSERT_TRUE(bmcbus::testing::Dispatch(client,
                                           [&]
