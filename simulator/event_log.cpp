@@ -2,7 +2,8 @@
 
 #include "descriptions.hpp"
 
-#include <cstdio>
+#include <bmcbus/testing/text.hpp>
+
 #include <iostream>
 #include <stdexcept>
 #include <tuple>
@@ -37,25 +38,10 @@ int Digit(char digit)
     throw std::invalid_argument("an argument block has lowercase hexadecimal digits only");
 }
 
-// In brackets, with bytes that a terminal would not show as they are written as \xNN.
+// In brackets. Arguments may be any bytes; the line is UTF-8 all the same.
 std::string Shown(const std::string& text)
 {
-    std::string shown = "[";
-    for (const char c : text)
-    {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F || c == '\\')
-        {
-            char escaped[5];
-            static_cast<void>(std::snprintf(escaped, sizeof(escaped), "\\x%02x", byte));
-            shown += escaped;
-        }
-        else
-        {
-            shown += c;
-        }
-    }
-    return shown + "]";
+    return "[" + bmcbus::testing::Printable(text, "\\") + "]";
 }
 
 std::string Describe(const Item& item)

@@ -38,6 +38,9 @@ TEST_F(EventLogTest, PrintsWhatTheEntrySays)
     EXPECT_EQ(File({{2, "two\nlines"}}), "i 0");
     EXPECT_TRUE(simulator.Says("event: agent=2 category=1 severity=3 id=[ID1] "
                                "message=[two\\x0alines]\n"));
+    EXPECT_EQ(File({{2, "\u20AC\\"}, {6, "c3a9e282c3ff0000"}}), "i 0");
+    EXPECT_TRUE(simulator.Says("event: agent=2 category=1 severity=3 id=[ID1] "
+                               "message=[\u20AC\\x5c] arg=[\u00E9\\xe2\\x82\\xc3\\xff]\n"));
 }
 
 TEST_F(EventLogTest, RefusesWhatNoClientShouldSend)
