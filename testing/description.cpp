@@ -79,6 +79,7 @@ class Parser
         InterfaceDescription interface;
         where.clear();
         interface.name = Name(node);
+        const PropertyDescription::Emits usual = Emits(node, PropertyDescription::Emits::value);
         for (const pugi::xml_node& member : node.children())
         {
             const std::string kind = member.name();
@@ -89,7 +90,7 @@ class Parser
             where = interface.name + "." + member.attribute("name").as_string();
             if (kind == "property")
             {
-                interface.properties.push_back(Property(member));
+                interface.properties.push_back(Property(member, usual));
             }
             else if (kind == "method")
             {
@@ -107,7 +108,25 @@ class Parser
         return interface;
     }
 
-    PropertyDescription Property(const pugi::xml_node& node) const
+    // What the element is annotated with.
+    static PropertyDescription::Emits Emits(const pugi::xml_node& node,
+                                            PropertyDescription::Emits otherwise)
+    {
+        for (const pugi::xml_node& note : node.children("annotation"))
+        {
+            const std::string key = note.attribute("name").as_string();
+            if (key == "org.freedesktop.DBus.Property.EmitsChangedSignal")
+            {
+                const std::string value = note.attribute("value").as_string();
+                return value == "true"          ? PropertyDescription::Emits::value
+                       : value == "invalidates" ? PropertyDescription::Emits::invalidation
+                                                : PropertyDescription::Emits::nothing;
+            }
+        }
+        return otherwise;
+    }
+
+    PropertyDescription Property(const pugi::xml_node& node, PropertyDescription::Emits usual) const
     {
         PropertyDescription property{.name = Name(node), .type = Type(node)};
         const std::string access = node.attribute("access").as_string();
@@ -117,16 +136,7 @@ class Parser
         }
         property.readable = access != "write";
         property.writable = access != "read";
-        for (const pugi::xml_node& note : node.children("annotation"))
-        {
-            const std::string key = note.attribute("name").as_string();
-            const std::string value = note.attribute("value").as_string();
-            if (key == "org.freedesktop.DBus.Property.EmitsChangedSignal" && value != "true")
-            {
-                property.emits = value == "invalidates" ? PropertyDescription::Emits::invalidation
-                                                        : PropertyDescription::Emits::nothing;
-            }
-        }
+        property.emits = Emits(node, usual);
         return property;
     }
 

@@ -120,6 +120,39 @@ TEST_F(FakeServiceTest, SignalsCarryWhatTheTestSays)
                 R"(InterfacesAdded oa{sa{sv}} "/com/example/fans" 1 "com.tamm.bmc.Memory.Dimm" 0)"));
 }
 
+TEST_F(FakeServiceTest, ChangesAreAnnouncedAsAnnotated)
+{
+    const auto annotated = [](const std::string& how)
+    {
+        return R"(<annotation name="org.freedesktop.DBus.Property.EmitsChangedSignal" value=")" +
+               how + R"("/>)";
+    };
+    const auto property = [](const std::string& of, const std::string& inside)
+    {
+        return "<property name='" + of + "' type='i' access='read'>" + inside + "</property>";
+    };
+    std::vector<std::string> signals{"none"};
+    client.Collect("type='signal',path='/annotated',member='PropertiesChanged'", signals);
+    const auto changes = [&](const std::string& forAll)
+    {
+        Object& object = fans.AddObject(
+            "/annotated", ParseDescription("<node><interface name='a.B'>" + property("Plain", "") +
+                                               property("Sent", annotated("true")) +
+                                               property("Named", annotated("invalidates")) +
+                                               property("Fixed", annotated("const")) + forAll +
+                                               "</interface></node>",
+                                           "a.B"));
+        object.Set({{"Plain", 1}, {"Sent", 2}, {"Named", 3}, {"Fixed", 4}});
+        EXPECT_TRUE(DispatchPending(client));
+        fans.RemoveObject("/annotated");
+        return signals.back();
+    };
+    const std::string start = R"(/annotated PropertiesChanged sa{sv}as "a.B" )";
+    EXPECT_EQ(changes(""), start + R"(2 "Plain" i 1 "Sent" i 2 1 "Named")");
+    EXPECT_EQ(changes(annotated("invalidates")), start + R"(1 "Sent" i 2 2 "Plain" "Named")");
+    EXPECT_EQ(changes(annotated("false")), start + R"(1 "Sent" i 2 1 "Named")");
+}
+
 TEST_F(FakeServiceTest, AMatchAddedAfterwardsSeesNothing)
 {
     std::vector<std::string> signals;

@@ -24,10 +24,13 @@ struct Argument
 /** A property. */
 struct PropertyDescription
 {
-    /** What the service announces when the value changes. */
+    /**
+     * What the service announces when the value changes: as the property is annotated
+     * (org.freedesktop.DBus.Property.EmitsChangedSignal), else as its interface is.
+     */
     enum class Emits
     {
-        value,        /**< PropertiesChanged with the value (when nothing else is annotated) */
+        value,        /**< PropertiesChanged with the value (when nothing is annotated) */
         invalidation, /**< PropertiesChanged with the name alone */
         nothing       /**< no signal */
     };
