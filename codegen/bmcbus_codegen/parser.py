@@ -67,7 +67,9 @@ class _Reader:
             reason = "not well-formed XML: " + expat.ErrorString(error.code)
             self.problems.append(Problem(error.lineno, reason))
         except (LookupError, ValueError) as error:
-            # An encoding that is not known.
+            # An encoding that is not known; once an element was read, a fault of this program.
+            if self.root is not None:
+                raise
             self.problems.append(Problem(self._line(), f"not well-formed XML: {error}"))
 
     def _line(self):
