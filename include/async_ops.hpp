@@ -5,8 +5,8 @@
  * All properties of an object, read without blocking.
  */
 
-#include <bmcbus/client/refs.hpp>
-#include <bmcbus/client/wire.hpp>
+#include <bmcbus/refs.hpp>
+#include <bmcbus/wire.hpp>
 #include <bmcbus/export.h>
 #include <bmcbus/sdbusplus.hpp>
 

@@ -1,11 +1,11 @@
 #include <bmcbus/client/cached.hpp>
 
-#include "bus.hpp"
-#include "client/match.hpp"
+#include "bus/bus.hpp"
+#include "bus/match.hpp"
 #include "client/member_log.hpp"
 #include "client/property_map.hpp"
 #include "client/signal.hpp"
-#include "object_mapper_lookup.hpp"
+#include "bus/object_mapper_lookup.hpp"
 
 #include <async_ops.hpp>
 #include <object_mapper.hpp>

@@ -1,6 +1,6 @@
 #include <bmcbus/client/direct.hpp>
 
-#include "bus.hpp"
+#include "bus/bus.hpp"
 #include "client/member_log.hpp"
 #include "client/value.hpp"
 

@@ -1,6 +1,6 @@
 #include "client/property_map.hpp"
 
-#include "bus.hpp"
+#include "bus/bus.hpp"
 
 #include <algorithm>
 #include <functional>

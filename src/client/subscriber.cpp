@@ -1,7 +1,7 @@
 #include <bmcbus/client/subscriber.hpp>
 
-#include "bus.hpp"
-#include "client/match.hpp"
+#include "bus/bus.hpp"
+#include "bus/match.hpp"
 #include "client/member_log.hpp"
 #include "client/signal.hpp"
 

@@ -58,7 +58,7 @@ class Files(InstallTest):
 
     def test_every_public_header_and_description_is_there(self):
         include = self.stage.prefix / "include" / "bmcbus"
-        for root in (SOURCE / "include", SOURCE / "testing" / "include"):
+        for root in (SOURCE / "include", SOURCE / "kit" / "include"):
             for header in root.rglob("*.h*"):
                 name = str(header.relative_to(root)).removesuffix(".in")
                 self.assertTrue((include / name).is_file() or name == "meson.build", name)

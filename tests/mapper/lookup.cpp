@@ -2,7 +2,7 @@
 
 #include "fixture.hpp"
 
-#include <object_mapper_lookup.hpp>
+#include <bus/object_mapper_lookup.hpp>
 
 #include <stdexcept>
 

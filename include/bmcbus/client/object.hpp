@@ -8,7 +8,7 @@
  * For generated code. Nothing here blocks unless it says so.
  */
 
-#include <bmcbus/client/refs.hpp>
+#include <bmcbus/refs.hpp>
 #include <bmcbus/client/type.hpp>
 
 #include <algorithm>

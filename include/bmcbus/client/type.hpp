@@ -9,7 +9,7 @@
  * pointer.
  */
 
-#include <bmcbus/client/wire.hpp>
+#include <bmcbus/wire.hpp>
 
 #include <cstddef>
 #include <cstdint>

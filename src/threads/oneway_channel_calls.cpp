@@ -1,4 +1,4 @@
-#include "oneway_channel_internal.hpp"
+#include "threads/oneway_channel_internal.hpp"
 
 using infrautils::OneWayChannel;
 using infrautils::OneWayChannelFlat;

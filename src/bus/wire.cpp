@@ -1,73 +1,9 @@
-#include <bmcbus/client/wire.hpp>
+#include <bmcbus/wire.hpp>
 
-#include "bus.hpp"
+#include "bus/bus.hpp"
+#include "bus/text.hpp"
 
 #include <cerrno>
-
-namespace bmcbus
-{
-namespace
-{
-
-// Length of the UTF-8 sequence at the start of `s`, 0 when there is none.
-size_t SequenceLength(const unsigned char* s, size_t left)
-{
-    const auto continues = [&](size_t at)
-    {
-        return at < left && (s[at] & 0xC0U) == 0x80U;
-    };
-    const auto second = [&](unsigned char low, unsigned char high)
-    {
-        return left > 1 && s[1] >= low && s[1] <= high;
-    };
-    const unsigned char first = s[0];
-    if (first >= 0xC2 && first <= 0xDF)
-    {
-        return continues(1) ? 2 : 0;
-    }
-    if (first >= 0xE0 && first <= 0xEF)
-    {
-        // Neither overlong forms nor surrogates.
-        const bool valid = second(first == 0xE0 ? 0xA0 : 0x80, first == 0xED ? 0x9F : 0xBF);
-        return valid && continues(2) ? 3 : 0;
-    }
-    if (first >= 0xF0 && first <= 0xF4)
-    {
-        const bool valid = second(first == 0xF0 ? 0x90 : 0x80, first == 0xF4 ? 0x8F : 0xBF);
-        return valid && continues(2) && continues(3) ? 4 : 0;
-    }
-    return 0;
-}
-
-} // namespace
-
-bool IsBusText(std::string_view text)
-{
-    const auto* s = reinterpret_cast<const unsigned char*>(text.data());
-    const unsigned char* const end = s + text.size();
-    while (s != end)
-    {
-        if (*s == 0)
-        {
-            return false;
-        }
-        const size_t length = *s < 0x80 ? 1 : SequenceLength(s, static_cast<size_t>(end - s));
-        if (length == 0)
-        {
-            return false;
-        }
-        s += length;
-    }
-    return true;
-}
-
-int AppendText(sd_bus_message* message, const std::string& text)
-{
-    return IsBusText(text) ? sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, text.c_str())
-                           : -EINVAL;
-}
-
-} // namespace bmcbus
 
 namespace bmcbus::client
 {
@@ -95,15 +31,6 @@ bool ReadTurned(sd_bus_message* message, char code, size_t width, FlatArray& arr
 }
 
 } // namespace
-
-int Require(int result, const char* step)
-{
-    if (result < 0)
-    {
-        throw Error(-result, step);
-    }
-    return result;
-}
 
 bool ReadBasic(sd_bus_message* message, char code, void* value)
 {

@@ -1,7 +1,7 @@
 #include <qzlog_via_dbus.hpp>
 
-#include "bus.hpp"
-#include "deadline.hpp"
+#include "bus/bus.hpp"
+#include "bus/deadline.hpp"
 #include "log.hpp"
 
 #include <algorithm>

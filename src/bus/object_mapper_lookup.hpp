@@ -3,7 +3,7 @@
 // The asynchronous search for a service with a handle on the pending request, for objects that may
 // go away before the answer comes.
 
-#include "bus.hpp"
+#include "bus/bus.hpp"
 
 #include <string>
 

@@ -1,8 +1,8 @@
 #include "threadfunnel_over_owc.hpp"
 
 #include "oneway_channel.hpp"
-#include "thread_exit.hpp"
-#include "threadfunnel_internal.hpp"
+#include "threads/thread_exit.hpp"
+#include "threads/threadfunnel_internal.hpp"
 
 #include <pthread.h>
 #include <sched.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <bmcbus/client/refs.hpp>
+#include <bmcbus/refs.hpp>
 
 #include <string>
 

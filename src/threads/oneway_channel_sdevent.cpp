@@ -1,7 +1,7 @@
 #include <oneway_channel.hpp>
 
 #include "log.hpp"
-#include "oneway_channel_internal.hpp"
+#include "threads/oneway_channel_internal.hpp"
 
 #include <new>
 #include <optional>

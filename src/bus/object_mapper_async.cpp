@@ -1,7 +1,8 @@
-#include "bus.hpp"
-#include "deadline.hpp"
-#include "object_mapper_internal.hpp"
-#include "object_mapper_lookup.hpp"
+#include "bus/bus.hpp"
+#include "bus/text.hpp"
+#include "bus/deadline.hpp"
+#include "bus/object_mapper_internal.hpp"
+#include "bus/object_mapper_lookup.hpp"
 
 #include <cerrno>
 #include <exception>

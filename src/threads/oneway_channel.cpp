@@ -1,7 +1,7 @@
 #include <oneway_channel.hpp>
 
-#include "oneway_channel_internal.hpp"
-#include "threadfunnel_internal.hpp"
+#include "threads/oneway_channel_internal.hpp"
+#include "threads/threadfunnel_internal.hpp"
 
 #include <czmq.h>
 #include <fcntl.h>

@@ -1,18 +1,29 @@
-#include "bus.hpp"
+#include "bus/bus.hpp"
+
+#include <bmcbus/sdbusplus.hpp>
 
 #include <cerrno>
 
 namespace bmcbus
 {
 
+int Require(int result, const char* step)
+{
+    if (result < 0)
+    {
+        throw Error(-result, step);
+    }
+    return result;
+}
+
 BusRef DefaultBus()
 {
     sd_bus* raw = nullptr;
-    client::Require(sd_bus_default_system(&raw), "sd_bus_default_system");
+    Require(sd_bus_default_system(&raw), "sd_bus_default_system");
     BusRef bus(raw);
     // Waits until a new connection is up, and tells a dead or inherited one from a working one.
     const char* name = nullptr;
-    client::Require(sd_bus_get_unique_name(raw, &name), "sd_bus_get_unique_name");
+    Require(sd_bus_get_unique_name(raw, &name), "sd_bus_get_unique_name");
     return bus;
 }
 
@@ -20,7 +31,7 @@ MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const cha
                    const char* member)
 {
     sd_bus_message* raw = nullptr;
-    client::Require(sd_bus_message_new_method_call(bus, &raw, service, path, interface, member),
+    Require(sd_bus_message_new_method_call(bus, &raw, service, path, interface, member),
                     "sd_bus_message_new_method_call");
     return MessageRef(raw);
 }
@@ -30,7 +41,10 @@ MessageRef NewCall(sd_bus* bus, const std::string& service, const std::string& p
 {
     const bool whole =
         service.find('\0') == std::string::npos && path.find('\0') == std::string::npos;
-    client::Require(whole ? 0 : -EINVAL, "sd_bus_message_new_method_call");
+    if (!whole)
+    {
+        throw Error(EINVAL, "sd_bus_message_new_method_call");
+    }
     return NewCall(bus, service.c_str(), path.c_str(), interface, member);
 }
 

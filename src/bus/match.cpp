@@ -1,6 +1,7 @@
-#include "client/match.hpp"
+#include "bus/match.hpp"
 
-#include "bus.hpp"
+#include "bus/bus.hpp"
+#include "bus/text.hpp"
 
 #include <cerrno>
 

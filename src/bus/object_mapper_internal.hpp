@@ -4,7 +4,7 @@
 
 #include "log.hpp"
 
-#include <bmcbus/client/wire.hpp>
+#include <bmcbus/wire.hpp>
 #include <object_mapper.hpp>
 
 #include <exception>

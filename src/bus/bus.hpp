@@ -1,26 +1,19 @@
 #pragma once
 
-// What every blocking call shares: the thread's default connection, the call and its reply. Text in
-// arguments goes through AppendText or the writers of wire.hpp, which check it.
+// What every blocking call shares: the thread's default connection, the call and its reply. Arguments
+// go through the writers of wire.hpp, which refuse what may not travel.
 
-#include <bmcbus/client/refs.hpp>
-#include <bmcbus/client/wire.hpp>
+#include <bmcbus/refs.hpp>
 
 #include <systemd/sd-bus.h>
 
 #include <string>
-#include <string_view>
 
 namespace bmcbus
 {
 
-// True for text that may travel as a D-Bus string: valid UTF-8 without zero bytes. The daemon drops
-// the whole connection of a sender of other text, so that is refused before it reaches a message.
-bool IsBusText(std::string_view text);
-
-// Appends one string. Gives 0 or more, or a negative error number: -EINVAL for text that may not
-// travel.
-int AppendText(sd_bus_message* message, const std::string& text);
+// Throws Error(-result, step) for a negative result, else gives it back.
+int Require(int result, const char* step);
 
 // The calling thread's default system-bus connection, connected. Throws Error.
 BusRef DefaultBus();
@@ -39,11 +32,3 @@ MessageRef NewCall(sd_bus* bus, const std::string& service, const std::string& p
 MessageRef Call(sd_bus* bus, sd_bus_message* call);
 
 } // namespace bmcbus
-
-namespace bmcbus::client
-{
-
-// Throws Error(-result, step) for a negative result, else gives it back.
-int Require(int result, const char* step);
-
-} // namespace bmcbus::client

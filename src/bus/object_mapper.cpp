@@ -1,7 +1,7 @@
 #include <object_mapper.hpp>
 
-#include "bus.hpp"
-#include "object_mapper_internal.hpp"
+#include "bus/bus.hpp"
+#include "bus/object_mapper_internal.hpp"
 
 #include <exception>
 

@@ -1,6 +1,7 @@
 #include <async_ops.hpp>
 
-#include "bus.hpp"
+#include "bus/bus.hpp"
+#include "bus/text.hpp"
 #include "log.hpp"
 
 #include <cerrno>

@@ -1,7 +1,7 @@
 #include "yetanotherthreadpool.hpp"
 
 #include "log.hpp"
-#include "thread_exit.hpp"
+#include "threads/thread_exit.hpp"
 
 #include <algorithm>
 #include <chrono>

@@ -4,8 +4,8 @@
 
 #include "threadfunnel.hpp"
 
-#include "thread_exit.hpp"
-#include "threadfunnel_internal.hpp"
+#include "threads/thread_exit.hpp"
+#include "threads/threadfunnel_internal.hpp"
 
 #include <pthread.h>
 #include <sched.h>
