@@ -9,9 +9,7 @@ const kit::Value& Copy::AsRead(const kit::Value& value) const
 {
     const bool known = std::any_of(values.begin(), values.end(),
                                    [&](const auto& each)
-                                   {
-                                       return each.second.value.Signature() == value.Signature();
-                                   });
+                                   { return each.second.value.Signature() == value.Signature(); });
     return known ? value : first;
 }
 

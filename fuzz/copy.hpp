@@ -100,10 +100,7 @@ class Tested
                   .first = std::variant_alternative_t<0, typename Class::Variant>{}};
 
   private:
-    static void OnChange(Class* /*object*/, void* self)
-    {
-        ++static_cast<Tested*>(self)->calls;
-    }
+    static void OnChange(Class* /*object*/, void* self) { ++static_cast<Tested*>(self)->calls; }
 
     size_t calls = 0;
     size_t errorsBefore = test::ErrorLines();

@@ -202,9 +202,7 @@ kit::Value Input::PropertyMap()
 std::vector<kit::Value> Input::Bent(std::vector<kit::Value> arguments)
 {
     const auto at = [&]
-    {
-        return arguments.begin() + static_cast<std::ptrdiff_t>(Below(arguments.size()));
-    };
+    { return arguments.begin() + static_cast<std::ptrdiff_t>(Below(arguments.size())); };
     switch (Below(16))
     {
         case 15:

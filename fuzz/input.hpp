@@ -28,10 +28,7 @@ class Input
     // `words` are the names that matter to what is tested; they outlive this object.
     Input(const uint8_t* data, size_t size, const std::vector<Word>& words);
 
-    bool Left()
-    {
-        return bytes.remaining_bytes() > 0;
-    }
+    bool Left() { return bytes.remaining_bytes() > 0; }
 
     // 0 to limit - 1.
     size_t Below(size_t limit);

@@ -14,9 +14,7 @@ template <class Class>
 class Subscription
 {
   public:
-    explicit Subscription(Input& bytes) : input(bytes)
-    {
-    }
+    explicit Subscription(Input& bytes) : input(bytes) {}
 
     void Run()
     {
@@ -118,10 +116,7 @@ class Subscription
         return initial;
     }
 
-    static void OnSignal(Class* /*object*/, void* calls)
-    {
-        ++*static_cast<size_t*>(calls);
-    }
+    static void OnSignal(Class* /*object*/, void* calls) { ++*static_cast<size_t*>(calls); }
 
     Input& input;
     size_t calls = 0;

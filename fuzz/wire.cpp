@@ -68,11 +68,7 @@ sd_bus* Wire::Default()
 
 void Wire::Deliver()
 {
-    Link().Pump(
-        []
-        {
-            return false;
-        });
+    Link().Pump([] { return false; });
 }
 
 void Wire::Signal(const std::string& path, const std::string& interface, const std::string& member,

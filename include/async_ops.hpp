@@ -5,10 +5,10 @@
  * All properties of an object, read without blocking.
  */
 
-#include <bmcbus/refs.hpp>
-#include <bmcbus/wire.hpp>
 #include <bmcbus/export.h>
+#include <bmcbus/refs.hpp>
 #include <bmcbus/sdbusplus.hpp>
+#include <bmcbus/wire.hpp>
 
 #include <functional>
 #include <map>
@@ -105,14 +105,8 @@ void GetAllProperties(bmcbus::Bus& bus, const std::string& service, const std::s
     detail::Detach(detail::QueueGetAll(
         bmcbus::Connection(bus), service, path, interface,
         [](sd_bus_message* reply, void* record, sd_bus_error* error) noexcept
-        {
-            return Internal_GetAllProperties_Callback<Variant>(reply, record, error);
-        },
-        request.release(),
-        [](void* record)
-        {
-            delete static_cast<Request*>(record);
-        }));
+        { return Internal_GetAllProperties_Callback<Variant>(reply, record, error); },
+        request.release(), [](void* record) { delete static_cast<Request*>(record); }));
 }
 
 template <class Variant>
@@ -121,23 +115,20 @@ int Internal_GetAllProperties_Callback(sd_bus_message* reply, void* record, sd_b
     using Request = detail::Request<Variant>;
     // The record itself goes when the pending call does, right after this handler.
     Request request = std::move(*static_cast<Request*>(record));
-    return detail::HandleReply(reply, {.self = &request,
-                                       .decode =
-                                           [](void* self, sd_bus_message* message)
-                                       {
-                                           bmcbus::client::Read(
-                                               message, static_cast<Request*>(self)->properties);
-                                       },
-                                       .complete =
-                                           [](void* self, bool success)
-                                       {
-                                           auto& done = *static_cast<Request*>(self);
-                                           if (!success)
-                                           {
-                                               done.properties.clear();
-                                           }
-                                           done.callback(success, done.properties, done.context);
-                                       }});
+    return detail::HandleReply(
+        reply, {.self = &request,
+                .decode = [](void* self, sd_bus_message* message)
+                { bmcbus::client::Read(message, static_cast<Request*>(self)->properties); },
+                .complete =
+                    [](void* self, bool success)
+                {
+                    auto& done = *static_cast<Request*>(self);
+                    if (!success)
+                    {
+                        done.properties.clear();
+                    }
+                    done.callback(success, done.properties, done.context);
+                }});
 }
 
 } // namespace Async::Ops

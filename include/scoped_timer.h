@@ -132,10 +132,7 @@ class [[nodiscard]] ScopedTimer
     ScopedTimer& operator=(const ScopedTimer&) = delete;
 
     /** Ends the measurement and reports. */
-    ~ScopedTimer()
-    {
-        release_(&info_);
-    }
+    ~ScopedTimer() { release_(&info_); }
 
   private:
     ScopedTimer(ScopedTimerCInfo* info, void (*release)(ScopedTimerCInfo**)) noexcept :

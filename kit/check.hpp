@@ -46,26 +46,11 @@ inline void CheckError(const std::string& name, const std::string& text)
 
 struct Unreference
 {
-    void operator()(sd_bus* bus) const
-    {
-        sd_bus_unref(bus);
-    }
-    void operator()(sd_bus_message* message) const
-    {
-        sd_bus_message_unref(message);
-    }
-    void operator()(sd_bus_slot* slot) const
-    {
-        sd_bus_slot_unref(slot);
-    }
-    void operator()(sd_event* event) const
-    {
-        sd_event_unref(event);
-    }
-    void operator()(sd_event_source* source) const
-    {
-        sd_event_source_disable_unref(source);
-    }
+    void operator()(sd_bus* bus) const { sd_bus_unref(bus); }
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+    void operator()(sd_event* event) const { sd_event_unref(event); }
+    void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
 };
 
 template <class T>

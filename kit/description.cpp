@@ -20,9 +20,7 @@ namespace
 class Parser
 {
   public:
-    explicit Parser(const std::string& name) : origin(name)
-    {
-    }
+    explicit Parser(const std::string& name) : origin(name) {}
 
     std::vector<InterfaceDescription> Parse(std::string_view xml)
     {
@@ -196,10 +194,7 @@ template <class Member>
 const Member* Find(const std::vector<Member>& members, std::string_view name)
 {
     const auto found = std::find_if(members.begin(), members.end(),
-                                    [&](const Member& member)
-                                    {
-                                        return member.name == name;
-                                    });
+                                    [&](const Member& member) { return member.name == name; });
     return found == members.end() ? nullptr : &*found;
 }
 

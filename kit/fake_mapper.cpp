@@ -69,11 +69,7 @@ void MapperTable::Remove(const std::string& service, const std::string& path)
             services.erase(service);
         }
     }
-    std::erase_if(table,
-                  [](const auto& entry)
-                  {
-                      return entry.second.empty();
-                  });
+    std::erase_if(table, [](const auto& entry) { return entry.second.empty(); });
 }
 
 MapperTable::Services MapperTable::Matching(const Services& services, const Wanted& wanted)
@@ -96,12 +92,9 @@ void MapperTable::Require(const std::string& path) const
 {
     // A path without an object of its own is known when there is one below.
     const std::string prefix = Prefix(path);
-    const bool known =
-        std::any_of(table.begin(), table.end(),
-                    [&](const auto& entry)
-                    {
-                        return entry.first == path || entry.first.starts_with(prefix);
-                    });
+    const bool known = std::any_of(
+        table.begin(), table.end(),
+        [&](const auto& entry) { return entry.first == path || entry.first.starts_with(prefix); });
     if (!known && path != "/")
     {
         NotFound();
@@ -193,30 +186,19 @@ FakeMapper::FakeMapper() : FakeService({mapperName}), table(std::make_shared<Map
     {
         // The service's thread outlives this part of the object.
         object.OnCall(method.name,
-                      [shared = table](const Call& call)
-                      {
-                          return shared->Answer(call);
-                      });
+                      [shared = table](const Call& call) { return shared->Answer(call); });
     }
 }
 
 void FakeMapper::Add(const std::string& path, const std::string& service,
                      const std::vector<std::string>& interfaces)
 {
-    Run(
-        [&]
-        {
-            table->Add(path, service, interfaces);
-        });
+    Run([&] { table->Add(path, service, interfaces); });
 }
 
 void FakeMapper::Remove(const std::string& service, const std::string& path)
 {
-    Run(
-        [&]
-        {
-            table->Remove(service, path);
-        });
+    Run([&] { table->Remove(service, path); });
 }
 
 } // namespace bmcbus::testing

@@ -25,11 +25,7 @@ FaultRule& FaultRule::Times(size_t count)
 void FaultRule::Install(Faults::Kind kind)
 {
     rule.kind = kind;
-    service.Run(
-        [this]
-        {
-            service.faults.Add(rule);
-        });
+    service.Run([this] { service.faults.Add(rule); });
 }
 
 void FaultRule::ReplyError(const std::string& name, const std::string& text)
@@ -90,11 +86,7 @@ FakeService::FakeService(const std::string& name, const std::string& path,
 FakeService::~FakeService()
 {
     Intercept({});
-    Run(
-        [this]
-        {
-            faults.Drop();
-        });
+    Run([this] { faults.Drop(); });
 }
 
 Object* FakeService::operator->()
@@ -118,11 +110,7 @@ FaultRule FakeService::On(const std::string& member, const std::string& argument
 
 void FakeService::Heal(const std::string& member)
 {
-    Run(
-        [&]
-        {
-            faults.Remove(member);
-        });
+    Run([&] { faults.Remove(member); });
 }
 
 bool FakeService::WaitForHeld(size_t count, std::chrono::milliseconds bound)
@@ -131,11 +119,7 @@ bool FakeService::WaitForHeld(size_t count, std::chrono::milliseconds bound)
         [&]
         {
             size_t held = 0;
-            Run(
-                [&]
-                {
-                    held = faults.Held();
-                });
+            Run([&] { held = faults.Held(); });
             return held >= count;
         },
         bound);
@@ -143,11 +127,7 @@ bool FakeService::WaitForHeld(size_t count, std::chrono::milliseconds bound)
 
 void FakeService::Release()
 {
-    Run(
-        [this]
-        {
-            faults.Release();
-        });
+    Run([this] { faults.Release(); });
 }
 
 std::vector<Call> FakeService::Calls() const
@@ -159,23 +139,14 @@ std::vector<Call> FakeService::Calls() const
 std::vector<Call> FakeService::Calls(const std::string& member) const
 {
     std::vector<Call> matching = Calls();
-    std::erase_if(matching,
-                  [&](const Call& call)
-                  {
-                      return call.member != member;
-                  });
+    std::erase_if(matching, [&](const Call& call) { return call.member != member; });
     return matching;
 }
 
 bool FakeService::WaitForCalls(const std::string& member, size_t count,
                                std::chrono::milliseconds bound) const
 {
-    return Until(
-        [&]
-        {
-            return Calls(member).size() >= count;
-        },
-        bound);
+    return Until([&] { return Calls(member).size() >= count; }, bound);
 }
 
 void FakeService::ClearCalls()

@@ -28,11 +28,7 @@ struct Faults::Waiting
     {
         auto* waiting = static_cast<Waiting*>(self);
         waiting->Answer();
-        waiting->owner.delayed.remove_if(
-            [=](const auto& each)
-            {
-                return each.get() == waiting;
-            });
+        waiting->owner.delayed.remove_if([=](const auto& each) { return each.get() == waiting; });
         return 0;
     }
 
@@ -42,9 +38,7 @@ struct Faults::Waiting
     Owned<sd_event_source> timer;
 };
 
-Faults::Faults(Service& owner) : service(owner)
-{
-}
+Faults::Faults(Service& owner) : service(owner) {}
 
 Faults::~Faults() = default;
 
@@ -54,21 +48,14 @@ void Faults::Add(Rule rule)
     {
         CheckError(rule.errorName, rule.errorText);
     }
-    rules.remove_if(
-        [&](const Rule& other)
-        {
-            return other.member == rule.member && other.argument == rule.argument;
-        });
+    rules.remove_if([&](const Rule& other)
+                    { return other.member == rule.member && other.argument == rule.argument; });
     rules.push_front(std::move(rule));
 }
 
 void Faults::Remove(const std::string& member)
 {
-    rules.remove_if(
-        [&](const Rule& rule)
-        {
-            return member.empty() || rule.member == member;
-        });
+    rules.remove_if([&](const Rule& rule) { return member.empty() || rule.member == member; });
 }
 
 bool Faults::Fits(const Rule& rule, const Call& call) const
@@ -77,20 +64,15 @@ bool Faults::Fits(const Rule& rule, const Call& call) const
     {
         return false;
     }
-    return rule.argument.empty() || std::any_of(call.arguments.begin(), call.arguments.end(),
-                                                [&](const Value& value)
-                                                {
-                                                    return value == Value(rule.argument);
-                                                });
+    return rule.argument.empty() ||
+           std::any_of(call.arguments.begin(), call.arguments.end(),
+                       [&](const Value& value) { return value == Value(rule.argument); });
 }
 
 bool Faults::Handle(const Call& call, sd_bus_message* message)
 {
     const auto found = std::find_if(rules.begin(), rules.end(),
-                                    [&](const Rule& rule)
-                                    {
-                                        return Fits(rule, call);
-                                    });
+                                    [&](const Rule& rule) { return Fits(rule, call); });
     if (found == rules.end())
     {
         return false;

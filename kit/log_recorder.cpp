@@ -26,19 +26,8 @@ Record& TheRecord()
 {
     static Record* record = []
     {
-        pthread_atfork(
-            []
-            {
-                TheRecord().mutex.lock();
-            },
-            []
-            {
-                TheRecord().mutex.unlock();
-            },
-            []
-            {
-                TheRecord().mutex.unlock();
-            });
+        pthread_atfork([] { TheRecord().mutex.lock(); }, [] { TheRecord().mutex.unlock(); },
+                       [] { TheRecord().mutex.unlock(); });
         return new Record;
     }();
     return *record;
@@ -82,22 +71,14 @@ std::vector<LogLine> Log()
 std::vector<LogLine> Log(int level)
 {
     std::vector<LogLine> lines = Log();
-    std::erase_if(lines,
-                  [=](const LogLine& line)
-                  {
-                      return line.level > level;
-                  });
+    std::erase_if(lines, [=](const LogLine& line) { return line.level > level; });
     return lines;
 }
 
 std::vector<LogLine> LogOf(const std::string& format)
 {
     std::vector<LogLine> lines = Log();
-    std::erase_if(lines,
-                  [&](const LogLine& line)
-                  {
-                      return line.format != format;
-                  });
+    std::erase_if(lines, [&](const LogLine& line) { return line.format != format; });
     return lines;
 }
 

@@ -20,26 +20,16 @@ Loop::Loop()
     wakeUpSource.reset(source);
     // Work from outside goes before what arrives on the bus.
     Check(sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IMPORTANT), "set priority");
-    thread = QuietThread(
-        [raw]
-        {
-            sd_event_loop(raw);
-        });
+    thread = QuietThread([raw] { sd_event_loop(raw); });
 }
 
-Loop::Loop(sd_event* existing) : event(sd_event_ref(existing))
-{
-}
+Loop::Loop(sd_event* existing) : event(sd_event_ref(existing)) {}
 
 Loop::~Loop()
 {
     if (thread.joinable())
     {
-        Post(
-            [this]
-            {
-                sd_event_exit(event.get(), 0);
-            });
+        Post([this] { sd_event_exit(event.get(), 0); });
         thread.join();
     }
     if (wakeUp >= 0)

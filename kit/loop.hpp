@@ -28,10 +28,7 @@ class Loop
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
 
-    sd_event* Event() const
-    {
-        return event.get();
-    }
+    sd_event* Event() const { return event.get(); }
 
     // True when the calling thread is the one that may touch the connection.
     bool Inside() const
@@ -51,11 +48,7 @@ class Loop
         auto task =
             std::make_shared<std::packaged_task<decltype(work())()>>(std::forward<Work>(work));
         auto result = task->get_future();
-        Post(
-            [task]
-            {
-                (*task)();
-            });
+        Post([task] { (*task)(); });
         return result.get();
     }
 

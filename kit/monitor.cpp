@@ -37,10 +37,7 @@ const char* TypeName(uint8_t type)
 
 WireMessage Decode(sd_bus_message* message)
 {
-    const auto text = [](const char* maybe)
-    {
-        return std::string(maybe == nullptr ? "" : maybe);
-    };
+    const auto text = [](const char* maybe) { return std::string(maybe == nullptr ? "" : maybe); };
     WireMessage wire;
     uint8_t type = 0;
     Check(sd_bus_message_get_type(message, &type), "sd_bus_message_get_type");
@@ -90,11 +87,7 @@ class Monitor::Recorder
                                  "org.freedesktop.DBus.Monitoring", "BecomeMonitor", nullptr,
                                  nullptr, "asu", 0U, 0U),
               "BecomeMonitor");
-        thread = QuietThread(
-            [this]
-            {
-                Listen();
-            });
+        thread = QuietThread([this] { Listen(); });
         Settle();
     }
 
@@ -260,30 +253,20 @@ std::vector<WireMessage> Monitor::Messages()
 std::vector<WireMessage> Monitor::Messages(const Filter& filter)
 {
     std::vector<WireMessage> all = Messages();
-    std::erase_if(all,
-                  [&](const WireMessage& message)
-                  {
-                      return !filter(message);
-                  });
+    std::erase_if(all, [&](const WireMessage& message) { return !filter(message); });
     return all;
 }
 
 std::vector<WireMessage> Monitor::Calls(const std::string& member)
 {
-    return Messages(
-        [&](const WireMessage& message)
-        {
-            return message.type == "method_call" && message.member == member;
-        });
+    return Messages([&](const WireMessage& message)
+                    { return message.type == "method_call" && message.member == member; });
 }
 
 std::vector<WireMessage> Monitor::Signals(const std::string& member)
 {
-    return Messages(
-        [&](const WireMessage& message)
-        {
-            return message.type == "signal" && message.member == member;
-        });
+    return Messages([&](const WireMessage& message)
+                    { return message.type == "signal" && message.member == member; });
 }
 
 bool Monitor::WaitFor(const Filter& filter, size_t count, std::chrono::milliseconds bound) const

@@ -52,11 +52,7 @@ Peers::Peers()
     Check(sd_bus_start(second.get()), "sd_bus_start");
     client = first.release();
     server = second.release();
-    Pump(
-        [this]
-        {
-            return sd_bus_is_ready(client) > 0 && sd_bus_is_ready(server) > 0;
-        });
+    Pump([this] { return sd_bus_is_ready(client) > 0 && sd_bus_is_ready(server) > 0; });
 }
 
 Peers::~Peers()

@@ -91,9 +91,7 @@ void PrivateBus::WriteConfiguration(const BusLimits& limits) const
 {
     std::ofstream file(folder / "bus.conf");
     const auto limit = [&](const char* name, unsigned int value)
-    {
-        file << " <limit name=\"" << name << "\">" << value << "</limit>\n";
-    };
+    { file << " <limit name=\"" << name << "\">" << value << "</limit>\n"; };
     file << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
             " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
             "<busconfig>\n"
@@ -165,10 +163,7 @@ std::vector<std::string> PrivateBus::Connections() const
     const Owned<sd_bus_message> reply(message);
     auto names = Value::Read(message).Get<std::vector<std::string>>();
     std::erase_if(names,
-                  [&](const std::string& name)
-                  {
-                      return !name.starts_with(':') || name == own;
-                  });
+                  [&](const std::string& name) { return !name.starts_with(':') || name == own; });
     std::sort(names.begin(), names.end());
     return names;
 }

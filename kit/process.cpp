@@ -42,21 +42,12 @@ std::vector<char*> Pointers(std::vector<std::string>& texts)
 class Sink
 {
   public:
-    Sink() : fd(memfd_create("output", MFD_CLOEXEC))
-    {
-        Check(fd < 0 ? -errno : 0, "memfd_create");
-    }
-    ~Sink()
-    {
-        close(fd);
-    }
+    Sink() : fd(memfd_create("output", MFD_CLOEXEC)) { Check(fd < 0 ? -errno : 0, "memfd_create"); }
+    ~Sink() { close(fd); }
     Sink(const Sink&) = delete;
     Sink& operator=(const Sink&) = delete;
 
-    int Descriptor() const
-    {
-        return fd;
-    }
+    int Descriptor() const { return fd; }
 
     std::string Text() const
     {
@@ -118,18 +109,10 @@ Process::Keeper::Keeper(std::vector<std::string> command, std::vector<std::strin
 {
     const std::vector<char*> arguments = Pointers(command);
     const std::vector<char*> variables = Pointers(environment);
-    thread = std::thread(
-        [&]
-        {
-            Keep(arguments.data(), variables.data());
-        });
+    thread = std::thread([&] { Keep(arguments.data(), variables.data()); });
     {
         std::unique_lock lock(mutex);
-        changed.wait(lock,
-                     [this]
-                     {
-                         return started;
-                     });
+        changed.wait(lock, [this] { return started; });
     }
     if (failure != 0)
     {
@@ -185,11 +168,7 @@ void Process::Keeper::Keep(char* const* arguments, char* const* variables)
     pid = child;
     started = true;
     changed.notify_all();
-    changed.wait(lock,
-                 [this]
-                 {
-                     return ending || failure != 0;
-                 });
+    changed.wait(lock, [this] { return ending || failure != 0; });
 }
 
 bool Process::Keeper::Ended()
@@ -268,11 +247,7 @@ void Process::Signal(int number) const
 
 int Process::Wait()
 {
-    const bool ended = Until(
-        [this]
-        {
-            return keeper->Ended();
-        });
+    const bool ended = Until([this] { return keeper->Ended(); });
     return ended && WIFEXITED(keeper->status) ? WEXITSTATUS(keeper->status) : -1;
 }
 

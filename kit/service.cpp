@@ -119,10 +119,7 @@ int Service::Link::OnMessage(sd_bus_message* message, void* self, sd_bus_error*)
         return 0;
     }
     Service& service = static_cast<Link*>(self)->service;
-    const auto text = [](const char* maybe)
-    {
-        return std::string(maybe == nullptr ? "" : maybe);
-    };
+    const auto text = [](const char* maybe) { return std::string(maybe == nullptr ? "" : maybe); };
     try
     {
         const Call call{.sender = text(sd_bus_message_get_sender(message)),
@@ -189,48 +186,28 @@ Service::Service(std::vector<std::string> wellKnown, const Options& options) :
 
 Service::~Service()
 {
-    link->loop->Run(
-        [this]
-        {
-            link->Disconnect(true);
-        });
+    link->loop->Run([this] { link->Disconnect(true); });
     link->loop.reset();
 }
 
 void Service::Start()
 {
-    OnThread(
-        [this]
-        {
-            link->Connect();
-        });
+    OnThread([this] { link->Connect(); });
 }
 
 void Service::Stop()
 {
-    OnThread(
-        [this]
-        {
-            link->Disconnect(true);
-        });
+    OnThread([this] { link->Disconnect(true); });
 }
 
 void Service::Crash()
 {
-    OnThread(
-        [this]
-        {
-            link->Disconnect(false);
-        });
+    OnThread([this] { link->Disconnect(false); });
 }
 
 bool Service::Connected() const
 {
-    return OnThread(
-        [this]
-        {
-            return link->Up();
-        });
+    return OnThread([this] { return link->Up(); });
 }
 
 std::string Service::UniqueName() const
@@ -266,11 +243,7 @@ void Service::RequestName(const std::string& name)
 
 void Service::Intercept(Interceptor sees)
 {
-    OnThread(
-        [&]
-        {
-            interceptor = std::move(sees);
-        });
+    OnThread([&] { interceptor = std::move(sees); });
 }
 
 void Service::Run(const std::function<void()>& work) const
@@ -291,11 +264,7 @@ sd_event* Service::EventLoop() const
 void Service::EmitRaw(const std::string& path, const std::string& interface,
                       const std::string& member, const std::vector<Value>& arguments)
 {
-    OnThread(
-        [&]
-        {
-            link->Send(path, interface, member, arguments);
-        });
+    OnThread([&] { link->Send(path, interface, member, arguments); });
 }
 
 // --- objects ------------------------------------------------------------------------------------
@@ -384,11 +353,7 @@ std::vector<std::string> Service::Paths() const
 
 void Service::Manage(const std::string& root)
 {
-    OnThread(
-        [&]
-        {
-            managers.push_back(root);
-        });
+    OnThread([&] { managers.push_back(root); });
 }
 
 std::string Service::ManagerOf(const std::string& path) const

@@ -54,10 +54,7 @@ auto Service::OnThread(Work&& work) const -> decltype(work())
     struct AtEnd
     {
         Link& link;
-        ~AtEnd()
-        {
-            link.Settle();
-        }
+        ~AtEnd() { link.Settle(); }
     };
     return link->loop->Run(
         [&]() -> decltype(auto)
@@ -71,9 +68,7 @@ auto Service::OnThread(Work&& work) const -> decltype(work())
 class CallAnswer
 {
   public:
-    CallAnswer(Service& owner, const Call& received) : service(owner), call(received)
-    {
-    }
+    CallAnswer(Service& owner, const Call& received) : service(owner), call(received) {}
     // The out-arguments; throws CallError.
     std::vector<Value> Make();
 

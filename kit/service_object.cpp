@@ -3,9 +3,7 @@
 namespace bmcbus::testing
 {
 
-Object::Object(Service& owner, std::string where) : service(owner), path(std::move(where))
-{
-}
+Object::Object(Service& owner, std::string where) : service(owner), path(std::move(where)) {}
 
 Object::~Object() = default;
 
@@ -47,9 +45,7 @@ Object::Found Object::FindProperty(const std::string& name) const
 {
     return Find(name, "property",
                 [](const InterfaceDescription& interface, const std::string& member)
-                {
-                    return interface.Property(member);
-                });
+                { return interface.Property(member); });
 }
 
 std::vector<std::string> Object::Interfaces() const
@@ -153,20 +149,12 @@ void Object::Set(const std::string& property, const Value& value)
 
 void Object::Set(const NamedValues& values)
 {
-    service.OnThread(
-        [&]
-        {
-            Announce(Store(values));
-        });
+    service.OnThread([&] { Announce(Store(values)); });
 }
 
 void Object::SetQuietly(const NamedValues& values)
 {
-    service.OnThread(
-        [&]
-        {
-            Store(values);
-        });
+    service.OnThread([&] { Store(values); });
 }
 
 Value Object::Get(const std::string& property) const
@@ -225,9 +213,7 @@ void Object::OnCall(const std::string& method, CallHandler handler)
             const Found found =
                 Find(method, "method",
                      [](const InterfaceDescription& interface, const std::string& member)
-                     {
-                         return interface.Method(member);
-                     });
+                     { return interface.Method(member); });
             found.slot->handlers[found.member] = std::move(handler);
         });
 }
@@ -242,9 +228,7 @@ void Object::EmitValues(const std::string& signal, const std::vector<Value>& arg
             const Found found =
                 Find(signal, "signal",
                      [](const InterfaceDescription& interface, const std::string& member)
-                     {
-                         return interface.Signal(member);
-                     });
+                     { return interface.Signal(member); });
             const std::vector<Argument>& declared =
                 found.slot->description.Signal(found.member)->arguments;
             if (declared.size() != arguments.size())
@@ -290,11 +274,7 @@ void Object::SendAdded(const Value& interfaces)
 
 void Object::EmitInterfacesAdded()
 {
-    service.OnThread(
-        [&]
-        {
-            SendAdded(AllInterfaces());
-        });
+    service.OnThread([&] { SendAdded(AllInterfaces()); });
 }
 
 void Object::EmitInterfacesRemoved(const std::vector<std::string>& interfaces)

@@ -19,9 +19,7 @@ struct Letter
 Letter FirstLetter(std::string_view text)
 {
     const auto byte = [&](size_t at)
-    {
-        return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U;
-    };
+    { return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U; };
     const uint32_t first = byte(0);
     if (first < 0x80)
     {

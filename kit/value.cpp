@@ -145,9 +145,7 @@ Value::Value(std::string type, Content value) :
 {
 }
 
-Value::Value(const char* text) : signature("s"), content(std::string(text))
-{
-}
+Value::Value(const char* text) : signature("s"), content(std::string(text)) {}
 
 Value Value::Default(std::string_view signature)
 {
@@ -273,24 +271,15 @@ namespace
 
 struct BodyText
 {
-    std::string operator()(bool value) const
-    {
-        return value ? "true" : "false";
-    }
+    std::string operator()(bool value) const { return value ? "true" : "false"; }
     std::string operator()(double value) const
     {
         char text[32];
         std::snprintf(text, sizeof(text), "%g", value);
         return text;
     }
-    std::string operator()(const std::string& value) const
-    {
-        return Quoted(value);
-    }
-    std::string operator()(const std::vector<Value>&) const
-    {
-        return {};
-    }
+    std::string operator()(const std::string& value) const { return Quoted(value); }
+    std::string operator()(const std::vector<Value>&) const { return {}; }
     template <WireInteger T>
     std::string operator()(T value) const
     {

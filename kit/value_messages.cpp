@@ -76,9 +76,7 @@ void Value::Append(sd_bus_message* message) const
 class ValueReader
 {
   public:
-    explicit ValueReader(sd_bus_message* from) : message(from)
-    {
-    }
+    explicit ValueReader(sd_bus_message* from) : message(from) {}
 
     Value Read()
     {

@@ -84,12 +84,7 @@ bool DispatchPending(sd_bus* bus, std::chrono::milliseconds bound)
     }
     const Owned<sd_bus_slot> pending(raw);
     return Dispatch(
-        bus,
-        [&]
-        {
-            return answered;
-        },
-        bound);
+        bus, [&] { return answered; }, bound);
 }
 
 bool DispatchPending(std::chrono::milliseconds bound)

@@ -39,17 +39,11 @@ Control::Control(const std::vector<Service*>& known, std::function<void()> step,
         services.push_back(std::make_unique<Served>(*each));
         each->Intercept(
             [&faults = services.back()->faults](const Call& call, sd_bus_message* message)
-            {
-                return faults.Handle(call, message);
-            });
+            { return faults.Handle(call, message); });
     }
     Object& object =
         service.AddObject("/com/tamm/bmc/simulator", {Describe("com.tamm.bmc.Simulator")});
-    Serve(object, "Step",
-          [step = std::move(step)](const Call&)
-          {
-              step();
-          });
+    Serve(object, "Step", [step = std::move(step)](const Call&) { step(); });
     ServeLife(object);
     ServeAnswers(object);
     ServeAnnouncements(object);
@@ -69,11 +63,7 @@ void Control::ServeLife(Object& object)
               }
               stopped.Stop();
           });
-    Serve(object, "CrashService",
-          [this](const Call& call)
-          {
-              Named(call).service.Crash();
-          });
+    Serve(object, "CrashService", [this](const Call& call) { Named(call).service.Crash(); });
     Serve(object, "StartService",
           [this](const Call& call)
           {
@@ -132,40 +122,27 @@ void Control::ServeAnswers(Object& object)
               rule.time = std::chrono::milliseconds(call.arguments[2].Get<uint32_t>());
           });
     serve("AnswerNothing",
-          [](const Call&, Faults::Rule& rule)
-          {
-              rule.kind = Faults::Kind::silence;
-          });
-    Serve(object, "AnswerAll",
-          [this](const Call& call)
-          {
-              Named(call).faults.Remove();
-          });
+          [](const Call&, Faults::Rule& rule) { rule.kind = Faults::Kind::silence; });
+    Serve(object, "AnswerAll", [this](const Call& call) { Named(call).faults.Remove(); });
 }
 
 void Control::ServeAnnouncements(Object& object)
 {
     Serve(object, "AnnounceRemoved",
-          [this](const Call& call)
-          {
+          [this](const Call& call) {
               ObjectOf(call).EmitInterfacesRemoved(
                   call.arguments[1].Get<std::vector<std::string>>());
           });
     Serve(object, "AnnounceAdded",
-          [this](const Call& call)
-          {
-              ObjectOf(call).EmitInterfacesAdded();
-          });
+          [this](const Call& call) { ObjectOf(call).EmitInterfacesAdded(); });
 }
 
 Control::Served& Control::Named(const Call& call) const
 {
     const auto name = call.arguments[0].Get<std::string>();
-    const auto found = std::find_if(services.begin(), services.end(),
-                                    [&](const auto& served)
-                                    {
-                                        return served->service.Names().front() == name;
-                                    });
+    const auto found =
+        std::find_if(services.begin(), services.end(),
+                     [&](const auto& served) { return served->service.Names().front() == name; });
     if (found == services.end())
     {
         throw CallError(SD_BUS_ERROR_INVALID_ARGS, "The simulator has no service " + name + ".");

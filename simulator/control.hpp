@@ -19,17 +19,12 @@ class Control
             sd_event* loop);
 
     // Its connection, borrowed.
-    sd_bus* Connection() const
-    {
-        return service.Connection();
-    }
+    sd_bus* Connection() const { return service.Connection(); }
 
   private:
     struct Served
     {
-        explicit Served(bmcbus::testing::Service& known) : service(known), faults(known)
-        {
-        }
+        explicit Served(bmcbus::testing::Service& known) : service(known), faults(known) {}
         bmcbus::testing::Service& service;
         bmcbus::testing::Faults faults;
     };

@@ -10,8 +10,7 @@ Debug::Debug(const Model& machine, sd_event* loop) :
                {{"originstring", "simulator"}, {"debugproperty", "nothing yet"}}))
 {
     object.OnWrite("debugproperty",
-                   [this](const Value& written)
-                   {
+                   [this](const Value& written) {
                        object.Emit("debugsignal", "debugproperty is " + written.Get<std::string>());
                    });
     // The text comes back, and becomes the origin.

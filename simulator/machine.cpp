@@ -33,12 +33,7 @@ Machine::Machine(const Options& chosen, sd_event* event) :
     parts(Build<Thermal, Power, Processors, Memory, Network, Debug>(model, event)),
     mapper(chosen.mapper ? std::make_unique<Mapper>(Services(), event) : nullptr),
     control(
-        Services(),
-        [this]
-        {
-            Step();
-        },
-        event)
+        Services(), [this] { Step(); }, event)
 {
     // Without the bus there is nothing left to do.
     Check(sd_bus_set_exit_on_disconnect(control.Connection(), 1), "sd_bus_set_exit_on_disconnect");
@@ -59,11 +54,7 @@ Machine::~Machine()
 
 std::vector<bmcbus::testing::Service*> Machine::Services() const
 {
-    return PerEach(parts,
-                   [](const auto& part)
-                   {
-                       return &part->Bus();
-                   });
+    return PerEach(parts, [](const auto& part) { return &part->Bus(); });
 }
 
 void Machine::Step()

@@ -35,10 +35,7 @@ class Machine
     Machine& operator=(const Machine&) = delete;
 
     // Why the loop ended, unless a signal ended it.
-    const std::string& Failure() const
-    {
-        return failure;
-    }
+    const std::string& Failure() const { return failure; }
 
   private:
     std::vector<bmcbus::testing::Service*> Services() const;

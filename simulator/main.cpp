@@ -24,10 +24,7 @@ constexpr const char* about =
 
 struct LoopUnref
 {
-    void operator()(sd_event* loop) const
-    {
-        sd_event_unref(loop);
-    }
+    void operator()(sd_event* loop) const { sd_event_unref(loop); }
 };
 using Loop = std::unique_ptr<sd_event, LoopUnref>;
 

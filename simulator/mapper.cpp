@@ -13,11 +13,7 @@ Mapper::Mapper(std::vector<bmcbus::testing::Service*> known, sd_event* loop) :
     auto& object = service.AddObject(bmcbus::testing::mapperPath, {description});
     for (const auto& method : description.methods)
     {
-        object.OnCall(method.name,
-                      [this](const Call& call)
-                      {
-                          return Table().Answer(call);
-                      });
+        object.OnCall(method.name, [this](const Call& call) { return Table().Answer(call); });
     }
 }
 

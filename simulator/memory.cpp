@@ -25,11 +25,7 @@ Memory::Memory(Model& machine, sd_event* loop) : Part("com.tamm.bmc.Memory", loo
 Object& Memory::AddMemory(const std::string& path, const Dimm* only)
 {
     Object& object = Add(path, dimmInterface);
-    object.OnCall("getDbusStatus",
-                  [](const Call&)
-                  {
-                      return std::vector<Value>{0};
-                  });
+    object.OnCall("getDbusStatus", [](const Call&) { return std::vector<Value>{0}; });
     object.OnCall("DimmPowerCmdHandler",
                   [this, only](const Call&)
                   {
@@ -38,12 +34,9 @@ Object& Memory::AddMemory(const std::string& path, const Dimm* only)
                       answer.insert(answer.end(), watts.begin(), watts.end());
                       return answer;
                   });
-    object.OnCall("MemoryCmdHandler",
-                  [this](const Call& call)
-                  {
-                      return std::vector<Value>{
-                          Command(call.arguments[0].Get<std::vector<uint8_t>>())};
-                  });
+    object.OnCall(
+        "MemoryCmdHandler", [this](const Call& call)
+        { return std::vector<Value>{Command(call.arguments[0].Get<std::vector<uint8_t>>())}; });
     objects.emplace_back(&object, only);
     return object;
 }

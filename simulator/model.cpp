@@ -139,10 +139,7 @@ void Model::StepPower(double seconds)
 bool Model::SetFan(std::vector<Fan>& fans, const std::string& name, uint8_t percent)
 {
     const auto fan = std::find_if(fans.begin(), fans.end(),
-                                  [&](const Fan& candidate)
-                                  {
-                                      return candidate.name == name;
-                                  });
+                                  [&](const Fan& candidate) { return candidate.name == name; });
     if (fan == fans.end() || percent > 100)
     {
         return false;

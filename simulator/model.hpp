@@ -55,10 +55,7 @@ struct Fan
     bool healthy = true;
     double watts = 4;
 
-    double Rpm() const
-    {
-        return 160.0 * measured;
-    }
+    double Rpm() const { return 160.0 * measured; }
 };
 
 struct PowerSupply

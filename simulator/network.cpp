@@ -38,11 +38,7 @@ Network::Network(const Model& machine, sd_event* loop) :
     service.Manage("/com/tamm/ovrik/wharfd");
     Plug({"eth0", "Management port", 10});
     Plug({"eth1", "Port shared with the host", 11});
-    table.OnWrite("OSLogicalNetworkInterfaces",
-                  [this](const Value& rows)
-                  {
-                      TakeTable(rows);
-                  });
+    table.OnWrite("OSLogicalNetworkInterfaces", [this](const Value& rows) { TakeTable(rows); });
     Publish();
 }
 
@@ -147,11 +143,8 @@ void Network::PublishTable()
     std::vector<Value> rows;
     for (const Object* port : Ports())
     {
-        rows.push_back(Value::Struct(PerEach(Columns(),
-                                             [&](const auto& column)
-                                             {
-                                                 return port->Get(column.name);
-                                             })));
+        rows.push_back(Value::Struct(
+            PerEach(Columns(), [&](const auto& column) { return port->Get(column.name); })));
     }
     Update(table, {{"OSLogicalNetworkInterfaces", Value::Array(rowType, rows)}});
 }
@@ -166,9 +159,7 @@ void Network::TakeTable(const Value& rows)
         const Value& name = row.Children().at(nameColumn);
         const auto found = std::find_if(left.begin(), left.end(),
                                         [&](const Object* port)
-                                        {
-                                            return port->Get(Columns()[nameColumn].name) == name;
-                                        });
+                                        { return port->Get(Columns()[nameColumn].name) == name; });
         if (found == left.end())
         {
             throw CallError(SD_BUS_ERROR_INVALID_ARGS,

@@ -33,11 +33,9 @@ void Part::Emit(Object& object, const std::string& interface, const std::string&
     std::vector<Value> arguments;
     for (const auto& argument : Describe(interface).Signal(signal)->arguments)
     {
-        const auto named = std::find_if(values.begin(), values.end(),
-                                        [&](const auto& value)
-                                        {
-                                            return value.first == argument.name;
-                                        });
+        const auto named =
+            std::find_if(values.begin(), values.end(),
+                         [&](const auto& value) { return value.first == argument.name; });
         if (named == values.end())
         {
             throw std::logic_error(signal + " has no value for " + argument.name);

@@ -22,9 +22,7 @@ using bmcbus::testing::Value;
 class Part
 {
   public:
-    Part(const std::string& name, sd_event* loop) : service({name}, {.loop = loop})
-    {
-    }
+    Part(const std::string& name, sd_event* loop) : service({name}, {.loop = loop}) {}
     virtual ~Part() = default;
     Part(const Part&) = delete;
     Part& operator=(const Part&) = delete;
@@ -32,10 +30,7 @@ class Part
     // Announces what a step of the model changed and emits the data signals.
     virtual void Publish() = 0;
 
-    Service& Bus()
-    {
-        return service;
-    }
+    Service& Bus() { return service; }
 
   protected:
     Object& Add(const std::string& path, const std::string& interface,

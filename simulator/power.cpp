@@ -62,26 +62,11 @@ NamedValues Power::Processors() const
     return {
         {"CPUSlotCount", cpus.size()},
         {"CPUActiveUnits", Repeat(cpus.size(), 1)},
-        {"CPUCurPwr", PerEach(cpus,
-                              [](const Cpu& cpu)
-                              {
-                                  return Whole(cpu.power.now);
-                              })},
-        {"CPUMinPwr", PerEach(cpus,
-                              [](const Cpu& cpu)
-                              {
-                                  return Whole(cpu.power.least);
-                              })},
-        {"CPUMaxPwr", PerEach(cpus,
-                              [](const Cpu& cpu)
-                              {
-                                  return Whole(cpu.power.most);
-                              })},
-        {"CPUAvgPwr", PerEach(cpus,
-                              [this](const Cpu& cpu)
-                              {
-                                  return Whole(model.Average(cpu.power));
-                              })},
+        {"CPUCurPwr", PerEach(cpus, [](const Cpu& cpu) { return Whole(cpu.power.now); })},
+        {"CPUMinPwr", PerEach(cpus, [](const Cpu& cpu) { return Whole(cpu.power.least); })},
+        {"CPUMaxPwr", PerEach(cpus, [](const Cpu& cpu) { return Whole(cpu.power.most); })},
+        {"CPUAvgPwr",
+         PerEach(cpus, [this](const Cpu& cpu) { return Whole(model.Average(cpu.power)); })},
         {"CPUTimeStmp", Times(cpus.size())},
         {"CPUStatisticsReportingPeriod", Times(cpus.size())},
         {"CPUDomainID", Numbers(cpus.size())},
@@ -94,26 +79,11 @@ NamedValues Power::Memory() const
     return {
         {"MEMSlotCount", dimms.size()},
         {"MemActiveUnits", Repeat(dimms.size(), 1)},
-        {"MEMCurPwr", PerEach(dimms,
-                              [](const Dimm& dimm)
-                              {
-                                  return Whole(dimm.power.now);
-                              })},
-        {"MEMMinPwr", PerEach(dimms,
-                              [](const Dimm& dimm)
-                              {
-                                  return Whole(dimm.power.least);
-                              })},
-        {"MEMMaxPwr", PerEach(dimms,
-                              [](const Dimm& dimm)
-                              {
-                                  return Whole(dimm.power.most);
-                              })},
-        {"MEMAvgPwr", PerEach(dimms,
-                              [this](const Dimm& dimm)
-                              {
-                                  return Whole(model.Average(dimm.power));
-                              })},
+        {"MEMCurPwr", PerEach(dimms, [](const Dimm& dimm) { return Whole(dimm.power.now); })},
+        {"MEMMinPwr", PerEach(dimms, [](const Dimm& dimm) { return Whole(dimm.power.least); })},
+        {"MEMMaxPwr", PerEach(dimms, [](const Dimm& dimm) { return Whole(dimm.power.most); })},
+        {"MEMAvgPwr",
+         PerEach(dimms, [this](const Dimm& dimm) { return Whole(model.Average(dimm.power)); })},
         {"MEMTimeStmp", Times(dimms.size())},
         {"MEMStatisticsReportingPeriod", Times(dimms.size())},
         {"MEMDomainID", Numbers(dimms.size())},
@@ -154,25 +124,15 @@ NamedValues Power::Supplies() const
 {
     const auto& supplies = model.supplies;
     const size_t count = supplies.size();
-    const auto celsius = [](const PowerSupply& supply)
-    {
-        return supply.celsius;
-    };
+    const auto celsius = [](const PowerSupply& supply) { return supply.celsius; };
     return {
         {"PSUSlotCount", count},
         {"PSUActiveUnits", Repeat(count, 1)},
         {"PSUTemperatureReading", PerEach(supplies, celsius)},
         {"PSUAmbientTemperatureReading", Repeat(count, model.inlet)},
-        {"PSUExhaustTemperatureReading", PerEach(supplies,
-                                                 [](const PowerSupply& supply)
-                                                 {
-                                                     return supply.celsius + 3;
-                                                 })},
-        {"PSURPMReading", PerEach(model.supplyFans,
-                                  [](const Fan& fan)
-                                  {
-                                      return fan.Rpm();
-                                  })},
+        {"PSUExhaustTemperatureReading",
+         PerEach(supplies, [](const PowerSupply& supply) { return supply.celsius + 3; })},
+        {"PSURPMReading", PerEach(model.supplyFans, [](const Fan& fan) { return fan.Rpm(); })},
         {"PSUCompOTP", Repeat(count, 0)},
         {"PSUPresence", Repeat(count, 1)},
         {"PSUSlot", Numbers(count)},
@@ -201,46 +161,19 @@ NamedValues Power::Rails() const
     }
     const size_t count = names.size();
     return {
-        {"psuVIn", PerEach(supplies,
-                           [](Supply supply)
-                           {
-                               return supply.inputVolts;
-                           })},
+        {"psuVIn", PerEach(supplies, [](Supply supply) { return supply.inputVolts; })},
         {"psuVOut", Repeat(supplies.size(), 12.1)},
-        {"psuIIn", PerEach(supplies,
-                           [](Supply supply)
-                           {
-                               return supply.inputWatts / supply.inputVolts;
-                           })},
-        {"psuIOut", PerEach(supplies,
-                            [](Supply supply)
-                            {
-                                return supply.outputWatts / 12.1;
-                            })},
-        {"psuPIn", PerEach(supplies,
-                           [](Supply supply)
-                           {
-                               return supply.inputWatts;
-                           })},
-        {"psuPOut", PerEach(supplies,
-                            [](Supply supply)
-                            {
-                                return supply.outputWatts;
-                            })},
+        {"psuIIn",
+         PerEach(supplies, [](Supply supply) { return supply.inputWatts / supply.inputVolts; })},
+        {"psuIOut", PerEach(supplies, [](Supply supply) { return supply.outputWatts / 12.1; })},
+        {"psuPIn", PerEach(supplies, [](Supply supply) { return supply.inputWatts; })},
+        {"psuPOut", PerEach(supplies, [](Supply supply) { return supply.outputWatts; })},
         {"vrAvailability", Repeat(count, 1)},
         {"vrName", names},
         {"vrLastAvailabilityTime", Times(count)},
-        {"vrIout", PerEach(watts,
-                           [](double watt)
-                           {
-                               return watt / 1.8;
-                           })},
+        {"vrIout", PerEach(watts, [](double watt) { return watt / 1.8; })},
         {"vrPout", watts},
-        {"vrTemp", PerEach(watts,
-                           [this](double watt)
-                           {
-                               return model.inlet + 10 + watt / 4;
-                           })},
+        {"vrTemp", PerEach(watts, [this](double watt) { return model.inlet + 10 + watt / 4; })},
         {"vrVin", Repeat(count, 12.1)},
         {"vrVout", Repeat(count, 1.8)},
         {"vrOcw", Repeat(count, 160.0)},

@@ -15,11 +15,8 @@ constexpr size_t sockets = 4; // half of them populated
 template <class Take>
 std::vector<uint32_t> PerSocket(const std::vector<Cpu>& cpus, Take take)
 {
-    std::vector<uint32_t> values = PerEach(cpus,
-                                           [&](const Cpu& cpu)
-                                           {
-                                               return static_cast<uint32_t>(take(cpu));
-                                           });
+    std::vector<uint32_t> values =
+        PerEach(cpus, [&](const Cpu& cpu) { return static_cast<uint32_t>(take(cpu)); });
     values.resize(sockets);
     return values;
 }
@@ -54,10 +51,7 @@ Processors::Processors(Model& machine, sd_event* loop) :
                                              "There is no such package.");
                          }
                          return PerEach(Package(model.cpus[package]),
-                                        [](uint32_t figure)
-                                        {
-                                            return Value(figure);
-                                        });
+                                        [](uint32_t figure) { return Value(figure); });
                      });
     Publish();
 }
@@ -73,9 +67,7 @@ Object& Processors::AddCpu(size_t index)
     ServeRegisters(cpu, index);
     cpu.OnCall("readRTC",
                [](const Call&) -> std::vector<Value>
-               {
-                   return {std::tuple(static_cast<uint64_t>(std::time(nullptr)), uint8_t{1})};
-               });
+               { return {std::tuple(static_cast<uint64_t>(std::time(nullptr)), uint8_t{1})}; });
     return cpu;
 }
 
@@ -97,9 +89,7 @@ void Processors::ServeLimit(Object& cpu, const std::string& method, uint32_t& li
 void Processors::ServeRegisters(Object& cpu, size_t index)
 {
     const auto accesses = [](const Call& call)
-    {
-        return call.arguments[0].Get<std::vector<Access>>();
-    };
+    { return call.arguments[0].Get<std::vector<Access>>(); };
     auto& known = registers[index];
     cpu.OnCall("writeRASCPCIeCfg",
                [&known, accesses](const Call& call) -> std::vector<Value>
@@ -126,18 +116,11 @@ void Processors::ServeRegisters(Object& cpu, size_t index)
 
 std::vector<uint32_t> Processors::Package(const Cpu& cpu) const
 {
-    const auto figure = [](double value)
-    {
-        return static_cast<uint32_t>(value);
-    };
+    const auto figure = [](double value) { return static_cast<uint32_t>(value); };
     const auto low = [](double value)
-    {
-        return static_cast<uint32_t>(static_cast<uint64_t>(value) & 0xFFFFFFFF);
-    };
+    { return static_cast<uint32_t>(static_cast<uint64_t>(value) & 0xFFFFFFFF); };
     const auto high = [](double value)
-    {
-        return static_cast<uint32_t>(static_cast<uint64_t>(value) >> 32);
-    };
+    { return static_cast<uint32_t>(static_cast<uint64_t>(value) >> 32); };
     const double memory = model.DimmWatts(static_cast<size_t>(&cpu - model.cpus.data()));
     const double cycles = static_cast<double>(model.elapsed) * 2.4e6;
     const double busy = cycles * cpu.load;
@@ -179,66 +162,18 @@ std::vector<uint32_t> Processors::Package(const Cpu& cpu) const
 NamedValues Processors::PowerAndHeat() const
 {
     const std::vector<std::pair<std::string, std::vector<uint32_t>>> figures = {
-        {"rawdts", PerSocket(model.cpus,
-                             [](const Cpu& cpu)
-                             {
-                                 return 98 - cpu.celsius;
-                             })},
-        {"thermalMargin", PerSocket(model.cpus,
-                                    [](const Cpu& cpu)
-                                    {
-                                        return 88 - cpu.celsius;
-                                    })},
-        {"cpupkgPwr", PerSocket(model.cpus,
-                                [](const Cpu& cpu)
-                                {
-                                    return cpu.power.now;
-                                })},
-        {"tarTemp", PerSocket(model.cpus,
-                              [](const Cpu&)
-                              {
-                                  return 88;
-                              })},
-        {"cpuEnergy", PerSocket(model.cpus,
-                                [](const Cpu& cpu)
-                                {
-                                    return cpu.joules;
-                                })},
-        {"cpuEnergyTS", PerSocket(model.cpus,
-                                  [this](const Cpu&)
-                                  {
-                                      return model.elapsed;
-                                  })},
-        {"cpuPL1", PerSocket(model.cpus,
-                             [](const Cpu& cpu)
-                             {
-                                 return cpu.limit1;
-                             })},
-        {"cpuPL2", PerSocket(model.cpus,
-                             [](const Cpu& cpu)
-                             {
-                                 return cpu.limit2;
-                             })},
-        {"sysPL1", PerSocket(model.cpus,
-                             [this](const Cpu&)
-                             {
-                                 return model.systemLimit1;
-                             })},
-        {"sysPL2", PerSocket(model.cpus,
-                             [this](const Cpu&)
-                             {
-                                 return model.systemLimit2;
-                             })},
-        {"memPL1", PerSocket(model.cpus,
-                             [this](const Cpu&)
-                             {
-                                 return model.memoryLimit1;
-                             })},
-        {"c0Res", PerSocket(model.cpus,
-                            [](const Cpu& cpu)
-                            {
-                                return cpu.load * 100;
-                            })},
+        {"rawdts", PerSocket(model.cpus, [](const Cpu& cpu) { return 98 - cpu.celsius; })},
+        {"thermalMargin", PerSocket(model.cpus, [](const Cpu& cpu) { return 88 - cpu.celsius; })},
+        {"cpupkgPwr", PerSocket(model.cpus, [](const Cpu& cpu) { return cpu.power.now; })},
+        {"tarTemp", PerSocket(model.cpus, [](const Cpu&) { return 88; })},
+        {"cpuEnergy", PerSocket(model.cpus, [](const Cpu& cpu) { return cpu.joules; })},
+        {"cpuEnergyTS", PerSocket(model.cpus, [this](const Cpu&) { return model.elapsed; })},
+        {"cpuPL1", PerSocket(model.cpus, [](const Cpu& cpu) { return cpu.limit1; })},
+        {"cpuPL2", PerSocket(model.cpus, [](const Cpu& cpu) { return cpu.limit2; })},
+        {"sysPL1", PerSocket(model.cpus, [this](const Cpu&) { return model.systemLimit1; })},
+        {"sysPL2", PerSocket(model.cpus, [this](const Cpu&) { return model.systemLimit2; })},
+        {"memPL1", PerSocket(model.cpus, [this](const Cpu&) { return model.memoryLimit1; })},
+        {"c0Res", PerSocket(model.cpus, [](const Cpu& cpu) { return cpu.load * 100; })},
     };
     NamedValues values = {{"cpuAvailablity", Populated(model.cpus)}};
     for (const auto& [name, figure] : figures)

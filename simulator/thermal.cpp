@@ -37,19 +37,10 @@ Thermal::Thermal(Model& machine, sd_event* loop) :
     telemetry(Add("/com/tamm/bmc/thermal/telemetry", telemetryInterface))
 {
     service.Manage("/com/tamm/bmc/thermal");
-    air.OnWrite("ExhaustTemperature",
-                [this](const Value&)
-                {
-                    exhaustWritten = true;
-                });
-    air.OnWrite("SystemAirflow",
-                [this](const Value&)
-                {
-                    airflowWritten = true;
-                });
+    air.OnWrite("ExhaustTemperature", [this](const Value&) { exhaustWritten = true; });
+    air.OnWrite("SystemAirflow", [this](const Value&) { airflowWritten = true; });
     air.OnCall("GetSystemThermalInformation",
-               [this](const Call&) -> std::vector<Value>
-               {
+               [this](const Call&) -> std::vector<Value> {
                    return {Whole(model.inlet), Whole(model.exhaust)};
                });
     Publish();

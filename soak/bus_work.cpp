@@ -70,11 +70,7 @@ void AskMapper(Scene& scene)
     ++openQuestions;
     ObjectMapper::Wrappers::GetObjectAsync(
         scene.objects.Fans().path, {},
-        [](bool, ObjectMapper::Wrappers::ServiceMap&, void*)
-        {
-            --openQuestions;
-        },
-        nullptr);
+        [](bool, ObjectMapper::Wrappers::ServiceMap&, void*) { --openQuestions; }, nullptr);
 }
 
 void AskObject(Scene& scene)
@@ -84,11 +80,7 @@ void AskObject(Scene& scene)
     ++openQuestions;
     Async::Ops::GetAllProperties<Fans::Variant>(
         bus, fans.service, fans.path, fanInterface,
-        [](bool, std::map<std::string, Fans::Variant>&, void*)
-        {
-            --openQuestions;
-        },
-        nullptr);
+        [](bool, std::map<std::string, Fans::Variant>&, void*) { --openQuestions; }, nullptr);
 }
 
 void FileEvent(Scene& scene)
@@ -129,11 +121,7 @@ void RestartBus(Scene& scene)
     const Place& fans = scene.objects.Fans();
     world.StartAllServices();
     world.Control("AnswerLate", {fans.service, "Get", uint32_t{20}});
-    std::jthread waiting(
-        [&]
-        {
-            ReadDirectly(fans);
-        });
+    std::jthread waiting([&] { ReadDirectly(fans); });
     scene.objects.CreateAndRelease();
     AskMapper(scene);
     AskObject(scene);
@@ -151,11 +139,7 @@ void RestartBus(Scene& scene)
 
 void AwaitAnswers(World& world)
 {
-    world.Wait("all questions are answered",
-               []
-               {
-                   return openQuestions == 0;
-               });
+    world.Wait("all questions are answered", [] { return openQuestions == 0; });
 }
 
 void ForgetQuestions()

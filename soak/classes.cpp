@@ -41,32 +41,15 @@ template <class Class>
 class LiveOf : public Live
 {
   public:
-    explicit LiveOf(Class* made) : object(made)
-    {
-    }
-    ~LiveOf() override
-    {
-        Class::Release(object);
-    }
+    explicit LiveOf(Class* made) : object(made) {}
+    ~LiveOf() override { Class::Release(object); }
     LiveOf(const LiveOf&) = delete;
     LiveOf& operator=(const LiveOf&) = delete;
 
-    std::vector<Kept> Values() override
-    {
-        return Read(*object, &Class::Get);
-    }
-    bool Ready() override
-    {
-        return object->Ready();
-    }
-    uint32_t SignalCount() override
-    {
-        return object->SignalCount();
-    }
-    void Forget() override
-    {
-        object = nullptr;
-    }
+    std::vector<Kept> Values() override { return Read(*object, &Class::Get); }
+    bool Ready() override { return object->Ready(); }
+    uint32_t SignalCount() override { return object->SignalCount(); }
+    void Forget() override { object = nullptr; }
 
   private:
     Class* object;

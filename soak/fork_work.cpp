@@ -29,30 +29,20 @@ bool PostsRun()
     pthread_t tid{};
     OneWayChannel_IsRegistered(&registered, &tidValid, &tid);
     size_t ran = 0;
-    const auto count = [&]
-    {
-        ++ran;
-    };
+    const auto count = [&] { ++ran; };
     if (registered || test::Post(count) != 3)
     {
         return false;
     }
     test::PollLoop loop;
     return loop.Register(nullptr) == 0 && test::Post(count) == 0 &&
-           loop.Run(
-               [&]
-               {
-                   return ran == 1;
-               });
+           loop.Run([&] { return ran == 1; });
 }
 
 bool SendsRun()
 {
     bool ran = false;
-    std::function<void()> item = [&]
-    {
-        ran = true;
-    };
+    std::function<void()> item = [&] { ran = true; };
     TF_init_and_send_work(item);
     return ran;
 }
@@ -109,11 +99,7 @@ int UseInChild(Scene& scene)
 void AwaitChild(World& world, pid_t child)
 {
     int status = 0;
-    world.Wait("a child has ended",
-               [&]
-               {
-                   return waitpid(child, &status, WNOHANG) == child;
-               });
+    world.Wait("a child has ended", [&] { return waitpid(child, &status, WNOHANG) == child; });
     Require(WIFEXITED(status) && WEXITSTATUS(status) == 0,
             WIFEXITED(status) ? "a child failed in its step " + std::to_string(WEXITSTATUS(status))
                               : "a child was ended by signal " + std::to_string(WTERMSIG(status)));
@@ -127,10 +113,7 @@ void Fork(Scene& scene)
     std::atomic<size_t> done = 0;
     const auto busy = [&]
     {
-        std::function<void()> item = [&]
-        {
-            ++done;
-        };
+        std::function<void()> item = [&] { ++done; };
         while (!enough)
         {
             TF_init_and_send_work(item);

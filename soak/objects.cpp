@@ -174,8 +174,7 @@ void Objects::ReadSome()
 void Objects::AnnounceLossAndReturn()
 {
     const auto proxy = std::find_if(live.begin(), live.end(),
-                                    [this](const auto& object)
-                                    {
+                                    [this](const auto& object) {
                                         return object->kind->signal.empty() && Up(*object->place) &&
                                                object->Ready();
                                     });
@@ -187,17 +186,9 @@ void Objects::AnnounceLossAndReturn()
     const std::string& path = object.place->path;
     world.Control("AnnounceRemoved",
                   {kit::Path{path}, std::vector<std::string>{object.kind->interface}});
-    world.Wait("an object without its interface is not ready",
-               [&]
-               {
-                   return !object.Ready();
-               });
+    world.Wait("an object without its interface is not ready", [&] { return !object.Ready(); });
     world.Control("AnnounceAdded", {kit::Path{path}});
-    world.Wait("an object whose interface is back is ready",
-               [&]
-               {
-                   return object.Ready();
-               });
+    world.Wait("an object whose interface is back is ready", [&] { return object.Ready(); });
 }
 
 Objects::Sent Objects::Properties(const Kind& kind, const Place& place)
@@ -236,9 +227,7 @@ void Objects::AwaitFirstReads()
                {
                    return std::all_of(live.begin(), live.end(),
                                       [](const auto& object)
-                                      {
-                                          return !object->kind->signal.empty() || object->Ready();
-                                      });
+                                      { return !object->kind->signal.empty() || object->Ready(); });
                });
 }
 

@@ -13,22 +13,11 @@ namespace soak
 class Random
 {
   public:
-    explicit Random(uint64_t seed) : engine(seed)
-    {
-    }
+    explicit Random(uint64_t seed) : engine(seed) {}
 
-    size_t Below(size_t bound)
-    {
-        return static_cast<size_t>(engine() % bound);
-    }
-    size_t Between(size_t least, size_t most)
-    {
-        return least + Below(most - least + 1);
-    }
-    bool OneIn(size_t count)
-    {
-        return Below(count) == 0;
-    }
+    size_t Below(size_t bound) { return static_cast<size_t>(engine() % bound); }
+    size_t Between(size_t least, size_t most) { return least + Below(most - least + 1); }
+    bool OneIn(size_t count) { return Below(count) == 0; }
     template <class T>
     T& From(std::vector<T>& list)
     {

@@ -12,10 +12,7 @@ namespace soak
 class Tally
 {
   public:
-    void Add(const std::string& kind, size_t count = 1)
-    {
-        counts[kind] += count;
-    }
+    void Add(const std::string& kind, size_t count = 1) { counts[kind] += count; }
     void Add(const Tally& other)
     {
         for (const auto& [kind, count] : other.counts)
@@ -23,10 +20,7 @@ class Tally
             counts[kind] += count;
         }
     }
-    void Clear()
-    {
-        counts.clear();
-    }
+    void Clear() { counts.clear(); }
     // "forks 3, posts 120"
     std::string Text() const
     {

@@ -38,20 +38,10 @@ void PostAndRun(Scene& scene, Run run)
                                  {
                                      for (size_t i = 0; i < posts; ++i)
                                      {
-                                         refused += test::Post(
-                                                        [&]
-                                                        {
-                                                            ++ran;
-                                                        }) == 0
-                                                        ? 0U
-                                                        : 1U;
+                                         refused += test::Post([&] { ++ran; }) == 0 ? 0U : 1U;
                                      }
                                  });
-    run(
-        [&]
-        {
-            return ran + refused == producers * posts;
-        });
+    run([&] { return ran + refused == producers * posts; });
     Require(refused == 0, "the channel refused a post");
     scene.tally.Add("posts", producers * posts);
 }
@@ -59,10 +49,7 @@ void PostAndRun(Scene& scene, Run run)
 void Post(Scene& scene)
 {
     PostAndRun(scene,
-               [&](const test::Condition& done)
-               {
-                   scene.world.Wait("all posts have run", done);
-               });
+               [&](const test::Condition& done) { scene.world.Wait("all posts have run", done); });
 }
 
 template <class Loop>
@@ -72,11 +59,8 @@ void PostToOther(Scene& scene)
     {
         Loop loop;
         Require(loop.Register(nullptr) == 0, "the channel did not take another loop");
-        PostAndRun(scene,
-                   [&](const test::Condition& done)
-                   {
-                       Require(loop.Run(done), "posts to another loop did not run");
-                   });
+        PostAndRun(scene, [&](const test::Condition& done)
+                   { Require(loop.Run(done), "posts to another loop did not run"); });
     }
     scene.world.RegisterChannel();
 }
@@ -92,21 +76,14 @@ void Send(Scene& scene)
     const auto threads = Threads(senders,
                                  [&]
                                  {
-                                     std::function<void()> item = [&]
-                                     {
-                                         ++ran;
-                                     };
+                                     std::function<void()> item = [&] { ++ran; };
                                      for (size_t i = 0; i < sends; ++i)
                                      {
                                          send(item);
                                      }
                                      --left;
                                  });
-    scene.world.Wait("all sends have returned",
-                     [&]
-                     {
-                         return left == 0;
-                     });
+    scene.world.Wait("all sends have returned", [&] { return left == 0; });
     Require(ran == senders * sends, "a send returned without its item having run");
     scene.tally.Add("sends", ran);
 }

@@ -12,10 +12,7 @@ constexpr uint64_t pause = 3000; // microseconds
 
 struct Unreference
 {
-    void operator()(sd_bus_message* message) const
-    {
-        sd_bus_message_unref(message);
-    }
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
 };
 using MessagePtr = std::unique_ptr<sd_bus_message, Unreference>;
 
@@ -159,10 +156,7 @@ void World::KillBus()
 {
     bus.Kill();
     Wait("the connection notices that the bus has gone",
-         [this]
-         {
-             return sd_bus_is_open(connection) <= 0;
-         });
+         [this] { return sd_bus_is_open(connection) <= 0; });
 }
 
 void World::RestartBus()

@@ -44,10 +44,7 @@ class World
     void CrashService(const std::string& service);
     void StartService(const std::string& service);
     void StartAllServices();
-    bool Up(const std::string& service) const
-    {
-        return !down.contains(service);
-    }
+    bool Up(const std::string& service) const { return !down.contains(service); }
 
     // SIGKILL, and a new process with other values.
     void KillServices();
@@ -61,18 +58,9 @@ class World
     // In a forked child, the parent's connection is only forgotten.
     void Disconnect(bool inherited = false);
 
-    sd_bus* Connection() const
-    {
-        return connection;
-    }
-    kit::PrivateBus& Bus()
-    {
-        return bus;
-    }
-    test::SdEventLoop& Loop()
-    {
-        return loop;
-    }
+    sd_bus* Connection() const { return connection; }
+    kit::PrivateBus& Bus() { return bus; }
+    test::SdEventLoop& Loop() { return loop; }
     void RegisterChannel();
 
   private:

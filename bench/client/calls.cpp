@@ -125,17 +125,11 @@ OnConnection ByHand(const std::string& what)
 {
     if (what.starts_with("get"))
     {
-        return [](sd_bus* bus)
-        {
-            Check(GetByHand(bus) == present, "value");
-        };
+        return [](sd_bus* bus) { Check(GetByHand(bus) == present, "value"); };
     }
     if (what == "call")
     {
-        return [](sd_bus* bus)
-        {
-            Check(UpdateByHand(bus) == 0, "status");
-        };
+        return [](sd_bus* bus) { Check(UpdateByHand(bus) == 0, "status"); };
     }
     return CreateByHand;
 }

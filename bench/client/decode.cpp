@@ -45,11 +45,7 @@ void Append(sd_bus_message* message, const char*, const std::vector<std::string>
 
 void AppendSample(sd_bus_message* message, const char* type)
 {
-    WithMember(type,
-               [&](auto member)
-               {
-                   Append(message, type, Sample().*member);
-               });
+    WithMember(type, [&](auto member) { Append(message, type, Sample().*member); });
 }
 
 void AppendProperties(sd_bus_message* message)
@@ -125,11 +121,7 @@ void Read(sd_bus_message* message, const char*, std::vector<std::string>& into)
 
 void ReadByHand(sd_bus_message* message, const char* type, Slot& slot)
 {
-    WithMember(type,
-               [&](auto member)
-               {
-                   Read(message, type, slot.*member);
-               });
+    WithMember(type, [&](auto member) { Read(message, type, slot.*member); });
 }
 
 void PropertiesByHand(sd_bus_message* message, Object& object)
@@ -177,10 +169,7 @@ Handler ByHand(const std::string& what)
     }
     if (what == "all")
     {
-        return [](sd_bus_message* message)
-        {
-            PropertiesByHand(message, object);
-        };
+        return [](sd_bus_message* message) { PropertiesByHand(message, object); };
     }
     return [](sd_bus_message* message)
     {
@@ -215,9 +204,7 @@ Handler Library(const std::string& what)
     {
         using Request = Async::Ops::detail::Request<Power::Variant>;
         Request request{[](bool ok, std::map<std::string, Power::Variant>& values, void* to)
-                        {
-                            Power::GetPropertiesAsyncCallback(ok, values, to);
-                        },
+                        { Power::GetPropertiesAsyncCallback(ok, values, to); },
                         object};
         Async::Ops::Internal_GetAllProperties_Callback<Power::Variant>(message, &request, nullptr);
     };

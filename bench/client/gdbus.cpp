@@ -15,14 +15,8 @@ namespace
 
 struct Unref
 {
-    void operator()(GVariant* value) const
-    {
-        g_variant_unref(value);
-    }
-    void operator()(gpointer object) const
-    {
-        g_object_unref(object);
-    }
+    void operator()(GVariant* value) const { g_variant_unref(value); }
+    void operator()(gpointer object) const { g_object_unref(object); }
 };
 
 using Variant = std::unique_ptr<GVariant, Unref>;
@@ -63,11 +57,7 @@ GVariant* Wrap(const char* type, auto value)
 GVariant* SampleVariant(const char* type)
 {
     GVariant* value = nullptr;
-    power::WithMember(type,
-                      [&](auto member)
-                      {
-                          value = Wrap(type, power::Sample().*member);
-                      });
+    power::WithMember(type, [&](auto member) { value = Wrap(type, power::Sample().*member); });
     return value;
 }
 
@@ -172,11 +162,7 @@ void Read(GVariant* value, std::vector<std::string>& into)
 
 void Read(GVariant* value, const char* type, power::Slot& slot)
 {
-    power::WithMember(type,
-                      [&](auto member)
-                      {
-                          Read(value, slot.*member);
-                      });
+    power::WithMember(type, [&](auto member) { Read(value, slot.*member); });
 }
 
 void Store(GVariant* values, power::Object& object)
@@ -310,10 +296,7 @@ Work OnHeldConnection(const std::string& what)
 {
     static const Connection bus = Connect(true);
     const auto once = what == "get" ? Get : what == "call" ? Update : Create;
-    return [=]
-    {
-        once(bus.get());
-    };
+    return [=] { once(bus.get()); };
 }
 
 Work OnOwnConnection(const std::string& what)

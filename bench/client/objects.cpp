@@ -105,12 +105,7 @@ int main(int argc, char** argv)
         else
         {
             Fans::Create(
-                PathOf(number), "no.such.service",
-                [](Fans*, void*)
-                {
-                    Count();
-                },
-                nullptr, true);
+                PathOf(number), "no.such.service", [](Fans*, void*) { Count(); }, nullptr, true);
         }
         while (sd_bus_process(bus, nullptr) > 0)
         {

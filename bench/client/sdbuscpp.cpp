@@ -21,10 +21,7 @@ sdbus::Variant SampleVariant(const char* type)
 {
     sdbus::Variant variant;
     power::WithMember(type,
-                      [&](auto member)
-                      {
-                          variant = sdbus::Variant(power::Sample().*member);
-                      });
+                      [&](auto member) { variant = sdbus::Variant(power::Sample().*member); });
     return variant;
 }
 
@@ -57,10 +54,7 @@ sdbus::Signal MakeMessage(const std::string& what)
         for (size_t i = 0; i < power::argumentCount; ++i)
         {
             power::WithMember(power::ArgumentType(i),
-                              [&](auto member)
-                              {
-                                  message << power::Sample().*member;
-                              });
+                              [&](auto member) { message << power::Sample().*member; });
         }
     }
     message.seal();
@@ -77,11 +71,8 @@ void Store(const Values& values, power::Object& object)
             continue;
         }
         power::Slot& slot = object.slots[found->second];
-        power::WithMember(power::properties[found->second].type,
-                          [&](auto member)
-                          {
-                              slot.*member = entry.second.get<Value<decltype(member)>>();
-                          });
+        power::WithMember(power::properties[found->second].type, [&](auto member)
+                          { slot.*member = entry.second.get<Value<decltype(member)>>(); });
     }
 }
 
@@ -188,17 +179,11 @@ Work OnHeldConnection(const std::string& what)
     static const Connection connection = sdbus::createSystemBusConnection();
     if (what == "create")
     {
-        return []
-        {
-            Create(connection);
-        };
+        return [] { Create(connection); };
     }
     static const auto proxy = MakeProxy(connection);
     const auto once = what == "get" ? Get : Call;
-    return [=]
-    {
-        once(*proxy);
-    };
+    return [=] { once(*proxy); };
 }
 
 Work OnOwnConnection(const std::string& what)

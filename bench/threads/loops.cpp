@@ -17,18 +17,9 @@ namespace
 class SdEvent : public Loop
 {
   public:
-    SdEvent()
-    {
-        sd_event_new(&event);
-    }
-    ~SdEvent() override
-    {
-        sd_event_unref(event);
-    }
-    void Register(void* context) override
-    {
-        OneWayChannel_RegisterSDEvent(event, context);
-    }
+    SdEvent() { sd_event_new(&event); }
+    ~SdEvent() override { sd_event_unref(event); }
+    void Register(void* context) override { OneWayChannel_RegisterSDEvent(event, context); }
     void Watch(PlainChannel& channel) override
     {
         const auto receive = [](sd_event_source*, int, uint32_t, void* to)
@@ -38,14 +29,8 @@ class SdEvent : public Loop
         };
         sd_event_add_io(event, nullptr, channel.ReadEnd(), EPOLLIN, receive, &channel);
     }
-    void Run() override
-    {
-        sd_event_loop(event);
-    }
-    void Stop() override
-    {
-        sd_event_exit(event, 0);
-    }
+    void Run() override { sd_event_loop(event); }
+    void Stop() override { sd_event_exit(event, 0); }
 
   private:
     sd_event* event = nullptr;
@@ -54,14 +39,8 @@ class SdEvent : public Loop
 class ZLoop : public Loop
 {
   public:
-    ~ZLoop() override
-    {
-        zloop_destroy(&loop);
-    }
-    void Register(void* context) override
-    {
-        OneWayChannel_RegisterZLoop(loop, context);
-    }
+    ~ZLoop() override { zloop_destroy(&loop); }
+    void Register(void* context) override { OneWayChannel_RegisterZLoop(loop, context); }
     void Watch(PlainChannel& channel) override
     {
         const auto receive = [](zloop_t*, zmq_pollitem_t*, void* to)
@@ -72,16 +51,10 @@ class ZLoop : public Loop
         zmq_pollitem_t item{nullptr, channel.ReadEnd(), ZMQ_POLLIN, 0};
         zloop_poller(loop, &item, receive, &channel);
     }
-    void Run() override
-    {
-        zloop_start(loop);
-    }
+    void Run() override { zloop_start(loop); }
     void Stop() override
     {
-        const auto end = [](zloop_t*, int, void*)
-        {
-            return -1;
-        };
+        const auto end = [](zloop_t*, int, void*) { return -1; };
         zloop_timer(loop, 0, 1, end, nullptr);
     }
 
@@ -101,18 +74,9 @@ class Asio : public Loop
         watch.assign(dup(channel.ReadEnd()));
         Wait(channel);
     }
-    void Run() override
-    {
-        io.run();
-    }
-    void Stop() override
-    {
-        io.stop();
-    }
-    boost::asio::io_context* Context() override
-    {
-        return &io;
-    }
+    void Run() override { io.run(); }
+    void Stop() override { io.stop(); }
+    boost::asio::io_context* Context() override { return &io; }
 
   private:
     void Wait(PlainChannel& channel)
@@ -159,10 +123,7 @@ class Poll : public Loop
             }
         }
     }
-    void Stop() override
-    {
-        stopped = true;
-    }
+    void Stop() override { stopped = true; }
 
   private:
     PlainChannel* plain = nullptr;
@@ -228,11 +189,7 @@ void Poster::Post(int (*function)(void*, void*, unsigned long), void* data,
 {
     if (queue)
     {
-        boost::asio::post(queue->get_executor(),
-                          [=, to = context]
-                          {
-                              function(to, data, size);
-                          });
+        boost::asio::post(queue->get_executor(), [=, to = context] { function(to, data, size); });
     }
     else if (plain)
     {

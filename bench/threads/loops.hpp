@@ -26,10 +26,7 @@ class Loop
     // In a message's function.
     virtual void Stop() = 0;
     // Where functions can be posted without a channel, in a loop that has it.
-    virtual boost::asio::io_context* Context()
-    {
-        return nullptr;
-    }
+    virtual boost::asio::io_context* Context() { return nullptr; }
 };
 
 // By name: sd-event, zloop, asio, poll.

@@ -49,10 +49,7 @@ class PlainChannel
         }
     }
 
-    int ReadEnd() const
-    {
-        return ends[0];
-    }
+    int ReadEnd() const { return ends[0]; }
 
     // On the loop's thread, when the read end is readable.
     void Receive()

@@ -108,10 +108,7 @@ template <class Add>
 void Measure(long tasks, Add add)
 {
     Bursts bursts;
-    const auto task = [&bursts]
-    {
-        bursts.Count();
-    };
+    const auto task = [&bursts] { bursts.Count(); };
     const bench::Stopwatch stopwatch;
     for (long added = 0; added < tasks; added += burst)
     {
@@ -129,11 +126,7 @@ void MeasureTbb(unsigned long workers, long tasks)
 {
     const tbb::global_control threads(tbb::global_control::max_allowed_parallelism, workers + 1);
     tbb::task_arena arena(static_cast<int>(workers), 0);
-    Measure(tasks,
-            [&](const auto& task)
-            {
-                arena.enqueue(task);
-            });
+    Measure(tasks, [&](const auto& task) { arena.enqueue(task); });
 }
 #endif
 
@@ -142,29 +135,17 @@ int Run(const std::string& who, unsigned long workers, long tasks)
     if (who == "library")
     {
         YetAnotherThreadPool pool(workers);
-        Measure(tasks,
-                [&](const auto& task)
-                {
-                    pool.enqueue(task);
-                });
+        Measure(tasks, [&](const auto& task) { pool.enqueue(task); });
     }
     else if (who == "plain")
     {
         PlainPool pool(workers);
-        Measure(tasks,
-                [&](const auto& task)
-                {
-                    pool.Add(task);
-                });
+        Measure(tasks, [&](const auto& task) { pool.Add(task); });
     }
     else if (who == "asio" && BMCBUS_ASIO_DISABLE_THREADS == 0) // else it makes no threads
     {
         boost::asio::thread_pool pool(workers);
-        Measure(tasks,
-                [&](const auto& task)
-                {
-                    boost::asio::post(pool, task);
-                });
+        Measure(tasks, [&](const auto& task) { boost::asio::post(pool, task); });
     }
 #ifdef BENCH_TBB
     else if (who == "tbb")

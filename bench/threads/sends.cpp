@@ -27,10 +27,7 @@ class HandOver
   public:
     ~HandOver()
     {
-        Item end = [this]
-        {
-            ended = true;
-        };
+        Item end = [this] { ended = true; };
         Do(end);
         thread.join();
     }
@@ -84,9 +81,7 @@ class HandOver
 class PostAndWait
 {
   public:
-    explicit PostAndWait(const bench::Poster& to) : poster(to)
-    {
-    }
+    explicit PostAndWait(const bench::Poster& to) : poster(to) {}
 
     void Do(Item& work)
     {
@@ -122,10 +117,7 @@ class PostAndWait
 void Measure(const Send& send, int senders, long count)
 {
     long ran = 0;
-    Item work = [&]
-    {
-        ++ran;
-    };
+    Item work = [&] { ++ran; };
     send(work);
     const bench::Stopwatch stopwatch;
     std::vector<std::thread> threads;
@@ -163,16 +155,10 @@ void MeasureOverLoop(const std::string& who, const std::string& kind, int sender
             Send send = TFoOWC_init_and_send_work;
             if (who != "library")
             {
-                send = [&](Item& work)
-                {
-                    plain.Do(work);
-                };
+                send = [&](Item& work) { plain.Do(work); };
             }
             Measure(send, senders, count);
-            Item stop = [&]
-            {
-                loop->Stop();
-            };
+            Item stop = [&] { loop->Stop(); };
             send(stop);
         });
     loop->Run();
@@ -203,12 +189,7 @@ int main(int argc, char** argv)
     else
     {
         HandOver plain;
-        Measure(
-            [&](Item& work)
-            {
-                plain.Do(work);
-            },
-            senders, count);
+        Measure([&](Item& work) { plain.Do(work); }, senders, count);
     }
     return 0;
 }

@@ -191,24 +191,11 @@ void Measure(Report& report)
 {
     report.Title("How long a call takes");
     Bmc::Thermal::FanReporting fans("", chassisFans);
-    const double held = MedianMicroseconds(1000,
-                                           [&]
-                                           {
-                                               fans.Get_fanCount();
-                                           });
+    const double held = MedianMicroseconds(1000, [&] { fans.Get_fanCount(); });
     report.Line(Format("Get_fanCount   %6.0f us on a connection that is held", held));
     double anew = 0;
     // Another thread has another default connection, and nobody holds it there.
-    std::thread(
-        [&]
-        {
-            anew = MedianMicroseconds(100,
-                                      [&]
-                                      {
-                                          fans.Get_fanCount();
-                                      });
-        })
-        .join();
+    std::thread([&] { anew = MedianMicroseconds(100, [&] { fans.Get_fanCount(); }); }).join();
     report.Line(Format("Get_fanCount   %6.0f us connecting anew for each call", anew));
     report.Expect("calls were measured", held > 0 && anew > 0);
 }

@@ -87,10 +87,7 @@ class Interruptible
     Interruptible()
     {
         struct sigaction action = {};
-        action.sa_handler = [](int)
-        {
-            Loop::interrupted = 1;
-        };
+        action.sa_handler = [](int) { Loop::interrupted = 1; };
         sigaction(SIGINT, &action, &before);
     }
     ~Interruptible()
@@ -189,12 +186,8 @@ struct Outcome
 void LoseAndFind(Loop& loop, Follower& follower, Outcome& outcome)
 {
     follower.Show("the service of the fans goes away");
-    outcome.wentAway =
-        loop.Tell("StopService", fanService) && loop.RunUntil(
-                                                    [&]
-                                                    {
-                                                        return !follower.fans->Ready();
-                                                    });
+    outcome.wentAway = loop.Tell("StopService", fanService) &&
+                       loop.RunUntil([&] { return !follower.fans->Ready(); });
     bool ok = true;
     uint8_t count = 0;
     ClientEdge::com::tamm::bmc::Thermal::FanReporting(fanService, chassisFans)
@@ -202,25 +195,14 @@ void LoseAndFind(Loop& loop, Follower& follower, Outcome& outcome)
     outcome.failedMeanwhile = !ok;
     follower.Show("the service of the fans is away");
     const auto until = steady_clock::now() + milliseconds(1000);
-    loop.RunUntil(
-        [&]
-        {
-            return steady_clock::now() > until;
-        });
+    loop.RunUntil([&] { return steady_clock::now() > until; });
 
     follower.Show("the service of the fans is back");
-    outcome.cameBack =
-        loop.Tell("StartService", fanService) && loop.RunUntil(
-                                                     [&]
-                                                     {
-                                                         return follower.fans->Ready();
-                                                     });
+    outcome.cameBack = loop.Tell("StartService", fanService) &&
+                       loop.RunUntil([&] { return follower.fans->Ready(); });
     const unsigned int before = follower.fanData->SignalCount();
-    outcome.followedAgain = loop.RunUntil(
-        [&]
-        {
-            return follower.fanData->SignalCount() > before + 2;
-        });
+    outcome.followedAgain =
+        loop.RunUntil([&] { return follower.fanData->SignalCount() > before + 2; });
 }
 
 Outcome Follow(unsigned int seconds)
@@ -232,11 +214,7 @@ Outcome Follow(unsigned int seconds)
     Follower follower;
     outcome.blockingReady = follower.fans->Ready();
     outcome.asyncWasEmpty = !follower.power->Ready();
-    outcome.asyncReady = loop.RunUntil(
-        [&]
-        {
-            return follower.power->Ready();
-        });
+    outcome.asyncReady = loop.RunUntil([&] { return follower.power->Ready(); });
     outcome.asyncMilliseconds =
         std::chrono::duration<double, std::milli>(steady_clock::now() - begin).count();
 
@@ -252,12 +230,7 @@ Outcome Follow(unsigned int seconds)
     LoseAndFind(loop, follower, outcome);
     follower.Show("values as they arrive, again");
     const auto end = begin + milliseconds(seconds * 1000);
-    loop.RunUntil(
-        [&]
-        {
-            return steady_clock::now() > end;
-        },
-        milliseconds(seconds * 1000));
+    loop.RunUntil([&] { return steady_clock::now() > end; }, milliseconds(seconds * 1000));
     follower.Draw();
     outcome.last = follower.scene;
     return outcome;

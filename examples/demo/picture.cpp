@@ -79,10 +79,7 @@ class Screen : public Picture
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
 
-    bool Works() const
-    {
-        return terminal != nullptr;
-    }
+    bool Works() const { return terminal != nullptr; }
 
     // curses compares with what the terminal shows and sends the difference only.
     void Draw(const Scene& scene) override
@@ -110,10 +107,7 @@ class Screen : public Picture
         return (ready ? "ready, " : "NOT READY, ") + std::to_string(signals) + " signals";
     }
 
-    void Put(const std::string& text)
-    {
-        mvaddnstr(row++, 0, text.c_str(), COLS);
-    }
+    void Put(const std::string& text) { mvaddnstr(row++, 0, text.c_str(), COLS); }
 
     void DrawFans(const Scene& scene)
     {
@@ -160,10 +154,7 @@ class Screen : public Picture
         }
     }
 
-    static std::string Watts(double watts)
-    {
-        return std::to_string(std::lround(watts)) + " W";
-    }
+    static std::string Watts(double watts) { return std::to_string(std::lround(watts)) + " W"; }
 
     SCREEN* terminal;
     int row = 0;

@@ -26,18 +26,12 @@ constexpr int posts = 1000; // of each
 void SendThroughFunnel(Report& report)
 {
     std::thread::id ranOn;
-    std::function<void()> work = [&]
-    {
-        ranOn = std::this_thread::get_id();
-    };
+    std::function<void()> work = [&] { ranOn = std::this_thread::get_id(); };
     TF_init_and_send_work(work);
     const bool other = ranOn != std::thread::id() && ranOn != std::this_thread::get_id();
     report.Expect("a funnelled item ran on the funnel's thread before the send returned", other);
 
-    std::function<void()> nested = [&]
-    {
-        TF_init_and_send_work(work);
-    };
+    std::function<void()> nested = [&] { TF_init_and_send_work(work); };
     TF_init_and_send_work(nested);
     report.Expect("an item that sends runs its own item at once", ranOn != std::thread::id());
 }
@@ -64,12 +58,9 @@ class ChannelLoop
     }
     ~ChannelLoop()
     {
-        OneWayChannel_Execute(
-            [](void* self, void*, unsigned long)
-            {
-                return sd_event_exit(static_cast<ChannelLoop*>(self)->event, 0);
-            },
-            nullptr, 0, 0);
+        OneWayChannel_Execute([](void* self, void*, unsigned long)
+                              { return sd_event_exit(static_cast<ChannelLoop*>(self)->event, 0); },
+                              nullptr, 0, 0);
         thread.join();
     }
     ChannelLoop(const ChannelLoop&) = delete;
@@ -95,12 +86,9 @@ void PostThroughChannel(Report& report)
             {
                 for (int post = 0; post < posts; ++post)
                 {
-                    OneWayChannel_Execute(
-                        [](void* self, void*, unsigned long)
-                        {
-                            return ++static_cast<ChannelLoop*>(self)->received;
-                        },
-                        nullptr, 0, 0);
+                    OneWayChannel_Execute([](void* self, void*, unsigned long)
+                                          { return ++static_cast<ChannelLoop*>(self)->received; },
+                                          nullptr, 0, 0);
                 }
             });
     }
@@ -110,10 +98,7 @@ void PostThroughChannel(Report& report)
     }
     // A send over the channel waits for its turn, so all posts have run by then.
     int received = 0;
-    std::function<void()> look = [&]
-    {
-        received = loop.received;
-    };
+    std::function<void()> look = [&] { received = loop.received; };
     TFoOWC_init_and_send_work(look);
     report.Expect(std::to_string(received) + " posts of four threads ran on the loop's thread",
                   received == producers * posts);
@@ -123,10 +108,7 @@ void PostThroughChannel(Report& report)
     OneWayChannel_Execute(
         [](void*, void* flag, unsigned long)
         {
-            std::function<void()> work = [&]
-            {
-                *static_cast<bool*>(flag) = true;
-            };
+            std::function<void()> work = [&] { *static_cast<bool*>(flag) = true; };
             TF_init_and_send_work(work);
             return 0;
         },
@@ -142,18 +124,10 @@ void UsePool(Report& report)
         YetAnotherThreadPool pool(4);
         for (int task = 0; task < 100; ++task)
         {
-            pool.enqueue(
-                [&]
-                {
-                    ++done;
-                });
+            pool.enqueue([&] { ++done; });
         }
         report.Line("a task that throws:");
-        pool.enqueue(
-            []
-            {
-                throw std::runtime_error("as it was told to");
-            });
+        pool.enqueue([] { throw std::runtime_error("as it was told to"); });
     } // waits for all of them
     report.Expect(std::to_string(done) + " tasks ran in a pool of four threads", done == 100);
 }

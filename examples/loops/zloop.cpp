@@ -14,10 +14,7 @@ static int Print(void* loop, void* data, unsigned long)
     const char* const reading = static_cast<const char*>(data);
     std::puts(reading);
     printed += reading;
-    zloop_timer_fn* const end = [](zloop_t*, int, void*)
-    {
-        return -1;
-    };
+    zloop_timer_fn* const end = [](zloop_t*, int, void*) { return -1; };
     return reading[0] == '3' ? zloop_timer(static_cast<zloop_t*>(loop), 0, 1, end, nullptr) : 0;
 }
 

@@ -60,10 +60,7 @@ int main(int argc, char** argv)
     int result = 0;
     {
         RackMonitor monitor(argv[1], argc == 3 ? argv[2] : "",
-                            [](const std::string& line)
-                            {
-                                std::cout << line << std::endl;
-                            });
+                            [](const std::string& line) { std::cout << line << std::endl; });
         std::cout << (monitor.Ready() ? "sensor found" : "no sensor yet") << std::endl;
         result = sd_event_loop(loop) < 0 ? 1 : 0;
     }

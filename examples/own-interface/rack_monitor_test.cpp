@@ -29,10 +29,7 @@ class RackMonitorTest : public ::testing::Test
 
     RackMonitor::Report Keep()
     {
-        return [this](const std::string& line)
-        {
-            lines.push_back(line);
-        };
+        return [this](const std::string& line) { lines.push_back(line); };
     }
 };
 
@@ -43,11 +40,7 @@ TEST_F(RackMonitorTest, FollowsTheReading)
     EXPECT_EQ(monitor.Reading(), 20.0);
 
     sensor->Set("reading", 21.5);
-    EXPECT_TRUE(Dispatch(
-        [&]
-        {
-            return monitor.Reading() == 21.5;
-        }));
+    EXPECT_TRUE(Dispatch([&] { return monitor.Reading() == 21.5; }));
     EXPECT_THAT(lines, ElementsAre("reading 21.5 degrees C"));
 }
 
@@ -55,22 +48,15 @@ TEST_F(RackMonitorTest, ReportsAlarms)
 {
     RackMonitor monitor(path, "com.example.Rack", Keep());
     sensor->Emit("limitExceeded", 26.0, 25.0);
-    EXPECT_TRUE(Dispatch(
-        [&]
-        {
-            return monitor.Alarms() == 1;
-        }));
+    EXPECT_TRUE(Dispatch([&] { return monitor.Alarms() == 1; }));
     EXPECT_THAT(lines, ElementsAre("limit exceeded: 26 > 25"));
 }
 
 TEST_F(RackMonitorTest, CallsAndWrites)
 {
     RackMonitor monitor(path, "com.example.Rack", Keep());
-    sensor->OnCall("calibrate",
-                   [](const Call& call)
-                   {
-                       return std::vector<Value>{call.arguments[0].Get<double>() - 20.0};
-                   });
+    sensor->OnCall("calibrate", [](const Call& call)
+                   { return std::vector<Value>{call.arguments[0].Get<double>() - 20.0}; });
     EXPECT_TRUE(monitor.Calibrate(22.5));
     EXPECT_THAT(lines, Contains("calibrated, offset 2.500000"));
     EXPECT_TRUE(monitor.SetUpperLimit(30.0));
@@ -82,19 +68,12 @@ TEST_F(RackMonitorTest, FailsWhenTheSensorDoes)
     RackMonitor monitor(path, "com.example.Rack", Keep());
     sensor.On("calibrate").ReplyError("com.example.Error.Broken");
     EXPECT_FALSE(monitor.Calibrate(22.5));
-    sensor->OnWrite("upperLimit",
-                    [](const Value&)
-                    {
-                        throw CallError("com.example.Error.Refused", "out of range");
-                    });
+    sensor->OnWrite("upperLimit", [](const Value&)
+                    { throw CallError("com.example.Error.Refused", "out of range"); });
     EXPECT_FALSE(monitor.SetUpperLimit(1000.0));
 
     sensor->RemoveInterface("com.example.rack.Sensor");
-    EXPECT_TRUE(Dispatch(
-        [&]
-        {
-            return !monitor.Ready();
-        }));
+    EXPECT_TRUE(Dispatch([&] { return !monitor.Ready(); }));
     EXPECT_THAT(lines, ElementsAre("sensor gone"));
 }
 

@@ -19,18 +19,9 @@ namespace bmcbus
 /** Drops one reference. */
 struct Unref
 {
-    void operator()(sd_bus* bus) const
-    {
-        sd_bus_unref(bus);
-    }
-    void operator()(sd_bus_message* message) const
-    {
-        sd_bus_message_unref(message);
-    }
-    void operator()(sd_bus_slot* slot) const
-    {
-        sd_bus_slot_unref(slot);
-    }
+    void operator()(sd_bus* bus) const { sd_bus_unref(bus); }
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
 };
 
 using BusRef = std::unique_ptr<sd_bus, Unref>;

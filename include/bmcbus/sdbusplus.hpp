@@ -50,10 +50,7 @@ inline sd_bus* Connection(Bus& bus)
 {
     struct Peek : Bus
     {
-        static sd_bus* Of(Bus& b)
-        {
-            return (b.*&Peek::get)();
-        }
+        static sd_bus* Of(Bus& b) { return (b.*&Peek::get)(); }
     };
     return Peek::Of(bus);
 }

@@ -39,10 +39,7 @@ struct SignatureText
 {
     std::array<char, N + 1> text{};
 
-    constexpr const char* c_str() const
-    {
-        return text.data();
-    }
+    constexpr const char* c_str() const { return text.data(); }
 };
 
 constexpr SignatureText<1> Letter(char c)
@@ -120,10 +117,7 @@ struct NumberWire
     static constexpr char code = Code;
     static constexpr auto signature = Letter(Code);
 
-    static bool Read(sd_bus_message* message, T& value)
-    {
-        return ReadBasic(message, Code, &value);
-    }
+    static bool Read(sd_bus_message* message, T& value) { return ReadBasic(message, Code, &value); }
     static void Append(sd_bus_message* message, const T& value)
     {
         AppendBasic(message, Code, &value);
@@ -169,10 +163,7 @@ struct Wire<bool>
     static constexpr bool flat = false;
     static constexpr auto signature = Letter('b');
 
-    static bool Read(sd_bus_message* message, bool& value)
-    {
-        return ReadFlag(message, value);
-    }
+    static bool Read(sd_bus_message* message, bool& value) { return ReadFlag(message, value); }
     static void Append(sd_bus_message* message, const bool& value)
     {
         const int wide = value ? 1 : 0;
@@ -374,24 +365,14 @@ struct Wire<std::tuple<T...>>
         {
             return false;
         }
-        std::apply(
-            [&](T&... field)
-            {
-                (Wire<T>::Read(message, field), ...);
-            },
-            value);
+        std::apply([&](T&... field) { (Wire<T>::Read(message, field), ...); }, value);
         Exit(message, step::exitTuple);
         return true;
     }
     static void Append(sd_bus_message* message, const std::tuple<T...>& value)
     {
         Open(message, SD_BUS_TYPE_STRUCT, fields.c_str());
-        std::apply(
-            [&](const T&... field)
-            {
-                (Wire<T>::Append(message, field), ...);
-            },
-            value);
+        std::apply([&](const T&... field) { (Wire<T>::Append(message, field), ...); }, value);
         Close(message);
     }
 };

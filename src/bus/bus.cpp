@@ -32,7 +32,7 @@ MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const cha
 {
     sd_bus_message* raw = nullptr;
     Require(sd_bus_message_new_method_call(bus, &raw, service, path, interface, member),
-                    "sd_bus_message_new_method_call");
+            "sd_bus_message_new_method_call");
     return MessageRef(raw);
 }
 

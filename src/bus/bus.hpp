@@ -1,7 +1,7 @@
 #pragma once
 
-// What every blocking call shares: the thread's default connection, the call and its reply. Arguments
-// go through the writers of wire.hpp, which refuse what may not travel.
+// What every blocking call shares: the thread's default connection, the call and its reply.
+// Arguments go through the writers of wire.hpp, which refuse what may not travel.
 
 #include <bmcbus/refs.hpp>
 

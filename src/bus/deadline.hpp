@@ -29,10 +29,7 @@ class Deadline
         }
     }
 
-    bool Passed() const
-    {
-        return at_ != never && Now() >= at_;
-    }
+    bool Passed() const { return at_ != never && Now() >= at_; }
 
   private:
     static constexpr uint64_t never = std::numeric_limits<uint64_t>::max();

@@ -1,8 +1,8 @@
 #include "bus/bus.hpp"
-#include "bus/text.hpp"
 #include "bus/deadline.hpp"
 #include "bus/object_mapper_internal.hpp"
 #include "bus/object_mapper_lookup.hpp"
+#include "bus/text.hpp"
 
 #include <cerrno>
 #include <exception>
@@ -187,11 +187,9 @@ try
 {
     using Record = CallbackRecord<ServiceForm>;
     auto context = std::make_unique<Record>(record);
-    bmcbus::Slot slot = QueueOnDefault<ObjectForm>(path, {interface}, {choose, context.get()},
-                                                   [](void* own)
-                                                   {
-                                                       delete static_cast<Record*>(own);
-                                                   });
+    bmcbus::Slot slot =
+        QueueOnDefault<ObjectForm>(path, {interface}, {choose, context.get()},
+                                   [](void* own) { delete static_cast<Record*>(own); });
     static_cast<void>(context.release());
     return slot;
 }

@@ -4,6 +4,8 @@
 #include "bus/deadline.hpp"
 #include "log.hpp"
 
+#include <bmcbus/wire.hpp>
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -183,8 +185,7 @@ std::string_view View(const char* text)
 bool IsForeign(const sd_bus_error& error)
 {
     return std::any_of(foreignErrors.begin(), foreignErrors.end(),
-                       [&](const ForeignError& f)
-                       {
+                       [&](const ForeignError& f) {
                            return View(error.name).starts_with(f.name) &&
                                   View(error.message).starts_with(f.text);
                        });

@@ -10,14 +10,9 @@ namespace
 // Length of the UTF-8 sequence at the start of `s`, 0 when there is none.
 size_t SequenceLength(const unsigned char* s, size_t left)
 {
-    const auto continues = [&](size_t at)
-    {
-        return at < left && (s[at] & 0xC0U) == 0x80U;
-    };
+    const auto continues = [&](size_t at) { return at < left && (s[at] & 0xC0U) == 0x80U; };
     const auto second = [&](unsigned char low, unsigned char high)
-    {
-        return left > 1 && s[1] >= low && s[1] <= high;
-    };
+    { return left > 1 && s[1] >= low && s[1] <= high; };
     const unsigned char first = s[0];
     if (first >= 0xC2 && first <= 0xDF)
     {

@@ -2,10 +2,10 @@
 
 #include "bus/bus.hpp"
 #include "bus/match.hpp"
+#include "bus/object_mapper_lookup.hpp"
 #include "client/member_log.hpp"
 #include "client/property_map.hpp"
 #include "client/signal.hpp"
-#include "bus/object_mapper_lookup.hpp"
 
 #include <async_ops.hpp>
 #include <object_mapper.hpp>
@@ -84,9 +84,7 @@ void InstallMatches(sd_bus* bus, void* object, const CachedClass& about)
     Anchor& anchor = At<Anchor>(object, about.anchor);
     const auto install =
         [&](uint16_t field, const std::string& rule, sd_bus_message_handler_t handler)
-    {
-        Require(AddMatch(bus, rule, handler, &anchor, At<Slot>(object, field)), "sd_bus_match");
-    };
+    { Require(AddMatch(bus, rule, handler, &anchor, At<Slot>(object, field)), "sd_bus_match"); };
     install(about.properties_changed_match,
             SignalRule("PropertiesChanged", path, "org.freedesktop.DBus.Properties"), OnChanged);
     install(about.interfaces_added_match, SignalRule("InterfacesAdded", path), OnAdded);
@@ -102,12 +100,8 @@ const char* SetterPrefix(bool lock)
 // A value on its way into a field: moved when it is ours, copied when it is borrowed.
 struct Source
 {
-    explicit Source(ConstRef borrowed) : type(borrowed.type), from(borrowed.value)
-    {
-    }
-    explicit Source(Value& owned) : type(owned.type()), from(owned.get()), movable(owned.get())
-    {
-    }
+    explicit Source(ConstRef borrowed) : type(borrowed.type), from(borrowed.value) {}
+    explicit Source(Value& owned) : type(owned.type()), from(owned.get()), movable(owned.get()) {}
 
     void AssignTo(void* field) const
     {

@@ -22,14 +22,8 @@ struct Access
     const Interface& interface;
     Which which;
 
-    const Property& property() const
-    {
-        return interface.properties[which.property()];
-    }
-    const char* name() const
-    {
-        return interface.NameOf(property());
-    }
+    const Property& property() const { return interface.properties[which.property()]; }
+    const char* name() const { return interface.NameOf(property()); }
 };
 
 // The names of a property's operations in log lines.

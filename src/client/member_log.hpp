@@ -27,10 +27,7 @@ class MemberName
   public:
     MemberName(const char* prefix, const char* name);
 
-    const char* c_str() const
-    {
-        return text_;
-    }
+    const char* c_str() const { return text_; }
 
   private:
     char text_[288]; // a prefix and a member name, which the bus limits to 255 bytes

@@ -55,9 +55,7 @@ void Anchor::Answered()
 {
     pending_.remove_if(
         [](const Slot& request)
-        {
-            return sd_bus_get_current_slot(sd_bus_slot_get_bus(request.get())) == request.get();
-        });
+        { return sd_bus_get_current_slot(sd_bus_slot_get_bus(request.get())) == request.get(); });
 }
 
 Anchor::Running::Running(Anchor& anchor, std::mutex& mutex) : anchor_(&anchor), mutex_(mutex)

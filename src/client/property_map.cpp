@@ -21,14 +21,9 @@ bool Before(const char* a, const char* b)
 template <class List, class Name>
 void SortUnique(List& list, Name name)
 {
-    const auto before = [&](const auto& a, const auto& b)
-    {
-        return Before(name(a), name(b));
-    };
+    const auto before = [&](const auto& a, const auto& b) { return Before(name(a), name(b)); };
     const auto notAscending = [&](const auto& a, const auto& b)
-    {
-        return std::strcmp(name(a), name(b)) >= 0;
-    };
+    { return std::strcmp(name(a), name(b)) >= 0; };
     if (std::adjacent_find(list.begin(), list.end(), notAscending) == list.end())
     {
         return;
@@ -58,11 +53,7 @@ void PropertyMap::Read(sd_bus_message* message, const Interface& interface, bool
         Exit(message, step::exitTuple);
     }
     Exit(message, step::exitMap);
-    SortUnique(entries_,
-               [](const Entry& entry)
-               {
-                   return entry.name;
-               });
+    SortUnique(entries_, [](const Entry& entry) { return entry.name; });
 }
 
 void InterfaceMap::Read(sd_bus_message* message, const Interface& interface)
@@ -85,11 +76,7 @@ void InterfaceMap::Read(sd_bus_message* message, const Interface& interface)
         Exit(message, step::exitTuple);
     }
     Exit(message, step::exitMap);
-    SortUnique(names_,
-               [](const char* name)
-               {
-                   return name;
-               });
+    SortUnique(names_, [](const char* name) { return name; });
 }
 
 } // namespace bmcbus::client

@@ -21,10 +21,7 @@ class PropertyMap
     // Reads the whole map or throws Error. With `keep` false the values are checked and dropped.
     void Read(sd_bus_message* message, const Interface& interface, bool keep = true);
 
-    std::vector<Entry>& entries()
-    {
-        return entries_;
-    }
+    std::vector<Entry>& entries() { return entries_; }
 
   private:
     std::vector<Entry> entries_;
@@ -37,14 +34,8 @@ class InterfaceMap
     // Reads the whole map or throws Error.
     void Read(sd_bus_message* message, const Interface& interface);
 
-    const std::vector<const char*>& names() const
-    {
-        return names_;
-    }
-    PropertyMap& properties()
-    {
-        return properties_;
-    }
+    const std::vector<const char*>& names() const { return names_; }
+    PropertyMap& properties() { return properties_; }
 
   private:
     std::vector<const char*> names_;

@@ -17,14 +17,8 @@ class Value
     // Drops what it held and holds a value-initialised `type`.
     void* Emplace(const Type& type);
 
-    const Type* type() const
-    {
-        return type_;
-    }
-    void* get()
-    {
-        return heap_ != nullptr ? heap_ : inside_;
-    }
+    const Type* type() const { return type_; }
+    void* get() { return heap_ != nullptr ? heap_ : inside_; }
 
   private:
     void Take(Value& other) noexcept;

@@ -102,10 +102,7 @@ void OneWayChannel::InstallForkHandlers()
 {
     static constinit pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once,
-                 []
-                 {
-                     static_cast<void>(pthread_atfork(ForkPrepare, ForkParent, ForkChild));
-                 });
+                 [] { static_cast<void>(pthread_atfork(ForkPrepare, ForkParent, ForkChild)); });
 }
 
 void OneWayChannel::ForkPrepare()
@@ -203,9 +200,7 @@ int OneWayChannel::RegisterEventLoop(sdeventplus::Event& event, void* context, F
     ioSource = std::make_unique<sdeventplus::source::IO>(
         event, pipeFds[0], EPOLLIN,
         [this, context](sdeventplus::source::IO& source, int fd, uint32_t events)
-        {
-            _PipeIOEventReceive(source, fd, events, context);
-        });
+        { _PipeIOEventReceive(source, fd, events, context); });
     TakeOver(context, std::move(function));
     Publish(RegistrationType::EventLoop);
     return channel::success;

@@ -32,9 +32,7 @@ void MakeBlocking(int fd)
 
 struct OneWayChannel::Watch : std::enable_shared_from_this<Watch>
 {
-    Watch(OneWayChannel* owner, int descriptorNumber) : channel(owner), fd(descriptorNumber)
-    {
-    }
+    Watch(OneWayChannel* owner, int descriptorNumber) : channel(owner), fd(descriptorNumber) {}
 
     ~Watch();
 

@@ -62,10 +62,7 @@ class NonBlocking
         static_cast<void>(fcntl(fd, F_SETFL, flags | O_NONBLOCK));
     }
 
-    ~NonBlocking()
-    {
-        static_cast<void>(fcntl(fd, F_SETFL, flags));
-    }
+    ~NonBlocking() { static_cast<void>(fcntl(fd, F_SETFL, flags)); }
 
     NonBlocking(const NonBlocking&) = delete;
     NonBlocking& operator=(const NonBlocking&) = delete;
@@ -84,10 +81,7 @@ class Drain
         current = this;
     }
 
-    ~Drain()
-    {
-        current = outer;
-    }
+    ~Drain() { current = outer; }
 
     Drain(const Drain&) = delete;
     Drain& operator=(const Drain&) = delete;
@@ -100,10 +94,7 @@ class Drain
     }
 
     // A message's function has forked, and this is the child.
-    bool Orphaned() const
-    {
-        return forks != channel::forks;
-    }
+    bool Orphaned() const { return forks != channel::forks; }
 
     bool pipeFull = false; // nobody else reads, so it stays full
 
@@ -320,10 +311,7 @@ bool OneWayChannel::RunNext(void* context)
 {
     struct Next : std::list<MBMessage*>
     {
-        ~Next()
-        {
-            std::for_each(begin(), end(), channel::Discard);
-        }
+        ~Next() { std::for_each(begin(), end(), channel::Discard); }
     } next;
     {
         const std::lock_guard lock(oneWayChannelOperationMutex);

@@ -882,9 +882,7 @@ void TF_poc()
 {
     BMCBUS_LOG(trace, "enter");
     std::function<void()> work = []
-    {
-        BMCBUS_LOG_AS(trace, bmcbus::log::librarySource, "operator()", "poc");
-    };
+    { BMCBUS_LOG_AS(trace, bmcbus::log::librarySource, "operator()", "poc"); };
     TF_init_and_send_work(work);
     BMCBUS_LOG(trace, "leave");
 }

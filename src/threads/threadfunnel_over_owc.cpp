@@ -34,10 +34,7 @@ class CompletionSignal
         }
     }
 
-    ~CompletionSignal()
-    {
-        sem_destroy(&semaphore);
-    }
+    ~CompletionSignal() { sem_destroy(&semaphore); }
 
     CompletionSignal(const CompletionSignal&) = delete;
     CompletionSignal& operator=(const CompletionSignal&) = delete;
@@ -125,14 +122,8 @@ int TFoOWC_callback(void* /*context*/, void* data, unsigned long /*size*/)
 // Tells fork() on the channel's thread that this send waits for that thread.
 struct ChannelSend
 {
-    ChannelSend()
-    {
-        bmcbus::funnel::channelSend = true;
-    }
-    ~ChannelSend()
-    {
-        bmcbus::funnel::channelSend = false;
-    }
+    ChannelSend() { bmcbus::funnel::channelSend = true; }
+    ~ChannelSend() { bmcbus::funnel::channelSend = false; }
     ChannelSend(const ChannelSend&) = delete;
     ChannelSend& operator=(const ChannelSend&) = delete;
 };

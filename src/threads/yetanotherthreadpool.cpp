@@ -92,9 +92,7 @@ void YetAnotherThreadPool::LetGoOfWorkers()
     // A worker that destroys its own pool cannot wait for itself.
     const auto own = std::count_if(workers.begin(), workers.end(),
                                    [](const std::thread& worker)
-                                   {
-                                       return worker.get_id() == std::this_thread::get_id();
-                                   });
+                                   { return worker.get_id() == std::this_thread::get_id(); });
     const auto others = static_cast<unsigned short>(workers.size() - static_cast<size_t>(own));
     stop = true;
     while (leftWorkers < others)
@@ -150,10 +148,7 @@ void YetAnotherThreadPool::LookAgain(std::unique_lock<std::mutex>& lock)
     struct Looking
     {
         decltype(lookingWorkers)& workers;
-        ~Looking()
-        {
-            --workers;
-        }
+        ~Looking() { --workers; }
     } const looking{lookingWorkers};
     ++lookingWorkers;
     lock.unlock();

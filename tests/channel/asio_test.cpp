@@ -32,10 +32,7 @@ class AsioTest : public testing::Test
         EXPECT_EQ(test::Describe(test::Log(4)), "");
     }
 
-    static bool Blocks()
-    {
-        return (fcntl(Channel().pipeFds[0], F_GETFL) & O_NONBLOCK) == 0;
-    }
+    static bool Blocks() { return (fcntl(Channel().pipeFds[0], F_GETFL) & O_NONBLOCK) == 0; }
 
     static long OpenDescriptors()
     {
@@ -53,11 +50,7 @@ TEST_F(AsioTest, GivesEverythingBack)
         ASSERT_EQ(Channel().RegisterIOContext(*io, nullptr, {}), 0);
         EXPECT_FALSE(Blocks());
         bool ran = false;
-        test::Post(
-            [&]
-            {
-                ran = true;
-            });
+        test::Post([&] { ran = true; });
         while (round % 2 == 0 && !ran)
         {
             io->run_one();
@@ -86,19 +79,11 @@ TEST_F(AsioTest, KeepsAnEndedRegistrationApartFromTheNext)
     {
         ASSERT_EQ(next.Register(nullptr), 0);
         int ran = 0;
-        test::Post(
-            [&]
-            {
-                ++ran;
-            });
+        test::Post([&] { ++ran; });
         old.io.restart();
         old.io.poll();
         EXPECT_EQ(ran, 0);
-        EXPECT_TRUE(next.Run(
-            [&]
-            {
-                return ran == 1;
-            }));
+        EXPECT_TRUE(next.Run([&] { return ran == 1; }));
         OneWayChannel_Unregister();
     };
     AsioLoop other;
@@ -114,21 +99,13 @@ TEST_F(AsioTest, RegistersAgainOnTheSameContext)
     for (int round = 1; round <= 5; ++round)
     {
         ASSERT_EQ(loop.Register(nullptr), 0);
-        test::Post(
-            [&]
-            {
-                ++ran;
-            });
+        test::Post([&] { ++ran; });
         if (round % 2 == 0)
         {
             OneWayChannel_Unregister();
             ASSERT_EQ(loop.Register(nullptr), 0);
         }
-        EXPECT_TRUE(loop.Run(
-            [&]
-            {
-                return ran == round;
-            }));
+        EXPECT_TRUE(loop.Run([&] { return ran == round; }));
         OneWayChannel_Unregister();
     }
 }
@@ -142,11 +119,7 @@ TEST_F(AsioTest, LeavesTheOldContextToItsThread)
     }
     AsioLoop old;
     ASSERT_EQ(old.Register(nullptr), 0);
-    test::Post(
-        []
-        {
-            OneWayChannel_Unregister();
-        });
+    test::Post([] { OneWayChannel_Unregister(); });
     std::atomic<bool> stop{false};
     std::thread thread(
         [&]
@@ -174,18 +147,10 @@ TEST_F(AsioTest, LeavesTheOldContextToItsThread)
         {
             for (int i = 0; i < 1000; ++i)
             {
-                test::Post(
-                    [&]
-                    {
-                        ++ran;
-                    });
+                test::Post([&] { ++ran; });
             }
         });
-    EXPECT_TRUE(next.Run(
-        [&]
-        {
-            return ran == 1000;
-        }));
+    EXPECT_TRUE(next.Run([&] { return ran == 1000; }));
     producer.join();
     stop = true;
     thread.join();

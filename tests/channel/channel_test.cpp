@@ -53,10 +53,7 @@ struct Seen
 
     auto Reaches(size_t count) const
     {
-        return [this, count]
-        {
-            return sizes.size() >= count;
-        };
+        return [this, count] { return sizes.size() >= count; };
     }
 };
 
@@ -183,11 +180,7 @@ TYPED_TEST(EveryLoop, ChangesItsLoopInsideAMessage)
             EXPECT_EQ(next.Register(nullptr), 0);
             ran = true;
         });
-    EXPECT_TRUE(loop.Run(
-        [&]
-        {
-            return ran;
-        }));
+    EXPECT_TRUE(loop.Run([&] { return ran; }));
     Seen seen;
     ASSERT_EQ(OneWayChannel_Execute(Note, &seen, 5, 0), 0);
     EXPECT_TRUE(next.Run(seen.Reaches(1)));
@@ -198,12 +191,8 @@ TYPED_TEST(EveryLoop, LogsExceptionsAndReleasesTheirData)
 {
     TypeParam loop;
     ASSERT_EQ(loop.Register(nullptr), 0);
-    Channel().Execute(
-        [](void*, void*, unsigned long) -> int
-        {
-            throw std::runtime_error("no");
-        },
-        std::malloc(16), 16, true);
+    Channel().Execute([](void*, void*, unsigned long) -> int { throw std::runtime_error("no"); },
+                      std::malloc(16), 16, true);
     ASSERT_EQ(OneWayChannel_Execute(nullptr, std::malloc(16), 16, 1), 0);
     Seen seen;
     OneWayChannel_Execute(Note, &seen, 1, 0);
@@ -219,12 +208,8 @@ TEST_F(ChannelTest, LetsForeignExceptionsPassAndGoesOn)
     Seen seen;
     const auto post = [&](unsigned long size)
     {
-        Channel().Execute(
-            [](void*, void*, unsigned long) -> int
-            {
-                throw 5;
-            },
-            std::malloc(16), 16, true);
+        Channel().Execute([](void*, void*, unsigned long) -> int { throw 5; }, std::malloc(16), 16,
+                          true);
         OneWayChannel_Execute(Note, &seen, size, 0);
     };
     {
@@ -238,12 +223,7 @@ TEST_F(ChannelTest, LetsForeignExceptionsPassAndGoesOn)
         test::AsioLoop loop;
         loop.Register(nullptr);
         post(2);
-        EXPECT_THROW(loop.Run(
-                         []
-                         {
-                             return false;
-                         }),
-                     int);
+        EXPECT_THROW(loop.Run([] { return false; }), int);
         EXPECT_TRUE(loop.Run(seen.Reaches(2)));
     }
     test::SdEventLoop loop;
@@ -328,15 +308,8 @@ TEST_F(ChannelTest, SkipsAWakeUpThatCannotRead)
     }
     test::SdEventLoop loop;
     loop.Register(nullptr);
-    const auto told = []
-    {
-        return CountLog(4, 300, "_PipeIOEventReceive", "Error in read : -1");
-    };
-    EXPECT_TRUE(loop.Run(
-        [&]
-        {
-            return told() > 0;
-        }));
+    const auto told = [] { return CountLog(4, 300, "_PipeIOEventReceive", "Error in read : -1"); };
+    EXPECT_TRUE(loop.Run([&] { return told() > 0; }));
     EXPECT_EQ(CountLog(4, 300, "_ReadFromPipe", "Error in zloop pipe read : -1"), 1U);
     EXPECT_THAT(seen.sizes, IsEmpty());
     test::faults.read = false;

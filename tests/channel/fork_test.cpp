@@ -28,16 +28,7 @@ template <class Loop>
 bool Runs(Loop& loop)
 {
     bool ran = false;
-    return test::Post(
-               [&]
-               {
-                   ran = true;
-               }) == 0 &&
-           loop.Run(
-               [&]
-               {
-                   return ran;
-               });
+    return test::Post([&] { ran = true; }) == 0 && loop.Run([&] { return ran; });
 }
 
 // In a child: its channel is gone, and a fresh one serves its own loop. A grandchild does the same,
@@ -65,12 +56,9 @@ int UseFreshChannel(int generations)
     {
         return 3;
     }
-    return generations == 0 ? 0
-                            : 10 * ExitOfChild(
-                                       [=]
-                                       {
-                                           return UseFreshChannel<Loop>(generations - 1);
-                                       });
+    return generations == 0
+               ? 0
+               : 10 * ExitOfChild([=] { return UseFreshChannel<Loop>(generations - 1); });
 }
 
 template <class Loop>
@@ -105,11 +93,7 @@ class Producers
             thread = std::thread(
                 [this]
                 {
-                    while (!stop && test::Post(
-                                        [this]
-                                        {
-                                            ++ran;
-                                        }) == 0)
+                    while (!stop && test::Post([this] { ++ran; }) == 0)
                     {
                         std::this_thread::yield();
                     }
@@ -142,18 +126,9 @@ TYPED_TEST(ForkTest, LeavesBothSidesWorking)
     Producers producers;
     for (int round = 0; round < test::manyForks; ++round)
     {
-        ASSERT_EQ(ExitOfChild(
-                      []
-                      {
-                          return UseFreshChannel<TypeParam>(1);
-                      }),
-                  0)
-            << round;
-        ASSERT_TRUE(this->loop.Run(
-            [&, more = producers.ran + 100]
-            {
-                return producers.ran >= more;
-            }))
+        ASSERT_EQ(ExitOfChild([] { return UseFreshChannel<TypeParam>(1); }), 0) << round;
+        ASSERT_TRUE(
+            this->loop.Run([&, more = producers.ran + 100] { return producers.ran >= more; }))
             << round;
     }
 }
@@ -169,28 +144,14 @@ TYPED_TEST(ForkTest, MayComeFromAnotherThread)
         {
             for (int round = 0; round < test::manyForks && !stop; ++round)
             {
-                EXPECT_EQ(ExitOfChild(
-                              []
-                              {
-                                  return UseFreshChannel<TypeParam>(0);
-                              }),
-                          0)
-                    << round;
+                EXPECT_EQ(ExitOfChild([] { return UseFreshChannel<TypeParam>(0); }), 0) << round;
             }
             stop = true;
         });
-    EXPECT_TRUE(this->loop.Run(
-        [&]
-        {
-            return stop.load();
-        }));
+    EXPECT_TRUE(this->loop.Run([&] { return stop.load(); }));
     stop = true;
     forking.join();
-    EXPECT_TRUE(this->loop.Run(
-        [&, more = producers.ran + 100]
-        {
-            return producers.ran >= more;
-        }));
+    EXPECT_TRUE(this->loop.Run([&, more = producers.ran + 100] { return producers.ran >= more; }));
 }
 
 // Its function goes on in the child and the messages behind it do not.
@@ -211,16 +172,8 @@ TYPED_TEST(ForkTest, MayComeFromAMessage)
             return 0;
         },
         std::malloc(16), 16, true);
-    test::Post(
-        [&]
-        {
-            ++behind;
-        });
-    const bool done = this->loop.Run(
-        [&]
-        {
-            return inChild >= 0 || behind == 1;
-        });
+    test::Post([&] { ++behind; });
+    const bool done = this->loop.Run([&] { return inChild >= 0 || behind == 1; });
     if (child == 0)
     {
         _exit(done && behind == 0 ? inChild : 4);
@@ -256,12 +209,7 @@ using ForkWithZLoop = ForkTest<test::ZLoop>;
 // The child's copy of the reactor still has the parent's poller.
 TEST_F(ForkWithZLoop, LetsTheChildKeepItsReactor)
 {
-    EXPECT_EQ(ExitOfChild(
-                  [&]
-                  {
-                      return loop.Register(nullptr) == 0 && Runs(loop) ? 0 : 1;
-                  }),
-              0);
+    EXPECT_EQ(ExitOfChild([&] { return loop.Register(nullptr) == 0 && Runs(loop) ? 0 : 1; }), 0);
     EXPECT_TRUE(Runs(loop));
 }
 
@@ -274,12 +222,7 @@ TEST_F(ForkWithSdEvent, RegistersAFlatSdEventOncePerLineage)
         const test::SdEventLoop own;
         return OneWayChannel_RegisterSDEvent(own.raw, nullptr);
     };
-    EXPECT_EQ(ExitOfChild(
-                  [&]
-                  {
-                      return enroll() == 5 ? 5 : ExitOfChild(enroll);
-                  }),
-              2);
+    EXPECT_EQ(ExitOfChild([&] { return enroll() == 5 ? 5 : ExitOfChild(enroll); }), 2);
 }
 
 // In a child, whose channel is yet to be made.

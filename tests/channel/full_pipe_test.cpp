@@ -35,11 +35,7 @@ class Threads
     }
     void Join()
     {
-        std::for_each(threads.begin(), threads.end(),
-                      [](std::thread& t)
-                      {
-                          t.join();
-                      });
+        std::for_each(threads.begin(), threads.end(), [](std::thread& t) { t.join(); });
     }
 
   private:
@@ -85,12 +81,7 @@ TYPED_TEST(FullPipe, HoldsProducersBack)
                         {
                             const long queued = ++started - ran;
                             largest = std::max(largest.load(), queued);
-                            EXPECT_EQ(test::Post(
-                                          [&]
-                                          {
-                                              ++ran;
-                                          }),
-                                      0);
+                            EXPECT_EQ(test::Post([&] { ++ran; }), 0);
                         }
                     });
     EXPECT_TRUE(bmcbus::testing::Until(
@@ -101,11 +92,7 @@ TYPED_TEST(FullPipe, HoldsProducersBack)
             return Channel().mbQueue.size() == static_cast<size_t>(Capacity() / 2 + producers);
         }));
     EXPECT_EQ(TriggerBytes(), Capacity());
-    EXPECT_TRUE(loop.Run(
-        [&]
-        {
-            return ran == producers * each;
-        }));
+    EXPECT_TRUE(loop.Run([&] { return ran == producers * each; }));
     threads.Join();
     EXPECT_LE(largest, Capacity() / 2 + 2 * producers);
     EXPECT_EQ(test::faults.triggers, producers * each);
@@ -119,19 +106,10 @@ TYPED_TEST(FullPipe, NeverHoldsTheLoopsThread)
     std::vector<int> ran;
     for (int i = 0; i < count; ++i)
     {
-        ASSERT_EQ(test::Post(
-                      [&, i]
-                      {
-                          ran.push_back(i);
-                      }),
-                  0);
+        ASSERT_EQ(test::Post([&, i] { ran.push_back(i); }), 0);
     }
     EXPECT_EQ(TriggerBytes(), Capacity());
-    EXPECT_TRUE(loop.Run(
-        [&]
-        {
-            return ran.size() == count;
-        }));
+    EXPECT_TRUE(loop.Run([&] { return ran.size() == count; }));
     EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
 
     int left = count;
@@ -143,11 +121,7 @@ TYPED_TEST(FullPipe, NeverHoldsTheLoopsThread)
         }
     };
     ASSERT_EQ(test::Post(again), 0);
-    EXPECT_TRUE(loop.Run(
-        [&]
-        {
-            return left == 0;
-        }));
+    EXPECT_TRUE(loop.Run([&] { return left == 0; }));
 }
 
 // While a message that posts keeps the loop in one drain, producers go on as soon as it is over.
@@ -162,22 +136,10 @@ TYPED_TEST(FullPipe, SharesTheLoopWithProducers)
                     {
                         while (!stop)
                         {
-                            test::Post(
-                                [&]
-                                {
-                                    test::Post(
-                                        [&]
-                                        {
-                                            ++ran;
-                                        });
-                                });
+                            test::Post([&] { test::Post([&] { ++ran; }); });
                         }
                     });
-    EXPECT_TRUE(loop.Run(
-        [&]
-        {
-            return ran > 100000;
-        }));
+    EXPECT_TRUE(loop.Run([&] { return ran > 100000; }));
     stop = true;
     test::SetLogThreshold(3);   // one may be about to post, and is told that nobody listens
     OneWayChannel_Unregister(); // one may be waiting for room
@@ -199,11 +161,7 @@ TEST_F(FullPipeOfOwnLoop, FreesWaitingProducersWhenTheRegistrationEnds)
                         {
                         }
                     });
-    EXPECT_TRUE(bmcbus::testing::Until(
-        []
-        {
-            return TriggerBytes() == Capacity();
-        }));
+    EXPECT_TRUE(bmcbus::testing::Until([] { return TriggerBytes() == Capacity(); }));
     OneWayChannel_Unregister();
     threads.Join();
 }
@@ -219,23 +177,14 @@ TEST_F(FullPipeOfOwnLoop, TakesTheRoomThatThereIs)
     {
         for (int i = 0; i < count; ++i)
         {
-            ASSERT_EQ(test::Post(
-                          [&]
-                          {
-                              ++ran;
-                          }),
-                      0);
+            ASSERT_EQ(test::Post([&] { ++ran; }), 0);
         }
     };
     post(1);
     ASSERT_GT(fcntl(loop.fd, F_SETPIPE_SZ, 1), 0);
     post(5000);
     EXPECT_EQ(TriggerBytes(), Capacity());
-    EXPECT_TRUE(loop.Run(
-        [&]
-        {
-            return ran == 5001 && TriggerBytes() == 0;
-        }));
+    EXPECT_TRUE(loop.Run([&] { return ran == 5001 && TriggerBytes() == 0; }));
     ASSERT_EQ(fcntl(loop.fd, F_SETPIPE_SZ, usual), usual);
 
     // A page read in part is no room yet.
@@ -243,11 +192,7 @@ TEST_F(FullPipeOfOwnLoop, TakesTheRoomThatThereIs)
     EXPECT_EQ(OneWayChannel_Process(loop.fd), 0);
     post(100);
     EXPECT_EQ(TriggerBytes(), usual - 32);
-    EXPECT_TRUE(loop.Run(
-        [&]
-        {
-            return ran == 5101 + usual / 2 && TriggerBytes() == 0;
-        }));
+    EXPECT_TRUE(loop.Run([&] { return ran == 5101 + usual / 2 && TriggerBytes() == 0; }));
     EXPECT_EQ(fcntl(Channel().pipeFds[1], F_GETFL) & O_NONBLOCK, 0);
 }
 

@@ -45,11 +45,7 @@ class GetAllProperties : public ClientTest
 
     void Await(size_t count)
     {
-        EXPECT_TRUE(kit::Dispatch(connection,
-                                  [&]
-                                  {
-                                      return completions.size() >= count;
-                                  }));
+        EXPECT_TRUE(kit::Dispatch(connection, [&] { return completions.size() >= count; }));
         EXPECT_EQ(completions.size(), count);
         EXPECT_EQ(alive.use_count(), 1) << "the callback was not destroyed";
     }
@@ -68,10 +64,7 @@ class GetAllProperties : public ClientTest
         return lines;
     }
 
-    Completion Failed()
-    {
-        return {false, {}, &completions};
-    }
+    Completion Failed() { return {false, {}, &completions}; }
 
     std::shared_ptr<int> alive = std::make_shared<int>();
     std::vector<Completion> completions;
@@ -173,13 +166,9 @@ TEST_F(GetAllProperties, ThrowsWhatCannotBeQueued)
                              const std::string& interface, int irv)
     {
         test::ClearLog();
-        EXPECT_THAT(
-            [&]
-            {
-                Ask(service, 0, path, interface);
-            },
-            testing::ThrowsMessage<std::runtime_error>(
-                "sd_bus_call_method_async returned an error"));
+        EXPECT_THAT([&] { Ask(service, 0, path, interface); },
+                    testing::ThrowsMessage<std::runtime_error>(
+                        "sd_bus_call_method_async returned an error"));
         EXPECT_EQ(alive.use_count(), 1);
         EXPECT_THAT(
             All(),
@@ -229,11 +218,7 @@ TEST_F(GetAllProperties, EndsWithItsLastReference)
         bmcbus::Bus bus_of_its_own(own);
         Async::Ops::GetAllProperties<Variant>(
             bus_of_its_own, fanService, fanPath, fanInterface,
-            [token = alive](bool, Properties&, void*)
-            {
-                ADD_FAILURE() << "called";
-            },
-            nullptr);
+            [token = alive](bool, Properties&, void*) { ADD_FAILURE() << "called"; }, nullptr);
         EXPECT_EQ(alive.use_count(), 2);
     }
     sd_bus_flush_close_unref(own);

@@ -40,13 +40,8 @@ class SdEventLoop
     SdEventLoop(const SdEventLoop&) = delete;
     SdEventLoop& operator=(const SdEventLoop&) = delete;
 
-    void AfterABlockingCall()
-    {
-    }
-    bool Run(const Condition& done)
-    {
-        return RunUntil(loop, done);
-    }
+    void AfterABlockingCall() {}
+    bool Run(const Condition& done) { return RunUntil(loop, done); }
 
   private:
     sd_bus* bus;
@@ -62,14 +57,8 @@ class AsioLoop
         Wait();
     }
 
-    void AfterABlockingCall()
-    {
-        ProcessAll(bus);
-    }
-    bool Run(const Condition& done)
-    {
-        return RunUntil(io, done);
-    }
+    void AfterABlockingCall() { ProcessAll(bus); }
+    bool Run(const Condition& done) { return RunUntil(io, done); }
 
   private:
     void Wait()
@@ -107,14 +96,8 @@ class ZLoop
     ZLoop(const ZLoop&) = delete;
     ZLoop& operator=(const ZLoop&) = delete;
 
-    void AfterABlockingCall()
-    {
-        ProcessAll(bus);
-    }
-    bool Run(const Condition& done)
-    {
-        return RunUntil(loop, done);
-    }
+    void AfterABlockingCall() { ProcessAll(bus); }
+    bool Run(const Condition& done) { return RunUntil(loop, done); }
 
   private:
     static int OnReadable(zloop_t*, zmq_pollitem_t*, void* bus)
@@ -131,15 +114,9 @@ class ZLoop
 class PollLoop
 {
   public:
-    explicit PollLoop(sd_bus* connection) : bus(connection)
-    {
-        ProcessAll(bus);
-    }
+    explicit PollLoop(sd_bus* connection) : bus(connection) { ProcessAll(bus); }
 
-    void AfterABlockingCall()
-    {
-        ProcessAll(bus);
-    }
+    void AfterABlockingCall() { ProcessAll(bus); }
     bool Run(const Condition& done)
     {
         return PollUntil(sd_bus_get_fd(bus), done,

@@ -92,10 +92,7 @@ TEST_F(Callbacks, GetTheObjectAndMayUseIt)
 TEST_F(Callbacks, AddedMeanwhileRunFromTheNextSignalOn)
 {
     Fan fan(fanPath, fanService, Act, &journal);
-    journal.act = [&](Fan* own)
-    {
-        own->AddCallback(Write, &one);
-    };
+    journal.act = [&](Fan* own) { own->AddCallback(Write, &one); };
     Change({});
     EXPECT_THAT(journal.entries, IsEmpty());
     journal.act = [](Fan*) {};
@@ -125,18 +122,9 @@ TEST_F(Callbacks, ThatThrowDoNotStopTheOthers)
 
 TEST_F(Callbacks, MayReleaseTheirOwnObject)
 {
-    for (const auto& signal : std::vector<std::function<void()>>{[&]
-                                                                 {
-                                                                     Change({});
-                                                                 },
-                                                                 [&]
-                                                                 {
-                                                                     Add({});
-                                                                 },
-                                                                 [&]
-                                                                 {
-                                                                     Remove({});
-                                                                 }})
+    for (const auto& signal :
+         std::vector<std::function<void()>>{[&] { Change({}); }, [&] { Add({}); },
+                                            [&] { Remove({}); }})
     {
         Fan* const fan = Fan::Create(fanPath, fanService, Write, &one);
         fan->AddCallback(Act, &journal);
@@ -250,11 +238,7 @@ TEST_F(Callbacks, OfASubscriber)
     static size_t runs;
     runs = 0;
     FanSignal* const signal = FanSignal::Create(fanPath, nullptr, &runs);
-    signal->AddCallback(
-        [](FanSignal*, void*)
-        {
-            throw std::runtime_error("from a callback");
-        });
+    signal->AddCallback([](FanSignal*, void*) { throw std::runtime_error("from a callback"); });
     signal->AddCallback(Count, &runs);
     const auto emit = [&]
     {
@@ -264,12 +248,7 @@ TEST_F(Callbacks, OfASubscriber)
     emit();
     EXPECT_EQ(runs, 1U);
     EXPECT_THAT(LoggedErrors(), ElementsAre(Exception("ObjectCallback", "from a callback")));
-    signal->AddCallback(
-        [](FanSignal*, void*)
-        {
-            FanSignal::Cleanup();
-        },
-        nullptr);
+    signal->AddCallback([](FanSignal*, void*) { FanSignal::Cleanup(); }, nullptr);
     signal->AddCallback(Count, &runs);
     emit();
     EXPECT_EQ(runs, 2U);
@@ -337,11 +316,7 @@ TEST_F(Pending, AnswersReachTheObjectsThatRemain)
     ASSERT_TRUE(mapper.WaitForHeld(2));
     Fan::Release(gone);
     mapper.Release();
-    EXPECT_TRUE(kit::Dispatch(connection,
-                              [&]
-                              {
-                                  return stays->Ready();
-                              }));
+    EXPECT_TRUE(kit::Dispatch(connection, [&] { return stays->Ready(); }));
     EXPECT_EQ(fans.Calls("GetAll").size(), 1U);
 }
 

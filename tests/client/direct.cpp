@@ -194,12 +194,8 @@ TEST_F(Direct, MethodsReadWhatIsThere)
     {
         cpu.On("GetCpuTelemetryData").Once().Reply(reply);
         out.fill(7);
-        std::apply(
-            [&](auto&... each)
-            {
-                edge.Call_GetCpuTelemetryData(ok, uint8_t{1}, each...);
-            },
-            out);
+        std::apply([&](auto&... each) { edge.Call_GetCpuTelemetryData(ok, uint8_t{1}, each...); },
+                   out);
     };
     std::vector<Value> reply(29, Value(uint32_t{5}));
     call(reply);
@@ -237,17 +233,9 @@ TEST_F(Direct, OnlyThePlainFormsWaitForEachOther)
     fans.On("Get", "fanCount").Once().Hold();
     uint8_t first = 0;
     uint8_t second = 0;
-    std::thread holding(
-        [&]
-        {
-            first = edge.Get_fanCount();
-        });
+    std::thread holding([&] { first = edge.Get_fanCount(); });
     ASSERT_TRUE(fans.WaitForHeld());
-    std::thread waiting(
-        [&]
-        {
-            second = edge.Get_fanCount();
-        });
+    std::thread waiting([&] { second = edge.Get_fanCount(); });
     FanEdge::Variant value;
     edge.GetLocked_fanCount(value);
     EXPECT_EQ(value, FanEdge::Variant(uint8_t{2}));

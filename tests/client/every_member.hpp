@@ -38,10 +38,7 @@ struct Setting
         sd_bus_default_system(&own);
         test::ClearLog();
     }
-    ~Setting()
-    {
-        sd_bus_flush_close_unref(own);
-    }
+    ~Setting() { sd_bus_flush_close_unref(own); }
     Setting(const Setting&) = delete;
     Setting& operator=(const Setting&) = delete;
 

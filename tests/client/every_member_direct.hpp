@@ -131,11 +131,7 @@ class Direct : Setting
         const auto right = sample::Make<std::tuple<O...>>(40);
         const auto before = sample::Make<std::tuple<O...>>(80);
         std::vector<kit::Value> reply = ValuesOf(right);
-        object->OnCall(name,
-                       [&](const kit::Call&)
-                       {
-                           return reply;
-                       });
+        object->OnCall(name, [&](const kit::Call&) { return reply; });
         std::tuple<O...> out = before;
         EXPECT_TRUE(Invoke(method, in, out));
         EXPECT_EQ(out, right);
@@ -171,10 +167,7 @@ class Direct : Setting
         using Type = std::monostate;
     };
     template <class Class>
-    requires requires
-    {
-        typename Class::Variant;
-    }
+    requires requires { typename Class::Variant; }
     struct VariantOf<Class>
     {
         using Type = typename Class::Variant;
@@ -305,12 +298,9 @@ class Direct : Setting
     template <class Tuple>
     static std::vector<kit::Value> ValuesOf(const Tuple& values)
     {
-        return std::apply(
-            [](const auto&... value)
-            {
-                return std::vector<kit::Value>{kit::Value(value)...};
-            },
-            values);
+        return std::apply([](const auto&... value)
+                          { return std::vector<kit::Value>{kit::Value(value)...}; },
+                          values);
     }
 
     template <class Method, class... I, class... O>
@@ -319,17 +309,9 @@ class Direct : Setting
         test::ClearLog();
         bool ok = !flag_;
         flag_ = ok;
-        std::apply(
-            [&](const I&... i)
-            {
-                std::apply(
-                    [&](O&... o)
-                    {
-                        (proxy.*method)(ok, i..., o...);
-                    },
-                    out);
-            },
-            in);
+        std::apply([&](const I&... i)
+                   { std::apply([&](O&... o) { (proxy.*method)(ok, i..., o...); }, out); },
+                   in);
         return ok;
     }
 

@@ -40,12 +40,7 @@ template <class Members, class Use>
 void ForEach(const Members& members, Use use)
 {
     unsigned int index = 0;
-    std::apply(
-        [&](const auto&... member)
-        {
-            (use(member, ++index), ...);
-        },
-        members);
+    std::apply([&](const auto&... member) { (use(member, ++index), ...); }, members);
 }
 
 template <class Members>
@@ -79,20 +74,12 @@ void ExpectValue(Class& object, const Member& member, const typename Member::Typ
 template <class Class, class... Members>
 void ExpectAll(Class& object, const std::tuple<Members...>& members, unsigned int round)
 {
-    ForEach(members,
-            [&]<class Member>(const Member& member, unsigned int index)
-            {
-                ExpectValue(object, member, sample::Make<typename Member::Type>(index, round),
-                            true);
-            });
+    ForEach(
+        members, [&]<class Member>(const Member& member, unsigned int index)
+        { ExpectValue(object, member, sample::Make<typename Member::Type>(index, round), true); });
     const auto expected = sample::Make<std::tuple<typename Members::Type...>>(1, round);
     std::tuple<typename Members::Type...> all;
-    std::apply(
-        [&](auto&... value)
-        {
-            object.Get(value...);
-        },
-        all);
+    std::apply([&](auto&... value) { object.Get(value...); }, all);
     EXPECT_TRUE(all == expected);
 }
 
@@ -101,11 +88,8 @@ void ExpectNothing(Class& object, const Members& members)
 {
     EXPECT_FALSE(object.Ready());
     EXPECT_EQ(object.SignalCount(), 0U);
-    ForEach(members,
-            [&]<class Member>(const Member& member, unsigned int)
-            {
-                ExpectValue(object, member, typename Member::Type{}, false);
-            });
+    ForEach(members, [&]<class Member>(const Member& member, unsigned int)
+            { ExpectValue(object, member, typename Member::Type{}, false); });
 }
 
 template <class Cache, class Members>
@@ -136,11 +120,7 @@ std::unique_ptr<Cache> Unread(Setting& setting, const Members& members)
 template <class Cache>
 void AwaitSignals(Cache& object, uint32_t count)
 {
-    ASSERT_TRUE(kit::Dispatch(
-        [&]
-        {
-            return object.SignalCount() == count;
-        }));
+    ASSERT_TRUE(kit::Dispatch([&] { return object.SignalCount() == count; }));
     EXPECT_TRUE(object.Ready());
     EXPECT_EQ(test::Log(2).size(), 0U) << test::Describe(test::Log(2));
 }
@@ -177,36 +157,12 @@ void SetAll(Cache& object, const Member& member)
         store(value);
         ExpectValue(object, member, value, true);
     };
-    set(1,
-        [&](const T& value)
-        {
-            (object.*member.set)(value);
-        });
-    set(2,
-        [&](const T& value)
-        {
-            (object.*member.setLocked)(value);
-        });
-    set(3,
-        [&](const T& value)
-        {
-            (object.*member.setVariant)(Variant(value));
-        });
-    set(4,
-        [&](const T& value)
-        {
-            (object.*member.setLockedVariant)(Variant(value));
-        });
-    set(5,
-        [&](const T& value)
-        {
-            object.SetByName(member.name, Variant(value));
-        });
-    set(6,
-        [&](const T& value)
-        {
-            object.SetByNameLocked(member.name, Variant(value));
-        });
+    set(1, [&](const T& value) { (object.*member.set)(value); });
+    set(2, [&](const T& value) { (object.*member.setLocked)(value); });
+    set(3, [&](const T& value) { (object.*member.setVariant)(Variant(value)); });
+    set(4, [&](const T& value) { (object.*member.setLockedVariant)(Variant(value)); });
+    set(5, [&](const T& value) { object.SetByName(member.name, Variant(value)); });
+    set(6, [&](const T& value) { object.SetByNameLocked(member.name, Variant(value)); });
 }
 
 // A variant of another alternative than T, where there is one.

@@ -25,9 +25,7 @@ const std::string dead = "System.Error.ENOTCONN: Transport endpoint is not conne
 class StockLimits : public ClientTest
 {
   protected:
-    StockLimits() : ClientTest(kit::BusLimits::Stock())
-    {
-    }
+    StockLimits() : ClientTest(kit::BusLimits::Stock()) {}
 };
 
 // 512 match rules are three for each of 170 objects and two more.

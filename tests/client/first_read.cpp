@@ -43,11 +43,7 @@ class FirstRead : public ClientTest
 
     void AwaitReady(Fan& fan)
     {
-        EXPECT_TRUE(kit::Dispatch(connection,
-                                  [&]
-                                  {
-                                      return fan.Ready();
-                                  }));
+        EXPECT_TRUE(kit::Dispatch(connection, [&] { return fan.Ready(); }));
     }
 };
 
@@ -169,13 +165,9 @@ TEST_F(FirstRead, AsynchronousThroughTheMapper)
 
 TEST_F(FirstRead, AsynchronousFailures)
 {
-    const auto endsWith = [&](const auto& line)
-    {
+    const auto endsWith = [&](const auto& line) {
         return kit::Dispatch(connection,
-                             [&]
-                             {
-                                 return !Logged().empty() && Logged().back() == line;
-                             });
+                             [&] { return !Logged().empty() && Logged().back() == line; });
     };
     mapper.On("GetObject").Once().ReplyError("com.example.Error.Broken");
     Fan unowned(fanPath, true);

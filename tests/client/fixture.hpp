@@ -99,10 +99,7 @@ class ClientTest : public testing::Test
     }
 
     // Handles everything that was sent before.
-    void Deliver()
-    {
-        EXPECT_TRUE(kit::DispatchPending(connection));
-    }
+    void Deliver() { EXPECT_TRUE(kit::DispatchPending(connection)); }
 
     // A signal of any shape from the object's path.
     void Emit(const std::string& interface, const std::string& member,

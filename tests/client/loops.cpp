@@ -14,10 +14,7 @@ template <class Loop>
 class Loops : public ClientTest
 {
   protected:
-    bool Run(const test::Condition& done)
-    {
-        return loop.Run(done);
-    }
+    bool Run(const test::Condition& done) { return loop.Run(done); }
 
     // Sends a signal for `fan` while a call of `member` waits for its answer.
     std::thread SignalDuring(const std::string& member)
@@ -36,11 +33,7 @@ class Loops : public ClientTest
     {
         EXPECT_EQ(fan.SignalCount(), 0U) << "handled by the loop, not by the call";
         loop.AfterABlockingCall();
-        EXPECT_TRUE(Run(
-            [&]
-            {
-                return fan.SignalCount() > 0;
-            }));
+        EXPECT_TRUE(Run([&] { return fan.SignalCount() > 0; }));
         EXPECT_EQ(fan.Get_fanCount(), 9);
         EXPECT_EQ(fan.SignalCount(), 1U);
     }
@@ -75,38 +68,23 @@ TYPED_TEST(Loops, TheServiceGoesAndComesBack)
     Fan* const waiting = Fan::Create(fanPath, true);
     FanSignal* const signal = FanSignal::Create(fanPath);
     this->loop.AfterABlockingCall();
-    EXPECT_TRUE(this->Run(
-        [&]
-        {
-            return waiting->Ready();
-        }));
+    EXPECT_TRUE(this->Run([&] { return waiting->Ready(); }));
     this->fans.EmitRaw(fanPath, "org.freedesktop.DBus.ObjectManager", "InterfacesRemoved",
                        {kit::Path{fanPath}, std::vector{fanInterface}});
-    EXPECT_TRUE(this->Run(
-        [&]
-        {
-            return !waiting->Ready() && !this->fan.Ready();
-        }));
+    EXPECT_TRUE(this->Run([&] { return !waiting->Ready() && !this->fan.Ready(); }));
     this->fans.Crash();
     EXPECT_EQ(this->fan.Get_fanCount(), 2) << "the last values remain";
 
     this->fans->SetQuietly({{"fanCount", 12}});
     this->fans.Start();
     waiting->InitialGetAll();
-    EXPECT_TRUE(this->Run(
-        [&]
-        {
-            return waiting->Ready();
-        }));
+    EXPECT_TRUE(this->Run([&] { return waiting->Ready(); }));
     EXPECT_EQ(waiting->Get_fanCount(), 12);
     // The subscriptions go by the object, not by who has it.
     this->fans->Set("fanCount", 13);
     this->fans->Emit("notifyFanReportingData", uint8_t{3}, twoFans);
     EXPECT_TRUE(this->Run(
-        [&]
-        {
-            return this->fan.Ready() && waiting->Get_fanCount() == 13 && signal->Ready();
-        }));
+        [&] { return this->fan.Ready() && waiting->Get_fanCount() == 13 && signal->Ready(); }));
     EXPECT_EQ(this->fan.Get_fanCount(), 13);
 }
 

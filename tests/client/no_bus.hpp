@@ -19,10 +19,7 @@ class NoBus
         }
         setenv(variable, "unix:path=/nonexistent/bus", 1);
     }
-    ~NoBus()
-    {
-        before_.empty() ? unsetenv(variable) : setenv(variable, before_.c_str(), 1);
-    }
+    ~NoBus() { before_.empty() ? unsetenv(variable) : setenv(variable, before_.c_str(), 1); }
     NoBus(const NoBus&) = delete;
     NoBus& operator=(const NoBus&) = delete;
 

@@ -207,11 +207,7 @@ TEST_F(OutOfMemory, InAHandlerOfACachedProxy)
         "ObjectCallbackAdded", 4, ExpectProperties);
     ExpectOfProxy(&Power::ObjectCallbackRemoved,
                   {kit::Path{"/power"}, std::vector<std::string>{powerInterface, names[1]}},
-                  "ObjectCallbackRemoved", 3,
-                  [](Power& power)
-                  {
-                      EXPECT_FALSE(power.Ready());
-                  });
+                  "ObjectCallbackRemoved", 3, [](Power& power) { EXPECT_FALSE(power.Ready()); });
 }
 
 TEST_F(OutOfMemory, InASubscriber)
@@ -238,16 +234,13 @@ TEST_F(OutOfMemory, InTheBlockingFirstRead)
         std::string found = fanService;
         Fan::GetServiceAsyncCallback(true, found, &fan);
         fan.Set_fanPWMData(FanMap{});
-        const size_t allocations = FailEach(
-            [&]
-            {
-                fan.ServiceIsSet();
-            },
-            [&]
-            {
-                ExpectException("ServiceIsSet");
-                EXPECT_EQ(fan.SignalCount(), 0U) << "and the lock is not held";
-            });
+        const size_t allocations = FailEach([&] { fan.ServiceIsSet(); },
+                                            [&]
+                                            {
+                                                ExpectException("ServiceIsSet");
+                                                EXPECT_EQ(fan.SignalCount(), 0U)
+                                                    << "and the lock is not held";
+                                            });
         EXPECT_GE(allocations, twoFans.size());
         EXPECT_EQ(fan.Get_fanPWMData(), twoFans);
         // The completion copies what a caller gives it, and nothing else takes memory.
@@ -258,10 +251,7 @@ TEST_F(OutOfMemory, InTheBlockingFirstRead)
                 fan.Set_fanPWMData(FanMap{});
                 Fan::GetPropertiesAsyncCallback(true, values, &fan);
             },
-            []
-            {
-                ExpectException("Set_fanPWMData");
-            });
+            [] { ExpectException("Set_fanPWMData"); });
         EXPECT_EQ(fan.Get_fanPWMData(), twoFans);
     }
     test::ClearLog();

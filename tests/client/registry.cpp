@@ -73,11 +73,7 @@ class Construction : public ClientTest
         fans.ClearCalls();
         const auto fan = make();
         const bool waited = fan->Ready();
-        EXPECT_TRUE(kit::Dispatch(connection,
-                                  [&]
-                                  {
-                                      return fan->Ready();
-                                  }));
+        EXPECT_TRUE(kit::Dispatch(connection, [&] { return fan->Ready(); }));
         calls = 0;
         Change({});
         return {mapper.Calls("GetObject").size(), fans.Calls("GetAll").size(), waited};
@@ -86,11 +82,7 @@ class Construction : public ClientTest
     template <class... Arguments>
     Way Constructed(Arguments... arguments)
     {
-        return WayOf(
-            [&]
-            {
-                return std::make_unique<Fan>(arguments...);
-            });
+        return WayOf([&] { return std::make_unique<Fan>(arguments...); });
     }
 
     template <class... Arguments>
@@ -102,8 +94,7 @@ class Construction : public ClientTest
             Fan::Release(fan);
         };
         return WayOf(
-            [&]
-            {
+            [&] {
                 return std::unique_ptr<Fan, decltype(release)>(Fan::Create(arguments...), release);
             });
     }
@@ -126,9 +117,7 @@ TEST_F(Construction, EveryConstructorMeansWhatItSays)
     };
     static size_t nulls;
     const Callback countNulls = [](Fan*, void* user_data)
-    {
-        nulls += user_data == nullptr ? 1 : 0;
-    };
+    { nulls += user_data == nullptr ? 1 : 0; };
     EXPECT_EQ(Constructed(path), asks);
     EXPECT_EQ(Constructed(path, countNulls), asks);
     EXPECT_EQ(withUserData(Constructed(path, Count<Fan>, &calls)), asks);

@@ -21,10 +21,7 @@ class Refused
         pthread_mutexattr_destroy(&attributes);
         mutex.lock();
     }
-    ~Refused()
-    {
-        mutex.unlock();
-    }
+    ~Refused() { mutex.unlock(); }
     Refused(const Refused&) = delete;
     Refused& operator=(const Refused&) = delete;
 

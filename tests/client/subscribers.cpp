@@ -124,9 +124,7 @@ TEST_F(Subscribers, ConstructorsAndFactories)
     static size_t nulls;
     nulls = 0;
     const FanSignal::Callback countNulls = [](FanSignal*, void* user_data)
-    {
-        nulls += user_data == nullptr ? 1 : 0;
-    };
+    { nulls += user_data == nullptr ? 1 : 0; };
     size_t calls = 0;
     FanSignal plain(fanPath);
     FanSignal alone(fanPath, countNulls);

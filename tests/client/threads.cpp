@@ -107,11 +107,8 @@ TEST_F(Threads, ReadAndWriteWhileSignalsAreHandled)
                     }
                 });
         });
-    EXPECT_TRUE(kit::Dispatch(connection,
-                              [&]
-                              {
-                                  return fan.SignalCount() == 100 && signal.SignalCount() == 100;
-                              }));
+    EXPECT_TRUE(kit::Dispatch(connection, [&]
+                              { return fan.SignalCount() == 100 && signal.SignalCount() == 100; }));
     done = true;
     users.join();
     sender.join();

@@ -55,11 +55,7 @@ class Served : public ::testing::Test
         direct.Get_##P(ok, read);                                                                  \
         EXPECT_TRUE(ok);                                                                           \
         EXPECT_EQ(read, written);                                                                  \
-        EXPECT_TRUE(Dispatch(                                                                      \
-            [&]                                                                                    \
-            {                                                                                      \
-                return cached.Get_##P() == written;                                                \
-            }));                                                                                   \
+        EXPECT_TRUE(Dispatch([&] { return cached.Get_##P() == written; }));                        \
     } while (false)
 
 TEST_F(Served, PropertiesOfEveryTypeTravel)
@@ -99,10 +95,7 @@ TEST_F(Served, PropertiesOfEveryTypeTravel)
 
 TEST_F(Served, MethodsOfEveryTypeTravel)
 {
-    const auto echo = [](const Call& call)
-    {
-        return call.arguments;
-    };
+    const auto echo = [](const Call& call) { return call.arguments; };
     service->OnCall("numbers", echo);
     service->OnCall("others", echo);
 
@@ -144,11 +137,7 @@ TEST_F(Served, SignalsOfEveryTypeArrive)
         "everything", 1, true, -2, 3, -4, 5, -6, 7, 0.5, "text", "/path",
         Value(std::map<std::string, std::map<std::string, std::tuple<int64_t, std::vector<bool>>>>{
             {"/a", {{"one", {-1, {true, false}}}, {"two", {2, {}}}}}, {"/b", {}}}));
-    ASSERT_TRUE(Dispatch(
-        [&]
-        {
-            return everything.Ready();
-        }));
+    ASSERT_TRUE(Dispatch([&] { return everything.Ready(); }));
     EXPECT_EQ(std::make_tuple(everything.Get_y(), everything.Get_b(), everything.Get_n(),
                               everything.Get_q(), everything.Get_i(), everything.Get_u(),
                               everything.Get_x(), everything.Get_t(), everything.Get_d()),
@@ -159,11 +148,7 @@ TEST_F(Served, SignalsOfEveryTypeArrive)
 
     EXPECT_FALSE(bare.Ready());
     service->Emit("bare");
-    EXPECT_TRUE(Dispatch(
-        [&]
-        {
-            return bare.Ready() && bare.SignalCount() == 1;
-        }));
+    EXPECT_TRUE(Dispatch([&] { return bare.Ready() && bare.SignalCount() == 1; }));
 }
 
 } // namespace

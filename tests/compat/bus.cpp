@@ -63,18 +63,9 @@ void NoteEnd(sd_bus* bus, bool& ended)
 {
     sd_bus_slot* slot = nullptr;
     ASSERT_GE(sd_bus_add_filter(
-                  bus, &slot,
-                  [](sd_bus_message*, void*, sd_bus_error*)
-                  {
-                      return 0;
-                  },
-                  &ended),
+                  bus, &slot, [](sd_bus_message*, void*, sd_bus_error*) { return 0; }, &ended),
               0);
-    sd_bus_slot_set_destroy_callback(slot,
-                                     [](void* end)
-                                     {
-                                         *static_cast<bool*>(end) = true;
-                                     });
+    sd_bus_slot_set_destroy_callback(slot, [](void* end) { *static_cast<bool*>(end) = true; });
     sd_bus_slot_set_floating(slot, 1);
     sd_bus_slot_unref(slot);
 }
@@ -144,30 +135,10 @@ TEST_F(BusTest, FailedCallsThrow)
               "sd_bus_call: org.freedesktop.DBus.Error.Timeout: Connection timed out");
     const std::string invalid = "sd_bus_message_new_method_call: "
                                 "org.freedesktop.DBus.Error.InvalidArgs: Invalid argument";
-    EXPECT_EQ(What(
-                  [&]
-                  {
-                      bus.new_method_call("", "/path", "a.b", "M");
-                  }),
-              invalid);
-    EXPECT_EQ(What(
-                  [&]
-                  {
-                      bus.new_method_call("a.b", "path", "a.b", "M");
-                  }),
-              invalid);
-    EXPECT_EQ(What(
-                  [&]
-                  {
-                      bus.new_method_call("a.b", "/path", "b", "M");
-                  }),
-              invalid);
-    EXPECT_EQ(What(
-                  [&]
-                  {
-                      bus.new_method_call("a.b", "/path", "a.b", "");
-                  }),
-              invalid);
+    EXPECT_EQ(What([&] { bus.new_method_call("", "/path", "a.b", "M"); }), invalid);
+    EXPECT_EQ(What([&] { bus.new_method_call("a.b", "path", "a.b", "M"); }), invalid);
+    EXPECT_EQ(What([&] { bus.new_method_call("a.b", "/path", "b", "M"); }), invalid);
+    EXPECT_EQ(What([&] { bus.new_method_call("a.b", "/path", "a.b", ""); }), invalid);
     Emit(bus, "still usable");
 }
 
@@ -221,11 +192,7 @@ TEST_F(BusTest, AForkedChildCannotUseTheConnection)
 TEST_F(BusTest, NoConnectionAtAll)
 {
     Bus none(nullptr);
-    EXPECT_EQ(What(
-                  [&]
-                  {
-                      NewCall(none, "Echo");
-                  }),
+    EXPECT_EQ(What([&] { NewCall(none, "Echo"); }),
               "sd_bus_message_new_method_call: System.Error.ENOTCONN: "
               "Transport endpoint is not connected");
 }
@@ -271,10 +238,7 @@ TEST_F(BusTest, EveryMatchingHandlerSeesTheWholeBody)
         },
         &seen);
     Match other(bus, rules::type::signal() + rules::member("Other"),
-                [&](Message&)
-                {
-                    seen.push_back("other");
-                });
+                [&](Message&) { seen.push_back("other"); });
     Emit(bus, "a");
     EXPECT_EQ(seen, (std::vector<std::string>{"a", "a", "a"}));
     second.reset();
@@ -293,11 +257,7 @@ TEST_F(BusTest, AMatchKeepsTheConnection)
         Bus bus = sdbusplus::bus::new_default_system();
         raw = Connection(bus);
         NoteEnd(raw, ended);
-        match.emplace(bus, Rule(),
-                      [&](Message&)
-                      {
-                          ++count;
-                      });
+        match.emplace(bus, Rule(), [&](Message&) { ++count; });
     }
     EXPECT_FALSE(ended);
     {

@@ -75,11 +75,7 @@ BusServer::BusServer()
     listener = Listen(folder + "/bus");
     stop = eventfd(0, EFD_CLOEXEC);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + folder + "/bus").c_str(), 1);
-    thread = std::thread(
-        [this]
-        {
-            Run();
-        });
+    thread = std::thread([this] { Run(); });
 }
 
 BusServer::~BusServer()

@@ -45,10 +45,7 @@ class EventTest : public testing::Test
         close(pipes[1]);
     }
 
-    void Write() const
-    {
-        EXPECT_EQ(write(pipes[1], "x", 1), 1);
-    }
+    void Write() const { EXPECT_EQ(write(pipes[1], "x", 1), 1); }
 
     void Read() const
     {
@@ -57,10 +54,7 @@ class EventTest : public testing::Test
     }
 
     // One round; true when something was dispatched.
-    bool Round() const
-    {
-        return sd_event_run(loop, 0) > 0;
-    }
+    bool Round() const { return sd_event_run(loop, 0) > 0; }
 
     int pipes[2] = {-1, -1};
     sd_event* loop = nullptr;
@@ -94,11 +88,7 @@ TEST_F(EventTest, KeepsTheLoop)
         Event adopted(own, std::false_type());
         Event copy(adopted);
         EXPECT_EQ(copy.get(), own);
-        io.emplace(copy, pipes[0], EPOLLIN,
-                   [&](IO&, int, uint32_t)
-                   {
-                       ++count;
-                   });
+        io.emplace(copy, pipes[0], EPOLLIN, [&](IO&, int, uint32_t) { ++count; });
     }
     EXPECT_GT(sd_event_run(own, 0), 0);
     EXPECT_EQ(count, 1);
@@ -173,10 +163,7 @@ TEST_F(EventTest, CopiesKeepTheWatchAndTheLastOneEndsIt)
     Event event(loop);
     auto kept = std::make_shared<int>(0);
     std::optional<IO> io(std::in_place, event, pipes[0], EPOLLIN,
-                         [kept](IO&, int, uint32_t)
-                         {
-                             ++*kept;
-                         });
+                         [kept](IO&, int, uint32_t) { ++*kept; });
     std::optional<IO> copy(io);
     io.reset();
     EXPECT_TRUE(Round());
@@ -214,10 +201,7 @@ TEST_F(EventTest, AChildLeavesTheParentsWatchAlone)
     Event event(loop);
     int count = 0;
     std::optional<IO> io(std::in_place, event, pipes[0], EPOLLIN,
-                         [&](IO&, int, uint32_t)
-                         {
-                             ++count;
-                         });
+                         [&](IO&, int, uint32_t) { ++count; });
     const pid_t child = fork();
     if (child == 0)
     {
@@ -241,11 +225,7 @@ TEST(UniqueFunction, TakesWhatCanBeCalled)
     using Function = fu2::unique_function<int(int)>;
     static_assert(!std::is_copy_constructible_v<Function>);
     auto owned = std::make_unique<int>(5);
-    Function lambda(
-        [owned = std::move(owned)](int value)
-        {
-            return *owned + value;
-        });
+    Function lambda([owned = std::move(owned)](int value) { return *owned + value; });
     EXPECT_EQ(lambda(1), 6);
     Function moved(std::move(lambda));
     EXPECT_EQ(moved(2), 7);

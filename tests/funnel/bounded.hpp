@@ -20,14 +20,8 @@ namespace test
 class Bounded : public testing::Test
 {
   protected:
-    void SetUp() override
-    {
-        alarm(boundSeconds);
-    }
-    void TearDown() override
-    {
-        alarm(0);
-    }
+    void SetUp() override { alarm(boundSeconds); }
+    void TearDown() override { alarm(0); }
 };
 
 // Waits until `condition` holds; false when it did not within the bound.
@@ -49,12 +43,7 @@ inline bool Eventually(const std::function<bool()>& condition)
 // child ended otherwise.
 inline bool InChild(const std::function<bool()>& body, pid_t (*makeChild)() = fork)
 {
-    const int result = ExitOfChild(
-        [&]
-        {
-            return body() ? 0 : 1;
-        },
-        makeChild);
+    const int result = ExitOfChild([&] { return body() ? 0 : 1; }, makeChild);
     if (result != 0)
     {
         std::fprintf(stderr, "a child of %d ended with %d\n", getpid(), result);

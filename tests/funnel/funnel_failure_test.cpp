@@ -19,10 +19,7 @@ constexpr unsigned int source = 300;
 bool Runs()
 {
     bool ran = false;
-    std::function<void()> work = [&]
-    {
-        ran = true;
-    };
+    std::function<void()> work = [&] { ran = true; };
     TF_init_and_send_work(work);
     return ran;
 }
@@ -134,10 +131,7 @@ TEST_F(FunnelFailure, Broadcasts)
     test::ClearLog();
     FailCalls(&broadcast, 0, 1, EINVAL); // of the post
     EXPECT_TRUE(Runs());
-    std::function<void()> work = []
-    {
-        FailCalls(&broadcast, 0, 1, EINVAL);
-    }; // of the completion
+    std::function<void()> work = [] { FailCalls(&broadcast, 0, 1, EINVAL); }; // of the completion
     TF_init_and_send_work(work);
     EXPECT_TRUE(Runs());
     EXPECT_EQ(CountLog(1, source, "TF_do_broadcast", "pthread_cond_broadcast irv=22"), 2U);

@@ -125,13 +125,7 @@ TEST_F(FunnelFork, ManyTimesWhileOthersSend)
     int failed = 0;
     for (int i = 0; i < test::manyForks; ++i)
     {
-        failed += InChild(
-                      []
-                      {
-                          return SendRuns() && InChild(SendRuns) && SendRuns();
-                      })
-                      ? 0
-                      : 1;
+        failed += InChild([] { return SendRuns() && InChild(SendRuns) && SendRuns(); }) ? 0 : 1;
     }
     stop = true;
     for (std::thread& thread : threads)
@@ -149,18 +143,10 @@ TEST_F(FunnelFork, DuringTheVeryFirstSend)
 {
     IN_FRESH_PROCESS({
         beforeRegistration = StopRegistration;
-        std::thread sender(
-            []
-            {
-                EXPECT_TRUE(SendRuns());
-            });
+        std::thread sender([] { EXPECT_TRUE(SendRuns()); });
         reached.wait();
         beforeRegistration = nullptr;
-        EXPECT_TRUE(InChild(
-            []
-            {
-                return SendRuns() && InChild(SendRuns) && SendRuns();
-            }));
+        EXPECT_TRUE(InChild([] { return SendRuns() && InChild(SendRuns) && SendRuns(); }));
         mayGoOn.count_down();
         sender.join();
         EXPECT_TRUE(InChild(SendRuns));
@@ -188,12 +174,7 @@ TEST_F(FunnelFork, WithoutHandlersDuringASend)
             TF_init_and_send_work(work);
         });
     running.wait();
-    EXPECT_TRUE(InChild(
-        []
-        {
-            return SendRuns() && InChild(SendRuns);
-        },
-        _Fork));
+    EXPECT_TRUE(InChild([] { return SendRuns() && InChild(SendRuns); }, _Fork));
     go.count_down();
     sender.join();
     EXPECT_TRUE(SendRuns());
@@ -203,16 +184,10 @@ TEST_F(FunnelFork, HandlersAreRegisteredOncePerLineage)
 {
     IN_FRESH_PROCESS({
         beforeRegistration = [](void (*prepare)())
-        {
-            registrations += prepare == TF_atfork_prepare ? 1 : 0;
-        };
+        { registrations += prepare == TF_atfork_prepare ? 1 : 0; };
         EXPECT_TRUE(SendRuns());
         EXPECT_EQ(registrations, 1);
-        EXPECT_TRUE(InChild(
-            []
-            {
-                return SendRuns() && InChild(SendRuns) && registrations == 1;
-            }));
+        EXPECT_TRUE(InChild([] { return SendRuns() && InChild(SendRuns) && registrations == 1; }));
     });
 }
 
@@ -222,14 +197,7 @@ TEST_F(FunnelFork, InsideAnItemIsReported)
         std::thread sender(
             []
             {
-                std::function<void()> work = []
-                {
-                    InChild(
-                        []
-                        {
-                            return true;
-                        });
-                };
+                std::function<void()> work = [] { InChild([] { return true; }); };
                 TF_init_and_send_work(work);
             });
         EXPECT_TRUE(test::Eventually(

@@ -73,15 +73,7 @@ bool StartsAnew(MakeLoop make)
 
 bool ChildAndGrandchildWork(MakeLoop make)
 {
-    return InChild(
-        [=]
-        {
-            return StartsAnew(make) && InChild(
-                                           [=]
-                                           {
-                                               return StartsAnew(make);
-                                           });
-        });
+    return InChild([=] { return StartsAnew(make) && InChild([=] { return StartsAnew(make); }); });
 }
 
 class ForkOverChannel : public test::Bounded, public testing::WithParamInterface<MakeLoop>
@@ -155,11 +147,7 @@ TEST_P(ForkOverChannel, ThatBeganBeforeTheFirstSend)
             {
                 if (!forking.exchange(true))
                 {
-                    test::Eventually(
-                        []
-                        {
-                            return std::atomic_ref(owc_tid_valid).load();
-                        });
+                    test::Eventually([] { return std::atomic_ref(owc_tid_valid).load(); });
                 }
             },
             nullptr, nullptr);
@@ -167,18 +155,10 @@ TEST_P(ForkOverChannel, ThatBeganBeforeTheFirstSend)
         std::thread sender(
             []
             {
-                EXPECT_TRUE(test::Eventually(
-                    []
-                    {
-                        return forking.load();
-                    }));
+                EXPECT_TRUE(test::Eventually([] { return forking.load(); }));
                 EXPECT_TRUE(Runs());
             });
-        EXPECT_TRUE(InChild(
-            [=]
-            {
-                return StartsAnew(make);
-            }));
+        EXPECT_TRUE(InChild([=] { return StartsAnew(make); }));
         sender.join();
     });
 }
@@ -188,15 +168,7 @@ TEST_P(ForkOverChannel, InsideAnItemIsReported)
     const MakeLoop make = GetParam();
     IN_FRESH_PROCESS({
         new LoopThread(make); // ends with the process
-        std::thread sender(
-            []
-            {
-                test::Send(
-                    []
-                    {
-                        InChild(Runs);
-                    });
-            });
+        std::thread sender([] { test::Send([] { InChild(Runs); }); });
         sender.detach();
         EXPECT_TRUE(test::Eventually(
             []

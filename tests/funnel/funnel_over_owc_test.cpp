@@ -89,12 +89,7 @@ TEST_P(FunnelOverChannel, OnTheLoopsThread)
             EXPECT_TRUE(Runs());
             EXPECT_FALSE(FunnelRuns());
             Send(nullptr);
-            EXPECT_THROW(Send(
-                             []
-                             {
-                                 throw 7;
-                             }),
-                         int);
+            EXPECT_THROW(Send([] { throw 7; }), int);
         });
     EXPECT_EQ(
         CountLog(5, source, entry, "running direct because current thread is the OWC thread\n"),
@@ -111,16 +106,8 @@ TEST_P(FunnelOverChannel, ExceptionsStayOnTheLoopsThread)
 {
     const LoopThread loop(GetParam());
     TF_set_alternate_log_source(301);
-    Send(
-        []
-        {
-            throw std::runtime_error("of the item");
-        });
-    Send(
-        []
-        {
-            throw 7;
-        });
+    Send([] { throw std::runtime_error("of the item"); });
+    Send([] { throw 7; });
     Send(nullptr);
     EXPECT_TRUE(Runs());
     EXPECT_TRUE(FunnelRuns());
@@ -143,11 +130,7 @@ TEST_P(FunnelOverChannel, RefusedAfterTheLoopIsGone)
 {
     auto loop = std::make_unique<LoopThread>(GetParam());
     TF_lock();
-    std::thread sender(
-        []
-        {
-            EXPECT_FALSE(Runs());
-        });
+    std::thread sender([] { EXPECT_FALSE(Runs()); });
     EXPECT_TRUE(test::Eventually(
         []
         {
@@ -171,23 +154,11 @@ TEST_P(FunnelOverChannel, FailedTriggerLetsTheSenderWait)
     const LoopThread loop(GetParam());
     std::atomic<bool> ran{false};
     FailCalls(&writing, 0, 1, EIO);
-    std::thread sender(
-        [&]
-        {
-            ran = Runs();
-        });
+    std::thread sender([&] { ran = Runs(); });
     EXPECT_TRUE(test::Eventually(
-        []
-        {
-            return CountLog(1, source, "TriggerReadPipeNoLock", "Write failed : -1") == 1U;
-        }));
+        [] { return CountLog(1, source, "TriggerReadPipeNoLock", "Write failed : -1") == 1U; }));
     EXPECT_FALSE(ran);
-    EXPECT_EQ(OneWayChannel_Execute(
-                  [](void*, void*, unsigned long)
-                  {
-                      return 0;
-                  },
-                  nullptr, 0, 0),
+    EXPECT_EQ(OneWayChannel_Execute([](void*, void*, unsigned long) { return 0; }, nullptr, 0, 0),
               0);
     sender.join();
     EXPECT_TRUE(ran);

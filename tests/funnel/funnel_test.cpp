@@ -24,10 +24,7 @@ constexpr unsigned int alternate = 4711;
 const pthread_t earlyFunnelThread = []
 {
     pthread_t thread{};
-    std::function<void()> work = [&]
-    {
-        thread = pthread_self();
-    };
+    std::function<void()> work = [&] { thread = pthread_self(); };
     TF_init_and_send_work(work);
     return thread;
 }();
@@ -41,11 +38,7 @@ void Send(std::function<void()> work)
 bool Runs()
 {
     bool ran = false;
-    Send(
-        [&]
-        {
-            ran = true;
-        });
+    Send([&] { ran = true; });
     return ran;
 }
 
@@ -119,24 +112,12 @@ TEST_F(Funnel, ItemThatSendsRunsDirectly)
     Send(
         [&]
         {
-            Send(
-                [&]
-                {
-                    inner = pthread_equal(pthread_self(), earlyFunnelThread) != 0;
-                });
+            Send([&] { inner = pthread_equal(pthread_self(), earlyFunnelThread) != 0; });
             EXPECT_TRUE(inner);
             EXPECT_TRUE(TF_check_for_deadlock());
-            std::function<void()> throws = []
-            {
-                throw std::runtime_error("direct");
-            };
+            std::function<void()> throws = [] { throw std::runtime_error("direct"); };
             TF_init_and_send_work(throws);
-            EXPECT_THROW(Send(
-                             []
-                             {
-                                 throw 7;
-                             }),
-                         int);
+            EXPECT_THROW(Send([] { throw 7; }), int);
             Send(nullptr);
         });
     EXPECT_TRUE(inner);
@@ -154,12 +135,7 @@ TEST_F(Funnel, ProtectedThreadIsRefused)
 {
     TF_start_deadlock_protection();
     EXPECT_FALSE(Runs());
-    std::thread(
-        []
-        {
-            EXPECT_FALSE(TF_check_for_deadlock());
-        })
-        .join();
+    std::thread([] { EXPECT_FALSE(TF_check_for_deadlock()); }).join();
     TF_end_deadlock_protection();
     EXPECT_TRUE(Runs());
     EXPECT_EQ(CountLog(1, source, "TF_check_for_deadlock", "deadlock B detected\n"), 1U);
@@ -196,12 +172,7 @@ TEST_F(Funnel, CallbackLearnsThatTheFunnelThreadIsBlocked)
         [&]
         {
             TF_start_deadlock_protection(); // as a send over the channel does
-            std::thread(
-                [&]
-                {
-                    blocked = TF_check_for_deadlock_in_callback();
-                })
-                .join();
+            std::thread([&] { blocked = TF_check_for_deadlock_in_callback(); }).join();
         });
     EXPECT_TRUE(blocked);
     EXPECT_EQ(CountLog(1, source, "TF_check_for_deadlock_in_callback", "deadlock C detected\n"),
@@ -211,17 +182,9 @@ TEST_F(Funnel, CallbackLearnsThatTheFunnelThreadIsBlocked)
 
 TEST_F(Funnel, ExceptionsStayOnTheFunnelThread)
 {
-    Send(
-        []
-        {
-            throw std::runtime_error("of the item");
-        });
+    Send([] { throw std::runtime_error("of the item"); });
     Send(nullptr);
-    Send(
-        []
-        {
-            throw 7;
-        });
+    Send([] { throw 7; });
     EXPECT_TRUE(Runs());
     EXPECT_TRUE(pthread_equal(funnel_tid, earlyFunnelThread));
     const std::string name = "TF_funnel_thread";
@@ -240,11 +203,7 @@ TEST_F(Funnel, AlternateSourceReceivesRefusalsAndExceptions)
     TF_start_deadlock_protection();
     EXPECT_FALSE(Runs());
     TF_end_deadlock_protection();
-    Send(
-        []
-        {
-            throw std::runtime_error("of the item");
-        });
+    Send([] { throw std::runtime_error("of the item"); });
     for (const unsigned int id : {source, alternate})
     {
         EXPECT_EQ(CountLog(1, id, "TF_check_for_deadlock", "deadlock B detected\n"), 1U);
@@ -271,17 +230,9 @@ TEST_F(Funnel, MainLockKeepsSendsOut)
         [&]
         {
             started = true;
-            Send(
-                [&]
-                {
-                    EXPECT_TRUE(unlocked);
-                });
+            Send([&] { EXPECT_TRUE(unlocked); });
         });
-    EXPECT_TRUE(test::Eventually(
-        [&]
-        {
-            return started.load();
-        }));
+    EXPECT_TRUE(test::Eventually([&] { return started.load(); }));
     sched_yield();
     unlocked = true;
     TF_unlock();
@@ -291,18 +242,11 @@ TEST_F(Funnel, MainLockKeepsSendsOut)
 TEST_F(Funnel, ItemMayEndTheFunnelThread)
 {
     IN_FRESH_PROCESS({
-        Send(
-            []
-            {
-                pthread_exit(nullptr);
-            });
+        Send([] { pthread_exit(nullptr); });
         EXPECT_TRUE(Runs());
         EXPECT_TRUE(Runs());
         EXPECT_TRUE(test::Eventually(
-            []
-            {
-                return CountLog(9, source, "~TF_context", "clear is_funnel_thread") == 1U;
-            }));
+            [] { return CountLog(9, source, "~TF_context", "clear is_funnel_thread") == 1U; }));
         EXPECT_TRUE(Runs());
         EXPECT_EQ(CountLog(9, source, "TF_funnel_thread", "before loop"), 1U);
     });

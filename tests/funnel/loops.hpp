@@ -30,14 +30,8 @@ template <class Kind>
 class LoopOf : public Loop
 {
   public:
-    void Register() override
-    {
-        kind.Register(nullptr);
-    }
-    void Run(const Condition& done) override
-    {
-        kind.Run(done);
-    }
+    void Register() override { kind.Register(nullptr); }
+    void Run(const Condition& done) override { kind.Run(done); }
 
   private:
     Kind kind;
@@ -65,11 +59,7 @@ class LoopThread
                 registered.count_down();
                 while (!stop) // a test may take longer than one wait does
                 {
-                    loop->Run(
-                        [this]
-                        {
-                            return stop;
-                        });
+                    loop->Run([this] { return stop; });
                 }
             });
         registered.wait();
@@ -88,10 +78,7 @@ class LoopThread
     LoopThread(const LoopThread&) = delete;
     LoopThread& operator=(const LoopThread&) = delete;
 
-    bool IsCurrent() const
-    {
-        return thread.get_id() == std::this_thread::get_id();
-    }
+    bool IsCurrent() const { return thread.get_id() == std::this_thread::get_id(); }
 
   private:
     std::latch registered{1};
@@ -107,21 +94,14 @@ inline void Send(std::function<void()> work)
 inline bool Runs()
 {
     bool ran = false;
-    Send(
-        [&]
-        {
-            ran = true;
-        });
+    Send([&] { ran = true; });
     return ran;
 }
 
 inline bool FunnelRuns()
 {
     bool ran = false;
-    std::function<void()> work = [&]
-    {
-        ran = true;
-    };
+    std::function<void()> work = [&] { ran = true; };
     TF_init_and_send_work(work);
     return ran;
 }

@@ -65,11 +65,7 @@ TEST(PrivateBusTest, LeavesNothingBehind)
             const Client client;
             EXPECT_THAT(bus.Connections(), ElementsAre(client.UniqueName()));
         }
-        EXPECT_TRUE(Until(
-            [&]
-            {
-                return bus.Connections().empty();
-            }));
+        EXPECT_TRUE(Until([&] { return bus.Connections().empty(); }));
         const PrivateBus inner; // the last one made is the one in use
         EXPECT_EQ(Variable(), inner.Address());
     }
@@ -104,23 +100,14 @@ TEST(PrivateBusTest, DaemonDiesWithTheProcess)
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
-    EXPECT_TRUE(Until(
-        [&]
-        {
-            return DaemonsOf(folder).empty();
-        }));
+    EXPECT_TRUE(Until([&] { return DaemonsOf(folder).empty(); }));
     std::filesystem::remove_all(folder);
 }
 
 TEST(PrivateBusTest, DaemonOutlivesTheThreadThatStartedIt)
 {
     std::unique_ptr<PrivateBus> bus;
-    std::thread(
-        [&]
-        {
-            bus = std::make_unique<PrivateBus>();
-        })
-        .join();
+    std::thread([&] { bus = std::make_unique<PrivateBus>(); }).join();
     EXPECT_THAT(bus->Connections(), IsEmpty());
     EXPECT_TRUE(bus->Running());
 }
@@ -155,16 +142,9 @@ TEST(PrivateBusTest, KillLosesConnectionsAndRestartTakesNewOnes)
     const Client lost;
     bus.Kill();
     EXPECT_FALSE(bus.Running());
-    EXPECT_TRUE(Until(
-        [&]
-        {
-            return !service.Connected();
-        }));
-    EXPECT_TRUE(Until(
-        [&]
-        {
-            return sd_bus_process(lost, nullptr) < 0 || sd_bus_is_open(lost) == 0;
-        }));
+    EXPECT_TRUE(Until([&] { return !service.Connected(); }));
+    EXPECT_TRUE(
+        Until([&] { return sd_bus_process(lost, nullptr) < 0 || sd_bus_is_open(lost) == 0; }));
     EXPECT_THROW(Client(), std::runtime_error);
     EXPECT_THROW(service.Start(), std::system_error);
     EXPECT_FALSE(service.Connected());
@@ -174,11 +154,7 @@ TEST(PrivateBusTest, KillLosesConnectionsAndRestartTakesNewOnes)
     service.Start();
     EXPECT_THAT(bus.Connections(), ElementsAre(service.UniqueName()));
     bus.Restart();
-    EXPECT_TRUE(Until(
-        [&]
-        {
-            return !service.Connected();
-        }));
+    EXPECT_TRUE(Until([&] { return !service.Connected(); }));
 }
 
 TEST(PrivateBusTest, LimitsAreThoseAskedFor)
@@ -222,19 +198,9 @@ TEST(PrivateBusTest, LimitsAreThoseAskedFor)
 TEST(WaitTest, UntilStopsAtTheBound)
 {
     int asked = 0;
-    EXPECT_FALSE(Until(
-        [&]
-        {
-            return ++asked < 0;
-        },
-        std::chrono::milliseconds(5)));
+    EXPECT_FALSE(Until([&] { return ++asked < 0; }, std::chrono::milliseconds(5)));
     EXPECT_GE(asked, 2);
-    EXPECT_TRUE(Until(
-        [&]
-        {
-            return true;
-        },
-        std::chrono::milliseconds(0)));
+    EXPECT_TRUE(Until([&] { return true; }, std::chrono::milliseconds(0)));
 }
 
 TEST(WaitTest, DispatchUsesTheThreadsDefaultBus)
@@ -252,26 +218,12 @@ TEST(WaitTest, DispatchUsesTheThreadsDefaultBus)
     ASSERT_GE(sd_bus_add_match(raw, nullptr, "type='signal',path='/fans'", count, &signals), 0);
     fans->Set("fanCount", 1);
     fans->Set("fanCount", 2);
-    EXPECT_TRUE(Dispatch(
-        [&]
-        {
-            return signals == 2;
-        }));
+    EXPECT_TRUE(Dispatch([&] { return signals == 2; }));
     EXPECT_TRUE(DispatchPending());
     EXPECT_EQ(signals, 2);
-    EXPECT_FALSE(Dispatch(
-        [&]
-        {
-            return signals == 3;
-        },
-        std::chrono::milliseconds(5)));
+    EXPECT_FALSE(Dispatch([&] { return signals == 3; }, std::chrono::milliseconds(5)));
     bus.Kill();
-    EXPECT_FALSE(Dispatch(
-        [&]
-        {
-            return signals == 3;
-        }))
-        << "returns when the bus has gone";
+    EXPECT_FALSE(Dispatch([&] { return signals == 3; })) << "returns when the bus has gone";
     EXPECT_FALSE(DispatchPending());
     sd_bus_unref(raw);
 }

@@ -25,10 +25,7 @@ class Client
         std::vector<Value> values;
         std::string reason = {}; // the text of the error
 
-        std::string Text() const
-        {
-            return error.empty() ? bmcbus::testing::TextOf(values) : error;
-        }
+        std::string Text() const { return error.empty() ? bmcbus::testing::TextOf(values) : error; }
     };
 
     explicit Client(const char* address = nullptr)
@@ -39,17 +36,11 @@ class Client
             throw std::runtime_error("cannot connect");
         }
     }
-    ~Client()
-    {
-        sd_bus_flush_close_unref(bus);
-    }
+    ~Client() { sd_bus_flush_close_unref(bus); }
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    operator sd_bus*() const
-    {
-        return bus;
-    }
+    operator sd_bus*() const { return bus; }
 
     std::string UniqueName() const
     {

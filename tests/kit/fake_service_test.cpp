@@ -128,9 +128,7 @@ TEST_F(FakeServiceTest, ChangesAreAnnouncedAsAnnotated)
                how + R"("/>)";
     };
     const auto property = [](const std::string& of, const std::string& inside)
-    {
-        return "<property name='" + of + "' type='i' access='read'>" + inside + "</property>";
-    };
+    { return "<property name='" + of + "' type='i' access='read'>" + inside + "</property>"; };
     std::vector<std::string> signals{"none"};
     client.Collect("type='signal',path='/annotated',member='PropertiesChanged'", signals);
     const auto changes = [&](const std::string& forAll)
@@ -175,10 +173,7 @@ TEST_F(FakeServiceTest, MethodsAnswerDefaultsHandlersAndErrors)
     EXPECT_EQ(client.Call(name, path, dimmInterface, "DimmPowerCmdHandler").Text(),
               "iddddd 0 0 0 0 0 0");
     fans->OnCall("DimmPowerCmdHandler",
-                 [](const Call&) -> std::vector<Value>
-                 {
-                     return {1, 2, 3.5, 4, 5, 6};
-                 });
+                 [](const Call&) -> std::vector<Value> { return {1, 2, 3.5, 4, 5, 6}; });
     EXPECT_EQ(client.Call(name, path, dimmInterface, "DimmPowerCmdHandler").Text(),
               "iddddd 1 2 3.5 4 5 6");
     EXPECT_EQ(client.Call(name, path, "", "DimmPowerCmdHandler").Text(), "iddddd 1 2 3.5 4 5 6");
@@ -196,15 +191,9 @@ TEST_F(FakeServiceTest, MethodsAnswerDefaultsHandlersAndErrors)
 
     fans->OnCall("getDbusStatus",
                  [](const Call&) -> std::vector<Value>
-                 {
-                     throw CallError("com.example.Busy", "later");
-                 });
+                 { throw CallError("com.example.Busy", "later"); });
     EXPECT_EQ(client.Call(name, path, dimmInterface, "getDbusStatus").Text(), "com.example.Busy");
-    fans->OnCall("MemoryCmdHandler",
-                 [](const Call&) -> std::vector<Value>
-                 {
-                     return {};
-                 });
+    fans->OnCall("MemoryCmdHandler", [](const Call&) -> std::vector<Value> { return {}; });
     EXPECT_EQ(client.Call(name, path, dimmInterface, "MemoryCmdHandler", command).Text(),
               "org.freedesktop.DBus.Error.Failed");
     EXPECT_EQ(client.Call(name, path, dimmInterface, "MemoryCmdHandler").Text(),
@@ -227,54 +216,29 @@ TEST_F(FakeServiceTest, MisuseIsRefusedByName)
         }
         return "accepted";
     };
-    EXPECT_EQ(refusal(
-                  [&]
-                  {
-                      fans->Set("fanCount", 256);
-                  }),
+    EXPECT_EQ(refusal([&] { fans->Set("fanCount", 256); }),
               "com.example.Fans /com/example/fans: property fanCount: i 256 does not fit into y "
               "(256 is no y)");
     EXPECT_EQ(fans->Get("fanCount"), Value(uint8_t{4}));
     EXPECT_EQ(refusal(
-                  [&]
-                  {
+                  [&] {
                       fans->Set({{"fanCount", 1}, {"fancount", 1}});
                   }),
               "com.example.Fans /com/example/fans: no interface has the property fancount");
     EXPECT_EQ(fans->Get("fanCount"), Value(uint8_t{4}));
-    EXPECT_EQ(refusal(
-                  [&]
-                  {
-                      fans->Emit("notifyFanReportingData", 1);
-                  }),
+    EXPECT_EQ(refusal([&] { fans->Emit("notifyFanReportingData", 1); }),
               "com.example.Fans /com/example/fans: signal notifyFanReportingData has 2 arguments, "
               "not 1");
-    EXPECT_EQ(refusal(
-                  [&]
-                  {
-                      fans.AddObject(path, {fanInterface});
-                  }),
+    EXPECT_EQ(refusal([&] { fans.AddObject(path, {fanInterface}); }),
               "there is an object at /com/example/fans already");
-    EXPECT_EQ(refusal(
-                  [&]
-                  {
-                      fans.AddObject("fans/", {fanInterface});
-                  }),
+    EXPECT_EQ(refusal([&] { fans.AddObject("fans/", {fanInterface}); }),
               "no object path: \"fans/\"");
     for (const char* error : {"", "Broken", "not an error name", "com.example.\xff"})
     {
-        EXPECT_EQ(refusal(
-                      [&]
-                      {
-                          fans.On("Get").ReplyError(error);
-                      }),
+        EXPECT_EQ(refusal([&] { fans.On("Get").ReplyError(error); }),
                   "no error name: \"" + Printable(error) + "\"");
     }
-    EXPECT_EQ(refusal(
-                  [&]
-                  {
-                      fans.On("Get").ReplyError("com.example.Broken", "\xff");
-                  }),
+    EXPECT_EQ(refusal([&] { fans.On("Get").ReplyError("com.example.Broken", "\xff"); }),
               R"(no text for an error: "\xff")");
     EXPECT_EQ(Get(fanInterface, "fanCount"), "v y 4");
     EXPECT_THROW(fans.AddObject("/x", {"com.example.None"}), std::runtime_error);
@@ -323,10 +287,7 @@ TEST_F(FakeServiceTest, WhatMayNotTravelIsAnsweredWithTheReason)
     const auto handled = [&](const std::exception_ptr& thrown)
     {
         fans->OnCall("getDbusStatus",
-                     [=](const Call&) -> std::vector<Value>
-                     {
-                         std::rethrow_exception(thrown);
-                     });
+                     [=](const Call&) -> std::vector<Value> { std::rethrow_exception(thrown); });
         return reason();
     };
     EXPECT_EQ(handled(std::make_exception_ptr(CallError("bad name", "x"))),
@@ -487,8 +448,7 @@ TEST_F(FakeServiceTest, TreeAndManagerAreVisible)
     const auto managed = client.Call(name, "/com/example", "org.freedesktop.DBus.ObjectManager",
                                      "GetManagedObjects");
     EXPECT_THAT(managed.Text(), HasSubstr(R"(a{oa{sa{sv}}} 1 "/com/example/fans" 3 )"));
-    const auto introspect = [&](const char* service, const char* at)
-    {
+    const auto introspect = [&](const char* service, const char* at) {
         return client.Call(service, at, "org.freedesktop.DBus.Introspectable", "Introspect").Text();
     };
     EXPECT_THAT(introspect(name, "/"), HasSubstr(R"(<node name=\"com\"/>)"));

@@ -57,21 +57,13 @@ TEST(MonitorTest, RecordsEverythingButTheKitsOwn)
     ASSERT_EQ(calls.size(), 1U);
     EXPECT_EQ(calls.front().Body(), "s \"" + std::string(fanInterface) + "\"");
     EXPECT_TRUE(calls.front().wantsReply);
-    const auto errors = monitor.Messages(
-        [](const WireMessage& m)
-        {
-            return m.type == "error";
-        });
+    const auto errors = monitor.Messages([](const WireMessage& m) { return m.type == "error"; });
     ASSERT_EQ(errors.size(), 1U);
     EXPECT_EQ(errors.front().replyTo, calls.front().serial);
 
     monitor.Clear();
     fans->Set("fanCount", 4);
-    EXPECT_TRUE(monitor.WaitFor(
-        [](const WireMessage& m)
-        {
-            return m.type == "signal";
-        }));
+    EXPECT_TRUE(monitor.WaitFor([](const WireMessage& m) { return m.type == "signal"; }));
     EXPECT_EQ(monitor.Messages().size(), 1U);
 }
 
@@ -118,18 +110,9 @@ TEST(PeersTest, MessagesReachDecodersAndTheOtherEnd)
     ASSERT_GE(sd_bus_call_method_async(peers.Client(), nullptr, nullptr, "/p", "com.example.I",
                                        "Echo", keep, &reply, "s", "hello"),
               0);
-    EXPECT_TRUE(peers.Pump(
-        [&]
-        {
-            return !reply.empty();
-        }));
+    EXPECT_TRUE(peers.Pump([&] { return !reply.empty(); }));
     EXPECT_EQ(reply, R"(si "hello" 7)");
-    EXPECT_FALSE(peers.Pump(
-        []
-        {
-            return false;
-        }))
-        << "ends when nothing is left";
+    EXPECT_FALSE(peers.Pump([] { return false; })) << "ends when nothing is left";
 }
 
 TEST(PeersTest, TruncatedReadsAreRefused)

@@ -31,11 +31,7 @@ TEST(ProcessTest, OutputHoldsNothingUp)
                      "i=0; while [ $i -lt 3000 ]; do echo \"$0 $0 $0 $0\"; "
                      "i=$((i + 1)); done; exec sleep 1000",
                      std::string(100, 'x')});
-    EXPECT_TRUE(bmcbus::testing::Until(
-        [&]
-        {
-            return program.Output().size() == 3000UL * 404;
-        }));
+    EXPECT_TRUE(bmcbus::testing::Until([&] { return program.Output().size() == 3000UL * 404; }));
     EXPECT_TRUE(program.Running());
     program.Signal(SIGKILL);
     EXPECT_EQ(program.Wait(), -1);

@@ -95,9 +95,7 @@ const Request requests[] = {
      }},
     {"GetObjectAsync", "GetObjectAsync", handler1, false, false, false,
      [](sd_bus*, const std::string& path, const std::string& interface, void* context)
-     {
-         GetObjectAsync(path, {interface}, OnObject, context);
-     }},
+     { GetObjectAsync(path, {interface}, OnObject, context); }},
     {"GetObjectAsync2", "GetObjectAsync2", handler2, true, true, false,
      [](sd_bus* bus, const std::string& path, const std::string& interface, void* context)
      {
@@ -106,19 +104,13 @@ const Request requests[] = {
      }},
     {"GetObjectAsync2", "GetObjectAsync2", handler2, false, true, false,
      [](sd_bus*, const std::string& path, const std::string& interface, void* context)
-     {
-         GetObjectAsync2(path, {interface}, OnObject2, context);
-     }},
+     { GetObjectAsync2(path, {interface}, OnObject2, context); }},
     {"PathAndInterfaceToServiceAsync", "GetObjectAsync", handler1, false, false, true,
      [](sd_bus*, const std::string& path, const std::string& interface, void* context)
-     {
-         PathAndInterfaceToServiceAsync(path, interface, OnService, context);
-     }},
+     { PathAndInterfaceToServiceAsync(path, interface, OnService, context); }},
     {"PathAndInterfaceToServiceAsync2", "GetObjectAsync2", handler2, false, true, true,
      [](sd_bus*, const std::string& path, const std::string& interface, void* context)
-     {
-         PathAndInterfaceToServiceAsync2(path, interface, OnService2, context);
-     }},
+     { PathAndInterfaceToServiceAsync2(path, interface, OnService2, context); }},
 };
 
 class MapperAsync : public MapperTest
@@ -134,11 +126,7 @@ class MapperAsync : public MapperTest
         listener.throwFirst = throwFirst;
         request.queue(connection, "/p", "x.I", &listener);
         EXPECT_THAT(listener.answers, IsEmpty());
-        EXPECT_TRUE(Dispatch(connection,
-                             [&]
-                             {
-                                 return listener.answers.size() >= calls;
-                             }));
+        EXPECT_TRUE(Dispatch(connection, [&] { return listener.answers.size() >= calls; }));
         EXPECT_TRUE(bmcbus::testing::DispatchPending(connection));
         EXPECT_THAT(listener.answers, SizeIs(calls));
         return listener;
@@ -198,11 +186,7 @@ TEST_F(MapperAsync, InterfacesAreSentInOrder)
     bmcbus::Bus wrapped = Wrapped(connection);
     GetObjectAsync(wrapped, "/p", {"c.I", "a.I", "b.I"}, OnObject, &listener);
     GetObjectAsync2("/p", {}, OnObject2, &listener);
-    EXPECT_TRUE(Dispatch(connection,
-                         [&]
-                         {
-                             return listener.answers.size() == 2;
-                         }));
+    EXPECT_TRUE(Dispatch(connection, [&] { return listener.answers.size() == 2; }));
     EXPECT_EQ(mapper.Calls().at(0).Arguments(), R"(sas "/p" 3 "c.I" "a.I" "b.I")");
     EXPECT_EQ(mapper.Calls().at(1).Arguments(), R"(sas "/p" 0)");
 }
@@ -330,16 +314,10 @@ void ExpectRefused(const Request& request, const std::string& step, const std::s
     SCOPED_TRACE(request.name);
     test::ClearLog();
     Listener listener;
-    EXPECT_THAT(
-        [&]
-        {
-            request.queue(connection, path, interface, &listener);
-        },
-        ThrowsMessage<std::runtime_error>(text));
+    EXPECT_THAT([&] { request.queue(connection, path, interface, &listener); },
+                ThrowsMessage<std::runtime_error>(text));
     const auto shown = [](const std::string& whole) // up to the first zero
-    {
-        return whole.substr(0, whole.find('\0'));
-    };
+    { return whole.substr(0, whole.find('\0')); };
     std::string lines = step.empty() ? "" : Line(2, request.queued, step);
     lines += Line(2, request.queued, "ex: " + text) +
              Line(2, request.queued, " path: " + shown(path)) +
@@ -447,11 +425,7 @@ TEST_F(MapperAsync, BusThatGoesAwayIsAFailure)
     sd_bus_flush(connection);
     mapper.WaitForHeld(std::size(requests));
     bus.Kill();
-    Dispatch(connection,
-             [&]
-             {
-                 return listener.answers.size() == std::size(requests);
-             });
+    Dispatch(connection, [&] { return listener.answers.size() == std::size(requests); });
     ASSERT_THAT(listener.answers, SizeIs(std::size(requests)));
     for (size_t i = 0; i < std::size(requests); ++i)
     {
@@ -471,19 +445,13 @@ TEST_F(MapperAsync, RequestsMayBeMadeInCallbacks)
             PathAndInterfaceToServiceAsync(
                 "/q", "x.I",
                 [](bool, std::string& next, void* again)
-                {
-                    static_cast<std::vector<std::string>*>(again)->push_back(next);
-                },
+                { static_cast<std::vector<std::string>*>(again)->push_back(next); },
                 context);
             std::string blocking;
             PathAndInterfaceToService("/r", "x.I", blocking);
         },
         &found);
-    EXPECT_TRUE(Dispatch(connection,
-                         [&]
-                         {
-                             return found.size() == 2;
-                         }));
+    EXPECT_TRUE(Dispatch(connection, [&] { return found.size() == 2; }));
     EXPECT_THAT(found, ElementsAre("a.svc", "a.svc"));
 }
 
@@ -505,11 +473,7 @@ TEST_F(MapperAsync, HandlersServeRequestsOfTheCallersOwn)
          new CallbackRecord<GetObjectCallback>{
              Internal_PathAndInterfaceToServiceAsync_Callback,
              new CallbackRecord<ServiceCallback>{OnService, &listener}});
-    EXPECT_TRUE(Dispatch(connection,
-                         [&]
-                         {
-                             return listener.answers.size() == 3;
-                         }));
+    EXPECT_TRUE(Dispatch(connection, [&] { return listener.answers.size() == 3; }));
     EXPECT_EQ(listener.answers.at(0).services.size(), 1U);
     EXPECT_EQ(listener.answers.at(1).timedOut, false);
     EXPECT_EQ(listener.answers.at(2).service, "a.svc");

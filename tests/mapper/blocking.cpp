@@ -31,35 +31,19 @@ struct Question
 const std::vector<Question>& Questions()
 {
     static const std::vector<Question> questions = {
-        {"GetObject",
-         [](const std::string& p, const Names& i)
-         {
-             GetObject(p, i);
-         },
+        {"GetObject", [](const std::string& p, const Names& i) { GetObject(p, i); },
          R"(sas "/p" 2 "b.I" "a.I")",
          Line(2, "GetObject", " path: /p") + Line(2, "GetObject", " interface: b.I") +
              Line(2, "GetObject", " interface: a.I")},
-        {"GetSubTree",
-         [](const std::string& p, const Names& i)
-         {
-             GetSubTree(p, 7, i);
-         },
+        {"GetSubTree", [](const std::string& p, const Names& i) { GetSubTree(p, 7, i); },
          R"(sias "/p" 7 2 "b.I" "a.I")",
          Line(2, "GetSubTree", " -: /p 7") + Line(2, "GetSubTree", " -: b.I") +
              Line(2, "GetSubTree", " -: a.I")},
-        {"GetSubTreePaths",
-         [](const std::string& p, const Names& i)
-         {
-             GetSubTreePaths(p, -1, i);
-         },
+        {"GetSubTreePaths", [](const std::string& p, const Names& i) { GetSubTreePaths(p, -1, i); },
          R"(sias "/p" -1 2 "b.I" "a.I")",
          Line(2, "GetSubTreePaths", " -: /p -1") + Line(2, "GetSubTreePaths", " -: b.I") +
              Line(2, "GetSubTreePaths", " -: a.I")},
-        {"GetAncestors",
-         [](const std::string& p, const Names& i)
-         {
-             GetAncestors(p, i);
-         },
+        {"GetAncestors", [](const std::string& p, const Names& i) { GetAncestors(p, i); },
          R"(sas "/p" 2 "b.I" "a.I")",
          Line(2, "GetAncestors", " -: /p") + Line(2, "GetAncestors", " -: b.I") +
              Line(2, "GetAncestors", " -: a.I")},
@@ -119,8 +103,7 @@ TEST_F(Mapper, ErrorRepliesAreLoggedAndThrown)
     {
         test::ClearLog();
         EXPECT_THAT(
-            [&]
-            {
+            [&] {
                 question.ask("/p", {"b.I", "a.I"});
             },
             ThrowsMessage<bmcbus::Error>(text));
@@ -170,12 +153,8 @@ TEST_F(Mapper, TextThatMayNotTravelIsNotSent)
     {
         for (const Question& question : Questions())
         {
-            EXPECT_THAT(
-                [&]
-                {
-                    question.ask(text, {});
-                },
-                ThrowsMessage<bmcbus::Error>(HasSubstr("InvalidArgs")));
+            EXPECT_THAT([&] { question.ask(text, {}); },
+                        ThrowsMessage<bmcbus::Error>(HasSubstr("InvalidArgs")));
             EXPECT_THROW(question.ask("/p", {"a.I", text}), bmcbus::Error);
         }
         std::string service = "before";
@@ -220,12 +199,8 @@ TEST_F(Mapper, SearchThatFailsLeavesNoService)
     EXPECT_EQ(Logged(), query + Line(2, "PathAndInterfaceToService", "exception: " + text));
     test::ClearLog();
     service = "before";
-    EXPECT_THAT(
-        [&]
-        {
-            PathAndInterfaceToService2("/p", "x.I", service);
-        },
-        Throws<bmcbus::Error>(Property(&bmcbus::Error::name, testing::StrEq(notFound))));
+    EXPECT_THAT([&] { PathAndInterfaceToService2("/p", "x.I", service); },
+                Throws<bmcbus::Error>(Property(&bmcbus::Error::name, testing::StrEq(notFound))));
     EXPECT_EQ(service, "");
     EXPECT_EQ(Logged(), query + Line(2, "PathAndInterfaceToService2", "exception: " + text));
 }
@@ -242,13 +217,9 @@ TEST_F(Mapper, NoAnswerInTimeIsAnError)
 {
     mapper.On("GetObject").NoReply();
     sd_bus_set_method_call_timeout(connection, 50'000);
-    EXPECT_THAT(
-        []
-        {
-            GetObject("/p", {});
-        },
-        ThrowsMessage<bmcbus::Error>(
-            "sd_bus_call: org.freedesktop.DBus.Error.Timeout: Connection timed out"));
+    EXPECT_THAT([] { GetObject("/p", {}); },
+                ThrowsMessage<bmcbus::Error>(
+                    "sd_bus_call: org.freedesktop.DBus.Error.Timeout: Connection timed out"));
     mapper.Heal();
     sd_bus_set_method_call_timeout(connection, 0);
     mapper.Add("/p", "a.svc", {"x.I"});
@@ -258,18 +229,10 @@ TEST_F(Mapper, NoAnswerInTimeIsAnError)
 TEST_F(Mapper, MapperThatGoesAwayIsAnError)
 {
     mapper.On("GetObject").Crash();
-    EXPECT_THAT(
-        []
-        {
-            GetObject("/p", {});
-        },
-        ThrowsMessage<bmcbus::Error>(HasSubstr("org.freedesktop.DBus.Error.NoReply")));
-    EXPECT_THAT(
-        []
-        {
-            GetObject("/p", {});
-        },
-        ThrowsMessage<bmcbus::Error>(HasSubstr("org.freedesktop.DBus.Error.ServiceUnknown")));
+    EXPECT_THAT([] { GetObject("/p", {}); },
+                ThrowsMessage<bmcbus::Error>(HasSubstr("org.freedesktop.DBus.Error.NoReply")));
+    EXPECT_THAT([] { GetObject("/p", {}); }, ThrowsMessage<bmcbus::Error>(HasSubstr(
+                                                 "org.freedesktop.DBus.Error.ServiceUnknown")));
 }
 
 TEST_F(Mapper, BusThatGoesAwayIsAnError)
@@ -287,12 +250,8 @@ TEST_F(Mapper, BusThatGoesAwayIsAnError)
     PathAndInterfaceToService("/p", "x.I", service); // still the dead connection
     EXPECT_EQ(service, "");
     connection = sd_bus_flush_close_unref(connection);
-    EXPECT_THAT(
-        []
-        {
-            GetObject("/p", {});
-        },
-        ThrowsMessage<bmcbus::Error>(StartsWith("sd_bus_default_system: ")));
+    EXPECT_THAT([] { GetObject("/p", {}); },
+                ThrowsMessage<bmcbus::Error>(StartsWith("sd_bus_default_system: ")));
     EXPECT_THROW(GetAssociations("/p"), bmcbus::Error);
     bus.Restart();
     EXPECT_TRUE(GetAssociations("/p").empty());
@@ -319,11 +278,7 @@ TEST_F(Mapper, CallsLeaveNothingBehind)
         ASSERT_EQ(service, "");
     }
     EXPECT_EQ(OpenDescriptors(), descriptors);
-    EXPECT_TRUE(bmcbus::testing::Until(
-        [&]
-        {
-            return bus.Connections().size() == peers;
-        }));
+    EXPECT_TRUE(bmcbus::testing::Until([&] { return bus.Connections().size() == peers; }));
 }
 
 TEST_F(Mapper, RunningOutOfDescriptorsIsAnError)

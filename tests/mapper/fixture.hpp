@@ -40,16 +40,10 @@ class MapperTest : public testing::Test
         test::ClearLog();
     }
 
-    ~MapperTest() override
-    {
-        sd_bus_flush_close_unref(connection);
-    }
+    ~MapperTest() override { sd_bus_flush_close_unref(connection); }
 
     // Everything that was logged, in order.
-    static std::string Logged()
-    {
-        return test::Describe(test::Log());
-    }
+    static std::string Logged() { return test::Describe(test::Log()); }
 
     PrivateBus bus;
     FakeMapper mapper;

@@ -29,10 +29,7 @@ struct Search
         }
     }
 
-    void Start()
-    {
-        slot = LookupServiceAsync("/p", "x.I", Answered, this);
-    }
+    void Start() { slot = LookupServiceAsync("/p", "x.I", Answered, this); }
 };
 
 class MapperLookup : public MapperTest
@@ -40,11 +37,7 @@ class MapperLookup : public MapperTest
   protected:
     void Dispatched(const Search& search)
     {
-        EXPECT_TRUE(Dispatch(connection,
-                             [&]
-                             {
-                                 return search.answers != 0;
-                             }));
+        EXPECT_TRUE(Dispatch(connection, [&] { return search.answers != 0; }));
         EXPECT_TRUE(bmcbus::testing::DispatchPending(connection));
     }
 };

@@ -40,16 +40,8 @@ class ThreadPool : public test::Bounded
 bool Works(Pool& pool)
 {
     const auto ran = std::make_shared<std::atomic<bool>>(false);
-    pool.enqueue(
-        [ran]
-        {
-            *ran = true;
-        });
-    return test::Eventually(
-        [&]
-        {
-            return ran->load();
-        });
+    pool.enqueue([ran] { *ran = true; });
+    return test::Eventually([&] { return ran->load(); });
 }
 
 // Keeps one worker busy until it is let go.
@@ -66,10 +58,7 @@ class Blocker
             });
         running.wait();
     }
-    void LetGo()
-    {
-        go.count_down();
-    }
+    void LetGo() { go.count_down(); }
 
   private:
     std::latch running{1};
@@ -92,11 +81,7 @@ TEST_F(ThreadPool, HasTheWorkersAskedFor)
     std::latch together(3);
     for (int i = 0; i < 3; ++i)
     {
-        pool.enqueue(
-            [&]
-            {
-                together.arrive_and_wait();
-            });
+        pool.enqueue([&] { together.arrive_and_wait(); });
     }
     together.wait();
 }
@@ -110,21 +95,9 @@ TEST_F(ThreadPool, OneWorkerKeepsTheOrderAndDrainsOnDestruction)
         Blocker first(pool);
         for (int i = 0; i < count; ++i)
         {
-            pool.enqueue(
-                [&order, i]
-                {
-                    order.push_back(i);
-                });
+            pool.enqueue([&order, i] { order.push_back(i); });
         }
-        pool.enqueue(
-            [&]
-            {
-                pool.enqueue(
-                    [&]
-                    {
-                        order.push_back(count);
-                    });
-            });
+        pool.enqueue([&] { pool.enqueue([&] { order.push_back(count); }); });
         first.LetGo();
     }
     std::vector<int> expected(count + 1);
@@ -147,11 +120,7 @@ TEST_F(ThreadPool, TasksOfManyThreadsAllRun)
                 {
                     for (int n = 0; n < each; ++n)
                     {
-                        pool.enqueue(
-                            [&]
-                            {
-                                ++ran;
-                            });
+                        pool.enqueue([&] { ++ran; });
                     }
                 });
         }
@@ -164,22 +133,11 @@ TEST_F(ThreadPool, WorkerSurvivesWhatTasksThrow)
     std::set<std::thread::id> workers;
     {
         Pool pool(1);
-        const auto note = [&]
-        {
-            workers.insert(std::this_thread::get_id());
-        };
+        const auto note = [&] { workers.insert(std::this_thread::get_id()); };
         pool.enqueue(note);
-        pool.enqueue(
-            []
-            {
-                throw std::runtime_error("of the task");
-            });
+        pool.enqueue([] { throw std::runtime_error("of the task"); });
         pool.enqueue(nullptr);
-        pool.enqueue(
-            []
-            {
-                throw 7;
-            });
+        pool.enqueue([] { throw 7; });
         pool.enqueue(note);
     }
     EXPECT_EQ(workers.size(), 1U);
@@ -214,11 +172,7 @@ TEST_F(ThreadPool, ClearedTasksAreDroppedInOrderOutsideTheLock)
         for (int i = 0; i < 3; ++i)
         {
             std::shared_ptr<Dropped> held(new Dropped{pool, dropped, i});
-            pool.enqueue(
-                [held = std::move(held), &ran]
-                {
-                    ran = true;
-                });
+            pool.enqueue([held = std::move(held), &ran] { ran = true; });
         }
         test::ClearLog();
         pool.clearQueue();
@@ -266,16 +220,8 @@ TEST_F(ThreadPool, ConstructorStopsTheWorkersThatDidStart)
     EXPECT_THROW(pool.makeNewWorkerThread(), std::system_error);
     pool.makeNewWorkerThread();
     std::latch together(2);
-    pool.enqueue(
-        [&]
-        {
-            together.arrive_and_wait();
-        });
-    pool.enqueue(
-        [&]
-        {
-            together.arrive_and_wait();
-        });
+    pool.enqueue([&] { together.arrive_and_wait(); });
+    pool.enqueue([&] { together.arrive_and_wait(); });
     together.wait();
 }
 
@@ -285,18 +231,10 @@ TEST_F(ThreadPool, FailedJoinDoesNotEndTheProcess)
     {
         Pool pool(3);
         Blocker running(pool);
-        pool.enqueue(
-            [&]
-            {
-                ++ran;
-            });
+        pool.enqueue([&] { ++ran; });
         FailCalls(&join, 0, 3, EINVAL);
         running.LetGo();
-        pool.enqueue(
-            [&]
-            {
-                ++ran;
-            });
+        pool.enqueue([&] { ++ran; });
     }
     FailCalls(&join, 0, 0, 0);
     EXPECT_EQ(ran, 2);
@@ -310,27 +248,14 @@ TEST_F(ThreadPool, FailedLocks)
     test::SetLogThreshold(2); // so that the next lock is not the recorder's
     {
         Pool pool(1);
-        for (void (*call)(Pool&) : {+[](Pool& p)
-                                    {
-                                        p.enqueue([] {});
-                                    },
-                                    +[](Pool& p)
-                                    {
-                                        p.clearQueue();
-                                    },
-                                    +[](Pool& p)
-                                    {
-                                        p.makeNewWorkerThread();
-                                    }})
+        for (void (*call)(Pool&) :
+             {+[](Pool& p) { p.enqueue([] {}); }, +[](Pool& p) { p.clearQueue(); },
+              +[](Pool& p) { p.makeNewWorkerThread(); }})
         {
             nextLockFails = EINVAL;
             EXPECT_THROW(call(pool), std::system_error);
         }
-        pool.enqueue(
-            []
-            {
-                nextLockFails = EINVAL;
-            }); // the worker's next one
+        pool.enqueue([] { nextLockFails = EINVAL; }); // the worker's next one
         EXPECT_TRUE(Works(pool));
         nextLockFails = EINVAL; // the destructor's
     }

@@ -11,10 +11,7 @@ namespace
 
 TEST_F(SimulatorTest, AnswersCanBeBroken)
 {
-    const auto count = [&]
-    {
-        return Read(thermal, chassisFans, fanReporting, "fanCount");
-    };
+    const auto count = [&] { return Read(thermal, chassisFans, fanReporting, "fanCount"); };
     Control("AnswerError", {thermal, "Get", "com.example.Broken"});
     EXPECT_EQ(count(), "com.example.Broken");
     for (const char* none : {"", "not an error name"})
@@ -46,11 +43,7 @@ TEST_F(SimulatorTest, LossesCanBeAnnounced)
     client.Collect("type='signal',path='/com/tamm/bmc/thermal/fans/chassis'", signals);
     Control("AnnounceRemoved", {Path{chassisFans}, std::vector<std::string>{fanReporting}});
     Control("AnnounceAdded", {Path{chassisFans}});
-    ASSERT_TRUE(bmcbus::testing::Dispatch(client,
-                                          [&]
-                                          {
-                                              return signals.size() >= 2;
-                                          }));
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client, [&] { return signals.size() >= 2; }));
     EXPECT_THAT(signals[0], ::testing::HasSubstr(" InterfacesRemoved "));
     EXPECT_THAT(signals[1], ::testing::HasSubstr("\"fanCount\" y 6"));
     EXPECT_EQ(Control("AnnounceAdded", {Path{"/nowhere"}}).error,
@@ -70,11 +63,7 @@ TEST_F(SimulatorTest, AServiceCanCrash)
         EXPECT_EQ(refused.reason, "The service com.tamm.bmc.Thermal is down.");
     }
     Control("StartService", {thermal});
-    ASSERT_TRUE(bmcbus::testing::Dispatch(client,
-                                          [&]
-                                          {
-                                              return signals.size() >= 2;
-                                          }));
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client, [&] { return signals.size() >= 2; }));
     EXPECT_EQ(Read(thermal, chassisFans, fanReporting, "fanCount"), "v y 6");
 }
 

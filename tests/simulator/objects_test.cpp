@@ -90,11 +90,7 @@ TEST_F(SimulatorTest, MapperForgetsAServiceThatLeft)
               "org.freedesktop.DBus.Error.ServiceUnknown");
     EXPECT_EQ(Control("Step").error, "");
     EXPECT_EQ(Control("StartService", {thermal}).error, "");
-    ASSERT_TRUE(bmcbus::testing::Dispatch(client,
-                                          [&]
-                                          {
-                                              return signals.size() >= 2;
-                                          }));
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client, [&] { return signals.size() >= 2; }));
     EXPECT_THAT(signals[0], HasSubstr(" InterfacesRemoved "));
     EXPECT_THAT(signals[1], HasSubstr(" InterfacesAdded "));
     EXPECT_EQ(Ask("GetObject", {chassisFans, noFilter}).error, "");
@@ -109,10 +105,7 @@ TEST_F(SimulatorTest, AStepEmitsEverySignalAndTheChangedValues)
     // The debug object comes last.
     ASSERT_TRUE(bmcbus::testing::Dispatch(
         client,
-        [&]
-        {
-            return !signals.empty() && signals.back().starts_with("/com/tamm/bmc/debug ");
-        }));
+        [&] { return !signals.empty() && signals.back().starts_with("/com/tamm/bmc/debug "); }));
     // Each member with its signature.
     for (const char* expected : {
              "/com/tamm/bmc/cpu/cpu0 PowerThermalCpuTelemetry "
@@ -147,11 +140,7 @@ TEST_F(SimulatorTest, AnInterfaceIsPluggedAndUnplugged)
     {
         ASSERT_EQ(Control("Step").error, "");
     }
-    ASSERT_TRUE(bmcbus::testing::Dispatch(client,
-                                          [&]
-                                          {
-                                              return signals.size() >= 2;
-                                          }));
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client, [&] { return signals.size() >= 2; }));
     EXPECT_THAT(signals[0], StartsWith("/com/tamm/ovrik/wharfd/network/usb0 InterfacesAdded "
                                        "oa{sa{sv}} \"/com/tamm/ovrik/wharfd/network/usb0\" 1 "
                                        "\"com.tamm.ovrik.wharfd.OSLogicalNetworkInterface\" 26"));
@@ -192,11 +181,7 @@ TEST_F(SimulatorTest, MethodsActOnTheMachine)
     EXPECT_EQ(cpu("setMemPL1", {8U}), "y 0");
     EXPECT_EQ(cpu("setSysPL2", {0U}), "y 1");
     Control("Step");
-    ASSERT_TRUE(bmcbus::testing::Dispatch(client,
-                                          [&]
-                                          {
-                                              return !signals.empty();
-                                          }));
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client, [&] { return !signals.empty(); }));
     EXPECT_THAT(signals[0], HasSubstr(" 4 50 205 0 0 ")); // the limit of the first socket
     EXPECT_EQ(memory("DimmPowerCmdHandler", {}), "iddddd 0 4 4 0 0 8");
     EXPECT_EQ(memory("getDbusStatus", {}), "i 0");
@@ -288,9 +273,7 @@ TEST_F(SimulatorTest, TheInterfaceTableAndItsInterfacesAgree)
 class MovingSimulator : public SimulatorTest
 {
   protected:
-    MovingSimulator() : SimulatorTest({"--period", "10"})
-    {
-    }
+    MovingSimulator() : SimulatorTest({"--period", "10"}) {}
 };
 
 TEST_F(MovingSimulator, ValuesMoveByThemselves)
@@ -298,11 +281,7 @@ TEST_F(MovingSimulator, ValuesMoveByThemselves)
     std::vector<std::string> signals;
     client.Collect("type='signal',member='PropertiesChanged',path='/com/tamm/bmc/power/system'",
                    signals);
-    EXPECT_TRUE(bmcbus::testing::Dispatch(client,
-                                          [&]
-                                          {
-                                              return signals.size() >= 3;
-                                          }));
+    EXPECT_TRUE(bmcbus::testing::Dispatch(client, [&] { return signals.size() >= 3; }));
 }
 
 } // namespace

@@ -134,11 +134,8 @@ TEST(SimulatorProgram, TellsItsServiceManagerThatItIsReady)
     ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     Process simulator = Started({"--period", "0"}, {"NOTIFY_SOCKET=" + path});
     char told[64] = {};
-    EXPECT_TRUE(bmcbus::testing::Until(
-        [&]
-        {
-            return recv(manager, told, sizeof(told) - 1, 0) > 0;
-        }));
+    EXPECT_TRUE(
+        bmcbus::testing::Until([&] { return recv(manager, told, sizeof(told) - 1, 0) > 0; }));
     EXPECT_STREQ(told, "READY=1");
     close(manager);
 }
@@ -162,9 +159,7 @@ TEST(SimulatorProgram, IsPartOfTheKit)
 class WithoutMapper : public SimulatorTest
 {
   protected:
-    WithoutMapper() : SimulatorTest({"--period", "0", "--no-mapper"})
-    {
-    }
+    WithoutMapper() : SimulatorTest({"--period", "0", "--no-mapper"}) {}
 };
 
 TEST_F(WithoutMapper, AnotherOneMayServe)

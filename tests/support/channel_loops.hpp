@@ -49,10 +49,7 @@ struct Registration
     Registration() = default;
     Registration(const Registration&) = delete;
     Registration& operator=(const Registration&) = delete;
-    ~Registration()
-    {
-        OneWayChannel_Unregister();
-    }
+    ~Registration() { OneWayChannel_Unregister(); }
 };
 
 class SdEventLoop
@@ -66,10 +63,7 @@ class SdEventLoop
     {
         return Channel().RegisterEventLoop(event, context, std::move(function));
     }
-    bool Run(const Condition& done)
-    {
-        return RunUntil(raw, done);
-    }
+    bool Run(const Condition& done) { return RunUntil(raw, done); }
 
     sd_event* raw = NewEventLoop();
     sdeventplus::Event event{raw, std::false_type()};
@@ -85,10 +79,7 @@ class ZLoop
     static constexpr const char* taken = "zloop registration already done";
     static constexpr const char* ending = "unregister zloop";
 
-    ZLoop()
-    {
-        zloop_set_nonstop(loop, true);
-    }
+    ZLoop() { zloop_set_nonstop(loop, true); }
     ZLoop(const ZLoop&) = delete;
     ZLoop& operator=(const ZLoop&) = delete;
     ~ZLoop()
@@ -100,10 +91,7 @@ class ZLoop
     {
         return Channel().RegisterZLoop(loop, context, std::move(function));
     }
-    bool Run(const Condition& done)
-    {
-        return RunUntil(loop, done);
-    }
+    bool Run(const Condition& done) { return RunUntil(loop, done); }
 
     zloop_t* loop = zloop_new();
 };
@@ -119,10 +107,7 @@ class AsioLoop
     {
         return Channel().RegisterIOContext(io, context, std::move(function));
     }
-    bool Run(const Condition& done)
-    {
-        return RunUntil(io, done);
-    }
+    bool Run(const Condition& done) { return RunUntil(io, done); }
 
     boost::asio::io_context io;
 
@@ -143,11 +128,7 @@ class PollLoop
     }
     bool Run(const Condition& done)
     {
-        return PollUntil(fd, done,
-                         [this]
-                         {
-                             return OneWayChannel_Process(fd) == 0;
-                         });
+        return PollUntil(fd, done, [this] { return OneWayChannel_Process(fd) == 0; });
     }
 
     int fd = -1;
@@ -172,16 +153,8 @@ inline void Drain()
     bool done = false;
     PollLoop loop;
     loop.Register(nullptr);
-    Post(
-        [&]
-        {
-            done = true;
-        });
-    EXPECT_TRUE(loop.Run(
-        [&]
-        {
-            return done && TriggerBytes() == 0;
-        }));
+    Post([&] { done = true; });
+    EXPECT_TRUE(loop.Run([&] { return done && TriggerBytes() == 0; }));
 }
 
 } // namespace test

@@ -17,10 +17,7 @@ class NoDescriptors
         none.rlim_cur = 0;
         setrlimit(RLIMIT_NOFILE, &none);
     }
-    ~NoDescriptors()
-    {
-        setrlimit(RLIMIT_NOFILE, &before_);
-    }
+    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
     NoDescriptors(const NoDescriptors&) = delete;
     NoDescriptors& operator=(const NoDescriptors&) = delete;
 

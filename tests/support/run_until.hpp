@@ -21,10 +21,7 @@ using Condition = std::function<bool()>;
 class Deadline
 {
   public:
-    bool Passed() const
-    {
-        return std::chrono::steady_clock::now() > end;
-    }
+    bool Passed() const { return std::chrono::steady_clock::now() > end; }
 
   private:
     std::chrono::steady_clock::time_point end =
@@ -47,11 +44,7 @@ bool RunTurns(const Condition& done, Turn turn)
 
 inline bool RunUntil(sd_event* loop, const Condition& done)
 {
-    return RunTurns(done,
-                    [&]
-                    {
-                        return sd_event_run(loop, 10000) >= 0;
-                    });
+    return RunTurns(done, [&] { return sd_event_run(loop, 10000) >= 0; });
 }
 
 inline bool RunUntil(boost::asio::io_context& io, const Condition& done)
@@ -73,12 +66,7 @@ inline bool RunUntil(zloop_t* loop, const Condition& done)
                     [&]
                     {
                         const int timer = zloop_timer(
-                            loop, 2, 1,
-                            [](zloop_t*, int, void*)
-                            {
-                                return -1;
-                            },
-                            nullptr);
+                            loop, 2, 1, [](zloop_t*, int, void*) { return -1; }, nullptr);
                         zloop_start(loop);
                         return zloop_timer_end(loop, timer) == 0;
                     });

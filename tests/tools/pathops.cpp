@@ -134,30 +134,10 @@ TEST(PathOps, RefusesNullPointers)
     const char* null = nullptr;
     const auto refused = testing::ThrowsMessage<std::logic_error>(
         "basic_string: construction from null is not valid");
-    EXPECT_THAT(
-        [&]
-        {
-            DBU_std_key_to_dbus_path_fragment(null);
-        },
-        refused);
-    EXPECT_THAT(
-        [&]
-        {
-            DBU_insert_key(null, "k");
-        },
-        refused);
-    EXPECT_THAT(
-        [&]
-        {
-            DBU_insert_key("/p", null);
-        },
-        refused);
-    EXPECT_THAT(
-        [&]
-        {
-            DBU_insert_key(null, "k"s);
-        },
-        refused);
+    EXPECT_THAT([&] { DBU_std_key_to_dbus_path_fragment(null); }, refused);
+    EXPECT_THAT([&] { DBU_insert_key(null, "k"); }, refused);
+    EXPECT_THAT([&] { DBU_insert_key("/p", null); }, refused);
+    EXPECT_THAT([&] { DBU_insert_key(null, "k"s); }, refused);
 }
 
 // Anything that grows faster than the length, or recurses once per byte, does not come back here.

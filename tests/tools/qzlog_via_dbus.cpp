@@ -98,10 +98,7 @@ class EventLog : public testing::Test
                test::CountLog(5, 300, "Log", "method_status=0") == 1;
     }
 
-    std::string Received() const
-    {
-        return daemon.Calls(method).back().Arguments();
-    }
+    std::string Received() const { return daemon.Calls(method).back().Arguments(); }
 
     PrivateBus bus;
     FakeService daemon{{name}};
@@ -281,9 +278,7 @@ TEST_F(EventLog, CarriesLongTexts)
 class EventLogOnANarrowBus : public EventLog
 {
   protected:
-    EventLogOnANarrowBus() : EventLog({.pendingRepliesPerConnection = 1})
-    {
-    }
+    EventLogOnANarrowBus() : EventLog({.pendingRepliesPerConnection = 1}) {}
 };
 
 TEST_F(EventLogOnANarrowBus, TellsWhenTheBusRefuses)

@@ -76,10 +76,7 @@ class ScopedTimer : public testing::Test
         test::ClearLog();
         readings = 0;
     }
-    ~ScopedTimer() override
-    {
-        clockReadings.clear();
-    }
+    ~ScopedTimer() override { clockReadings.clear(); }
 
     // The next measurement takes this long.
     static void Takes(long usec)
@@ -137,9 +134,7 @@ TEST_F(ScopedTimer, LabelsAFileByWhatFollowsItsLastSlash)
 TEST_F(ScopedTimer, HoldsMoreThanThirtyTwoBitsAndShowsWhatALongCan)
 {
     const auto shown = [](int64_t usec)
-    {
-        return std::to_string(std::min<int64_t>(usec, std::numeric_limits<long>::max()));
-    };
+    { return std::to_string(std::min<int64_t>(usec, std::numeric_limits<long>::max())); };
     clockReadings = {{1, 0}, {1'000'000, 0}};
     ScopedTimerCInfo* info = ScopedTimerCLogInfoBuild(99'999'999'999, 1, "f.c", 1, "f");
     ScopedTimerCLogInfoRelease(&info);

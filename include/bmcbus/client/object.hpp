@@ -8,8 +8,8 @@
  * For generated code. Nothing here blocks unless it says so.
  */
 
-#include <bmcbus/refs.hpp>
 #include <bmcbus/client/type.hpp>
+#include <bmcbus/refs.hpp>
 
 #include <algorithm>
 #include <concepts>
@@ -42,14 +42,8 @@ struct Interface
     Alternatives alternatives; ///< of its property-value variant
     const VariantType* variant;
 
-    const char* NameOf(const Property& property) const
-    {
-        return property_names + property.name;
-    }
-    const Type& TypeOf(const Property& property) const
-    {
-        return *alternatives[property.type];
-    }
+    const char* NameOf(const Property& property) const { return property_names + property.name; }
+    const Type& TypeOf(const Property& property) const { return *alternatives[property.type]; }
 };
 
 /** Where an object keeps a property or a signal argument. */
@@ -66,28 +60,17 @@ struct Fields
     std::span<const Field> list;
     Alternatives types;
 
-    const Type& TypeOf(const Field& field) const
-    {
-        return *types[field.type];
-    }
+    const Type& TypeOf(const Field& field) const { return *types[field.type]; }
 };
 
 /** A property's number, and whether the operation on it takes the object's mutex. */
 class Which
 {
   public:
-    constexpr Which(uint32_t property, bool lock) : bits_(property << 1U | (lock ? 1U : 0U))
-    {
-    }
+    constexpr Which(uint32_t property, bool lock) : bits_(property << 1U | (lock ? 1U : 0U)) {}
 
-    constexpr uint32_t property() const
-    {
-        return bits_ >> 1U;
-    }
-    constexpr bool lock() const
-    {
-        return (bits_ & 1U) != 0;
-    }
+    constexpr uint32_t property() const { return bits_ >> 1U; }
+    constexpr bool lock() const { return (bits_ & 1U) != 0; }
 
   private:
     uint32_t bits_;
@@ -134,21 +117,13 @@ struct Description;
 class BMCBUS_EXPORT Anchor
 {
   public:
-    Anchor(void* object, const Description& about) : object_(object), about_(&about)
-    {
-    }
+    Anchor(void* object, const Description& about) : object_(object), about_(&about) {}
     ~Anchor();
     Anchor(const Anchor&) = delete;
     Anchor& operator=(const Anchor&) = delete;
 
-    void* object() const
-    {
-        return object_;
-    }
-    const Description& about() const
-    {
-        return *about_;
-    }
+    void* object() const { return object_; }
+    const Description& about() const { return *about_; }
 
     /** Keeps a request that is under way. */
     BMCBUS_LOCAL void Await(Slot request);
@@ -164,10 +139,7 @@ class BMCBUS_EXPORT Anchor
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
 
-        bool gone() const
-        {
-            return anchor_ == nullptr;
-        }
+        bool gone() const { return anchor_ == nullptr; }
 
       private:
         friend Anchor;

@@ -69,41 +69,14 @@ template <class T>
 inline constexpr Type typeOf = {
     .signature = Wire<T>::signature.c_str(),
     .size = sizeof(T),
-    .construct =
-        [](void* at)
-    {
-        ::new (at) T{};
-    },
-    .destroy =
-        [](void* value)
-    {
-        std::destroy_at(static_cast<T*>(value));
-    },
-    .clear =
-        [](void* value)
-    {
-        detail::Clear(detail::As<T>(value));
-    },
-    .copy =
-        [](void* to, const void* from)
-    {
-        detail::As<T>(to) = detail::As<T>(from);
-    },
-    .move =
-        [](void* to, void* from)
-    {
-        detail::As<T>(to) = std::move(detail::As<T>(from));
-    },
-    .read =
-        [](sd_bus_message* message, void* value)
-    {
-        Read(message, detail::As<T>(value));
-    },
-    .append =
-        [](sd_bus_message* message, const void* value)
-    {
-        Append(message, detail::As<T>(value));
-    },
+    .construct = [](void* at) { ::new (at) T{}; },
+    .destroy = [](void* value) { std::destroy_at(static_cast<T*>(value)); },
+    .clear = [](void* value) { detail::Clear(detail::As<T>(value)); },
+    .copy = [](void* to, const void* from) { detail::As<T>(to) = detail::As<T>(from); },
+    .move = [](void* to, void* from) { detail::As<T>(to) = std::move(detail::As<T>(from)); },
+    .read = [](sd_bus_message* message, void* value) { Read(message, detail::As<T>(value)); },
+    .append = [](sd_bus_message* message, const void* value)
+    { Append(message, detail::As<T>(value)); },
 };
 
 /** A borrowed value; `type` is null for a variant without a value. */
@@ -153,12 +126,7 @@ ConstRef Held(const std::variant<T...>& variant)
     {
         return {};
     }
-    return std::visit(
-        [](const auto& value)
-        {
-            return RefTo(value);
-        },
-        variant);
+    return std::visit([](const auto& value) { return RefTo(value); }, variant);
 }
 
 namespace detail
@@ -185,11 +153,7 @@ inline constexpr VariantType variantOf = {
         detail::StoreAlternative<Variant>(variant, index, value,
                                           std::make_index_sequence<std::variant_size_v<Variant>>{});
     },
-    .held =
-        [](const void* variant)
-    {
-        return Held(detail::As<Variant>(variant));
-    },
+    .held = [](const void* variant) { return Held(detail::As<Variant>(variant)); },
 };
 
 } // namespace bmcbus::client

@@ -36,9 +36,7 @@ struct bus
      *
      * @throws std::logic_error for a dead connection or one inherited over fork()
      */
-    explicit bus(sd_bus* b) : bus(sd_bus_ref(b), std::false_type())
-    {
-    }
+    explicit bus(sd_bus* b) : bus(sd_bus_ref(b), std::false_type()) {}
 
     /** The same, adopting the caller's reference, also when it throws. */
     bus(sd_bus* b, std::false_type) : raw(b)
@@ -79,10 +77,7 @@ struct bus
     }
 
     /** Whether the destructor sends what is queued and closes the connection. */
-    void set_should_close(bool should) noexcept
-    {
-        should_close = should;
-    }
+    void set_should_close(bool should) noexcept { should_close = should; }
 
     /** @throws sdbusplus::exception::SdBusError for an empty or malformed argument */
     message::message new_method_call(const char* service, const char* path, const char* interface,
@@ -118,10 +113,7 @@ struct bus
     }
 
     /** The name that the daemon gave the connection, ":1.42". */
-    std::string get_unique_name()
-    {
-        return get_name();
-    }
+    std::string get_unique_name() { return get_name(); }
 
     /**
      * Sends, receives and handles one message, without waiting for one.
@@ -141,15 +133,9 @@ struct bus
     }
 
     /** Waits until everything queued has been written. */
-    void flush()
-    {
-        sd_bus_flush(raw);
-    }
+    void flush() { sd_bus_flush(raw); }
 
-    void close()
-    {
-        sd_bus_close(raw);
-    }
+    void close() { sd_bus_close(raw); }
 
     /** Lets an event loop handle messages. */
     void attach_event(sd_event* event, int priority)
@@ -157,22 +143,13 @@ struct bus
         check(sd_bus_attach_event(raw, event, priority), "sd_bus_attach_event");
     }
 
-    void detach_event()
-    {
-        check(sd_bus_detach_event(raw), "sd_bus_detach_event");
-    }
+    void detach_event() { check(sd_bus_detach_event(raw), "sd_bus_detach_event"); }
 
     /** Borrowed; null when no loop is attached. */
-    sd_event* get_event()
-    {
-        return sd_bus_get_event(raw);
-    }
+    sd_event* get_event() { return sd_bus_get_event(raw); }
 
   protected:
-    sd_bus* get() noexcept
-    {
-        return raw;
-    }
+    sd_bus* get() noexcept { return raw; }
 
   private:
     friend struct match::match;

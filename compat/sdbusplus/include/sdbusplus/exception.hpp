@@ -71,10 +71,7 @@ class SdBusError final : public internal_exception
     SdBusError(const SdBusError&) = delete;
     SdBusError& operator=(const SdBusError&) = delete;
 
-    SdBusError(SdBusError&& other) noexcept : text(std::move(other.text))
-    {
-        take(&other.error);
-    }
+    SdBusError(SdBusError&& other) noexcept : text(std::move(other.text)) { take(&other.error); }
 
     SdBusError& operator=(SdBusError&& other) noexcept
     {
@@ -87,37 +84,19 @@ class SdBusError final : public internal_exception
         return *this;
     }
 
-    ~SdBusError() override
-    {
-        sd_bus_error_free(&error);
-    }
+    ~SdBusError() override { sd_bus_error_free(&error); }
 
-    const char* name() const noexcept override
-    {
-        return error.name;
-    }
+    const char* name() const noexcept override { return error.name; }
 
-    const char* description() const noexcept override
-    {
-        return error.message;
-    }
+    const char* description() const noexcept override { return error.message; }
 
-    int get_errno() const noexcept override
-    {
-        return sd_bus_error_get_errno(&error);
-    }
+    int get_errno() const noexcept override { return sd_bus_error_get_errno(&error); }
 
     /** Prefix, name and message, as far as present, joined by ": ". */
-    const char* what() const noexcept override
-    {
-        return text.c_str();
-    }
+    const char* what() const noexcept override { return text.c_str(); }
 
     /** The error itself, owned by this object. */
-    const sd_bus_error* get_error() const noexcept
-    {
-        return &error;
-    }
+    const sd_bus_error* get_error() const noexcept { return &error; }
 
   private:
     // The bytes move: nothing of an sd_bus_error refers to where it lies.

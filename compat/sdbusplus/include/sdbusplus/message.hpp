@@ -35,18 +35,12 @@ class message
 {
   public:
     /** Takes one more reference. */
-    explicit message(sd_bus_message* m = nullptr) : raw(sd_bus_message_ref(m))
-    {
-    }
+    explicit message(sd_bus_message* m = nullptr) : raw(sd_bus_message_ref(m)) {}
 
     /** Adopts the caller's reference. */
-    message(sd_bus_message* m, std::false_type) : raw(m)
-    {
-    }
+    message(sd_bus_message* m, std::false_type) : raw(m) {}
 
-    message(const message& other) : raw(sd_bus_message_ref(other.raw.get()))
-    {
-    }
+    message(const message& other) : raw(sd_bus_message_ref(other.raw.get())) {}
 
     message& operator=(const message& other)
     {
@@ -58,22 +52,13 @@ class message
     message& operator=(message&&) noexcept = default;
     ~message() = default;
 
-    explicit operator bool() const noexcept
-    {
-        return raw != nullptr;
-    }
+    explicit operator bool() const noexcept { return raw != nullptr; }
 
     /** Borrowed. */
-    sd_bus_message* get() const noexcept
-    {
-        return raw.get();
-    }
+    sd_bus_message* get() const noexcept { return raw.get(); }
 
     /** Hands the reference to the caller. */
-    sd_bus_message* release() noexcept
-    {
-        return raw.release();
-    }
+    sd_bus_message* release() noexcept { return raw.release(); }
 
     /** Appends the values; failures go unnoticed. */
     template <typename... T>
@@ -97,49 +82,22 @@ class message
     sdbusplus::bus::bus get_bus() const;
 
     /** Signature of the whole body. */
-    const char* get_signature() const
-    {
-        return sd_bus_message_get_signature(get(), 1);
-    }
-    const char* get_path() const
-    {
-        return sd_bus_message_get_path(get());
-    }
-    const char* get_interface() const
-    {
-        return sd_bus_message_get_interface(get());
-    }
-    const char* get_member() const
-    {
-        return sd_bus_message_get_member(get());
-    }
-    const char* get_sender() const
-    {
-        return sd_bus_message_get_sender(get());
-    }
-    const char* get_destination() const
-    {
-        return sd_bus_message_get_destination(get());
-    }
+    const char* get_signature() const { return sd_bus_message_get_signature(get(), 1); }
+    const char* get_path() const { return sd_bus_message_get_path(get()); }
+    const char* get_interface() const { return sd_bus_message_get_interface(get()); }
+    const char* get_member() const { return sd_bus_message_get_member(get()); }
+    const char* get_sender() const { return sd_bus_message_get_sender(get()); }
+    const char* get_destination() const { return sd_bus_message_get_destination(get()); }
 
-    bool is_method_error() const
-    {
-        return sd_bus_message_is_method_error(get(), nullptr) > 0;
-    }
+    bool is_method_error() const { return sd_bus_message_is_method_error(get(), nullptr) > 0; }
 
     /** The error of an error reply, owned by the message; null for other messages. */
-    const sd_bus_error* get_error() const
-    {
-        return sd_bus_message_get_error(get());
-    }
+    const sd_bus_error* get_error() const { return sd_bus_message_get_error(get()); }
 
   private:
     struct unref
     {
-        void operator()(sd_bus_message* m) const
-        {
-            sd_bus_message_unref(m);
-        }
+        void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
     };
 
     std::unique_ptr<sd_bus_message, unref> raw;

@@ -38,9 +38,7 @@ class unique_function<Result(Arguments...)>
   public:
     unique_function() noexcept = default;
 
-    unique_function(std::nullptr_t) noexcept
-    {
-    }
+    unique_function(std::nullptr_t) noexcept {}
 
     /** Takes @p target over. Empty when it is a null pointer or an empty function. */
     template <typename Target>
@@ -60,10 +58,7 @@ class unique_function<Result(Arguments...)>
         held = std::make_unique<model<Stored>>(std::move(stored));
     }
 
-    explicit operator bool() const noexcept
-    {
-        return held != nullptr;
-    }
+    explicit operator bool() const noexcept { return held != nullptr; }
 
     /** @throws std::bad_function_call when empty */
     Result operator()(Arguments... arguments)
@@ -85,9 +80,7 @@ class unique_function<Result(Arguments...)>
     template <typename Stored>
     struct model final : base
     {
-        explicit model(Stored&& from) : target(std::move(from))
-        {
-        }
+        explicit model(Stored&& from) : target(std::move(from)) {}
 
         Result call(Arguments... arguments) override
         {

@@ -22,18 +22,12 @@ class Event
 {
   public:
     /** Takes one more reference. */
-    explicit Event(sd_event* e) : raw(sd_event_ref(e))
-    {
-    }
+    explicit Event(sd_event* e) : raw(sd_event_ref(e)) {}
 
     /** Adopts the caller's reference. */
-    Event(sd_event* e, std::false_type) : raw(e)
-    {
-    }
+    Event(sd_event* e, std::false_type) : raw(e) {}
 
-    Event(const Event& other) : Event(other.get())
-    {
-    }
+    Event(const Event& other) : Event(other.get()) {}
 
     Event& operator=(const Event& other)
     {
@@ -62,21 +56,12 @@ class Event
     }
 
     /** Borrowed. */
-    sd_event* get() const noexcept
-    {
-        return raw.get();
-    }
+    sd_event* get() const noexcept { return raw.get(); }
 
     /** Runs until exit(), whose code it gives back. */
-    int loop() const
-    {
-        return check(sd_event_loop(get()), "sd_event_loop");
-    }
+    int loop() const { return check(sd_event_loop(get()), "sd_event_loop"); }
 
-    void exit(int code) const
-    {
-        check(sd_event_exit(get(), code), "sd_event_exit");
-    }
+    void exit(int code) const { check(sd_event_exit(get(), code), "sd_event_exit"); }
 
   private:
     static int check(int result, const char* call)
@@ -90,10 +75,7 @@ class Event
 
     struct unref
     {
-        void operator()(sd_event* e) const
-        {
-            sd_event_unref(e);
-        }
+        void operator()(sd_event* e) const { sd_event_unref(e); }
     };
 
     std::unique_ptr<sd_event, unref> raw;

@@ -34,10 +34,7 @@ struct WireMessage
     std::vector<Value> values; /**< the body */
 
     /** Signature and body as busctl prints them: `ss "com.example.Fans" "fanCount"`. */
-    std::string Body() const
-    {
-        return TextOf(values);
-    }
+    std::string Body() const { return TextOf(values); }
     /** The whole message on a line, for comparing and for failure messages. */
     std::string Text() const;
 };

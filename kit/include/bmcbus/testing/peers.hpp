@@ -42,15 +42,9 @@ class Peers
     Peers& operator=(const Peers&) = delete;
 
     /** The end that calls, borrowed. */
-    sd_bus* Client() const
-    {
-        return client;
-    }
+    sd_bus* Client() const { return client; }
     /** The end that answers, borrowed. */
-    sd_bus* Server() const
-    {
-        return server;
-    }
+    sd_bus* Server() const { return server; }
 
     /** Processes both ends until @p done gives true; false when nothing is left to process. */
     bool Pump(const std::function<bool()>& done) const;

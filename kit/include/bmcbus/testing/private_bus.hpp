@@ -24,15 +24,9 @@ struct BusLimits
     unsigned int namesPerConnection = 512;          /**< RequestName is refused beyond */
 
     /** What a system bus allows as it is installed. */
-    static BusLimits Stock()
-    {
-        return {};
-    }
+    static BusLimits Stock() { return {}; }
     /** So much that no test meets a limit. */
-    static BusLimits Roomy()
-    {
-        return {50000, 50000, 50000, 50000};
-    }
+    static BusLimits Roomy() { return {50000, 50000, 50000, 50000}; }
 };
 
 /**
@@ -73,16 +67,10 @@ class PrivateBus
     PrivateBus& operator=(const PrivateBus&) = delete;
 
     /** Where the daemon listens, as in DBUS_SYSTEM_BUS_ADDRESS. The same after Restart(). */
-    const std::string& Address() const
-    {
-        return address;
-    }
+    const std::string& Address() const { return address; }
 
     /** The temporary folder; tests may keep files there. */
-    const std::filesystem::path& Folder() const
-    {
-        return folder;
-    }
+    const std::filesystem::path& Folder() const { return folder; }
 
     /** Ends the daemon at once: every connection is lost, connecting fails. */
     void Kill();

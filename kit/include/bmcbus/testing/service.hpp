@@ -62,10 +62,7 @@ struct Call
     std::vector<Value> arguments; /**< in order */
 
     /** Signature and arguments as `busctl call` takes them: `ss "com.example.Fans" "fanCount"`. */
-    std::string Arguments() const
-    {
-        return TextOf(arguments);
-    }
+    std::string Arguments() const { return TextOf(arguments); }
 };
 
 /**
@@ -83,10 +80,7 @@ class CallError : public std::runtime_error
     {
     }
     /** The D-Bus error name. */
-    const std::string& Name() const
-    {
-        return errorName;
-    }
+    const std::string& Name() const { return errorName; }
 
   private:
     std::string errorName;
@@ -118,10 +112,7 @@ class Object
     ~Object();
 
     /** Where the object is. */
-    const std::string& ObjectPath() const
-    {
-        return path;
-    }
+    const std::string& ObjectPath() const { return path; }
 
     /** The names of the object's interfaces, in byte order. */
     std::vector<std::string> Interfaces() const;
@@ -292,10 +283,7 @@ class Service
     void Manage(const std::string& root);
 
     /** Well-known names, first the one given first. */
-    const std::vector<std::string>& Names() const
-    {
-        return names;
-    }
+    const std::vector<std::string>& Names() const { return names; }
 
     /** Unique name of the current connection; empty while there is none. */
     std::string UniqueName() const;

@@ -64,16 +64,10 @@ class Simulator
     void Control(const std::string& method, const std::vector<Value>& arguments = {}) const;
 
     /** What it has printed: the entries filed in its event log, for example. */
-    std::string Output() const
-    {
-        return process.Output();
-    }
+    std::string Output() const { return process.Output(); }
 
     /** Waits until a line of the output begins with @p start; false when none does. */
-    bool Says(const std::string& start) const
-    {
-        return process.Says(start);
-    }
+    bool Says(const std::string& start) const { return process.Says(start); }
 
     /** Ends it as its user would, and waits: its exit status. */
     int Stop();

@@ -149,10 +149,7 @@ class Value
     void Append(sd_bus_message* message) const;
 
     /** The type, e.g. "a{sv}". */
-    const std::string& Signature() const
-    {
-        return signature;
-    }
+    const std::string& Signature() const { return signature; }
 
     /**
      * Type and content as `busctl get-property` prints them: `as 2 "one" "two"`. What a terminal
@@ -240,18 +237,9 @@ std::string Bracketed(const char* before, std::initializer_list<std::string> typ
 template <>
 struct Codec<bool>
 {
-    static std::string Signature()
-    {
-        return "b";
-    }
-    static Value Make(bool value)
-    {
-        return {"b", value};
-    }
-    static bool Get(const Value& value)
-    {
-        return std::get<bool>(value.content);
-    }
+    static std::string Signature() { return "b"; }
+    static Value Make(bool value) { return {"b", value}; }
+    static bool Get(const Value& value) { return std::get<bool>(value.content); }
 };
 
 template <WireInteger T>
@@ -269,99 +257,48 @@ struct Codec<T>
     {
         return std::string(1, std::is_signed_v<T> ? "ynix"[width] : "yqut"[width]);
     }
-    static Value Make(T value)
-    {
-        return {Signature(), static_cast<Wire>(value)};
-    }
-    static T Get(const Value& value)
-    {
-        return static_cast<T>(std::get<Wire>(value.content));
-    }
+    static Value Make(T value) { return {Signature(), static_cast<Wire>(value)}; }
+    static T Get(const Value& value) { return static_cast<T>(std::get<Wire>(value.content)); }
 };
 
 template <>
 struct Codec<double>
 {
-    static std::string Signature()
-    {
-        return "d";
-    }
-    static Value Make(double value)
-    {
-        return {"d", value};
-    }
-    static double Get(const Value& value)
-    {
-        return std::get<double>(value.content);
-    }
+    static std::string Signature() { return "d"; }
+    static Value Make(double value) { return {"d", value}; }
+    static double Get(const Value& value) { return std::get<double>(value.content); }
 };
 
 template <>
 struct Codec<std::string>
 {
-    static std::string Signature()
-    {
-        return "s";
-    }
-    static Value Make(const std::string& value)
-    {
-        return {"s", value};
-    }
-    static std::string Get(const Value& value)
-    {
-        return std::get<std::string>(value.content);
-    }
+    static std::string Signature() { return "s"; }
+    static Value Make(const std::string& value) { return {"s", value}; }
+    static std::string Get(const Value& value) { return std::get<std::string>(value.content); }
 };
 
 template <>
 struct Codec<Path>
 {
-    static std::string Signature()
-    {
-        return "o";
-    }
-    static Value Make(const Path& value)
-    {
-        return {"o", value.text};
-    }
-    static Path Get(const Value& value)
-    {
-        return {std::get<std::string>(value.content)};
-    }
+    static std::string Signature() { return "o"; }
+    static Value Make(const Path& value) { return {"o", value.text}; }
+    static Path Get(const Value& value) { return {std::get<std::string>(value.content)}; }
 };
 
 template <>
 struct Codec<TypeSignature>
 {
-    static std::string Signature()
-    {
-        return "g";
-    }
-    static Value Make(const TypeSignature& value)
-    {
-        return {"g", value.text};
-    }
-    static TypeSignature Get(const Value& value)
-    {
-        return {std::get<std::string>(value.content)};
-    }
+    static std::string Signature() { return "g"; }
+    static Value Make(const TypeSignature& value) { return {"g", value.text}; }
+    static TypeSignature Get(const Value& value) { return {std::get<std::string>(value.content)}; }
 };
 
 template <>
 struct Codec<Value>
 {
-    static std::string Signature()
-    {
-        return "v";
-    }
-    static Value Make(const Value& value)
-    {
-        return Value::Variant(value);
-    }
-    static Value Get(const Value& value)
-    {
-        return value.Children().front();
-    }
+    static std::string Signature() { return "v"; }
+    static Value Make(const Value& value) { return Value::Variant(value); }
+    static Value Get(const Value& value) { return value.Children().front(); }
 };
 
 // What arrays of any container have in common.
@@ -370,10 +307,7 @@ struct ArrayCodec
 {
     using Element = typename Container::value_type;
 
-    static std::string Signature()
-    {
-        return Bracketed("a", {Codec<Element>::Signature()});
-    }
+    static std::string Signature() { return Bracketed("a", {Codec<Element>::Signature()}); }
     static Value Make(const Container& container)
     {
         std::vector<Value> elements;
@@ -456,23 +390,13 @@ struct Codec<std::unordered_map<K, V>> : MapCodec<std::unordered_map<K, V>>
 template <class Struct, class... T>
 struct StructCodec
 {
-    static std::string Signature()
-    {
-        return Bracketed("(", {Codec<T>::Signature()...}, ")");
-    }
+    static std::string Signature() { return Bracketed("(", {Codec<T>::Signature()...}, ")"); }
     static Value Make(const Struct& fields)
     {
         return std::apply(
-            [](const T&... field)
-            {
-                return Value::Struct({Codec<T>::Make(field)...});
-            },
-            fields);
+            [](const T&... field) { return Value::Struct({Codec<T>::Make(field)...}); }, fields);
     }
-    static Struct Get(const Value& value)
-    {
-        return Fields(value, std::index_sequence_for<T...>());
-    }
+    static Struct Get(const Value& value) { return Fields(value, std::index_sequence_for<T...>()); }
 
   private:
     template <size_t... I>
@@ -495,18 +419,11 @@ struct Codec<std::pair<A, B>> : StructCodec<std::pair<A, B>, A, B>
 template <Sendable... T>
 struct Codec<std::variant<T...>>
 {
-    static std::string Signature()
-    {
-        return "v";
-    }
+    static std::string Signature() { return "v"; }
     static Value Make(const std::variant<T...>& value)
     {
-        return Value::Variant(std::visit(
-            []<class H>(const H& held)
-            {
-                return Codec<H>::Make(held);
-            },
-            value));
+        return Value::Variant(
+            std::visit([]<class H>(const H& held) { return Codec<H>::Make(held); }, value));
     }
     static std::variant<T...> Get(const Value& value)
     {

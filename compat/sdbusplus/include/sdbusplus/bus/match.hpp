@@ -61,10 +61,7 @@ struct match
   private:
     struct unref
     {
-        void operator()(sd_bus_slot* s) const
-        {
-            sd_bus_slot_unref(s);
-        }
+        void operator()(sd_bus_slot* s) const { sd_bus_slot_unref(s); }
     };
 
     static sd_bus_slot* add(sdbusplus::bus::bus& bus, const char* rule,

@@ -87,8 +87,7 @@ void append_one(sd_bus_message* m, const T& value)
     else if constexpr (is_a<T, std::tuple>)
     {
         std::apply(
-            [m](const auto&... parts)
-            {
+            [m](const auto&... parts) {
                 append_container(m, 'r', contents<std::remove_cvref_t<decltype(parts)>...>.c_str(),
                                  parts...);
             },
@@ -97,8 +96,7 @@ void append_one(sd_bus_message* m, const T& value)
     else if constexpr (is_a<T, std::variant>)
     {
         std::visit(
-            [m](const auto& held)
-            {
+            [m](const auto& held) {
                 append_container(m, 'v', contents<std::remove_cvref_t<decltype(held)>>.c_str(),
                                  held);
             },

@@ -153,28 +153,19 @@ void read_one(sd_bus_message* m, T& value)
     {
         using Element = typename T::value_type;
         read_array<Element>(m, signature<Element>.c_str(), to_the_end,
-                            [&](Element&& element)
-                            {
-                                value.emplace_back(std::move(element));
-                            });
+                            [&](Element&& element) { value.emplace_back(std::move(element)); });
     }
     else if constexpr (keyed_by_itself<T>)
     {
         using Element = typename T::value_type;
         read_array<Element>(m, signature<Element>.c_str(), by_key,
-                            [&](Element&& element)
-                            {
-                                value.emplace(std::move(element));
-                            });
+                            [&](Element&& element) { value.emplace(std::move(element)); });
     }
     else if constexpr (keyed<T>)
     {
         using Entry = std::pair<typename T::key_type, typename T::mapped_type>;
         read_array<Entry>(m, signature<T>.c_str() + 1, by_key,
-                          [&](Entry&& entry)
-                          {
-                              value.emplace(std::move(entry));
-                          });
+                          [&](Entry&& entry) { value.emplace(std::move(entry)); });
     }
     else if constexpr (is_a<T, std::pair>)
     {
@@ -182,12 +173,7 @@ void read_one(sd_bus_message* m, T& value)
     }
     else if constexpr (is_a<T, std::tuple>)
     {
-        std::apply(
-            [m](auto&... parts)
-            {
-                read_struct(m, 'r', parts...);
-            },
-            value);
+        std::apply([m](auto&... parts) { read_struct(m, 'r', parts...); }, value);
     }
     else
     {

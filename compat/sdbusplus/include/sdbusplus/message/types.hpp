@@ -39,20 +39,11 @@ struct object_path
     object_path& operator=(object_path&&) = default;
     ~object_path() = default;
 
-    object_path(const char* text) : str(text)
-    {
-    }
-    object_path(const std::string& text) : str(text)
-    {
-    }
-    object_path(std::string&& text) noexcept : str(std::move(text))
-    {
-    }
+    object_path(const char* text) : str(text) {}
+    object_path(const std::string& text) : str(text) {}
+    object_path(std::string&& text) noexcept : str(std::move(text)) {}
 
-    operator const std::string&() const noexcept
-    {
-        return str;
-    }
+    operator const std::string&() const noexcept { return str; }
 
     friend bool operator==(const object_path&, const object_path&) = default;
     // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy takes the comparison with 0 for a pointer
@@ -105,10 +96,7 @@ struct signature_text
 {
     char data[n + 1] = {};
 
-    constexpr const char* c_str() const noexcept
-    {
-        return data;
-    }
+    constexpr const char* c_str() const noexcept { return data; }
 };
 
 template <std::size_t... n>

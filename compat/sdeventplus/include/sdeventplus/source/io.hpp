@@ -56,9 +56,7 @@ class IO
         static_cast<void>(kept.release());
     }
 
-    IO(const IO& other) : raw(sd_event_source_ref(other.get()))
-    {
-    }
+    IO(const IO& other) : raw(sd_event_source_ref(other.get())) {}
 
     IO& operator=(const IO& other)
     {
@@ -71,15 +69,10 @@ class IO
     ~IO() = default;
 
     /** Borrowed. */
-    sd_event_source* get() const noexcept
-    {
-        return raw.get();
-    }
+    sd_event_source* get() const noexcept { return raw.get(); }
 
   private:
-    explicit IO(sd_event_source* existing) : raw(sd_event_source_ref(existing))
-    {
-    }
+    explicit IO(sd_event_source* existing) : raw(sd_event_source_ref(existing)) {}
 
     static int run(sd_event_source* existing, int fd, std::uint32_t revents, void* data)
     {
@@ -99,17 +92,11 @@ class IO
         return 0;
     }
 
-    static void drop(void* data)
-    {
-        delete static_cast<Callback*>(data);
-    }
+    static void drop(void* data) { delete static_cast<Callback*>(data); }
 
     struct unref
     {
-        void operator()(sd_event_source* s) const
-        {
-            sd_event_source_unref(s);
-        }
+        void operator()(sd_event_source* s) const { sd_event_source_unref(s); }
     };
 
     std::unique_ptr<sd_event_source, unref> raw;
