@@ -1,3 +1,5 @@
+#include "service_link.hpp"
+
 #include <bmcbus/testing/fake_service.hpp>
 
 #include <algorithm>
@@ -9,6 +11,12 @@ FaultRule::FaultRule(FakeService& owner, std::string member, std::string argumen
 {
     rule.member = std::move(member);
     rule.argument = std::move(argument);
+}
+
+FaultRule& FaultRule::At(const std::string& path)
+{
+    rule.path = path;
+    return *this;
 }
 
 FaultRule& FaultRule::Once()
@@ -80,7 +88,7 @@ FakeService::FakeService(const std::string& name, const std::string& path,
                          const std::vector<std::string>& interfaces, const NamedValues& values) :
     FakeService(std::vector<std::string>{name})
 {
-    first = &AddObject(path, interfaces, values);
+    AddObject(path, interfaces, values);
 }
 
 FakeService::~FakeService()
@@ -91,16 +99,15 @@ FakeService::~FakeService()
 
 Object* FakeService::operator->()
 {
-    if (first == nullptr)
-    {
-        const std::vector<std::string> paths = Paths();
-        if (paths.empty())
+    return OnThread(
+        [this]
         {
-            throw std::invalid_argument("the service has no object");
-        }
-        first = &ObjectAt(paths.front());
-    }
-    return first;
+            if (first.empty())
+            {
+                throw std::invalid_argument("the service has no object");
+            }
+            return &ObjectAt(first);
+        });
 }
 
 FaultRule FakeService::On(const std::string& member, const std::string& argument)

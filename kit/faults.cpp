@@ -48,8 +48,12 @@ void Faults::Add(Rule rule)
     {
         CheckError(rule.errorName, rule.errorText);
     }
-    rules.remove_if([&](const Rule& other)
-                    { return other.member == rule.member && other.argument == rule.argument; });
+    rules.remove_if(
+        [&](const Rule& other)
+        {
+            return other.member == rule.member && other.argument == rule.argument &&
+                   other.path == rule.path;
+        });
     rules.push_front(std::move(rule));
 }
 
@@ -60,7 +64,8 @@ void Faults::Remove(const std::string& member)
 
 bool Faults::Fits(const Rule& rule, const Call& call) const
 {
-    if (rule.member != "*" && rule.member != call.member)
+    if ((rule.member != "*" && rule.member != call.member) ||
+        (!rule.path.empty() && rule.path != call.path))
     {
         return false;
     }

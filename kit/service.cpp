@@ -20,6 +20,21 @@ void AnswerFailure(sd_bus_message* call, const std::string& name, const std::str
     }
 }
 
+void CheckPath(const std::string& path)
+{
+    if (sd_bus_object_path_is_valid(path.c_str()) <= 0)
+    {
+        throw std::invalid_argument("no object path: \"" + path + "\"");
+    }
+}
+
+// Every service lets another one of the kit take its names.
+void Ask(sd_bus* bus, const std::string& name, uint64_t flags)
+{
+    Check(sd_bus_request_name(bus, name.c_str(), SD_BUS_NAME_ALLOW_REPLACEMENT | flags),
+          "request name " + name);
+}
+
 } // namespace
 
 // --- connection ---------------------------------------------------------------------------------
@@ -47,7 +62,7 @@ void Service::Link::Connect()
     Owned<sd_bus_slot> freshFilter(slot);
     for (const std::string& name : service.names)
     {
-        Check(sd_bus_request_name(raw, name.c_str(), 0), "request name " + name);
+        Ask(raw, name, 0);
     }
     Check(sd_bus_attach_event(raw, loop->Event(), SD_EVENT_PRIORITY_NORMAL), "sd_bus_attach_event");
     bus = std::move(fresh);
@@ -231,14 +246,25 @@ void Service::ReleaseName(const std::string& name)
         });
 }
 
-void Service::RequestName(const std::string& name)
+void Service::AskForName(const std::string& name, uint64_t flags)
 {
     OnThread(
         [&]
         {
-            Check(sd_bus_request_name(link->Bus(), name.c_str(), 0), "request name " + name);
+            Ask(link->Bus(), name, flags);
+            std::erase(names, name);
             names.push_back(name);
         });
+}
+
+void Service::RequestName(const std::string& name)
+{
+    AskForName(name, 0);
+}
+
+void Service::TakeName(const std::string& name)
+{
+    AskForName(name, SD_BUS_NAME_REPLACE_EXISTING);
 }
 
 void Service::Intercept(Interceptor sees)
@@ -287,10 +313,7 @@ Object& Service::AddObject(const std::string& path, std::vector<InterfaceDescrip
     return OnThread(
         [&]() -> Object&
         {
-            if (sd_bus_object_path_is_valid(path.c_str()) <= 0)
-            {
-                throw std::invalid_argument("no object path: \"" + path + "\"");
-            }
+            CheckPath(path);
             if (objects.contains(path))
             {
                 throw std::invalid_argument("there is an object at " + path + " already");
@@ -302,6 +325,7 @@ Object& Service::AddObject(const std::string& path, std::vector<InterfaceDescrip
             }
             object->Store(values);
             Object& added = *objects.emplace(path, std::move(object)).first->second;
+            first = first.empty() ? path : first;
             added.SendAdded(added.AllInterfaces());
             return added;
         });
@@ -313,12 +337,7 @@ void Service::RemoveObject(const std::string& path)
         [&]
         {
             Object& object = ObjectAt(path);
-            std::vector<std::string> interfaces;
-            for (const auto& [name, slot] : object.slots)
-            {
-                interfaces.push_back(name);
-            }
-            object.EmitInterfacesRemoved(interfaces);
+            object.SendRemoved(object.Interfaces());
             objects.erase(path);
         });
 }
@@ -353,10 +372,20 @@ std::vector<std::string> Service::Paths() const
 
 void Service::Manage(const std::string& root)
 {
-    OnThread([&] { managers.push_back(root); });
+    OnThread(
+        [&]
+        {
+            CheckPath(root);
+            managers.insert(root);
+        });
 }
 
-std::string Service::ManagerOf(const std::string& path) const
+void Service::Unmanage(const std::string& root)
+{
+    OnThread([&] { managers.erase(root); });
+}
+
+std::string Service::ManagerAbove(const std::string& path) const
 {
     std::string nearest;
     for (const std::string& root : managers)

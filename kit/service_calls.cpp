@@ -198,19 +198,14 @@ std::vector<Value> CallAnswer::GetAllProperties()
 
 std::vector<Value> CallAnswer::ManagedObjects()
 {
-    std::vector<std::pair<Value, Value>> managed;
-    bool manager = false;
-    for (const std::string& root : service.managers)
-    {
-        manager = manager || root == call.path;
-    }
-    if (!manager)
+    if (!service.managers.contains(call.path))
     {
         throw CallError(SD_BUS_ERROR_UNKNOWN_METHOD, "No object manager at " + call.path + ".");
     }
+    std::vector<std::pair<Value, Value>> managed;
     for (const auto& [path, object] : service.objects)
     {
-        if (service.ManagerOf(path) == call.path)
+        if (service.ManagerAbove(path) == call.path)
         {
             managed.emplace_back(Path{path}, object->AllInterfaces());
         }
@@ -230,10 +225,7 @@ std::vector<Value> CallAnswer::Introspect()
             interfaces += slot.description.xml;
         }
     }
-    for (const std::string& root : service.managers)
-    {
-        interfaces += root == call.path ? managerDescription : "";
-    }
+    interfaces += service.managers.contains(call.path) ? managerDescription : "";
     const std::string below = call.path == "/" ? "/" : call.path + "/";
     std::set<std::string> children;
     for (const auto& [path, other] : service.objects)

@@ -152,6 +152,23 @@ void Object::Set(const NamedValues& values)
     service.OnThread([&] { Announce(Store(values)); });
 }
 
+void Object::Invalidate(const NamedValues& values)
+{
+    service.OnThread(
+        [&]
+        {
+            for (const auto& [interface, changed] : Store(values))
+            {
+                std::vector<std::string> names;
+                for (const auto& [name, value] : changed)
+                {
+                    names.push_back(name);
+                }
+                EmitPropertiesChanged(interface, {}, names);
+            }
+        });
+}
+
 void Object::SetQuietly(const NamedValues& values)
 {
     service.OnThread([&] { Store(values); });
@@ -258,23 +275,46 @@ void Object::EmitPropertiesChanged(const std::string& interface, const NamedValu
             {interface, AsPropertyMap(changed), invalidated});
 }
 
+std::string Object::Manager() const
+{
+    return service.managers.contains(path) ? path : service.ManagerAbove(path);
+}
+
+void Object::SendFromManager(const char* signal, const Value& interfaces)
+{
+    const std::string manager = Manager();
+    if (!manager.empty() && service.link->Up())
+    {
+        service.EmitRaw(manager, managerInterface, signal, {Path{path}, interfaces});
+    }
+}
+
 void Object::SendAdded(const Value& interfaces)
 {
-    if (!service.link->Up())
+    SendFromManager("InterfacesAdded", interfaces);
+}
+
+void Object::SendRemoved(const std::vector<std::string>& interfaces)
+{
+    SendFromManager("InterfacesRemoved", interfaces);
+}
+
+void Object::RequireManager() const
+{
+    if (Manager().empty())
     {
-        return;
-    }
-    const std::vector<Value> arguments{Path{path}, interfaces};
-    EmitRaw(managerInterface, "InterfacesAdded", arguments);
-    if (const std::string manager = service.ManagerOf(path); !manager.empty())
-    {
-        service.EmitRaw(manager, managerInterface, "InterfacesAdded", arguments);
+        Refuse("no object manager at or above it announces it, see Service::Manage()");
     }
 }
 
 void Object::EmitInterfacesAdded()
 {
-    service.OnThread([&] { SendAdded(AllInterfaces()); });
+    service.OnThread(
+        [&]
+        {
+            RequireManager();
+            SendAdded(AllInterfaces());
+        });
 }
 
 void Object::EmitInterfacesRemoved(const std::vector<std::string>& interfaces)
@@ -282,16 +322,8 @@ void Object::EmitInterfacesRemoved(const std::vector<std::string>& interfaces)
     service.OnThread(
         [&]
         {
-            if (!service.link->Up())
-            {
-                return;
-            }
-            const std::vector<Value> arguments{Path{path}, interfaces};
-            EmitRaw(managerInterface, "InterfacesRemoved", arguments);
-            if (const std::string manager = service.ManagerOf(path); !manager.empty())
-            {
-                service.EmitRaw(manager, managerInterface, "InterfacesRemoved", arguments);
-            }
+            RequireManager();
+            SendRemoved(interfaces);
         });
 }
 
@@ -319,7 +351,7 @@ void Object::RemoveInterface(const std::string& interface)
             {
                 Refuse("it has no interface " + interface);
             }
-            EmitInterfacesRemoved({interface});
+            SendRemoved({interface});
         });
 }
 

@@ -3,8 +3,8 @@
 namespace simulator
 {
 
-Debug::Debug(const Model& machine, sd_event* loop) :
-    Part("com.tamm.bmc.Debug", loop),
+Debug::Debug(const Model& machine, const Setting& setting) :
+    Part("com.tamm.bmc.Debug", "/", setting),
     model(machine),
     object(Add("/com/tamm/bmc/debug", "com.tamm.bmc.debug.dataorigin",
                {{"originstring", "simulator"}, {"debugproperty", "nothing yet"}}))

@@ -11,7 +11,7 @@ namespace simulator
 class Debug : public Part
 {
   public:
-    Debug(const Model& machine, sd_event* loop);
+    Debug(const Model& machine, const Setting& setting);
     void Publish() override;
 
   private:

@@ -17,10 +17,10 @@ void Check(int result, const char* call)
 }
 
 template <class... P>
-std::vector<std::unique_ptr<Part>> Build(Model& model, sd_event* loop)
+std::vector<std::unique_ptr<Part>> Build(Model& model, const Setting& setting)
 {
     std::vector<std::unique_ptr<Part>> parts;
-    (parts.push_back(std::make_unique<P>(model, loop)), ...);
+    (parts.push_back(std::make_unique<P>(model, setting)), ...);
     return parts;
 }
 
@@ -30,7 +30,8 @@ Machine::Machine(const Options& chosen, sd_event* event) :
     options(chosen),
     loop(event),
     model(chosen.seed),
-    parts(Build<Thermal, Power, Processors, Memory, Network, Debug>(model, event)),
+    parts(Build<Thermal, Power, Processors, Memory, Network, Debug>(model,
+                                                                    {event, chosen.ownManagers})),
     mapper(chosen.mapper ? std::make_unique<Mapper>(Services(), event) : nullptr),
     control(
         Services(), [this] { Step(); }, event)

@@ -23,6 +23,7 @@ struct Options
     uint32_t period = 1000; // milliseconds; 0: time stands still but for Step calls
     uint32_t seed = 1;
     bool mapper = true;
+    bool ownManagers = false; // objects announce themselves from their own paths
 };
 
 class Machine

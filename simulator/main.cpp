@@ -85,6 +85,9 @@ int main(int argc, char** argv)
     app.add_option("--seed", options.seed,
                    "Start of the random numbers (1): same seed, same values")
         ->option_text("N");
+    app.add_flag("--own-managers", options.ownManagers,
+                 "Announce objects from their own paths, where cached proxies listen, instead of\n"
+                 "from the root of each service");
     app.add_flag("--no-mapper", noMapper, "Leave the object mapper out");
     CLI11_PARSE(app, argc, argv);
     options.mapper = !noMapper;

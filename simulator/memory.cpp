@@ -11,9 +11,9 @@ constexpr const char* dimmInterface = "com.tamm.bmc.Memory.Dimm";
 
 } // namespace
 
-Memory::Memory(Model& machine, sd_event* loop) : Part("com.tamm.bmc.Memory", loop), model(machine)
+Memory::Memory(Model& machine, const Setting& setting) :
+    Part("com.tamm.bmc.Memory", "/com/tamm/bmc/memory", setting), model(machine)
 {
-    service.Manage("/com/tamm/bmc/memory");
     AddMemory("/com/tamm/bmc/memory/all", nullptr);
     for (const Dimm& dimm : model.dimms)
     {

@@ -13,7 +13,7 @@ namespace simulator
 class Memory final : public Part
 {
   public:
-    Memory(Model& machine, sd_event* loop);
+    Memory(Model& machine, const Setting& setting);
     void Publish() override;
 
   private:

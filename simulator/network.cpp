@@ -29,13 +29,12 @@ const std::vector<bmcbus::testing::PropertyDescription>& Columns()
 
 } // namespace
 
-Network::Network(const Model& machine, sd_event* loop) :
-    Part("com.tamm.ovrik.wharfd.wharfd", loop),
+Network::Network(const Model& machine, const Setting& setting) :
+    Part("com.tamm.ovrik.wharfd.wharfd", "/com/tamm/ovrik/wharfd", setting),
     model(machine),
     table(Add(root, tableInterface)),
     events(service)
 {
-    service.Manage("/com/tamm/ovrik/wharfd");
     Plug({"eth0", "Management port", 10});
     Plug({"eth1", "Port shared with the host", 11});
     table.OnWrite("OSLogicalNetworkInterfaces", [this](const Value& rows) { TakeTable(rows); });
@@ -84,7 +83,7 @@ NamedValues Network::Values(const Port& port) const
 
 void Network::Plug(const Port& port)
 {
-    Object& object = service.AddObject(PathOf(port.name), {Describe(portInterface)}, Values(port));
+    Object& object = Add(PathOf(port.name), portInterface, Values(port));
     for (const auto& column : Columns())
     {
         object.OnWrite(column.name,

@@ -12,7 +12,7 @@ namespace simulator
 class Network final : public Part
 {
   public:
-    Network(const Model& machine, sd_event* loop);
+    Network(const Model& machine, const Setting& setting);
     void Publish() override;
 
   private:

@@ -8,8 +8,18 @@
 namespace simulator
 {
 
+Part::Part(const std::string& name, const std::string& manager, const Setting& setting) :
+    service({name}, {.loop = setting.loop}), ownManagers(setting.ownManagers)
+{
+    service.Manage(manager);
+}
+
 Object& Part::Add(const std::string& path, const std::string& interface, const NamedValues& values)
 {
+    if (ownManagers)
+    {
+        service.Manage(path);
+    }
     return service.AddObject(path, {Describe(interface)}, values);
 }
 

@@ -19,10 +19,18 @@ using bmcbus::testing::Object;
 using bmcbus::testing::Service;
 using bmcbus::testing::Value;
 
+// What all parts have in common.
+struct Setting
+{
+    sd_event* loop = nullptr;
+    bool ownManagers = false; // every object announces itself from its own path
+};
+
 class Part
 {
   public:
-    Part(const std::string& name, sd_event* loop) : service({name}, {.loop = loop}) {}
+    // The manager announces the objects, unless each is to do so itself.
+    Part(const std::string& name, const std::string& manager, const Setting& setting);
     virtual ~Part() = default;
     Part(const Part&) = delete;
     Part& operator=(const Part&) = delete;
@@ -44,6 +52,9 @@ class Part
                      const NamedValues& values);
 
     Service service;
+
+  private:
+    const bool ownManagers;
 };
 
 inline int64_t Whole(double number)

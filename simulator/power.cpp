@@ -30,12 +30,11 @@ void Append(NamedValues& all, const NamedValues& more)
 
 } // namespace
 
-Power::Power(const Model& machine, sd_event* loop) :
-    Part("com.tamm.bmc.Power", loop),
+Power::Power(const Model& machine, const Setting& setting) :
+    Part("com.tamm.bmc.Power", "/com/tamm/bmc/power", setting),
     model(machine),
     object(Add("/com/tamm/bmc/power/system", powerInterface))
 {
-    service.Manage("/com/tamm/bmc/power");
     Publish();
 }
 

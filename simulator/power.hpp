@@ -11,7 +11,7 @@ namespace simulator
 class Power final : public Part
 {
   public:
-    Power(const Model& machine, sd_event* loop);
+    Power(const Model& machine, const Setting& setting);
     void Publish() override;
 
   private:

@@ -30,13 +30,12 @@ std::vector<uint8_t> Populated(const std::vector<Cpu>& cpus)
 
 } // namespace
 
-Processors::Processors(Model& machine, sd_event* loop) :
-    Part("com.tamm.bmc.Cpu", loop),
+Processors::Processors(Model& machine, const Setting& setting) :
+    Part("com.tamm.bmc.Cpu", "/com/tamm/bmc/cpu", setting),
     model(machine),
     registers(machine.cpus.size()),
     telemetry(Add("/com/tamm/bmc/cpu/telemetry", telemetryInterface))
 {
-    service.Manage("/com/tamm/bmc/cpu");
     for (size_t index = 0; index < model.cpus.size(); ++index)
     {
         cpus.push_back(&AddCpu(index));

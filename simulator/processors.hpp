@@ -14,7 +14,7 @@ namespace simulator
 class Processors final : public Part
 {
   public:
-    Processors(Model& machine, sd_event* loop);
+    Processors(Model& machine, const Setting& setting);
     void Publish() override;
 
   private:

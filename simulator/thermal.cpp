@@ -27,8 +27,8 @@ FanTable Table(const std::vector<Fan>& fans)
 
 } // namespace
 
-Thermal::Thermal(Model& machine, sd_event* loop) :
-    Part("com.tamm.bmc.Thermal", loop),
+Thermal::Thermal(Model& machine, const Setting& setting) :
+    Part("com.tamm.bmc.Thermal", "/com/tamm/bmc/thermal", setting),
     model(machine),
     chassisFans(AddFans("/com/tamm/bmc/thermal/fans/chassis", machine.chassisFans)),
     supplyFans(AddFans("/com/tamm/bmc/thermal/fans/supplies", machine.supplyFans)),
@@ -36,7 +36,6 @@ Thermal::Thermal(Model& machine, sd_event* loop) :
             {{"Key", "System.Embedded.1"}})),
     telemetry(Add("/com/tamm/bmc/thermal/telemetry", telemetryInterface))
 {
-    service.Manage("/com/tamm/bmc/thermal");
     air.OnWrite("ExhaustTemperature", [this](const Value&) { exhaustWritten = true; });
     air.OnWrite("SystemAirflow", [this](const Value&) { airflowWritten = true; });
     air.OnCall("GetSystemThermalInformation",

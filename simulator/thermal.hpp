@@ -11,7 +11,7 @@ namespace simulator
 class Thermal final : public Part
 {
   public:
-    Thermal(Model& machine, sd_event* loop);
+    Thermal(Model& machine, const Setting& setting);
     void Publish() override;
 
   private:

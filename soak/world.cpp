@@ -37,7 +37,7 @@ World::~World()
 
 void World::StartSimulator()
 {
-    const std::vector<std::string> options = {"--period", "0", "--seed",
+    const std::vector<std::string> options = {"--period", "0", "--own-managers", "--seed",
                                               std::to_string(nextSeed++ % 1000000)};
     simulator = std::make_unique<kit::Simulator>(options);
     down.clear();

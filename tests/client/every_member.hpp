@@ -35,6 +35,7 @@ struct Setting
 {
     explicit Setting(const std::string& interface) : object(service, path, {interface})
     {
+        object.Manage(path);
         sd_bus_default_system(&own);
         test::ClearLog();
     }

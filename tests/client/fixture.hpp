@@ -87,6 +87,7 @@ class ClientTest : public testing::Test
     {
         EXPECT_GE(sd_bus_default_system(&connection), 0);
         mapper.Add(fanPath, fanService, {fanInterface});
+        fans.Manage(fanPath);
         fans->SetQuietly({{"fanCount", 2}, {"fanPWMData", twoFans}});
         test::ClearLog();
     }

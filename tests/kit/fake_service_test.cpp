@@ -93,8 +93,9 @@ TEST_F(FakeServiceTest, WritesAreCheckedSeenAndAnnounced)
 TEST_F(FakeServiceTest, SignalsCarryWhatTheTestSays)
 {
     std::vector<std::string> signals;
-    client.Collect("type='signal',path='" + std::string(path) + "'", signals);
+    client.Collect("type='signal',path_namespace='/com'", signals);
     const std::string at = std::string(path) + " ";
+    fans.Manage("/com");
 
     fans->Set({{"fanCount", 5}, {"fanPWMData", FanData()}});
     fans->SetQuietly({{"fanCount", 6}});
@@ -102,6 +103,8 @@ TEST_F(FakeServiceTest, SignalsCarryWhatTheTestSays)
     fans->EmitRaw("com.example.Any", "Thing", {Value(std::vector<Value>{1, "two"})});
     fans->EmitPropertiesChanged(fanInterface, {{"fanCount", "no"}, {"fanCount", 9}, {"odd", true}},
                                 {"fanPWMData"});
+    fans->Invalidate({{"originstring", "later"}, {"fanCount", 8}});
+    EXPECT_EQ(fans->Get("fanCount"), Value(uint8_t{8}));
     fans->RemoveInterface(dimmInterface);
     fans->AddInterface(dimmInterface);
     EXPECT_TRUE(DispatchPending(client));
@@ -115,9 +118,10 @@ TEST_F(FakeServiceTest, SignalsCarryWhatTheTestSays)
             at + R"(Thing av 2 i 1 s "two")",
             at + R"(PropertiesChanged sa{sv}as "com.tamm.bmc.Thermal.FanReporting" 3 )" +
                 R"("fanCount" s "no" "fanCount" i 9 "odd" b true 1 "fanPWMData")",
-            at + R"(InterfacesRemoved oas "/com/example/fans" 1 "com.tamm.bmc.Memory.Dimm")",
-            at +
-                R"(InterfacesAdded oa{sa{sv}} "/com/example/fans" 1 "com.tamm.bmc.Memory.Dimm" 0)"));
+            at + R"(PropertiesChanged sa{sv}as "com.tamm.bmc.Thermal.FanReporting" 0 1 "fanCount")",
+            at + R"(PropertiesChanged sa{sv}as "com.tamm.bmc.debug.dataorigin" 0 1 "originstring")",
+            R"(/com InterfacesRemoved oas "/com/example/fans" 1 "com.tamm.bmc.Memory.Dimm")",
+            R"(/com InterfacesAdded oa{sa{sv}} "/com/example/fans" 1 "com.tamm.bmc.Memory.Dimm" 0)"));
 }
 
 TEST_F(FakeServiceTest, ChangesAreAnnouncedAsAnnotated)
@@ -428,26 +432,55 @@ TEST_F(FakeServiceTest, ManyThreadsMayUseOneService)
     EXPECT_EQ(fans.Calls("GetAll").size(), 120U);
 }
 
-TEST_F(FakeServiceTest, TreeAndManagerAreVisible)
+TEST_F(FakeServiceTest, TheNearestManagerAnnouncesAndLists)
 {
-    fans.Manage("/com/example");
+    std::vector<std::string> signals;
+    client.Collect("type='signal',interface='org.freedesktop.DBus.ObjectManager'", signals);
+    const auto announced = [&](const std::string& where)
+    {
+        fans.AddObject(where, {originInterface}, {{"originstring", "here"}});
+        fans.RemoveObject(where);
+        EXPECT_TRUE(DispatchPending(client));
+        return std::exchange(signals, {});
+    };
+    const auto from = [](const std::string& manager, const std::string& where)
+    {
+        const std::string about = "\"" + where + "\" 1 \"com.tamm.bmc.debug.dataorigin\"";
+        return ElementsAre(manager + " InterfacesAdded oa{sa{sv}} " + about +
+                               R"( 2 "originstring" s "here" "debugproperty" s "")",
+                           manager + " InterfacesRemoved oas " + about);
+    };
+    const auto listed = [&](const char* manager)
+    {
+        return client.Call(name, manager, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects")
+            .Text();
+    };
+    EXPECT_THAT(announced("/com/example/more"), IsEmpty());
+    EXPECT_THROW(fans->EmitInterfacesAdded(), std::invalid_argument);
+    EXPECT_EQ(listed("/com"), "org.freedesktop.DBus.Error.UnknownMethod");
+
+    fans.Manage("/com");
+    fans.Manage("/com/example/inner");
+    EXPECT_THAT(announced("/com/example/more"), from("/com", "/com/example/more"));
+    EXPECT_THAT(announced("/com/example/inner"), from("/com/example/inner", "/com/example/inner"));
+    EXPECT_THAT(announced("/com/example/inner/a"),
+                from("/com/example/inner", "/com/example/inner/a"));
+    EXPECT_THAT(announced("/com/example/innermost"), from("/com", "/com/example/innermost"));
+    EXPECT_THAT(announced("/elsewhere"), IsEmpty());
+
+    fans.AddObject("/com/example/inner", {dimmInterface});
+    fans.AddObject("/com/example/inner/a", {dimmInterface});
+    EXPECT_THAT(listed("/com"), AllOf(HasSubstr(R"(a{oa{sa{sv}}} 2 "/com/example/fans" 3 )"),
+                                      HasSubstr(R"("/com/example/inner" 1 )")));
+    EXPECT_THAT(listed("/com/example/inner"), HasSubstr(R"(} 1 "/com/example/inner/a" 1 )"));
+    fans.Unmanage("/com");
+    EXPECT_EQ(listed("/com"), "org.freedesktop.DBus.Error.UnknownMethod");
+}
+
+TEST_F(FakeServiceTest, TheTreeIsVisible)
+{
     FakeService other({"com.example.Other", "com.example.Second"});
     other.AddObject("/a/b", {fanInterface});
-    std::vector<std::string> signals;
-    client.Collect("type='signal',path='/com/example'", signals);
-    fans.AddObject("/com/example/more", {originInterface}, {{"originstring", "here"}});
-    fans.RemoveObject("/com/example/more");
-    EXPECT_TRUE(DispatchPending(client));
-    EXPECT_THAT(
-        signals,
-        ElementsAre(
-            R"(/com/example InterfacesAdded oa{sa{sv}} "/com/example/more" 1 "com.tamm.bmc.debug.dataorigin" )"
-            R"(2 "originstring" s "here" "debugproperty" s "")",
-            R"(/com/example InterfacesRemoved oas "/com/example/more" 1 "com.tamm.bmc.debug.dataorigin")"));
-
-    const auto managed = client.Call(name, "/com/example", "org.freedesktop.DBus.ObjectManager",
-                                     "GetManagedObjects");
-    EXPECT_THAT(managed.Text(), HasSubstr(R"(a{oa{sa{sv}}} 1 "/com/example/fans" 3 )"));
     const auto introspect = [&](const char* service, const char* at) {
         return client.Call(service, at, "org.freedesktop.DBus.Introspectable", "Introspect").Text();
     };
@@ -456,6 +489,35 @@ TEST_F(FakeServiceTest, TreeAndManagerAreVisible)
     EXPECT_THAT(introspect("com.example.Second", "/a"), HasSubstr(R"(<node name=\"b\"/>)"));
     EXPECT_EQ(introspect(name, "/none"), "org.freedesktop.DBus.Error.UnknownObject");
     EXPECT_EQ(client.Call(name, path, "org.freedesktop.DBus.Peer", "Ping").Text(), "");
+}
+
+TEST_F(FakeServiceTest, ANameIsTakenOverInOneStep)
+{
+    std::vector<std::string> signals;
+    client.Collect("type='signal',member='NameOwnerChanged',arg0='com.example.Fans'", signals);
+    FakeService next;
+    EXPECT_THROW(next.RequestName(name), std::system_error);
+    next.TakeName(name);
+    next.AddObject(path, {originInterface}, {{"originstring", "next"}});
+    EXPECT_EQ(Get(originInterface, "originstring"), R"(v s "next")");
+    EXPECT_TRUE(DispatchPending(client));
+    EXPECT_THAT(signals, ElementsAre(HasSubstr(" sss \"com.example.Fans\" \"" + fans.UniqueName() +
+                                               "\" \"" + next.UniqueName() + "\"")));
+    EXPECT_TRUE(fans.Connected());
+    EXPECT_THROW(fans.Start(), std::system_error);
+    next.Crash();
+    fans.Start();
+    EXPECT_EQ(Get(fanInterface, "fanCount"), "v y 4");
+}
+
+// It was used after it was freed.
+TEST_F(FakeServiceTest, ARemovedObjectIsRefused)
+{
+    fans.RemoveObject(path);
+    EXPECT_THROW(fans->Set("fanCount", 1), std::invalid_argument);
+    fans.AddObject(path, {fanInterface});
+    fans->Set("fanCount", 1);
+    EXPECT_EQ(Get(fanInterface, "fanCount"), "v y 1");
 }
 
 } // namespace

@@ -40,7 +40,7 @@ TEST_F(SimulatorTest, AnswersCanBeBroken)
 TEST_F(SimulatorTest, LossesCanBeAnnounced)
 {
     std::vector<std::string> signals;
-    client.Collect("type='signal',path='/com/tamm/bmc/thermal/fans/chassis'", signals);
+    client.Collect("type='signal',path='/com/tamm/bmc/thermal'", signals);
     Control("AnnounceRemoved", {Path{chassisFans}, std::vector<std::string>{fanReporting}});
     Control("AnnounceAdded", {Path{chassisFans}});
     ASSERT_TRUE(bmcbus::testing::Dispatch(client, [&] { return signals.size() >= 2; }));
@@ -48,6 +48,22 @@ TEST_F(SimulatorTest, LossesCanBeAnnounced)
     EXPECT_THAT(signals[1], ::testing::HasSubstr("\"fanCount\" y 6"));
     EXPECT_EQ(Control("AnnounceAdded", {Path{"/nowhere"}}).error,
               "org.freedesktop.DBus.Error.InvalidArgs");
+}
+
+class OwnManagers : public SimulatorTest
+{
+  protected:
+    OwnManagers() : SimulatorTest({"--period", "0", "--own-managers"}) {}
+};
+
+TEST_F(OwnManagers, AnnounceObjectsFromTheirPaths)
+{
+    std::vector<std::string> signals;
+    client.Collect("type='signal',interface='org.freedesktop.DBus.ObjectManager'", signals);
+    Control("AnnounceAdded", {Path{chassisFans}});
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client, [&] { return !signals.empty(); }));
+    EXPECT_THAT(signals, ::testing::ElementsAre(::testing::StartsWith(std::string(chassisFans) +
+                                                                      " InterfacesAdded ")));
 }
 
 TEST_F(SimulatorTest, AServiceCanCrash)

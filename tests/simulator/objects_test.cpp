@@ -83,7 +83,9 @@ TEST_F(SimulatorTest, MapperFindsServicesAndPaths)
 TEST_F(SimulatorTest, MapperForgetsAServiceThatLeft)
 {
     std::vector<std::string> signals;
-    client.Collect("type='signal',path='/com/tamm/bmc/thermal/fans/chassis'", signals);
+    client.Collect("type='signal',path='/com/tamm/bmc/thermal',arg0path='" +
+                       std::string(chassisFans) + "'",
+                   signals);
     EXPECT_EQ(Control("StopService", {thermal}).error, "");
     EXPECT_EQ(Ask("GetObject", {chassisFans, noFilter}).error, notFound);
     EXPECT_EQ(Read(thermal, chassisFans, fanReporting, "fanCount"),
@@ -135,16 +137,16 @@ TEST_F(SimulatorTest, AStepEmitsEverySignalAndTheChangedValues)
 TEST_F(SimulatorTest, AnInterfaceIsPluggedAndUnplugged)
 {
     std::vector<std::string> signals;
-    client.Collect("type='signal',path='/com/tamm/ovrik/wharfd/network/usb0'", signals);
+    client.Collect("type='signal',arg0path='/com/tamm/ovrik/wharfd/network/usb0'", signals);
     for (int step = 0; step < 16; ++step)
     {
         ASSERT_EQ(Control("Step").error, "");
     }
     ASSERT_TRUE(bmcbus::testing::Dispatch(client, [&] { return signals.size() >= 2; }));
-    EXPECT_THAT(signals[0], StartsWith("/com/tamm/ovrik/wharfd/network/usb0 InterfacesAdded "
+    EXPECT_THAT(signals[0], StartsWith("/com/tamm/ovrik/wharfd InterfacesAdded "
                                        "oa{sa{sv}} \"/com/tamm/ovrik/wharfd/network/usb0\" 1 "
                                        "\"com.tamm.ovrik.wharfd.OSLogicalNetworkInterface\" 26"));
-    EXPECT_EQ(signals[1], "/com/tamm/ovrik/wharfd/network/usb0 InterfacesRemoved oas "
+    EXPECT_EQ(signals[1], "/com/tamm/ovrik/wharfd InterfacesRemoved oas "
                           "\"/com/tamm/ovrik/wharfd/network/usb0\" 1 "
                           "\"com.tamm.ovrik.wharfd.OSLogicalNetworkInterface\"");
 }

@@ -37,6 +37,8 @@ class FakeService;
 class FaultRule
 {
   public:
+    /** Only calls of the object at @p path are hit: On("GetAll").At("/fans/1").Hold(). */
+    FaultRule& At(const std::string& path);
     /** Only the next call is hit. */
     FaultRule& Once();
     /** Only the next @p count calls are hit. */
@@ -89,7 +91,10 @@ class FakeService : public Service
 
     ~FakeService();
 
-    /** The object given to the constructor, or the first one that was added. */
+    /**
+     * The object given to the constructor, or the first one that was added afterwards. Throws
+     * std::invalid_argument when there is none, or when it was removed.
+     */
     Object* operator->();
 
     /**
@@ -128,7 +133,6 @@ class FakeService : public Service
     Faults faults;
     mutable std::mutex mutex;
     std::vector<Call> calls;
-    Object* first = nullptr;
 };
 
 } // namespace bmcbus::testing

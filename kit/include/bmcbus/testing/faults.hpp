@@ -42,6 +42,7 @@ class Faults
     {
         std::string member;         /**< method name; "*" for every method */
         std::string argument = {};  /**< text that one of the arguments must be; empty: any call */
+        std::string path = {};      /**< object that is called; empty: any */
         Kind kind = Kind::silence;  /**< what happens */
         std::string errorName = {}; /**< for error */
         std::string errorText = {}; /**< for error */

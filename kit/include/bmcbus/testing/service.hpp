@@ -22,6 +22,16 @@
  * The service answers org.freedesktop.DBus.Properties, .Introspectable, .Peer and, where asked to,
  * .ObjectManager, so that busctl and every binding can talk to it.
  *
+ * **Object managers.** Objects that come, go and change their interfaces are announced with
+ * InterfacesAdded and InterfacesRemoved from the path of the nearest object manager at or above
+ * them, as real services do; without one, nothing is announced. Service::Manage() says where there
+ * is one, usually at the root of the service's objects. Who listens on the object's own path, as
+ * the cached proxies do, hears these signals only when the object is its own manager:
+ * @code
+ * service.Manage("/fans");                 // before AddObject("/fans", ...), so that it is
+ * announced
+ * @endcode
+ *
  * **Threads.** With a thread of its own any thread may call any member of Service and Object; a
  * call is carried out on the service's thread and returns when it is done. When a call that emits
  * a signal has returned, the bus has handed the signal on: a match installed afterwards does not
@@ -44,6 +54,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -164,19 +175,31 @@ class Object
     void EmitPropertiesChanged(const std::string& interface, const NamedValues& changed,
                                const std::vector<std::string>& invalidated = {});
 
-    /** Adds an interface and announces it with InterfacesAdded on the object's own path. */
+    /**
+     * Stores values and announces with PropertiesChanged that they are other ones, without saying
+     * which: the names go out as invalidated, one signal per interface.
+     */
+    void Invalidate(const NamedValues& values);
+
+    /** Adds an interface and announces it with InterfacesAdded from the object's manager. */
     void AddInterface(const std::string& interface, const NamedValues& values = {});
 
     /** The same from a description. */
     void AddInterface(InterfaceDescription description, const NamedValues& values = {});
 
-    /** Removes an interface with its values and hooks; announces it with InterfacesRemoved. */
+    /**
+     * Removes an interface with its values and hooks; announces it with InterfacesRemoved from the
+     * object's manager.
+     */
     void RemoveInterface(const std::string& interface);
 
-    /** Emits InterfacesAdded for all interfaces of the object with their current values. */
+    /**
+     * Emits InterfacesAdded for all interfaces of the object with their current values from the
+     * object's manager. Throws std::invalid_argument when it has none.
+     */
     void EmitInterfacesAdded();
 
-    /** Emits InterfacesRemoved with these names; nothing is removed. */
+    /** Emits InterfacesRemoved with these names in the same way; nothing is removed. */
     void EmitInterfacesRemoved(const std::vector<std::string>& interfaces);
 
   private:
@@ -205,10 +228,14 @@ class Object
     [[noreturn]] void Refuse(const std::string& what) const;
     Slot& Insert(InterfaceDescription description, const NamedValues& values);
     std::map<std::string, NamedValues> Store(const NamedValues& values);
+    std::string Manager() const;
+    void RequireManager() const;
     void Announce(const std::map<std::string, NamedValues>& changes);
     NamedValues Readable(const Slot& slot) const;
     Value AllInterfaces(const std::string& only = {}) const;
     void SendAdded(const Value& interfaces);
+    void SendRemoved(const std::vector<std::string>& interfaces);
+    void SendFromManager(const char* signal, const Value& interfaces);
 
     Service& service;
     const std::string path;
@@ -256,7 +283,7 @@ class Service
 
     /**
      * Adds an object with interfaces that FindInterface() knows and announces it with
-     * InterfacesAdded on its own path.
+     * InterfacesAdded from its manager.
      *
      * @return the object, owned by the service until RemoveObject() or the service's end
      */
@@ -267,7 +294,10 @@ class Service
     Object& AddObject(const std::string& path, std::vector<InterfaceDescription> interfaces,
                       const NamedValues& values = {});
 
-    /** Announces the loss of all interfaces with InterfacesRemoved and destroys the object. */
+    /**
+     * Announces the loss of all interfaces with InterfacesRemoved from the object's manager and
+     * destroys the object.
+     */
     void RemoveObject(const std::string& path);
 
     /** The object at @p path; throws std::invalid_argument when there is none. */
@@ -277,10 +307,14 @@ class Service
     std::vector<std::string> Paths() const;
 
     /**
-     * Answers org.freedesktop.DBus.ObjectManager at @p root for the objects below it, which then
-     * announce themselves there too.
+     * Has an object manager at @p root: it lists the objects below it, except those below another
+     * manager in between, and their announcements come from there; so do those of an object at
+     * @p root itself. Nothing happens when there is one already.
      */
     void Manage(const std::string& root);
+
+    /** Has none at @p root any more, without a signal. */
+    void Unmanage(const std::string& root);
 
     /** Well-known names, first the one given first. */
     const std::vector<std::string>& Names() const { return names; }
@@ -293,6 +327,13 @@ class Service
 
     /** Requests a name (again). Throws std::system_error when it is taken. */
     void RequestName(const std::string& name);
+
+    /**
+     * Takes a name from another Service that has it, in one step: observers see its owner replaced,
+     * not gone and come. The other one stays connected, and asks for the name again when it is
+     * started again. Throws std::system_error when the name's owner is no Service.
+     */
+    void TakeName(const std::string& name);
 
     /** Ends the connection as a service that is stopped does. Objects and values stay. */
     void Stop();
@@ -346,16 +387,19 @@ class Service
 
   private:
     friend class Object;
+    friend class FakeService;
     friend class CallAnswer;
     class Link;
 
     template <class Work>
     auto OnThread(Work&& work) const -> decltype(work());
-    std::string ManagerOf(const std::string& path) const;
+    void AskForName(const std::string& name, uint64_t flags);
+    std::string ManagerAbove(const std::string& path) const;
 
     std::vector<std::string> names;
     std::map<std::string, std::unique_ptr<Object>> objects;
-    std::vector<std::string> managers;
+    std::string first; // path of the object that was added first
+    std::set<std::string> managers;
     Interceptor interceptor;
     std::unique_ptr<Link> link;
 };
