@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <string_view>
 
 namespace bmcbus::testing
 {
@@ -49,11 +50,35 @@ std::filesystem::path MakeFolder()
     return name;
 }
 
+// A path as an address spells it: all but a few characters by their numbers. That also keeps it
+// apart from the markup of a configuration.
+std::string AddressOf(const std::filesystem::path& socket)
+{
+    constexpr std::string_view plain = "-_/.\\*";
+    std::string address = "unix:path=";
+    for (const char c : socket.native())
+    {
+        const bool alphanumeric =
+            (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+        if (alphanumeric || plain.find(c) != std::string_view::npos)
+        {
+            address += c;
+        }
+        else
+        {
+            constexpr const char* digits = "0123456789abcdef";
+            const auto byte = static_cast<unsigned char>(c);
+            address += {'%', digits[byte / 16], digits[byte % 16]};
+        }
+    }
+    return address;
+}
+
 } // namespace
 
 PrivateBus::PrivateBus(const BusLimits& limits) : daemonPath(FindDaemon()), folder(MakeFolder())
 {
-    address = "unix:path=" + (folder / "bus").string();
+    address = AddressOf(folder / "bus");
     try
     {
         WriteConfiguration(limits);

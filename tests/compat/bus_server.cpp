@@ -6,9 +6,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <string>
 
 namespace test
 {
@@ -23,17 +25,19 @@ void Need(bool good, const char* what)
     }
 }
 
-int Listen(const std::string& path)
+// A name that the kernel chooses, so nothing of it lies in any folder; gives it as an address.
+std::string Listen(int& fd)
 {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    Need(path.size() < sizeof(address.sun_path), "path too long");
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    Need(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
-             listen(fd, 8) == 0,
+    auto* const raw = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof(address);
+    Need(bind(fd, raw, sizeof(sa_family_t)) == 0 && listen(fd, 8) == 0 &&
+             getsockname(fd, raw, &size) == 0,
          "cannot listen");
-    return fd;
+    const size_t before = offsetof(sockaddr_un, sun_path) + 1;
+    return "unix:abstract=" + std::string(address.sun_path + 1, size - before);
 }
 
 int EchoBody(sd_bus_message* call)
@@ -68,13 +72,9 @@ int AddMatch(sd_bus_message* call)
 
 BusServer::BusServer()
 {
-    const char* const base = std::getenv("TMPDIR");
-    std::string name = std::string(base != nullptr ? base : "/tmp") + "/bmcbus-compat.XXXXXX";
-    Need(mkdtemp(name.data()) != nullptr, "mkdtemp");
-    folder = name;
-    listener = Listen(folder + "/bus");
+    const std::string address = Listen(listener);
     stop = eventfd(0, EFD_CLOEXEC);
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + folder + "/bus").c_str(), 1);
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
     thread = std::thread([this] { Run(); });
 }
 
@@ -84,8 +84,6 @@ BusServer::~BusServer()
     thread.join();
     close(stop);
     close(listener);
-    unlink((folder + "/bus").c_str());
-    rmdir(folder.c_str());
 }
 
 void BusServer::Run()

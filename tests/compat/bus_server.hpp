@@ -7,7 +7,6 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -35,7 +34,6 @@ class BusServer
     static int Stop(sd_event_source* source, int fd, uint32_t revents, void* self);
     static int Handle(sd_bus_message* call, void* self, sd_bus_error* error);
 
-    std::string folder;
     int listener = -1;
     int stop = -1;
     sd_event* loop = nullptr;

@@ -112,6 +112,32 @@ TEST(PrivateBusTest, DaemonOutlivesTheThreadThatStartedIt)
     EXPECT_TRUE(bus->Running());
 }
 
+// Names that an address or the daemon's configuration would read as something else, and a long one.
+TEST(PrivateBusTest, OddTmpdir)
+{
+    const std::string before = std::filesystem::temp_directory_path();
+    const PrivateBus place;
+    for (const std::string name :
+         {"a@b", "a b", "a+b", "a,b;c=d", "a%20b", "<&amp;>\"'", "\xc3\xa4"})
+    {
+        const std::string folder = place.Folder() / name;
+        ASSERT_TRUE(std::filesystem::create_directory(folder));
+        setenv("TMPDIR", folder.c_str(), 1);
+        const PrivateBus bus;
+        EXPECT_EQ(bus.Folder().parent_path(), folder);
+        const Client client;
+        EXPECT_THAT(bus.Connections(), ElementsAre(client.UniqueName()));
+    }
+    const std::string deep = place.Folder() / std::string(150, 'x');
+    ASSERT_TRUE(std::filesystem::create_directory(deep));
+    setenv("TMPDIR", deep.c_str(), 1);
+    {
+        const PrivateBus bus;
+        EXPECT_TRUE(bus.Running());
+    }
+    setenv("TMPDIR", before.c_str(), 1);
+}
+
 TEST(PrivateBusTest, MissingOrBrokenDaemonIsNamed)
 {
     const auto failure = []() -> std::string
