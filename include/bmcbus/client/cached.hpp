@@ -24,6 +24,8 @@ struct CachedClass : Description
     uint16_t interfaces_removed_match;
     uint16_t service;
     uint16_t use_async;
+    void* (*make)(std::string& path); ///< an object that is on no bus
+    void (*destroy)(void* object);
 };
 
 /**

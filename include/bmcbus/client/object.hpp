@@ -18,6 +18,11 @@
 #include <new>
 #include <string>
 
+namespace bmcbus::live
+{
+struct Access;
+} // namespace bmcbus::live
+
 namespace bmcbus::client
 {
 

@@ -1,0 +1,95 @@
+#pragma once
+
+/**
+ * @file
+ * What a live object can be, and what a message changed in it.
+ */
+
+#include <bmcbus/client/cached.hpp>
+
+#include <chrono>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace bmcbus
+{
+
+/** What the values of a live object are worth at the moment. */
+enum class LiveState : uint8_t
+{
+    Absent,  ///< there has been no object yet: no service, or a service without it
+    Reading, ///< a service has it; its values are on their way, those shown are of before
+    Live,    ///< the values are those of the present owner, as far as its signals have arrived
+    Lost     ///< the object, its service or the connection has gone; the last values remain
+};
+
+/** The state's name, as its enumerator is spelled. */
+constexpr const char* Name(LiveState state)
+{
+    constexpr const char* names[] = {"Absent", "Reading", "Live", "Lost"};
+    return names[static_cast<size_t>(state)];
+}
+
+/**
+ * The names of the properties that one message changed, in the order of their declaration.
+ *
+ * Borrowed: valid while the callback runs that it was given to.
+ */
+class Changes
+{
+  public:
+    /** For the library. */
+    Changes(const client::Interface& interface, std::span<const uint16_t> which) :
+        interface_(&interface), which_(which)
+    {
+    }
+
+    /** Walks over the names. */
+    class Iterator
+    {
+      public:
+        using value_type = std::string_view;
+        using difference_type = std::ptrdiff_t;
+
+        Iterator() = default;
+        Iterator(const client::Interface* interface, const uint16_t* at) :
+            interface_(interface), at_(at)
+        {
+        }
+        std::string_view operator*() const
+        {
+            return interface_->NameOf(interface_->properties[*at_]);
+        }
+        Iterator& operator++()
+        {
+            ++at_;
+            return *this;
+        }
+        Iterator operator++(int)
+        {
+            Iterator before = *this;
+            ++at_;
+            return before;
+        }
+        bool operator==(const Iterator& other) const { return at_ == other.at_; }
+
+      private:
+        const client::Interface* interface_ = nullptr;
+        const uint16_t* at_ = nullptr;
+    };
+
+    Iterator begin() const { return {interface_, which_.data()}; }
+    Iterator end() const { return {interface_, which_.data() + which_.size()}; }
+    size_t size() const { return which_.size(); }
+    bool empty() const { return which_.empty(); }
+
+    /** Whether the property called @p name has another value than before, or none any more. */
+    bool contains(std::string_view name) const { return std::find(begin(), end(), name) != end(); }
+
+  private:
+    const client::Interface* interface_;
+    std::span<const uint16_t> which_;
+};
+
+} // namespace bmcbus

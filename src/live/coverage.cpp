@@ -1,0 +1,164 @@
+// Which match rules bring an object's signals: its own while its service has few objects, so that
+// no other object's signals wake the process; the service's once there are many, since every rule
+// costs the daemon a look at each signal. New rules are in force before old ones go.
+
+#include "live/hub.hpp"
+
+#include <algorithm>
+
+namespace bmcbus::live
+{
+namespace
+{
+
+constexpr size_t fewOfOne = 16; // objects of a service with rules of their own, at most
+constexpr size_t fewOfAll = 32; // and of a connection
+constexpr size_t fewAgain = 8;  // below, a service goes back to them
+
+} // namespace
+
+bool Hub::WantsMany(const Peer& peer) const
+{
+    const size_t size = peer.entries.size();
+    if (peer.many)
+    {
+        return size >= fewAgain || paths_ + size > fewOfAll;
+    }
+    const auto bare = static_cast<size_t>(std::ranges::count_if(
+        peer.entries, [](const Entry* entry) { return entry->changes_rule == nullptr; }));
+    return size > fewOfOne || paths_ + bare > fewOfAll;
+}
+
+bool Hub::UsePathRules(Entry& entry)
+{
+    if (entry.changes_rule == nullptr)
+    {
+        entry.changes_rule = rules_.Use(PathChangesRule(entry.path()));
+        entry.manager_rule = rules_.Use(PathManagerRule(entry.path()));
+        ++paths_;
+    }
+    return entry.changes_rule->installed() && entry.manager_rule->installed();
+}
+
+void Hub::Uncover(Entry& entry)
+{
+    if (entry.changes_rule != nullptr)
+    {
+        rules_.Drop(entry.changes_rule);
+        rules_.Drop(entry.manager_rule);
+        --paths_;
+    }
+}
+
+void Hub::UseServiceRules(Peer& peer)
+{
+    if (peer.manager_rule == nullptr)
+    {
+        peer.manager_rule = rules_.Use(ServiceManagerRule(peer.name));
+    }
+    for (const Entry* entry : peer.entries)
+    {
+        Rule*& rule = peer.changes_rules[entry->interface()];
+        if (rule == nullptr)
+        {
+            rule = rules_.Use(ServiceChangesRule(peer.name, entry->interface()));
+        }
+    }
+}
+
+void Hub::DropServiceRules(Peer& peer)
+{
+    rules_.Drop(peer.manager_rule);
+    for (auto& [interface, rule] : peer.changes_rules)
+    {
+        rules_.Drop(rule);
+    }
+    peer.changes_rules.clear();
+}
+
+void Hub::Cover(Peer& peer)
+{
+    if (!usable())
+    {
+        return;
+    }
+    const bool many = WantsMany(peer);
+    many_ += many && !peer.many ? 1 : 0;
+    many_ -= peer.many && !many ? 1 : 0;
+    peer.many = many;
+    if (many)
+    {
+        UseServiceRules(peer);
+        peer.switching = !peer.manager_rule->installed() ||
+                         std::ranges::any_of(peer.changes_rules,
+                                             [](auto& each) { return !each.second->installed(); });
+        if (!peer.switching)
+        {
+            std::ranges::for_each(peer.entries, [&](Entry* entry) { Uncover(*entry); });
+        }
+        return;
+    }
+    peer.switching = false;
+    for (Entry* entry : peer.entries)
+    {
+        peer.switching = !UsePathRules(*entry) || peer.switching;
+    }
+    if (!peer.switching)
+    {
+        DropServiceRules(peer);
+    }
+}
+
+const Rule* Hub::Uncovered(const Entry& entry) const
+{
+    const Peer& peer = *entry.peer;
+    if (peer.owner_rule->refused())
+    {
+        return peer.owner_rule;
+    }
+    const bool own = entry.changes_rule != nullptr && !entry.changes_rule->refused() &&
+                     !entry.manager_rule->refused();
+    if (own)
+    {
+        return nullptr;
+    }
+    const auto found = peer.changes_rules.find(entry.interface());
+    for (const Rule* rule :
+         {peer.manager_rule,
+          static_cast<Rule*>(found != peer.changes_rules.end() ? found->second : nullptr),
+          entry.changes_rule, entry.manager_rule})
+    {
+        if (rule != nullptr && rule->refused())
+        {
+            return rule;
+        }
+    }
+    return nullptr;
+}
+
+// A rule that was refused may be granted when others have gone.
+void Hub::RetryRules(Entry& entry)
+{
+    rules_.Retry(entry.peer->owner_rule);
+    rules_.Retry(entry.changes_rule);
+    rules_.Retry(entry.manager_rule);
+    if (entry.peer->many)
+    {
+        rules_.Retry(entry.peer->manager_rule);
+        const auto found = entry.peer->changes_rules.find(entry.interface());
+        rules_.Retry(found != entry.peer->changes_rules.end() ? found->second : nullptr);
+    }
+}
+
+void Hub::RuleAnswered()
+{
+    for (auto& [name, peer] : peers_)
+    {
+        if (peer.switching)
+        {
+            Cover(peer);
+        }
+    }
+}
+
+} // namespace bmcbus::live

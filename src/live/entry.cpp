@@ -1,0 +1,60 @@
+#include "live/entry.hpp"
+
+#include <ctime>
+
+namespace bmcbus::live
+{
+
+int64_t Now()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1'000;
+}
+
+Entry::Entry(const client::CachedClass& description, std::string& path,
+             std::shared_ptr<Hooks> callables) :
+    about(description), object(description.make(path)), hooks(std::move(callables)), since(Now())
+{
+    const size_t size = about.interface->properties.size();
+    prints = std::make_unique<uint64_t[]>(size);
+}
+
+Entry::~Entry()
+{
+    about.destroy(object);
+}
+
+const std::string& Entry::path() const
+{
+    return client::At<const std::string>(object, about.path);
+}
+
+std::mutex& Entry::mutex() const
+{
+    return client::At<std::mutex>(object, about.object_mutex);
+}
+
+bool Entry::Enter(LiveState to)
+{
+    const LiveState before = state();
+    if (before == to)
+    {
+        return false;
+    }
+    since = Now();
+    const std::lock_guard lock(mutex());
+    if (before == LiveState::Live)
+    {
+        stale_since = since;
+    }
+    if (to == LiveState::Live)
+    {
+        stale_since = 0;
+    }
+    client::At<bool>(object, about.ready) = to == LiveState::Live;
+    state_.store(to, std::memory_order_release);
+    return true;
+}
+
+} // namespace bmcbus::live

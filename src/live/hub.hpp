@@ -1,0 +1,235 @@
+#pragma once
+
+// The live objects of one connection. One filter sees every message; the hub finds the objects that
+// a signal is about, has the message applied as a whole, and runs the callbacks afterwards.
+//
+// A handle's state:
+//
+//            owner known, read sent           reply of that owner, whole
+//   Absent ------------------------> Reading ---------------------------> Live
+//     ^                               |   ^                                |
+//     |   owner or object gone,       |   |  owner known, object announced |  owner, object or
+//     +------- never Live ------------+   |                                v  connection gone
+//                                         +----------------------------- Lost
+//
+// Every entry point opens a Scope. Callbacks run in Deliver(), when nothing of the hub is half-way;
+// they may end and make handles, since what has ended is only freed when the outermost scope ends.
+
+#include "live/index.hpp"
+#include "live/peer.hpp"
+#include "live/rules.hpp"
+
+#include <bmcbus/refs.hpp>
+
+#include <functional>
+
+namespace bmcbus::live
+{
+
+Failure FailureOf(const sd_bus_error* error);
+
+// How long to wait after so many failures in a row, in microseconds.
+int64_t PauseAfter(unsigned int failures);
+
+// The interface of the calls that nobody answers.
+inline constexpr const char* silence = "com.tamm.bmc.Live.Silence";
+
+// A GetAll that is under way.
+struct Read
+{
+    Hub* hub;
+    Entry* entry;
+    Slot slot;
+};
+
+class Hub
+{
+  public:
+    // The hub of a connection, made where there is none. Throws Error.
+    static Hub& Of(sd_bus* bus);
+    // Null where there is none.
+    static Hub* Find(const sd_bus* bus);
+
+    // Between the hub and whoever calls it; the last one frees what has ended.
+    class Scope
+    {
+      public:
+        explicit Scope(Hub& hub, bool in_filter = false);
+        ~Scope();
+        Scope(const Scope&) = delete;
+        Scope& operator=(const Scope&) = delete;
+
+      private:
+        Hub& hub_;
+    };
+
+    // Runs `work`; logs a std::exception from it.
+    template <class Work>
+    void Guard(Work work)
+    {
+        try
+        {
+            work();
+        }
+        catch (const std::exception& error)
+        {
+            LogException(error);
+        }
+    }
+    static void LogException(const std::exception& error);
+
+    sd_bus* bus() const { return bus_.get(); }
+    bool usable() const { return bus_ != nullptr; }
+
+    // Handles.
+    void Add(std::unique_ptr<Entry> entry, const std::string& service);
+    void Remove(Entry& entry);
+
+    // What is to be told, in order.
+    void NoteState(Entry& entry, LiveState state);
+    void NoteChanges(Entry& entry, std::span<const uint16_t> which);
+    void Deliver();
+
+    // States and what they bring.
+    void SetState(Entry& entry, LiveState state);
+    void ObjectGone(Entry& entry);
+
+    // Owners (owners.cpp).
+    Peer& PeerOf(const std::string& name);
+    Peer* OwnedBy(const char* owner);
+    void Attach(Entry& entry, Peer& peer);
+    void Detach(Entry& entry);
+    void OwnerIs(Peer& peer, const char* owner);
+
+    // Which rules (coverage.cpp).
+    void Cover(Peer& peer);
+    void Uncover(Entry& entry);
+    const Rule* Uncovered(const Entry& entry) const; // a rule that was refused, null if none
+    void RuleAnswered();
+
+    // Reads (reads.cpp).
+    void WantRead(Entry& entry);
+    void CancelRead(Entry& entry);
+    void Flush(); // sends what may be sent
+    void ReadFailed(Entry& entry, Failure failure);
+    void Tick(); // has Flush run soon, with all that is asked for until then
+
+    // The mapper (search.cpp).
+    void WantSearch(Entry& entry);
+    void Hint(); // something has happened that the mapper may know more of
+
+    const Index& index() const { return index_; }
+    const Rules& rules() const { return rules_; }
+    uint64_t needless() const { return needless_; }
+    size_t in_flight() const { return in_flight_; }
+
+  private:
+    friend class Scope;
+    struct Anchor;
+    struct Note
+    {
+        Entry* entry;
+        bool is_state;
+        LiveState state;
+        uint32_t first; // of its names in names_
+        uint32_t count;
+    };
+
+    explicit Hub(sd_bus* bus);
+    ~Hub();
+    void Retire(bool in_filter);
+    void Tell(const Note& note, std::span<const uint16_t> names);
+
+    // The filter (filter.cpp).
+    static int OnMessage(sd_bus_message* message, void* anchor, sd_bus_error* error) noexcept;
+    void Signal(sd_bus_message* message, const char* interface);
+    void PropertiesChanged(sd_bus_message* message);
+    void ApplyChanges(Entry& entry, sd_bus_message* message);
+    void ObjectManager(sd_bus_message* message);
+    void InterfacesAdded(sd_bus_message* message, const std::vector<Entry*>& entries);
+    void InterfacesRemoved(sd_bus_message* message, const std::vector<Entry*>& entries);
+    void Announced(Entry& entry, sd_bus_message* values);
+    void NameOwnerChanged(sd_bus_message* message);
+    void Ended(const Failure& reason);
+
+    bool AskOwner(Peer& peer);
+    static int OnNameOwner(sd_bus_message* answer, void* peer, sd_bus_error* error) noexcept;
+    void DropUnusedPeers();
+
+    bool WantsMany(const Peer& peer) const;
+    void UseServiceRules(Peer& peer);
+    void DropServiceRules(Peer& peer);
+    bool UsePathRules(Entry& entry);
+    void RetryRules(Entry& entry);
+
+    void FlushPeer(Peer& peer);
+    void SendRead(Entry& entry);
+    static int OnRead(sd_bus_message* answer, void* read, sd_bus_error* error) noexcept;
+    void ReadDone(Entry& entry, sd_bus_message* answer);
+    void Take(Entry& entry, sd_bus_message* values);
+    static int OnTick(sd_bus_message* answer, void* hub, sd_bus_error* error) noexcept;
+
+    // All objects of a service at once (listing.cpp).
+    bool List(Peer& peer);
+    bool AskManager(Peer& peer, const std::string& manager);
+    bool AskMapperForManager(Peer& peer);
+    void ReadList(Peer& peer, sd_bus_message* answer);
+    void ReadObject(Peer& peer, sd_bus_message* answer);
+    void ReadInterfaces(Peer& peer, const char* path, sd_bus_message* answer);
+    void EndListing(Peer& peer);
+    static int OnListing(sd_bus_message* answer, void* peer, sd_bus_error* error) noexcept;
+    static int OnManagers(sd_bus_message* answer, void* peer, sd_bus_error* error) noexcept;
+
+    // What waits for its time (pause.cpp).
+    void Pause(Entry& entry);
+    void Arm();
+    void CheckDue();
+    static int OnTimer(sd_event_source* source, uint64_t when, void* hub) noexcept;
+    static int OnSilence(sd_bus_message* answer, void* hub, sd_bus_error* error) noexcept;
+
+    using Tree = std::map<std::string, std::map<std::string, std::vector<std::string>>>;
+    void Search();
+    void EndSearch(Entry& entry);
+    void FollowNames(bool follow);
+    void TakeManager(Peer& peer, const Tree& tree);
+    static int OnSearch(sd_bus_message* answer, void* hub, sd_bus_error* error) noexcept;
+    void Found(sd_bus_message* answer);
+    void SearchAgain();
+
+    BusRef bus_;
+    Slot filter_;
+    Anchor* anchor_ = nullptr;
+    Hub* next_ = nullptr;
+    int depth_ = 0;
+    bool in_filter_ = false;
+
+    Index index_;
+    Rules rules_{*this};
+    std::map<std::string, Peer> peers_;
+    size_t paths_ = 0; // objects with rules of their own
+    std::vector<std::unique_ptr<Entry>> ended_;
+    std::vector<Note> notes_;
+    std::vector<uint16_t> names_;
+
+    Slot tick_;
+    size_t in_flight_ = 0;
+    std::vector<Entry*> pausing_;
+    sd_event_source* timer_ = nullptr;
+    Slot silence_;
+    int64_t timer_due_ = 0;
+    bool unused_ = false; // a peer may have nobody left
+    bool flush_ = false;  // something waits to be sent when the message was handled
+    size_t many_ = 0;     // services with rules of their own
+    uint64_t needless_ = 0;
+
+    std::vector<Entry*> searched_;
+    Slot search_;
+    bool search_again_ = false;
+    uint8_t searches_ = 0;
+    int64_t search_due_ = 0;
+    std::string asked_; // the one object that the search is for; empty: all
+    bool names_followed_ = false;
+    std::vector<Rule*> name_rules_;
+};
+
+} // namespace bmcbus::live

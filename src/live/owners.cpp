@@ -1,0 +1,160 @@
+// Who owns the names that are followed, and which objects belong to whom.
+
+#include "live/hub.hpp"
+
+#include <algorithm>
+
+namespace bmcbus::live
+{
+
+Peer& Hub::PeerOf(const std::string& name)
+{
+    const auto [at, fresh] = peers_.try_emplace(name);
+    Peer& peer = at->second;
+    if (fresh)
+    {
+        peer.name = name;
+        peer.owner_rule = rules_.Use(OwnerRule(name));
+        AskOwner(peer);
+    }
+    return peer;
+}
+
+// The daemon handles the rule first, so no change is missed, and the answer is the newest of all.
+bool Hub::AskOwner(Peer& peer)
+{
+    sd_bus_slot* slot = nullptr;
+    const int result = sd_bus_call_method_async(
+        bus(), &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetNameOwner", OnNameOwner, &peer, "s", peer.name.c_str());
+    peer.question.reset(slot);
+    return result >= 0;
+}
+
+int Hub::OnNameOwner(sd_bus_message* answer, void* user_data, sd_bus_error* /*error*/) noexcept
+{
+    Peer& peer = *static_cast<Peer*>(user_data);
+    // Of the hub that holds the peer: the filter's user data is not at hand here.
+    Hub* const hub = Find(sd_bus_message_get_bus(answer));
+    if (hub == nullptr)
+    {
+        return 1;
+    }
+    const Scope scope(*hub);
+    peer.question.reset();
+    const char* owner = nullptr;
+    if (sd_bus_message_get_error(answer) == nullptr)
+    {
+        static_cast<void>(sd_bus_message_read_basic(answer, SD_BUS_TYPE_STRING, &owner));
+    }
+    hub->Guard(
+        [&]
+        {
+            hub->OwnerIs(peer, owner != nullptr ? owner : "");
+            if (owner == nullptr && !hub->search_)
+            {
+                hub->SearchAgain();
+            }
+            hub->Flush();
+        });
+    return 1;
+}
+
+Peer* Hub::OwnedBy(const char* owner)
+{
+    for (auto& [name, peer] : peers_)
+    {
+        if (!peer.owner.empty() && peer.owner == owner)
+        {
+            return &peer;
+        }
+    }
+    return nullptr;
+}
+
+void Hub::Attach(Entry& entry, Peer& peer)
+{
+    if (entry.peer == &peer)
+    {
+        return;
+    }
+    CancelRead(entry);
+    Detach(entry);
+    entry.peer = &peer;
+    peer.entries.push_back(&entry);
+    peer.uncovered = true;
+    if (!peer.question)
+    {
+        // Known already. What is asked for until the tick goes together.
+        if (!peer.owner.empty())
+        {
+            WantRead(entry);
+        }
+        Tick();
+    }
+}
+
+void Hub::Detach(Entry& entry)
+{
+    if (Peer* const peer = std::exchange(entry.peer, nullptr))
+    {
+        std::erase(peer->entries, &entry);
+        peer->uncovered = peer->uncovered || peer->many;
+        unused_ = unused_ || peer->entries.empty();
+    }
+}
+
+// Nothing of an earlier owner survives its end: neither a read under way nor the claim to be live.
+void Hub::OwnerIs(Peer& peer, const char* owner)
+{
+    if (peer.owner == owner)
+    {
+        return;
+    }
+    EndListing(peer);
+    const bool had = !std::exchange(peer.owner, {}).empty();
+    for (Entry* entry : std::vector<Entry*>(peer.entries))
+    {
+        if (had)
+        {
+            ObjectGone(*entry);
+        }
+    }
+    Deliver(); // each sees its loss before what comes next
+    peer.owner = owner;
+    peer.guesses = 0;
+    peer.asked_mapper = false;
+    peer.singly = false;
+    if (!peer.owner.empty())
+    {
+        for (Entry* entry : peer.entries)
+        {
+            entry->failures = 0;
+            WantRead(*entry);
+        }
+    }
+}
+
+void Hub::DropUnusedPeers()
+{
+    if (!std::exchange(unused_, false))
+    {
+        return;
+    }
+    for (auto at = peers_.begin(); at != peers_.end();)
+    {
+        Peer& peer = at->second;
+        if (!peer.entries.empty() || peer.others > 0)
+        {
+            ++at;
+            continue;
+        }
+        EndListing(peer);
+        many_ -= peer.many ? 1 : 0;
+        DropServiceRules(peer);
+        rules_.Drop(peer.owner_rule);
+        at = peers_.erase(at);
+    }
+}
+
+} // namespace bmcbus::live

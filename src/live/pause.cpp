@@ -1,0 +1,119 @@
+// What is tried again after a pause, and the one timer for all of it. While nothing waits there is
+// no timer.
+
+#include "live/hub.hpp"
+
+#include <algorithm>
+
+namespace bmcbus::live
+{
+namespace
+{
+
+constexpr int64_t firstPause = 100'000; // microseconds
+constexpr int64_t longestPause = 60'000'000;
+
+} // namespace
+
+int64_t PauseAfter(unsigned int failures)
+{
+    return std::min(longestPause, firstPause << std::min(failures, 10U));
+}
+
+void Hub::Pause(Entry& entry)
+{
+    CancelRead(entry);
+    entry.due = Now() + PauseAfter(entry.failures);
+    entry.failures = static_cast<uint8_t>(std::min(entry.failures + 1, 100));
+    pausing_.push_back(&entry);
+    entry.awaits = Awaits::Pause;
+    Arm();
+}
+
+// sd-event has timers; other loops learn from the connection when it wants to be processed. So
+// there a call that nobody answers waits in it: one to ourselves.
+void Hub::Arm()
+{
+    int64_t due = search_due_;
+    for (const Entry* entry : pausing_)
+    {
+        due = due == 0 ? entry->due : std::min(due, entry->due);
+    }
+    if (due == 0 || !usable() || (timer_due_ != 0 && timer_due_ <= due))
+    {
+        return;
+    }
+    timer_due_ = due;
+    timer_ = sd_event_source_disable_unref(timer_);
+    silence_.reset();
+    if (sd_event* const loop = sd_bus_get_event(bus()))
+    {
+        static_cast<void>(sd_event_add_time(loop, &timer_, CLOCK_MONOTONIC,
+                                            static_cast<uint64_t>(due), 1'000, OnTimer, this));
+        return;
+    }
+    const char* self = nullptr;
+    sd_bus_message* call = nullptr;
+    if (sd_bus_get_unique_name(bus(), &self) < 0 ||
+        sd_bus_message_new_method_call(bus(), &call, self, "/", silence, "Wait") < 0)
+    {
+        return;
+    }
+    const MessageRef owned(call);
+    sd_bus_slot* slot = nullptr;
+    static_cast<void>(sd_bus_call_async(bus(), &slot, call, OnSilence, this,
+                                        static_cast<uint64_t>(std::max<int64_t>(due - Now(), 1))));
+    silence_.reset(slot);
+}
+
+void Hub::CheckDue()
+{
+    if (timer_due_ == 0)
+    {
+        return;
+    }
+    const int64_t now = Now();
+    if (now < timer_due_)
+    {
+        return;
+    }
+    timer_due_ = 0;
+    for (Entry* entry : std::vector<Entry*>(pausing_))
+    {
+        if (entry->due <= now)
+        {
+            WantRead(*entry);
+        }
+    }
+    flush_ = true;
+    Arm();
+}
+
+int Hub::OnTimer(sd_event_source* /*source*/, uint64_t /*when*/, void* user_data) noexcept
+{
+    Hub& hub = *static_cast<Hub*>(user_data);
+    const Scope scope(hub);
+    hub.Guard(
+        [&]
+        {
+            hub.CheckDue();
+            hub.Flush();
+        });
+    return 0;
+}
+
+int Hub::OnSilence(sd_bus_message* /*answer*/, void* user_data, sd_bus_error* /*error*/) noexcept
+{
+    Hub& hub = *static_cast<Hub*>(user_data);
+    const Scope scope(hub);
+    hub.silence_.reset();
+    hub.Guard(
+        [&]
+        {
+            hub.CheckDue();
+            hub.Flush();
+        });
+    return 1;
+}
+
+} // namespace bmcbus::live

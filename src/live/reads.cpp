@@ -1,0 +1,265 @@
+// Reads: at most so many in flight as a stock bus lets wait for replies at once, beside those of
+// others.
+
+#include "bus/bus.hpp"
+#include "live/hub.hpp"
+#include "live/store.hpp"
+#include "log.hpp"
+
+#include <algorithm>
+
+namespace bmcbus::live
+{
+namespace
+{
+
+constexpr size_t window = 64;
+constexpr size_t worthListing = 16; // more are asked for at once where that is possible
+
+// Whether it says that the object, or the interface of it, is not there.
+bool SaysGone(const Failure& failure)
+{
+    constexpr const char* names[] = {
+        "org.freedesktop.DBus.Error.UnknownObject", "org.freedesktop.DBus.Error.UnknownInterface",
+        "org.freedesktop.DBus.Error.UnknownMethod", "com.tamm.bmc.Live.Error.Empty"};
+    return std::ranges::find(names, failure.name) != std::end(names);
+}
+
+bool IsBelow(const std::string& path, const std::string& manager)
+{
+    return manager == "/" || path == manager || path.starts_with(manager + "/");
+}
+
+} // namespace
+
+void Hub::WantRead(Entry& entry)
+{
+    if (entry.peer == nullptr || entry.peer->owner.empty() || entry.awaits == Awaits::Turn)
+    {
+        return;
+    }
+    if (entry.awaits == Awaits::Listing || entry.awaits == Awaits::Answer)
+    {
+        entry.again = true;
+        return;
+    }
+    CancelRead(entry);
+    EndSearch(entry);
+    entry.awaits = Awaits::Turn;
+    entry.peer->queue.push_back(&entry);
+    if (entry.state() != LiveState::Live)
+    {
+        SetState(entry, LiveState::Reading);
+    }
+}
+
+void Hub::CancelRead(Entry& entry)
+{
+    switch (std::exchange(entry.awaits, Awaits::Nothing))
+    {
+        case Awaits::Nothing:
+            break;
+        case Awaits::Turn:
+            std::erase(entry.peer->queue, &entry);
+            break;
+        case Awaits::Listing:
+            std::erase(entry.peer->listed, &entry);
+            break;
+        case Awaits::Answer:
+            delete std::exchange(entry.read, nullptr);
+            --in_flight_;
+            break;
+        case Awaits::Pause:
+            std::erase(pausing_, &entry);
+            break;
+    }
+    entry.again = false;
+}
+
+void Hub::Flush()
+{
+    flush_ = false;
+    if (!usable())
+    {
+        return;
+    }
+    Search();
+    for (auto& [name, peer] : peers_)
+    {
+        FlushPeer(peer);
+    }
+}
+
+void Hub::FlushPeer(Peer& peer)
+{
+    if (peer.question)
+    {
+        return;
+    }
+    if (std::exchange(peer.uncovered, false))
+    {
+        Cover(peer);
+    }
+    if (peer.listing)
+    {
+        return;
+    }
+    if (peer.queue.size() > worthListing && !peer.singly && List(peer))
+    {
+        return;
+    }
+    while (!peer.queue.empty() && in_flight_ < window)
+    {
+        Entry& entry = *peer.queue.front();
+        peer.queue.erase(peer.queue.begin());
+        SendRead(entry);
+    }
+    peer.singly = peer.singly && !peer.queue.empty();
+}
+
+void Hub::SendRead(Entry& entry)
+{
+    RetryRules(entry);
+    auto read = std::make_unique<Read>(Read{this, &entry, {}});
+    sd_bus_slot* slot = nullptr;
+    const int result = sd_bus_call_method_async(
+        bus(), &slot, entry.peer->owner.c_str(), entry.path().c_str(),
+        "org.freedesktop.DBus.Properties", "GetAll", OnRead, read.get(), "s", entry.interface());
+    read->slot.reset(slot);
+    if (result < 0)
+    {
+        entry.awaits = Awaits::Nothing;
+        ReadFailed(entry, {"org.freedesktop.DBus.Error.Failed", std::strerror(-result)});
+        return;
+    }
+    entry.awaits = Awaits::Answer;
+    entry.read = read.release();
+    ++in_flight_;
+}
+
+int Hub::OnRead(sd_bus_message* answer, void* user_data, sd_bus_error* /*error*/) noexcept
+{
+    const std::unique_ptr<Read> read(static_cast<Read*>(user_data));
+    Hub& hub = *read->hub;
+    Entry& entry = *read->entry;
+    const Scope scope(hub);
+    entry.read = nullptr;
+    entry.awaits = Awaits::Nothing;
+    --hub.in_flight_;
+    hub.Guard(
+        [&]
+        {
+            hub.ReadDone(entry, answer);
+            hub.Flush();
+        });
+    return 1;
+}
+
+void Hub::ReadDone(Entry& entry, sd_bus_message* answer)
+{
+    if (const sd_bus_error* error = sd_bus_message_get_error(answer))
+    {
+        ReadFailed(entry, FailureOf(error));
+    }
+    else
+    {
+        Take(entry, answer);
+    }
+}
+
+// A whole read: all properties of one moment, or nothing of it.
+void Hub::Take(Entry& entry, sd_bus_message* values)
+{
+    entry.awaits = Awaits::Nothing;
+    if (const Rule* rule = Uncovered(entry))
+    {
+        // What changes would not be heard of.
+        ReadFailed(entry, rule->failure());
+        return;
+    }
+    Decoder decoder;
+    try
+    {
+        decoder.Read(values, entry);
+    }
+    catch (const std::exception& error)
+    {
+        ReadFailed(entry, {"org.freedesktop.DBus.Error.InvalidSignature", error.what()});
+        return;
+    }
+    if (!decoder.refusal().empty() && entry.state() != LiveState::Live)
+    {
+        ReadFailed(entry, {"org.freedesktop.DBus.Error.InvalidSignature", decoder.refusal()});
+        return;
+    }
+    if (decoder.empty() && !entry.about.interface->properties.empty())
+    {
+        ReadFailed(entry, {"com.tamm.bmc.Live.Error.Empty", "a read brought no property"});
+        return;
+    }
+    ++entry.reads;
+    entry.failures = 0;
+    entry.again = false;
+    entry.failure.reset();
+    const std::span<const uint16_t> changed = decoder.Store(entry, true);
+    SetState(entry, LiveState::Live);
+    NoteChanges(entry, changed);
+}
+
+void Hub::ReadFailed(Entry& entry, Failure failure)
+{
+    ++entry.reads;
+    const bool news = entry.failure == nullptr || entry.failure->name != failure.name;
+    const bool gone = SaysGone(failure);
+    if (news && !gone)
+    {
+        BMCBUS_LOG(error, "cannot read %s at %s of %s: %s: %s", entry.interface(),
+                   entry.path().c_str(), entry.peer->name.c_str(), failure.name.c_str(),
+                   failure.text.c_str());
+    }
+    entry.failure = std::make_unique<Failure>(std::move(failure));
+    if (!usable())
+    {
+        return;
+    }
+    if (std::exchange(entry.again, false))
+    {
+        WantRead(entry);
+        return;
+    }
+    if (gone)
+    {
+        ObjectGone(entry);
+        // Where there is a manager it will say when the object comes.
+        if (!entry.peer->manager.empty() && IsBelow(entry.path(), entry.peer->manager))
+        {
+            return;
+        }
+    }
+    Pause(entry);
+}
+
+// A message to the daemon whose answer makes room for what was asked for until then to go together.
+void Hub::Tick()
+{
+    if (tick_ || !usable())
+    {
+        return;
+    }
+    sd_bus_slot* slot = nullptr;
+    static_cast<void>(sd_bus_call_method_async(bus(), &slot, "org.freedesktop.DBus",
+                                               "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer",
+                                               "Ping", OnTick, this, nullptr));
+    tick_.reset(slot);
+}
+
+int Hub::OnTick(sd_bus_message* /*answer*/, void* user_data, sd_bus_error* /*error*/) noexcept
+{
+    Hub& hub = *static_cast<Hub*>(user_data);
+    const Scope scope(hub);
+    hub.tick_.reset();
+    hub.Guard([&] { hub.Flush(); });
+    return 1;
+}
+
+} // namespace bmcbus::live

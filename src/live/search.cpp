@@ -1,0 +1,243 @@
+// Who has an object: asked of the object mapper, for all that are searched at once. It may know
+// late, so a question that found nothing is repeated a few times, and again whenever something
+// happens that may have told the mapper more: a name, a signal of the object, the mapper itself.
+// Between, nothing.
+
+#include "bus/bus.hpp"
+#include "bus/object_mapper_internal.hpp"
+#include "live/hub.hpp"
+
+#include <algorithm>
+#include <set>
+
+namespace bmcbus::live
+{
+namespace
+{
+
+using namespace ObjectMapper::internal;
+
+constexpr const char* managerInterface = "org.freedesktop.DBus.ObjectManager";
+constexpr uint8_t repetitions = 8; // within half a minute
+constexpr size_t withRules = 16;   // objects nobody has yet that get rules of their own
+
+MessageRef Question(sd_bus* bus, const std::set<std::string>& interfaces, const Entry* only)
+{
+    MessageRef call = NewCall(bus, mapperService, mapperPath, mapperInterface,
+                              only != nullptr ? "GetObject" : "GetSubTree");
+    client::Append(call.get(), only != nullptr ? only->path() : std::string("/"));
+    if (only == nullptr)
+    {
+        client::Append(call.get(), int32_t{0});
+    }
+    client::Append(call.get(), std::vector<std::string>(interfaces.begin(), interfaces.end()));
+    return call;
+}
+
+} // namespace
+
+void Hub::WantSearch(Entry& entry)
+{
+    if (entry.searched || !usable())
+    {
+        return;
+    }
+    entry.searched = true;
+    searched_.push_back(&entry);
+    searches_ = 0;
+    search_due_ = 1;
+    search_again_ = search_ != nullptr;
+    Tick();
+}
+
+void Hub::EndSearch(Entry& entry)
+{
+    if (std::exchange(entry.searched, false))
+    {
+        std::erase(searched_, &entry);
+    }
+}
+
+void Hub::Hint()
+{
+    if (searched_.empty())
+    {
+        return;
+    }
+    searches_ = 0;
+    search_due_ = 1;
+    search_again_ = search_ != nullptr;
+    Tick();
+}
+
+void Hub::Search()
+{
+    if (searched_.empty())
+    {
+        search_due_ = 0;
+        FollowNames(false);
+        return;
+    }
+    if (search_ || search_due_ == 0 || Now() < search_due_)
+    {
+        return;
+    }
+    search_due_ = 0;
+    std::set<std::string> interfaces;
+    for (const Entry* entry : searched_)
+    {
+        interfaces.insert(entry->interface());
+    }
+    const Entry* const only = searched_.size() == 1 ? searched_.front() : nullptr;
+    asked_ = only != nullptr ? only->path() : "";
+    if (only == nullptr)
+    {
+        interfaces.insert(managerInterface);
+    }
+    const MessageRef call = Question(bus(), interfaces, only);
+    sd_bus_slot* slot = nullptr;
+    Require(sd_bus_call_async(bus(), &slot, call.get(), OnSearch, this, 0), "sd_bus_call_async");
+    search_.reset(slot);
+}
+
+int Hub::OnSearch(sd_bus_message* answer, void* user_data, sd_bus_error* /*error*/) noexcept
+{
+    Hub& hub = *static_cast<Hub*>(user_data);
+    const Scope scope(hub);
+    hub.search_.reset();
+    hub.Guard(
+        [&]
+        {
+            if (sd_bus_message_get_error(answer) == nullptr)
+            {
+                hub.Found(answer);
+            }
+            hub.SearchAgain();
+            hub.Flush();
+        });
+    return 1;
+}
+
+void Hub::Found(sd_bus_message* answer)
+{
+    Tree tree;
+    if (asked_.empty())
+    {
+        client::Read(answer, tree);
+    }
+    else
+    {
+        client::Read(answer, tree[asked_]);
+    }
+    for (Entry* entry : std::vector<Entry*>(searched_))
+    {
+        const auto at = tree.find(entry->path());
+        if (at == tree.end())
+        {
+            continue;
+        }
+        // Who had it last is named for a while after it has gone; anybody else comes first.
+        const std::string* best = nullptr;
+        for (const auto& [service, interfaces] : at->second)
+        {
+            const bool has = std::ranges::find(interfaces, entry->interface()) != interfaces.end();
+            const bool other = entry->peer == nullptr || entry->peer->name != service;
+            if (has && (best == nullptr || other))
+            {
+                best = &service;
+                if (other)
+                {
+                    break;
+                }
+            }
+        }
+        if (best != nullptr)
+        {
+            Peer& peer = PeerOf(*best);
+            Attach(*entry, peer);
+            if (peer.manager.empty())
+            {
+                TakeManager(peer, tree);
+            }
+        }
+    }
+}
+
+// The deepest manager of the service that its first object is at or below.
+void Hub::TakeManager(Peer& peer, const Tree& tree)
+{
+    if (peer.entries.empty())
+    {
+        return;
+    }
+    const std::string& first = peer.entries.front()->path();
+    for (const auto& [path, services] : tree)
+    {
+        const auto found = services.find(peer.name);
+        const bool above = path == "/" || first == path || first.starts_with(path + "/");
+        if (above && found != services.end() &&
+            std::ranges::find(found->second, managerInterface) != found->second.end())
+        {
+            peer.manager = path;
+        }
+    }
+}
+
+void Hub::SearchAgain()
+{
+    // Whose name is being asked for may be there.
+    const auto undecided = [](const Entry* entry)
+    { return entry->peer == nullptr || !entry->peer->question; };
+    if (std::ranges::none_of(searched_, undecided))
+    {
+        return;
+    }
+    if (!std::exchange(names_followed_, true))
+    {
+        // Once more at once: something may have come before the rules that tell of it.
+        FollowNames(true);
+        search_due_ = 1;
+    }
+    else if (std::exchange(search_again_, false))
+    {
+        search_due_ = 1;
+    }
+    else if (searches_ < repetitions)
+    {
+        search_due_ = Now() + PauseAfter(searches_++);
+        Arm();
+    }
+    if (searched_.size() <= withRules)
+    {
+        for (Entry* entry : searched_)
+        {
+            if (entry->peer == nullptr && paths_ < withRules)
+            {
+                UsePathRules(*entry);
+            }
+        }
+    }
+}
+
+// New names, and what the mapper says when it has learned of one.
+void Hub::FollowNames(bool follow)
+{
+    if (follow)
+    {
+        name_rules_ = {
+            rules_.Use("type='signal',interface='org.freedesktop.DBus',"
+                       "member='NameOwnerChanged',sender='org.freedesktop.DBus'"),
+            rules_.Use(
+                "type='signal',interface='xyz.openbmc_project.ObjectMapper.Private',sender='" +
+                std::string(mapperService) + "'")};
+        return;
+    }
+    names_followed_ = false;
+    for (Rule*& rule : name_rules_)
+    {
+        rules_.Drop(rule);
+    }
+    name_rules_.clear();
+}
+
+} // namespace bmcbus::live

@@ -1,0 +1,156 @@
+#include "live/store.hpp"
+
+#include "bus/bus.hpp"
+#include "client/signal.hpp"
+#include "live/fingerprint.hpp"
+#include "log.hpp"
+
+#include <algorithm>
+
+namespace bmcbus::live
+{
+namespace
+{
+
+constexpr const char* enter = "sd_bus_message_enter_container";
+constexpr const char* leave = "sd_bus_message_exit_container";
+
+// The number of the property called `name`; -1 for none.
+int Find(const client::Interface& interface, const char* name)
+{
+    for (size_t i = 0; i < interface.properties.size(); ++i)
+    {
+        if (std::strcmp(interface.NameOf(interface.properties[i]), name) == 0)
+        {
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
+}
+
+void Unset(Entry& entry, uint16_t property)
+{
+    const client::Field& field = entry.about.fields.list[property];
+    client::At<bool>(entry.object, field.is_set) = false;
+    entry.about.fields.TypeOf(field).clear(client::Place(entry.object, field.value));
+}
+
+} // namespace
+
+void Decoder::Read(sd_bus_message* message, Entry& entry)
+{
+    values_.clear();
+    refusal_.clear();
+    Require(sd_bus_message_enter_container(message, 'a', "{sv}"), enter);
+    while (Require(sd_bus_message_enter_container(message, 'e', "sv"), enter) > 0)
+    {
+        ReadOne(message, entry);
+        Require(sd_bus_message_exit_container(message), leave);
+    }
+    Require(sd_bus_message_exit_container(message), leave);
+}
+
+void Decoder::ReadOne(sd_bus_message* message, Entry& entry)
+{
+    const client::Interface& interface = *entry.about.interface;
+    const char* name = nullptr;
+    Require(sd_bus_message_read_basic(message, 's', &name), "sd_bus_message_read_basic");
+    const int found = Find(interface, name);
+    const bool twice =
+        std::ranges::any_of(values_, [&](const Decoded& each) { return each.property == found; });
+    if (found < 0 || twice)
+    {
+        Require(sd_bus_message_skip(message, "v"), "sd_bus_message_skip");
+        return;
+    }
+    const client::Type& type = interface.TypeOf(interface.properties[static_cast<size_t>(found)]);
+    const char* contents = nullptr;
+    Require(sd_bus_message_peek_type(message, nullptr, &contents), "sd_bus_message_peek_type");
+    if (std::strcmp(contents, type.signature) != 0)
+    {
+        Refuse(entry, name, contents, type.signature);
+        Require(sd_bus_message_skip(message, "v"), "sd_bus_message_skip");
+        return;
+    }
+    Require(sd_bus_message_enter_container(message, 'v', contents), enter);
+    Decoded& decoded =
+        values_.emplace_back(Decoded{static_cast<uint16_t>(found), Fingerprint(message), {}});
+    Require(sd_bus_message_rewind(message, 0), "sd_bus_message_rewind");
+    type.read(message, decoded.value.Emplace(type));
+    Require(sd_bus_message_exit_container(message), leave);
+}
+
+void Decoder::Refuse(Entry& entry, const char* name, const char* got, const char* wanted)
+{
+    ++entry.refused;
+    refusal_ = std::string(name) + " has type " + got + " instead of " + wanted;
+    BMCBUS_LOG_AS(error, bmcbus::log::librarySource, "Decode",
+                  "refused %s.%s at %s: type %s instead of %s", entry.interface(), name,
+                  entry.path().c_str(), got, wanted);
+}
+
+std::span<const uint16_t> Decoder::Store(Entry& entry, bool whole)
+{
+    const size_t size = entry.about.interface->properties.size();
+    changed_.clear();
+    const std::unique_ptr<std::vector<uint16_t>> untold =
+        whole ? std::move(entry.invalidated) : nullptr;
+    const std::lock_guard lock(entry.mutex());
+    for (Decoded& decoded : values_)
+    {
+        const client::Field& field = entry.about.fields.list[decoded.property];
+        auto& is_set = client::At<bool>(entry.object, field.is_set);
+        if (!is_set || entry.prints[decoded.property] != decoded.print)
+        {
+            changed_.push_back(decoded.property);
+        }
+        entry.about.fields.TypeOf(field).move(client::Place(entry.object, field.value),
+                                              decoded.value.get());
+        is_set = true;
+        entry.prints[decoded.property] = decoded.print;
+    }
+    const auto brought = [&](uint16_t property)
+    {
+        return std::ranges::any_of(values_,
+                                   [&](const Decoded& each) { return each.property == property; });
+    };
+    for (uint16_t i = 0; whole && i < size; ++i)
+    {
+        const bool set = client::At<bool>(entry.object, entry.about.fields.list[i].is_set);
+        const bool was_told = !untold || std::ranges::find(*untold, i) == untold->end();
+        if (!brought(i) && (set || !was_told))
+        {
+            Unset(entry, i);
+            changed_.push_back(i);
+        }
+    }
+    std::ranges::sort(changed_);
+    return changed_;
+}
+
+bool Invalidate(sd_bus_message* message, Entry& entry)
+{
+    Require(sd_bus_message_enter_container(message, 'a', "s"), enter);
+    const char* name = nullptr;
+    bool any = false;
+    while (Require(sd_bus_message_read_basic(message, 's', &name), "sd_bus_message_read_basic") > 0)
+    {
+        const int found = Find(*entry.about.interface, name);
+        if (found < 0)
+        {
+            continue;
+        }
+        any = true;
+        if (!entry.invalidated)
+        {
+            entry.invalidated = std::make_unique<std::vector<uint16_t>>();
+        }
+        const std::lock_guard lock(entry.mutex());
+        Unset(entry, static_cast<uint16_t>(found));
+        entry.invalidated->push_back(static_cast<uint16_t>(found));
+    }
+    Require(sd_bus_message_exit_container(message), leave);
+    return any;
+}
+
+} // namespace bmcbus::live
