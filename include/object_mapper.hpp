@@ -29,6 +29,12 @@
  * read: after a blocking call made outside a bus handler, call `sd_bus_process` until it returns 0
  * before waiting on the descriptor again.
  *
+ * **UNIX signals.** A signal that the process catches disturbs no call: while a call waits, the
+ * calling thread keeps it blocked, and its handler runs when the wait is over, or at once in
+ * another thread that does not block it. Signals that report a fault (SIGSEGV and its like) are
+ * never held up, nor are SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGALRM and SIGTSTP where the process
+ * does not catch them.
+ *
  * **Text.** Paths and names that are not UTF-8, or contain a zero byte, are refused before anything
  * is sent; the connection is not harmed.
  */

@@ -1,5 +1,7 @@
 #include "bus/bus.hpp"
 
+#include "bus/signal_shield.hpp"
+
 #include <bmcbus/sdbusplus.hpp>
 
 #include <cerrno>
@@ -16,14 +18,42 @@ int Require(int result, const char* step)
     return result;
 }
 
-BusRef DefaultBus()
+int AwaitReady(sd_bus* bus, const Deadline& deadline)
+{
+    const char* name = nullptr;
+    if (sd_bus_is_ready(bus) > 0)
+    {
+        return sd_bus_get_unique_name(bus, &name);
+    }
+    const SignalShield shield;
+    // Before a connection is up there is nothing on it that could call a handler.
+    while (deadline.IsSet() && sd_bus_is_ready(bus) == 0 && sd_bus_is_open(bus) > 0)
+    {
+        int result = sd_bus_process(bus, nullptr);
+        const uint64_t left = deadline.Left();
+        if (result == 0 && left != 0)
+        {
+            result = sd_bus_wait(bus, left);
+        }
+        if (result < 0 && result != -EINTR)
+        {
+            return result;
+        }
+        if (left == 0)
+        {
+            return -ETIMEDOUT;
+        }
+    }
+    // Waits as well, and names what is wrong with a dead or inherited connection.
+    return sd_bus_get_unique_name(bus, &name);
+}
+
+BusRef DefaultBus(const Deadline& deadline)
 {
     sd_bus* raw = nullptr;
     Require(sd_bus_default_system(&raw), "sd_bus_default_system");
     BusRef bus(raw);
-    // Waits until a new connection is up, and tells a dead or inherited one from a working one.
-    const char* name = nullptr;
-    Require(sd_bus_get_unique_name(raw, &name), "sd_bus_get_unique_name");
+    Require(AwaitReady(raw, deadline), "sd_bus_get_unique_name");
     return bus;
 }
 
@@ -48,16 +78,39 @@ MessageRef NewCall(sd_bus* bus, const std::string& service, const std::string& p
     return NewCall(bus, service.c_str(), path.c_str(), interface, member);
 }
 
-MessageRef Call(sd_bus* bus, sd_bus_message* call)
+int Exchange(sd_bus* bus, sd_bus_message* call, sd_bus_error& error, MessageRef& reply,
+             const Deadline& deadline)
+{
+    uint64_t timeout = 0; // the connection's default
+    if (deadline.IsSet())
+    {
+        const int ready = AwaitReady(bus, deadline);
+        timeout = deadline.Left();
+        if (ready < 0 || timeout == 0)
+        {
+            return sd_bus_error_set_errno(&error, ready < 0 ? ready : -ETIMEDOUT);
+        }
+    }
+    const SignalShield shield;
+    sd_bus_message* raw = nullptr;
+    const int result = sd_bus_call(bus, call, timeout, &error, &raw);
+    if (result >= 0)
+    {
+        reply.reset(raw);
+    }
+    return result;
+}
+
+MessageRef Call(sd_bus* bus, sd_bus_message* call, const Deadline& deadline)
 {
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* reply = nullptr;
-    if (sd_bus_call(bus, call, 0, &error, &reply) < 0)
+    MessageRef reply;
+    if (Exchange(bus, call, error, reply, deadline) < 0)
     {
         throw Error(&error, "sd_bus_call");
     }
     sd_bus_error_free(&error);
-    return MessageRef(reply);
+    return reply;
 }
 
 } // namespace bmcbus

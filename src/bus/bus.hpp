@@ -1,7 +1,17 @@
 #pragma once
 
-// What every blocking call shares: the thread's default connection, the call and its reply.
-// Arguments go through the writers of wire.hpp, which refuse what may not travel.
+// What every blocking call shares: the thread's default connection, the call and the wait for its
+// reply. Arguments go through the writers of wire.hpp, which refuse what may not travel.
+//
+// UNIX signals: every wait here keeps the calling thread's caught signals blocked and lets them
+// through at its end, so none makes a call fail or be sent twice; see SignalShield. A wait of our
+// own that goes on after EINTR would handle them at once, but nothing of sd-bus's interface reads
+// messages without running their handlers, which has to be left to the thread's loop and is
+// impossible inside a handler.
+//
+// Order: messages that arrive meanwhile stay queued as they came, for the loop.
+
+#include "bus/deadline.hpp"
 
 #include <bmcbus/refs.hpp>
 
@@ -15,8 +25,13 @@ namespace bmcbus
 // Throws Error(-result, step) for a negative result, else gives it back.
 int Require(int result, const char* step);
 
-// The calling thread's default system-bus connection, connected. Throws Error.
-BusRef DefaultBus();
+// Waits until the connection is up; negative when it is dead or inherited, -ETIMEDOUT when the
+// deadline passed first. libsystemd by itself knows no deadline before a connection is up.
+int AwaitReady(sd_bus* bus, const Deadline& deadline = {});
+
+// The calling thread's default system-bus connection, connected. Throws Error, with ETIMEDOUT when
+// the deadline passed before it was up.
+BusRef DefaultBus(const Deadline& deadline = {});
 
 // A method call on `bus`. Throws Error(…, "sd_bus_message_new_method_call").
 MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const char* interface,
@@ -27,8 +42,16 @@ MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const cha
 MessageRef NewCall(sd_bus* bus, const std::string& service, const std::string& path,
                    const char* interface, const char* member);
 
-// Sends `call` and waits for its reply with the connection's default timeout. Throws Error made
-// from the error reply or the failure, with the prefix "sd_bus_call".
-MessageRef Call(sd_bus* bus, sd_bus_message* call);
+// Sends `call` once and waits for its reply, until the deadline or, when that is not set, for the
+// connection's default timeout. The deadline holds for a connection that is not up yet, too; when
+// it has passed already, nothing is sent. Works inside handlers of the connection.
+//
+// Negative with `error` filled, for an error reply as well; release it with sd_bus_error_free.
+// Never throws.
+int Exchange(sd_bus* bus, sd_bus_message* call, sd_bus_error& error, MessageRef& reply,
+             const Deadline& deadline = {});
+
+// The same; throws Error made from the error reply or the failure, with the prefix "sd_bus_call".
+MessageRef Call(sd_bus* bus, sd_bus_message* call, const Deadline& deadline = {});
 
 } // namespace bmcbus

@@ -1,7 +1,8 @@
 #pragma once
 
-// When the connection's method-call timeout runs out, on sd-bus's own clock. Its errors do not tell
-// every timeout from a peer that went away or answered by itself; the time does.
+// When a wait has lasted long enough, on sd-bus's own clock. For calls with the connection's
+// timeout this is how to tell a timeout: sd-bus's errors do not tell every one from a peer that
+// went away or answered by itself.
 
 #include <systemd/sd-bus.h>
 
@@ -24,12 +25,29 @@ class Deadline
         uint64_t timeout = never;
         if (sd_bus_get_method_call_timeout(bus, &timeout) >= 0)
         {
-            const uint64_t now = Now();
-            at_ = timeout > never - now ? never : now + timeout;
+            *this = In(timeout);
         }
     }
 
-    bool Passed() const { return at_ != never && Now() >= at_; }
+    // In so many microseconds from now.
+    static Deadline In(uint64_t microseconds)
+    {
+        Deadline deadline;
+        const uint64_t now = Now();
+        deadline.at_ = microseconds > never - now ? never : now + microseconds;
+        return deadline;
+    }
+
+    bool IsSet() const { return at_ != never; }
+
+    bool Passed() const { return IsSet() && Now() >= at_; }
+
+    // Microseconds; 0 when it has passed, the largest number when it never does.
+    uint64_t Left() const
+    {
+        const uint64_t now = IsSet() ? Now() : 0;
+        return IsSet() ? (at_ > now ? at_ - now : 0) : never;
+    }
 
   private:
     static constexpr uint64_t never = std::numeric_limits<uint64_t>::max();

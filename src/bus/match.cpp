@@ -1,6 +1,6 @@
 #include "bus/match.hpp"
 
-#include "bus/bus.hpp"
+#include "bus/signal_shield.hpp"
 #include "bus/text.hpp"
 
 #include <cerrno>
@@ -26,6 +26,7 @@ int AddMatch(sd_bus* bus, const std::string& rule, sd_bus_message_handler_t hand
     {
         return -EINVAL;
     }
+    const SignalShield shield;
     sd_bus_slot* raw = nullptr;
     const int result = sd_bus_add_match(bus, &raw, rule.c_str(), handler, user_data);
     if (result >= 0)

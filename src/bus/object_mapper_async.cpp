@@ -138,8 +138,7 @@ bmcbus::BusRef HoldDefaultBus(const char* function)
     sd_bus* raw = nullptr;
     REQUIRE(function, "sd_bus_default_system", sd_bus_default_system(&raw));
     bmcbus::BusRef bus(raw);
-    const char* name = nullptr;
-    static_cast<void>(sd_bus_get_unique_name(raw, &name));
+    static_cast<void>(bmcbus::AwaitReady(raw));
     return bus;
 }
 

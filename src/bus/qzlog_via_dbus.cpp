@@ -214,12 +214,12 @@ bmcbus::MessageRef Ask(sd_bus* bus, sd_bus_message* call)
 {
     const bmcbus::Deadline deadline(bus);
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* raw = nullptr;
-    const int result = sd_bus_call(bus, call, 0, &error, &raw);
+    bmcbus::MessageRef reply;
+    const int result = bmcbus::Exchange(bus, call, error, reply);
     if (result >= 0)
     {
-        bmcbus::MessageRef reply(raw);
-        return sd_bus_message_is_method_error(raw, nullptr) > 0 ? nullptr : std::move(reply);
+        return sd_bus_message_is_method_error(reply.get(), nullptr) > 0 ? nullptr
+                                                                        : std::move(reply);
     }
     if (WasAnswered(bus, call, error, deadline))
     {
