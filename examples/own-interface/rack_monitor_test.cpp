@@ -72,6 +72,7 @@ TEST_F(RackMonitorTest, FailsWhenTheSensorDoes)
                     { throw CallError("com.example.Error.Refused", "out of range"); });
     EXPECT_FALSE(monitor.SetUpperLimit(1000.0));
 
+    sensor.Manage(path); // the loss is announced from where the monitor listens
     sensor->RemoveInterface("com.example.rack.Sensor");
     EXPECT_TRUE(Dispatch([&] { return !monitor.Ready(); }));
     EXPECT_THAT(lines, ElementsAre("sensor gone"));
