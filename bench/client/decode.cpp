@@ -3,6 +3,7 @@
 // length, so that what comes before and after drops out.
 //
 //   bench-decode library|floor|sdbus-c++|gdbus all|changed|notify COUNT
+//   bench-decode library|floor all|changed[-declared|-shuffled] COUNT
 
 #include "power.hpp"
 
@@ -48,14 +49,14 @@ void AppendSample(sd_bus_message* message, const char* type)
     WithMember(type, [&](auto member) { Append(message, type, Sample().*member); });
 }
 
-void AppendProperties(sd_bus_message* message)
+void AppendProperties(sd_bus_message* message, std::string_view order)
 {
     Check(sd_bus_message_open_container(message, 'a', "{sv}"), "open");
-    for (const auto& [name, number] : Index())
+    for (const size_t number : Order(order))
     {
-        const char* type = properties[number].type;
+        const auto& [name, type] = properties[number];
         Check(sd_bus_message_open_container(message, 'e', "sv"), "open");
-        Check(sd_bus_message_append_basic(message, 's', name.data()), "append");
+        Check(sd_bus_message_append_basic(message, 's', name), "append");
         Check(sd_bus_message_open_container(message, 'v', type), "open");
         AppendSample(message, type);
         sd_bus_message_close_container(message);
@@ -65,7 +66,7 @@ void AppendProperties(sd_bus_message* message)
 }
 
 // The reply's contents travel in a signal, which can be sealed without a call.
-sd_bus_message* MakeMessage(const std::string& what)
+sd_bus_message* MakeMessage(const std::string& what, const std::string& order)
 {
     sd_bus* bus = nullptr;
     sd_bus_message* message = nullptr;
@@ -84,7 +85,7 @@ sd_bus_message* MakeMessage(const std::string& what)
     else
     {
         Check(changed ? sd_bus_message_append_basic(message, 's', interface) : 0, "append");
-        AppendProperties(message);
+        AppendProperties(message, order);
         Check(changed ? sd_bus_message_append(message, "as", 0) : 0, "append");
     }
     Check(sd_bus_message_seal(message, 1, 0), "seal");
@@ -210,13 +211,16 @@ Handler Library(const std::string& what)
     };
 }
 
-Work Contender(const std::string& who, const std::string& what)
+Work Contender(const std::string& who, const std::string& work)
 {
+    const size_t dash = work.find('-');
     if (who != "floor" && who != "library")
     {
-        return Peer(who, what);
+        // Their messages are in the order of the names.
+        return dash == work.npos ? Peer(who, work) : Peer("", work);
     }
-    sd_bus_message* message = MakeMessage(what);
+    const std::string what = work.substr(0, dash);
+    sd_bus_message* message = MakeMessage(what, dash == work.npos ? "" : work.substr(dash + 1));
     Handler handler = who == "floor" ? ByHand(what) : Library(what);
     return [=]
     {

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <map>
+#include <numeric>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -96,8 +97,7 @@ void WithMember(const char* type, Use use)
     }
 }
 
-// In ascending order of the names, as services send their maps. The number says where the value
-// goes.
+// Where the value of a name goes.
 inline const std::map<std::string_view, size_t>& Index()
 {
     static const auto index = []
@@ -110,6 +110,30 @@ inline const std::map<std::string_view, size_t>& Index()
         return made;
     }();
     return index;
+}
+
+// The properties in the order of a message: "declared", "shuffled", or else in that of their names,
+// which is what services that keep them in a std::map send.
+inline std::vector<size_t> Order(std::string_view order)
+{
+    std::vector<size_t> numbers;
+    for (const auto& [name, number] : Index())
+    {
+        numbers.push_back(number);
+    }
+    if (order == "declared")
+    {
+        std::iota(numbers.begin(), numbers.end(), 0);
+    }
+    else if (order == "shuffled")
+    {
+        // 21 and 55 have no common divisor, so that each comes once.
+        for (size_t i = 0; i < propertyCount; ++i)
+        {
+            numbers[i] = (i * 21 + 13) % propertyCount;
+        }
+    }
+    return numbers;
 }
 
 } // namespace bench::power
