@@ -1,41 +1,9 @@
 """Step two: one interface as the templates see it, fully checked.
 
-The templates get one variable, `interface`:
-
-    name            "com.tamm.bmc.Thermal.FanReporting"
-    parts           ["com", "tamm", "bmc", "Thermal", "FanReporting"]
-    namespace       parts without the last: the namespaces around the proxy classes, inside
-                    ClientCache or ClientEdge
-    class_name      last part: name of the proxy classes, word of the enter and leave lines
-    group           last part: the namespace of the signal classes, inside ClientCache
-    basename        "client_cache", the output files without their extension
-    header          "client_cache.hpp": how the .cpp beside it includes it
-    include         "com/tamm/bmc/Thermal/FanReporting/client_cache.hpp": how users include it
-    label           "FanReporting/client_cache.cpp", the file label of the log lines
-    has_cache       a cached proxy is wanted, and there are properties
-    has_direct      a direct proxy is wanted, and there are properties or methods
-    datacache       annotation com.tamm.bmcbus.UseDatacache is true
-    variant         the distinct property types, ordered by their C++ spelling (byte-wise)
-    properties      every property in declaration order, empty if neither proxy is wanted
-    writable        those of them that can be written
-    methods         every method in declaration order, empty if no direct proxy is wanted
-    signals         every signal in declaration order, empty if no signal classes are wanted
-    argument_types  the distinct types of the signals' arguments, ordered by their C++ spelling
-
-A type has: cpp, signature, kind ("basic", "array", "dict", "struct"), parts (the types inside).
-
-A property has: name, type, signature, writable, variant_index (of its type in `variant`), field
-and flag (private members, "<name>_" and "<name>_is_set": names from a description end in an
-underscore or in the word, so they never meet a parameter or another member), param (a free name
-for a function parameter).
-
-A method has: name, ins, outs. Their arguments have: name (made up where the description has
-none), type, signature, param.
-
-A signal has: name, class_name (both the member name), args, signature (of the whole message).
-Its arguments have: name, type, signature, field, flag, param.
+The templates get one variable, `interface`, an `Interface` with its properties, methods and signals.
 """
 
+import re
 from dataclasses import dataclass, field
 
 from . import names
@@ -60,22 +28,33 @@ class Wanted:
 
 @dataclass
 class Argument:
-    name: str
-    type: object
+    """An argument of a method or signal, or a property.
+
+    Private members end in an underscore or in the word, so they never meet a parameter or another
+    member.
+    """
+
+    name: str  # made up where an argument of a method has none
+    type: object  # cpp, signature, kind ("basic", "array", "dict", "struct"), parts (the types inside)
     line: int
-    param: str = ""
-    field: str = ""
-    flag: str = ""
+    param: str = ""  # a function parameter, "<name>_"
+    field: str = ""  # the private member for the value, "<name>_"
+    flag: str = ""  # and the one that tells whether it was set, "<name>_is_set"
 
     @property
     def signature(self):
         return self.type.signature
 
+    @property
+    def is_text(self):
+        return self.signature == "s"
+
 
 @dataclass
 class Property(Argument):
     writable: bool = False
-    variant_index: int = 0
+    variant_index: int = 0  # of its type in the interface's variant
+    number: int = 0  # its place among all in ascending order of the names
 
 
 @dataclass
@@ -101,16 +80,78 @@ class Signal:
         return "".join(arg.signature for arg in self.args)
 
 
+@dataclass(frozen=True)
+class Overload:
+    """One of the ways to make an object: which parameters it has behind the path."""
+
+    service: bool = False
+    callback: bool = False
+    user_data: bool = False
+    use_async: bool = False
+
+    @property
+    def parameters(self):
+        listed = (
+            (True, "std::string path"),
+            (self.service, "std::string service"),
+            (self.callback, "Callback callback"),
+            (self.user_data, "void* user_data"),
+            (self.use_async, "bool use_async"),
+        )
+        return [parameter for has, parameter in listed if has]
+
+    @property
+    def arguments(self):
+        """For what takes all of them; the strings' contents may be taken."""
+        return [
+            "&service" if self.service else "nullptr",
+            "path",
+            "callback" if self.callback else "nullptr",
+            "user_data" if self.user_data else "nullptr",
+            "use_async" if self.use_async else "false",
+        ]
+
+    @property
+    def meant(self):
+        """What besides a flag can stand in the last place, so that it is not refused as one."""
+        if self.user_data:
+            return []
+        if self.callback:
+            return ["void*"]
+        return ["Callback"] if self.service else ["std::string", "Callback"]
+
+
+_CALLBACKS = ({}, {"callback": True}, {"callback": True, "user_data": True})
+_CONSTRUCTORS = [
+    Overload(service=service, use_async=use_async, **callback)
+    for use_async in (False, True)
+    for service in (False, True)
+    for callback in _CALLBACKS
+]
+
+
+def _factories(constructors):
+    """A registered object's callback comes with its user data."""
+    return [one for one in constructors if one.callback == one.user_data]
+
+
 @dataclass
 class Interface:
-    name: str
+    name: str  # "com.tamm.bmc.Thermal.FanReporting"
     line: int
-    basename: str = "client_cache"
+    basename: str = "client_cache"  # the output files without their extension
     wanted: Wanted = Wanted()
-    datacache: bool = False
+    datacache: bool = False  # annotation com.tamm.bmcbus.UseDatacache is true
+    # In declaration order; empty if no class that has them is wanted.
     properties: list = field(default_factory=list)
     methods: list = field(default_factory=list)
     signals: list = field(default_factory=list)
+
+    # How objects are made.
+    constructors = _CONSTRUCTORS
+    factories = _factories(_CONSTRUCTORS)
+    signal_constructors = _CONSTRUCTORS[: len(_CALLBACKS)]
+    signal_factories = _factories(signal_constructors)
 
     @property
     def parts(self):
@@ -118,26 +159,37 @@ class Interface:
 
     @property
     def namespace(self):
+        """Around the proxy classes, inside ClientCache or ClientEdge."""
         return self.parts[:-1]
 
     @property
     def class_name(self):
+        """Of the proxy classes; also a word of their enter and leave lines."""
         return self.parts[-1]
 
     @property
     def group(self):
+        """The namespace of the signal classes, inside ClientCache."""
         return self.parts[-1]
 
     @property
+    def tables(self):
+        """The namespace of the tables: sources that are compiled as one do not share it."""
+        return "::".join(["bmcbus_tables", *self.parts, "of_" + re.sub(r"\W", "_", self.basename)])
+
+    @property
     def header(self):
+        """How the source beside it includes the header."""
         return self.basename + ".hpp"
 
     @property
     def include(self):
+        """How users include it."""
         return "/".join(self.parts + [self.header])
 
     @property
     def label(self):
+        """The file label of the log lines."""
         return f"{self.class_name}/{self.basename}.cpp"
 
     @property
@@ -153,11 +205,18 @@ class Interface:
         return [prop for prop in self.properties if prop.writable]
 
     @property
+    def by_name(self):
+        """The properties in ascending order of their names, which is that of their numbers."""
+        return sorted(self.properties, key=lambda prop: prop.name.encode())
+
+    @property
     def variant(self):
+        """The distinct property types, ordered by their C++ spelling (byte-wise)."""
         return _distinct(prop.type for prop in self.properties)
 
     @property
     def argument_types(self):
+        """The same for the arguments of the signals."""
         return _distinct(arg.type for signal in self.signals for arg in signal.args)
 
 
@@ -373,7 +432,11 @@ class _Builder:
             )
         if model.has_direct:
             self._check_class(
-                model, model.properties, names.DIRECT_MEMBERS, names.DIRECT_PREFIXES
+                model,
+                model.properties,
+                names.DIRECT_MEMBERS,
+                names.DIRECT_PREFIXES,
+                names.DIRECT_WORDS,
             )
             for method in model.methods:
                 if model.class_name == "Call_" + method.name:
@@ -425,9 +488,11 @@ class _Builder:
         model = self._model
         for prop in model.properties:
             prop.variant_index = model.variant.index(prop.type)
+        for number, prop in enumerate(model.by_name):
+            prop.number = number
         _settle_members(model.class_name, model.properties, names.CACHE_PREFIXES)
         for method in model.methods:
-            _settle_params(method.ins + method.outs, names.METHOD_WORDS)
+            _settle_params(method.ins + method.outs)
         for signal in model.signals:
             _settle_members(signal.class_name, signal.args, ("Get_",))
 
@@ -438,14 +503,14 @@ def _settle_members(class_name, items, prefixes):
         item.field = names.free_name(item.name + "_", taken)
         item.flag = names.free_name(item.name + _FLAG, taken)
         taken |= {item.field, item.flag}
-    _settle_params(items, frozenset())
+    _settle_params(items)
 
 
-def _settle_params(items, reserved):
-    given = {item.name for item in items}
-    taken = set(reserved)
+def _settle_params(items):
+    """The underscore keeps them clear of macros, keywords and all that the generated code says."""
+    taken = set()
     for item in items:
-        item.param = names.free_name(item.name, taken | given - {item.name})
+        item.param = names.free_name(item.name + "_", taken)
         taken.add(item.param)
 
 

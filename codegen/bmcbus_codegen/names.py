@@ -21,7 +21,7 @@ KEYWORDS = frozenset(
 # Names that the generated code says itself; a class or namespace of that name would hide them.
 SPOKEN = frozenset(
     """
-    std bmcbus sdbusplus client interface label propertyNames properties alternatives argumentTypes
+    std bmcbus bmcbus_tables sdbusplus client interface label propertyNames properties alternatives argumentTypes
     BMCBUS_EXPORT BMCBUS_LOCAL
     int8_t uint8_t int16_t uint16_t int32_t uint32_t int64_t uint64_t size_t
     """.split()
@@ -59,12 +59,10 @@ DIRECT_MEMBERS = frozenset(
     """.split()
 )
 
-# Parameters of the constructors, which would hide the class.
+# Parameters, of templates too, which would hide the class.
 SIGNAL_WORDS = frozenset("at callback user_data".split())
-CACHE_WORDS = SIGNAL_WORDS | frozenset("owner async Text".split())
-
-# What the body of a method says besides its parameters.
-METHOD_WORDS = frozenset("ok in out target interface client".split())
+CACHE_WORDS = SIGNAL_WORDS | frozenset("owner async Text Other".split())
+DIRECT_WORDS = frozenset(["Text"])
 
 CACHE_PREFIXES = ("Get_", "Set_", "SetLocked_")
 DIRECT_PREFIXES = ("Get_", "GetLocked_", "Set_", "SetLocked_")

@@ -1,3 +1,5 @@
+// Direct proxies: one blocking call for each operation.
+
 #include <bmcbus/client/direct.hpp>
 
 #include "bus/bus.hpp"
@@ -15,22 +17,21 @@ namespace
 
 constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
 
-// One property of one object.
-struct Access
+// An operation on a property.
+struct Operation
 {
     Target& target;
-    const Interface& interface;
-    Which which;
+    Access access;
 
-    const Property& property() const { return interface.properties[which.property()]; }
-    const char* name() const { return interface.NameOf(property()); }
+    const Interface& interface() const { return *target.interface; }
+    const char* label() const { return interface().label; }
+    const Property& property() const { return interface().properties[access.property]; }
+    const char* name() const { return interface().NameOf(property()); }
+
+    // What its lines in the log are called.
+    const char* getter() const { return access.lock ? "Get_" : "GetLocked_"; }
+    const char* setter() const { return access.lock ? "Set_" : "SetLocked_"; }
 };
-
-// The names of a property's operations in log lines.
-const char* GetterPrefix(const Access& access)
-{
-    return access.which.lock() ? "Get_" : "GetLocked_";
-}
 
 void Report(bool* ok, bool value)
 {
@@ -53,56 +54,57 @@ MessageRef Exchange(sd_bus* bus, sd_bus_message* call, const char* label, const 
     return reply;
 }
 
-MessageRef PropertyCall(sd_bus* bus, const Access& access, const char* member)
+MessageRef PropertyCall(sd_bus* bus, const Operation& operation, const char* member)
 {
     MessageRef call =
-        NewCall(bus, access.target.service, access.target.path, propertiesInterface, member);
-    AppendBasic(call.get(), SD_BUS_TYPE_STRING, access.interface.name);
-    AppendBasic(call.get(), SD_BUS_TYPE_STRING, access.name());
+        NewCall(bus, operation.target.service, operation.target.path, propertiesInterface, member);
+    AppendBasic(call.get(), SD_BUS_TYPE_STRING, operation.interface().name);
+    AppendBasic(call.get(), SD_BUS_TYPE_STRING, operation.name());
     return call;
 }
 
 // The bus exchange of a read: the alternative's index, or nothing.
-std::optional<size_t> ReadProperty(const Access& access, Value& value)
+std::optional<size_t> ReadProperty(const Operation& operation, Value& value)
 {
     try
     {
         const BusRef bus = DefaultBus();
-        const MessageRef call = PropertyCall(bus.get(), access, "Get");
+        const MessageRef call = PropertyCall(bus.get(), operation, "Get");
         const MessageRef reply =
-            Exchange(bus.get(), call.get(), access.interface.label, "GetLocked_", access.name());
+            Exchange(bus.get(), call.get(), operation.label(), "GetLocked_", operation.name());
         if (reply)
         {
-            return ReadVariant(reply.get(), access.interface.alternatives, value);
+            return ReadVariant(reply.get(), operation.interface().alternatives,
+                               operation.property().type_index, value);
         }
     }
     catch (const std::exception& error)
     {
-        LogException(access.interface.label, "GetLocked_", access.name(), error);
+        LogException(operation.label(), "GetLocked_", operation.name(), error);
     }
     return {};
 }
 
 // The same, inside the object's mutex where the operation takes it.
-std::optional<size_t> Get(const Access& access, Value& value)
+std::optional<size_t> Get(const Operation& operation, Value& value)
 {
     try
     {
-        std::unique_lock lock(access.target.mutex, std::defer_lock);
-        if (access.which.lock())
+        std::unique_lock lock(operation.target.mutex, std::defer_lock);
+        if (operation.access.lock)
         {
             lock.lock();
         }
-        return ReadProperty(access, value);
+        return ReadProperty(operation, value);
     }
     catch (const std::exception& error)
     {
-        LogException(access.interface.label, GetterPrefix(access), access.name(), error);
+        LogException(operation.label(), operation.getter(), operation.name(), error);
     }
     return {};
 }
 
-void WriteProperty(const Access& access, ConstRef value)
+void WriteProperty(const Operation& operation, ConstRef value)
 {
     try
     {
@@ -111,49 +113,45 @@ void WriteProperty(const Access& access, ConstRef value)
             throw std::bad_variant_access();
         }
         const BusRef bus = DefaultBus();
-        const MessageRef call = PropertyCall(bus.get(), access, "Set");
+        const MessageRef call = PropertyCall(bus.get(), operation, "Set");
         Open(call.get(), SD_BUS_TYPE_VARIANT, value.type->signature);
         value.type->append(call.get(), value.value);
         Close(call.get());
-        Exchange(bus.get(), call.get(), access.interface.label, "SetLocked_", access.name());
+        Exchange(bus.get(), call.get(), operation.label(), "SetLocked_", operation.name());
     }
     catch (const std::exception& error)
     {
-        LogException(access.interface.label, "SetLocked_", access.name(), error);
+        LogException(operation.label(), "SetLocked_", operation.name(), error);
     }
 }
 
 // The same, inside the object's mutex where the operation takes it.
-void Set(const Access& access, ConstRef value)
+void Set(const Operation& operation, ConstRef value)
 {
     try
     {
-        std::unique_lock lock(access.target.mutex, std::defer_lock);
-        if (access.which.lock())
+        std::unique_lock lock(operation.target.mutex, std::defer_lock);
+        if (operation.access.lock)
         {
             lock.lock();
         }
-        WriteProperty(access, value);
+        WriteProperty(operation, value);
     }
     catch (const std::exception& error)
     {
-        LogException(access.interface.label, access.which.lock() ? "Set_" : "SetLocked_",
-                     access.name(), error);
+        LogException(operation.label(), operation.setter(), operation.name(), error);
     }
 }
 
-// The index of the property called `name`, after the lines that go with it.
-std::optional<uint32_t> FindByName(const Interface& interface, const char* function,
+// The number of the property called `name`, after the lines that go with it.
+std::optional<uint16_t> FindByName(const Interface& interface, const char* function,
                                    const std::string& name, bool writing)
 {
     CLIENT_LOG(trace, interface.label, function, "property_name=[%s]", name.c_str());
-    for (uint32_t i = 0; i < interface.properties.size(); ++i)
+    const std::optional<uint16_t> number = interface.Find(name);
+    if (number && (!writing || interface.properties[*number].writable))
     {
-        const Property& property = interface.properties[i];
-        if (name == interface.NameOf(property) && (property.writable || !writing))
-        {
-            return i;
-        }
+        return number;
     }
     CLIENT_LOG(error, interface.label, function, "invalid property_name=[%s]", name.c_str());
     return {};
@@ -161,8 +159,9 @@ std::optional<uint32_t> FindByName(const Interface& interface, const char* funct
 
 } // namespace
 
-void Construct(Target& target, const Interface& interface)
+void Construct(Target& target)
 {
+    const Interface& interface = *target.interface;
     const char* name = interface.short_name;
     CLIENT_LOG_FORMAT(trace, interface.label, name, interface.enter);
     if (target.service.empty())
@@ -189,32 +188,32 @@ void Construct(Target& target, const Interface& interface)
     CLIENT_LOG_FORMAT(trace, interface.label, name, interface.leave);
 }
 
-void GetVariant(Target& target, const Interface& interface, Which which, bool* ok, void* value)
+void GetVariant(Target& target, Access access, bool* ok, void* value)
 {
-    const Access access{target, interface, which};
+    const Operation operation{target, access};
     Report(ok, false);
     Value read;
-    if (const std::optional<size_t> index = Get(access, read))
+    if (const std::optional<size_t> index = Get(operation, read))
     {
-        interface.variant->store(value, *index, read.get());
+        operation.interface().variant->store(value, *index, read.get());
         Report(ok, true);
     }
 }
 
-void GetTyped(Target& target, const Interface& interface, Which which, bool* ok, void* value)
+void GetTyped(Target& target, Access access, bool* ok, void* value)
 {
-    const Access access{target, interface, which};
+    const Operation operation{target, access};
     Report(ok, false);
     Value read;
-    if (!Get(access, read))
+    if (!Get(operation, read))
     {
         return;
     }
-    const Type& type = access.interface.TypeOf(access.property());
+    const Type& type = operation.interface().TypeOf(operation.property());
     if (read.type() != &type)
     {
-        CLIENT_LOG(error, access.interface.label,
-                   MemberName(GetterPrefix(access), access.name()).c_str(),
+        CLIENT_LOG(error, operation.label(),
+                   MemberName(operation.getter(), operation.name()).c_str(),
                    "invalid type in variant");
         return;
     }
@@ -222,40 +221,39 @@ void GetTyped(Target& target, const Interface& interface, Which which, bool* ok,
     Report(ok, true);
 }
 
-void SetVariant(Target& target, const Interface& interface, Which which, const void* variant)
+void SetVariant(Target& target, Access access, const void* variant)
 {
-    Set({target, interface, which}, interface.variant->held(variant));
+    Set({target, access}, target.interface->variant->held(variant));
 }
 
-void SetTyped(Target& target, const Interface& interface, Which which, const void* value)
+void SetTyped(Target& target, Access access, const void* value)
 {
-    const Type& type = interface.TypeOf(interface.properties[which.property()]);
-    Set({target, interface, which}, {&type, value});
+    const Operation operation{target, access};
+    Set(operation, {&operation.interface().TypeOf(operation.property()), value});
 }
 
-void GetByName(Target& target, const Interface& interface, bool lock, const std::string& name,
-               void* variant)
+void GetByName(Target& target, bool lock, const std::string& name, void* variant)
 {
-    if (const auto index =
-            FindByName(interface, lock ? "GetByName" : "GetByNameLocked", name, false))
+    const char* const function = lock ? "GetByName" : "GetByNameLocked";
+    if (const auto property = FindByName(*target.interface, function, name, false))
     {
-        GetVariant(target, interface, {*index, lock}, nullptr, variant);
+        GetVariant(target, {.property = *property, .lock = lock}, nullptr, variant);
     }
 }
 
-void SetByName(Target& target, const Interface& interface, bool lock, const std::string& name,
-               const void* variant)
+void SetByName(Target& target, bool lock, const std::string& name, const void* variant)
 {
-    if (const auto index =
-            FindByName(interface, lock ? "SetByName" : "SetByNameLocked", name, true))
+    const char* const function = lock ? "SetByName" : "SetByNameLocked";
+    if (const auto property = FindByName(*target.interface, function, name, true))
     {
-        SetVariant(target, interface, {*index, lock}, variant);
+        SetVariant(target, {.property = *property, .lock = lock}, variant);
     }
 }
 
-void Call(Target& target, const Interface& interface, const char* member, bool& ok,
-          std::span<const ConstRef> in, std::span<const Ref> out)
+void Call(Target& target, const char* member, bool& ok, std::span<const ConstRef> in,
+          std::span<const Ref> out)
 {
+    const Interface& interface = *target.interface;
     ok = false;
     try
     {

@@ -1,3 +1,6 @@
+// What cached proxies and subscribers share: names to numbers, change callbacks, and objects that
+// may go while their handlers run.
+
 #include <bmcbus/client/object.hpp>
 
 #include "client/member_log.hpp"
@@ -19,6 +22,33 @@ void LogException(const char* label, const char* prefix, const char* member,
 {
     CLIENT_LOG_FORMAT(error, label, MemberName(prefix, member).c_str(), "EXCEPTION %s.%d.%s: %s",
                       error.what());
+}
+
+Position Interface::PositionOf(const char* wanted) const
+{
+    size_t first = 0;
+    for (size_t last = properties.size(); first < last;)
+    {
+        const size_t middle = (first + last) / 2;
+        const int order = std::strcmp(wanted, NameOf(properties[middle]));
+        if (order == 0)
+        {
+            return {.number = static_cast<uint16_t>(middle), .is_property = true};
+        }
+        (order < 0 ? last : first) = order < 0 ? middle : middle + 1;
+    }
+    return {.number = static_cast<uint16_t>(first), .is_property = false};
+}
+
+std::optional<uint16_t> Interface::Find(std::string_view wanted) const
+{
+    const Position position = PositionOf(wanted.data());
+    // The search stops at a zero byte inside.
+    if (position.is_property && wanted == NameOf(properties[position.number]))
+    {
+        return position.number;
+    }
+    return {};
 }
 
 void Callbacks::Add(Callback callback)
@@ -58,9 +88,9 @@ void Anchor::Answered()
         { return sd_bus_get_current_slot(sd_bus_slot_get_bus(request.get())) == request.get(); });
 }
 
-Anchor::Running::Running(Anchor& anchor, std::mutex& mutex) : anchor_(&anchor), mutex_(mutex)
+Anchor::Running::Running(Anchor& anchor) : anchor_(&anchor)
 {
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(anchor.mutex());
     next_ = std::exchange(anchor.running_, this);
 }
 
@@ -70,7 +100,7 @@ Anchor::Running::~Running()
     {
         return;
     }
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(anchor_->mutex());
     Running** link = &anchor_->running_;
     while (*link != this)
     {
@@ -79,20 +109,20 @@ Anchor::Running::~Running()
     *link = next_;
 }
 
-void CountSignal(void* object, const Description& about)
+void CountSignal(uint32_t& count)
 {
-    auto& count = At<uint32_t>(object, about.signal_count);
     if (++count == 0)
     {
         count = 1;
     }
 }
 
-void RunCallbacks(void* object, const Description& about, const char* function,
-                  const Callbacks& callbacks)
+void RunCallbacks(Anchor& anchor, const char* function, const Callbacks& callbacks)
 {
-    const Anchor::Running running(At<Anchor>(object, about.anchor),
-                                  At<std::mutex>(object, about.object_mutex));
+    // The object may be gone after a callback.
+    const Description& about = anchor.about();
+    void* const object = anchor.object();
+    const Anchor::Running running(anchor);
     for (const Callback& callback : callbacks.list())
     {
         try
@@ -111,12 +141,12 @@ void RunCallbacks(void* object, const Description& about, const char* function,
     CLIENT_LOG_FORMAT(trace, about.label, function, about.leave);
 }
 
-void CopyAll(std::mutex& mutex, const void* object, const Fields& fields, void* const* out)
+void CopyAll(const Anchor& anchor, void* const* out)
 {
-    const std::lock_guard lock(mutex);
-    for (const Field& field : fields.list)
+    const std::lock_guard lock(anchor.mutex());
+    for (const Field& field : anchor.about().fields.list)
     {
-        fields.TypeOf(field).copy(*out++, static_cast<const std::byte*>(object) + field.value);
+        anchor.TypeOf(field).copy(*out++, anchor.Value(field));
     }
 }
 

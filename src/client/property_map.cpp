@@ -1,29 +1,24 @@
+// Reads maps of properties and of interfaces. A property's name gives its number and with it the
+// type to expect, before its value is looked at.
+
 #include "client/property_map.hpp"
 
 #include "bus/bus.hpp"
 
 #include <algorithm>
-#include <functional>
 
 namespace bmcbus::client
 {
 namespace
 {
 
-// Equal names stay in the order of the message, which both point into.
-bool Before(const char* a, const char* b)
-{
-    const int order = std::strcmp(a, b);
-    return order != 0 ? order < 0 : std::less<>()(a, b);
-}
-
-// Senders mostly send their maps in order already; where one does not, small code will do.
+// Mostly there are none or few, and in order already.
 template <class List, class Name>
 void SortUnique(List& list, Name name)
 {
-    const auto before = [&](const auto& a, const auto& b) { return Before(name(a), name(b)); };
-    const auto notAscending = [&](const auto& a, const auto& b)
-    { return std::strcmp(name(a), name(b)) >= 0; };
+    const auto before = [&](const auto& a, const auto& b)
+    { return std::strcmp(name(a), name(b)) < 0; };
+    const auto notAscending = [&](const auto& a, const auto& b) { return !before(a, b); };
     if (std::adjacent_find(list.begin(), list.end(), notAscending) == list.end())
     {
         return;
@@ -35,28 +30,47 @@ void SortUnique(List& list, Name name)
 
 } // namespace
 
-void PropertyMap::Read(sd_bus_message* message, const Interface& interface, bool keep)
+void PropertyMap::Read(sd_bus_message* message)
 {
-    entries_.clear();
-    if (!keep)
-    {
-        Require(sd_bus_message_skip(message, "a{sv}"), step::enterMap);
-        return;
-    }
     Enter(message, SD_BUS_TYPE_ARRAY, "{sv}", step::enterMap);
-    entries_.reserve(interface.properties.size());
+    values_.reserve(interface_->properties.size());
+    places_.resize(interface_->properties.size());
     while (Enter(message, SD_BUS_TYPE_DICT_ENTRY, "sv", step::enterTuple))
     {
-        Entry& entry = entries_.emplace_back();
-        ReadText(message, SD_BUS_TYPE_STRING, entry.name);
-        ReadVariant(message, interface.alternatives, entry.value);
+        ReadEntry(message);
         Exit(message, step::exitTuple);
     }
     Exit(message, step::exitMap);
-    SortUnique(entries_, [](const Entry& entry) { return entry.name; });
+    SortUnique(strangers_, [](const Stranger& stranger) { return stranger.name; });
 }
 
-void InterfaceMap::Read(sd_bus_message* message, const Interface& interface)
+void PropertyMap::ReadEntry(sd_bus_message* message)
+{
+    const char* name = nullptr;
+    ReadText(message, SD_BUS_TYPE_STRING, name);
+    const Position position = interface_->PositionOf(name);
+    if (position.is_property && places_[position.number] == 0)
+    {
+        const Property& property = interface_->properties[position.number];
+        ReadVariant(message, interface_->alternatives, property.type_index, values_.emplace_back());
+        places_[position.number] = static_cast<uint16_t>(values_.size());
+        return;
+    }
+    if (!position.is_property)
+    {
+        strangers_.push_back({name, position.number});
+    }
+    // Read as any other, so that what is wrong with it shows.
+    Value unwanted;
+    ReadVariant(message, interface_->alternatives, 0, unwanted);
+}
+
+void SkipProperties(sd_bus_message* message)
+{
+    Require(sd_bus_message_skip(message, "a{sv}"), step::enterMap);
+}
+
+void InterfaceMap::Read(sd_bus_message* message)
 {
     Enter(message, SD_BUS_TYPE_ARRAY, "{sa{sv}}", step::enterMap);
     bool seen = false;
@@ -64,14 +78,14 @@ void InterfaceMap::Read(sd_bus_message* message, const Interface& interface)
     {
         const char*& name = names_.emplace_back();
         ReadText(message, SD_BUS_TYPE_STRING, name);
-        if (!seen && std::strcmp(name, interface.name) == 0)
+        if (!seen && std::strcmp(name, interface_->name) == 0)
         {
             seen = true;
-            properties_.Read(message, interface);
+            properties_.Read(message);
         }
         else
         {
-            PropertyMap().Read(message, interface, false);
+            SkipProperties(message);
         }
         Exit(message, step::exitTuple);
     }

@@ -8,10 +8,9 @@ namespace bmcbus::client
 {
 
 // Counts one signal; the counter is never 0 again after the first.
-void CountSignal(void* object, const Description& about);
+void CountSignal(uint32_t& count);
 
 // Runs `callbacks` until one releases the object, and logs the handler's last line.
-void RunCallbacks(void* object, const Description& about, const char* function,
-                  const Callbacks& callbacks);
+void RunCallbacks(Anchor& anchor, const char* function, const Callbacks& callbacks);
 
 } // namespace bmcbus::client

@@ -12,54 +12,60 @@ namespace
 
 constexpr const char* function = "ObjectCallback";
 
-// What sd-bus calls; see the cached proxies for why it lets nothing through.
-int OnSignal(sd_bus_message* message, void* user_data, sd_bus_error* /*error*/) noexcept
+const SignalClass& About(const Anchor& anchor)
 {
-    const Anchor& anchor = *static_cast<Anchor*>(user_data);
-    Received(anchor.object(), static_cast<const SignalClass&>(anchor.about()), message);
+    return static_cast<const SignalClass&>(anchor.about());
+}
+
+// What sd-bus calls; see the cached proxies for why it lets nothing through.
+int OnSignal(sd_bus_message* message, void* anchor, sd_bus_error* /*error*/) noexcept
+{
+    Received(*static_cast<Anchor*>(anchor), message);
     return 0;
 }
 
 // Replaces all arguments; what a failed read leaves is cleared.
-void ReadArguments(void* object, const SignalClass& about, sd_bus_message* message)
+void ReadArguments(Anchor& anchor, sd_bus_message* message)
 {
-    for (const Field& field : about.fields.list)
+    const std::span<const Field> fields = anchor.about().fields.list;
+    for (const Field& field : fields)
     {
-        about.fields.TypeOf(field).clear(Place(object, field.value));
+        anchor.TypeOf(field).clear(anchor.Value(field));
     }
-    for (const Field& field : about.fields.list)
+    for (const Field& field : fields)
     {
-        about.fields.TypeOf(field).read(message, Place(object, field.value));
+        anchor.TypeOf(field).read(message, anchor.Value(field));
     }
-    At<bool>(object, about.ready) = true;
-    for (const Field& field : about.fields.list)
+    anchor.ready() = true;
+    for (const Field& field : fields)
     {
-        At<bool>(object, field.is_set) = true;
+        field.is_set(anchor.object()) = true;
     }
 }
 
 } // namespace
 
-void Subscribe(void* object, const SignalClass& about)
+void Subscribe(Anchor& anchor)
 {
+    const SignalClass& about = About(anchor);
     const BusRef bus = DefaultBus();
     // A refused rule leaves an object that hears nothing.
-    static_cast<void>(AddMatch(
-        bus.get(), SignalRule(about.member, At<std::string>(object, about.path), about.interface),
-        OnSignal, &At<Anchor>(object, about.anchor), At<Slot>(object, about.match)));
+    static_cast<void>(AddMatch(bus.get(), SignalRule(about.member, anchor.path(), about.interface),
+                               OnSignal, &anchor, about.match(anchor.object())));
 }
 
-void Received(void* object, const SignalClass& about, sd_bus_message* message)
+void Received(Anchor& anchor, sd_bus_message* message)
 {
+    const SignalClass& about = About(anchor);
     CLIENT_LOG_FORMAT(trace, about.label, function, about.enter);
     Callbacks callbacks;
     {
-        const std::lock_guard lock(At<std::mutex>(object, about.object_mutex));
+        const std::lock_guard lock(anchor.mutex());
         try
         {
-            ReadArguments(object, about, message);
-            CountSignal(object, about);
-            callbacks = At<Callbacks>(object, about.callbacks);
+            ReadArguments(anchor, message);
+            CountSignal(anchor.signal_count());
+            callbacks = anchor.callbacks();
         }
         catch (const std::exception& error)
         {
@@ -67,7 +73,7 @@ void Received(void* object, const SignalClass& about, sd_bus_message* message)
             return;
         }
     }
-    RunCallbacks(object, about, function, callbacks);
+    RunCallbacks(anchor, function, callbacks);
 }
 
 } // namespace bmcbus::client

@@ -1,3 +1,5 @@
+// Holds a value of any type, in itself where it fits, and reads one from a variant.
+
 #include "client/value.hpp"
 
 #include <new>
@@ -59,13 +61,24 @@ void Value::Drop() noexcept
     {
         type_->destroy(get());
     }
-    ::operator delete(heap_);
+    if (heap_ != nullptr)
+    {
+        ::operator delete(std::exchange(heap_, nullptr));
+    }
     type_ = nullptr;
-    heap_ = nullptr;
 }
 
-size_t ReadVariant(sd_bus_message* message, Alternatives alternatives, Value& value)
+size_t ReadVariant(sd_bus_message* message, Alternatives alternatives, size_t expected,
+                   Value& value)
 {
+    // Entering compares the signatures and leaves the message alone where they differ.
+    const Type& likely = *alternatives[expected];
+    if (sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, likely.signature) > 0)
+    {
+        likely.read(message, value.Emplace(likely));
+        Exit(message, step::exitVariant);
+        return expected;
+    }
     const char* contents = PeekVariant(message);
     for (size_t i = 0; contents != nullptr && i < alternatives.size(); ++i)
     {

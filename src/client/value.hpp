@@ -1,5 +1,7 @@
 #pragma once
 
+// Values whose type is known at run time only.
+
 #include <bmcbus/client/type.hpp>
 
 namespace bmcbus::client
@@ -29,8 +31,10 @@ class Value
     alignas(std::max_align_t) std::byte inside_[48];
 };
 
-// Reads one variant. A value of no alternative's type is skipped and reads as alternative 0,
-// value-initialised. Throws Error. Gives the index of the alternative.
-size_t ReadVariant(sd_bus_message* message, Alternatives alternatives, Value& value);
+// Reads one variant that probably holds alternative `expected`. A value of no alternative's type is
+// skipped and reads as alternative 0, value-initialised. Throws Error. Gives the index of the
+// alternative.
+size_t ReadVariant(sd_bus_message* message, Alternatives alternatives, size_t expected,
+                   Value& value);
 
 } // namespace bmcbus::client

@@ -27,12 +27,12 @@ Entry::~Entry()
 
 const std::string& Entry::path() const
 {
-    return client::At<const std::string>(object, about.path);
+    return about.path(object);
 }
 
 std::mutex& Entry::mutex() const
 {
-    return client::At<std::mutex>(object, about.object_mutex);
+    return about.object_mutex(object);
 }
 
 bool Entry::Enter(LiveState to)
@@ -52,7 +52,7 @@ bool Entry::Enter(LiveState to)
     {
         stale_since = 0;
     }
-    client::At<bool>(object, about.ready) = to == LiveState::Live;
+    about.ready(object) = to == LiveState::Live;
     state_.store(to, std::memory_order_release);
     return true;
 }

@@ -144,7 +144,7 @@ void Hub::ApplyChanges(Entry& entry, sd_bus_message* message)
     ++entry.signals;
     {
         const std::lock_guard lock(entry.mutex());
-        client::CountSignal(entry.object, entry.about);
+        client::CountSignal(entry.about.signal_count(entry.object));
     }
     if (entry.state() != LiveState::Live)
     {

@@ -15,24 +15,16 @@ namespace
 constexpr const char* enter = "sd_bus_message_enter_container";
 constexpr const char* leave = "sd_bus_message_exit_container";
 
-// The number of the property called `name`; -1 for none.
-int Find(const client::Interface& interface, const char* name)
+void* ValueOf(const Entry& entry, const client::Field& field)
 {
-    for (size_t i = 0; i < interface.properties.size(); ++i)
-    {
-        if (std::strcmp(interface.NameOf(interface.properties[i]), name) == 0)
-        {
-            return static_cast<int>(i);
-        }
-    }
-    return -1;
+    return client::Place(entry.object, field.value_offset);
 }
 
 void Unset(Entry& entry, uint16_t property)
 {
     const client::Field& field = entry.about.fields.list[property];
-    client::At<bool>(entry.object, field.is_set) = false;
-    entry.about.fields.TypeOf(field).clear(client::Place(entry.object, field.value));
+    field.is_set(entry.object) = false;
+    entry.about.fields.TypeOf(field).clear(ValueOf(entry, field));
 }
 
 } // namespace
@@ -55,15 +47,15 @@ void Decoder::ReadOne(sd_bus_message* message, Entry& entry)
     const client::Interface& interface = *entry.about.interface;
     const char* name = nullptr;
     Require(sd_bus_message_read_basic(message, 's', &name), "sd_bus_message_read_basic");
-    const int found = Find(interface, name);
-    const bool twice =
-        std::ranges::any_of(values_, [&](const Decoded& each) { return each.property == found; });
-    if (found < 0 || twice)
+    const client::Position found = interface.PositionOf(name);
+    const bool twice = std::ranges::any_of(values_, [&](const Decoded& each)
+                                           { return each.property == found.number; });
+    if (!found.is_property || twice)
     {
         Require(sd_bus_message_skip(message, "v"), "sd_bus_message_skip");
         return;
     }
-    const client::Type& type = interface.TypeOf(interface.properties[static_cast<size_t>(found)]);
+    const client::Type& type = interface.TypeOf(interface.properties[found.number]);
     const char* contents = nullptr;
     Require(sd_bus_message_peek_type(message, nullptr, &contents), "sd_bus_message_peek_type");
     if (std::strcmp(contents, type.signature) != 0)
@@ -73,8 +65,7 @@ void Decoder::ReadOne(sd_bus_message* message, Entry& entry)
         return;
     }
     Require(sd_bus_message_enter_container(message, 'v', contents), enter);
-    Decoded& decoded =
-        values_.emplace_back(Decoded{static_cast<uint16_t>(found), Fingerprint(message), {}});
+    Decoded& decoded = values_.emplace_back(Decoded{found.number, Fingerprint(message), {}});
     Require(sd_bus_message_rewind(message, 0), "sd_bus_message_rewind");
     type.read(message, decoded.value.Emplace(type));
     Require(sd_bus_message_exit_container(message), leave);
@@ -99,13 +90,12 @@ std::span<const uint16_t> Decoder::Store(Entry& entry, bool whole)
     for (Decoded& decoded : values_)
     {
         const client::Field& field = entry.about.fields.list[decoded.property];
-        auto& is_set = client::At<bool>(entry.object, field.is_set);
+        bool& is_set = field.is_set(entry.object);
         if (!is_set || entry.prints[decoded.property] != decoded.print)
         {
             changed_.push_back(decoded.property);
         }
-        entry.about.fields.TypeOf(field).move(client::Place(entry.object, field.value),
-                                              decoded.value.get());
+        entry.about.fields.TypeOf(field).move(ValueOf(entry, field), decoded.value.get());
         is_set = true;
         entry.prints[decoded.property] = decoded.print;
     }
@@ -116,7 +106,7 @@ std::span<const uint16_t> Decoder::Store(Entry& entry, bool whole)
     };
     for (uint16_t i = 0; whole && i < size; ++i)
     {
-        const bool set = client::At<bool>(entry.object, entry.about.fields.list[i].is_set);
+        const bool set = entry.about.fields.list[i].is_set(entry.object);
         const bool was_told = !untold || std::ranges::find(*untold, i) == untold->end();
         if (!brought(i) && (set || !was_told))
         {
@@ -135,8 +125,8 @@ bool Invalidate(sd_bus_message* message, Entry& entry)
     bool any = false;
     while (Require(sd_bus_message_read_basic(message, 's', &name), "sd_bus_message_read_basic") > 0)
     {
-        const int found = Find(*entry.about.interface, name);
-        if (found < 0)
+        const client::Position found = entry.about.interface->PositionOf(name);
+        if (!found.is_property)
         {
             continue;
         }
@@ -146,8 +136,8 @@ bool Invalidate(sd_bus_message* message, Entry& entry)
             entry.invalidated = std::make_unique<std::vector<uint16_t>>();
         }
         const std::lock_guard lock(entry.mutex());
-        Unset(entry, static_cast<uint16_t>(found));
-        entry.invalidated->push_back(static_cast<uint16_t>(found));
+        Unset(entry, found.number);
+        entry.invalidated->push_back(found.number);
     }
     Require(sd_bus_message_exit_container(message), leave);
     return any;

@@ -44,11 +44,16 @@ static_assert(Creatable<Text> && Creatable<Text, Callback, void*> && Creatable<T
 static_assert(!Creatable<Text, Callback> && !Creatable<Text, std::string, Callback> &&
               !Creatable<Text, Text, Callback> && !Creatable<Text, std::nullptr_t>);
 static_assert(!Creatable<Text, decltype([](Fan*, void*) {})>);
-// A literal 0 is the flag, not a null pointer.
-// NOLINTBEGIN(modernize-use-bool-literals)
-static_assert(std::same_as<Fan*, decltype(Fan::Create("/", 0))> &&
-              std::same_as<Fan*, decltype(Fan::Create("/", "com.example.Fans", 0))>);
-// NOLINTEND(modernize-use-bool-literals)
+// Only a bool is a bool.
+template <class... Arguments>
+constexpr bool means = Constructible<Text, Arguments...> || Creatable<Text, Arguments...>;
+using App = std::string*;
+static_assert(Creatable<Text, Callback, App> && Creatable<Text, Text, Callback, App, bool>);
+static_assert(!means<App> && !means<int> && !means<const char8_t*> && !means<std::true_type>);
+static_assert(!means<Text, App> && !means<Text, int> && !means<std::string, double>);
+static_assert(!means<Callback, const int*> && !means<Text, Callback, const int*>);
+static_assert(!means<Callback, App, App> && !means<Text, Callback, App, int>);
+static_assert(!means<void (*)(int)> && !means<Text, void (*)(int)>);
 static_assert(Creatable<Text, std::nullptr_t, std::nullptr_t>);
 static_assert(!std::copy_constructible<Fan> && !std::movable<Fan> &&
               !std::copy_constructible<FanSignal> && !std::copy_constructible<FanEdge>);
@@ -153,9 +158,7 @@ TEST_F(Construction, EveryFactoryMeansWhatItSays)
     EXPECT_EQ(Created(path, service, true), knowsLater);
     EXPECT_EQ(Created(path, service, Count<Fan>, &calls, true), knowsLater);
     EXPECT_EQ(calls, 1U);
-    // Numbers stand for the flag, a null pointer to text for no service.
-    EXPECT_EQ(Created(path, 1), asksLater);
-    EXPECT_EQ(Created(path, service, 1), knowsLater);
+    // A null pointer to text stands for no service.
     EXPECT_EQ(Created(path, static_cast<const char*>(nullptr)), asks);
     EXPECT_EQ(Created(path, service, nullptr, nullptr), knows);
 }

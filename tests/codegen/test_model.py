@@ -49,14 +49,13 @@ class Names(unittest.TestCase):
 
     def test_parameters_stay_clear_of_each_other(self):
         made = model(
-            '<method name="act"><arg type="s"/><arg name="ok" type="s"/><arg type="s"/>'
+            '<method name="act"><arg type="s"/><arg name="a" type="s"/><arg type="s"/>'
             '<arg name="in1" type="s"/>'
-            '<arg name="ok_" type="s" direction="out"/><arg type="s" direction="out"/>'
-            '<arg name="uint8_t" type="s" direction="out"/></method>'
+            '<arg name="a_" type="s" direction="out"/><arg type="s" direction="out"/></method>'
         )
         method = made.methods[0]
-        self.assertEqual([arg.param for arg in method.ins], ["in1_", "ok__", "in3", "in1"])
-        self.assertEqual([arg.param for arg in method.outs], ["ok_", "out2", "uint8_t_"])
+        self.assertEqual([arg.param for arg in method.ins], ["in1__", "a_", "in3_", "in1_"])
+        self.assertEqual([arg.param for arg in method.outs], ["a__", "out2_"])
 
     def test_places(self):
         made = model(properties(("value", "d")), "com.example.power.Sensor")

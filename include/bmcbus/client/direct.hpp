@@ -13,50 +13,46 @@
 namespace bmcbus::client
 {
 
-/** The object that a direct proxy stands for. */
+/** The object that a direct proxy stands for, and the interface that the proxy calls there. */
 struct Target
 {
+    const Interface* interface;
     std::mutex mutex;
     std::string service;
     std::string path;
 };
 
 /** Looks the service up when it is empty; never throws a `std::exception`. */
-BMCBUS_EXPORT void Construct(Target& target, const Interface& interface);
+BMCBUS_EXPORT void Construct(Target& target);
 
 /** Reads into the interface's variant @p value; @p ok may be null. */
-BMCBUS_EXPORT void GetVariant(Target& target, const Interface& interface, Which which, bool* ok,
-                              void* value);
+BMCBUS_EXPORT void GetVariant(Target& target, Access access, bool* ok, void* value);
 
 /** Reads into a value of the property's own type; @p ok may be null. */
-BMCBUS_EXPORT void GetTyped(Target& target, const Interface& interface, Which which, bool* ok,
-                            void* value);
+BMCBUS_EXPORT void GetTyped(Target& target, Access access, bool* ok, void* value);
 
 /** Reads a value of the property's own type; value-initialised when that fails. */
 template <class T>
-[[gnu::noinline]] T GetOrDefault(Target& target, const Interface& interface, Which which)
+[[gnu::noinline]] T GetOrDefault(Target& target, Access access)
 {
     T value{};
-    GetTyped(target, interface, which, nullptr, &value);
+    GetTyped(target, access, nullptr, &value);
     return value;
 }
 
 /** Writes what @p variant holds; failures show in the log only. */
-BMCBUS_EXPORT void SetVariant(Target& target, const Interface& interface, Which which,
-                              const void* variant);
+BMCBUS_EXPORT void SetVariant(Target& target, Access access, const void* variant);
 
 /** Writes a value of the property's own type. */
-BMCBUS_EXPORT void SetTyped(Target& target, const Interface& interface, Which which,
-                            const void* value);
+BMCBUS_EXPORT void SetTyped(Target& target, Access access, const void* value);
 
 /** The by-name forms; @p lock takes the object's mutex. */
-BMCBUS_EXPORT void GetByName(Target& target, const Interface& interface, bool lock,
-                             const std::string& name, void* variant);
-BMCBUS_EXPORT void SetByName(Target& target, const Interface& interface, bool lock,
-                             const std::string& name, const void* variant);
+BMCBUS_EXPORT void GetByName(Target& target, bool lock, const std::string& name, void* variant);
+BMCBUS_EXPORT void SetByName(Target& target, bool lock, const std::string& name,
+                             const void* variant);
 
 /** Calls method @p member; takes no lock. */
-BMCBUS_EXPORT void Call(Target& target, const Interface& interface, const char* member, bool& ok,
-                        std::span<const ConstRef> in, std::span<const Ref> out);
+BMCBUS_EXPORT void Call(Target& target, const char* member, bool& ok, std::span<const ConstRef> in,
+                        std::span<const Ref> out);
 
 } // namespace bmcbus::client

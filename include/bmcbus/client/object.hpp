@@ -16,7 +16,10 @@
 #include <forward_list>
 #include <mutex>
 #include <new>
+#include <optional>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace bmcbus::live
 {
@@ -26,12 +29,61 @@ struct Access;
 namespace bmcbus::client
 {
 
+/** The place at @p offset of @p object. */
+inline void* Place(void* object, size_t offset)
+{
+    return static_cast<std::byte*>(object) + offset;
+}
+
+/**
+ * Where the objects of a class keep their T: made with BMCBUS_MEMBER, called with an object.
+ *
+ * An offset with the type of what is there, so that it fits into no slot of another type.
+ */
+template <class T>
+class Member
+{
+  public:
+    explicit constexpr Member(size_t offset) : offset_(static_cast<uint16_t>(offset)) {}
+
+    T& operator()(void* object) const
+    {
+        return *std::launder(static_cast<T*>(Place(object, offset_)));
+    }
+
+    constexpr uint16_t offset() const { return offset_; }
+
+  private:
+    uint16_t offset_;
+};
+
+/** What a Member's offset can reach. */
+inline constexpr size_t largestObject = 0x10000;
+
+/** The `Member` for a member of a class of standard layout. */
+#define BMCBUS_MEMBER(Class, member)                                                               \
+    bmcbus::client::Member<decltype(Class::member)>(offsetof(Class, member))
+
 /** A property of an interface. */
 struct Property
 {
-    uint16_t name; ///< where it begins in the interface's names
-    uint8_t type;  ///< which of the interface's alternatives
+    uint16_t name_offset; ///< where its name begins in the interface's names
+    uint8_t type_index;   ///< of its type in the interface's alternatives
     bool writable;
+};
+
+/** A property's number, and whether the operation on it takes the object's mutex. */
+struct Access
+{
+    uint16_t property;
+    bool lock;
+};
+
+/** Where a name stands among the properties: the number of the first that is not before it. */
+struct Position
+{
+    uint16_t number;
+    bool is_property; ///< and that one has this very name
 };
 
 /** One interface of the catalogue. */
@@ -43,42 +95,63 @@ struct Interface
     const char* enter;          ///< format of a constructor's first line
     const char* leave;          ///< and of its last
     const char* property_names; ///< one behind the other, so that they take no relocations
+    /** In ascending order of the names; a property's number is its place here. */
     std::span<const Property> properties;
     Alternatives alternatives; ///< of its property-value variant
     const VariantType* variant;
 
-    const char* NameOf(const Property& property) const { return property_names + property.name; }
-    const Type& TypeOf(const Property& property) const { return *alternatives[property.type]; }
+    constexpr const char* NameOf(const Property& property) const
+    {
+        return property_names + property.name_offset;
+    }
+    constexpr const Type& TypeOf(const Property& property) const
+    {
+        return *alternatives[property.type_index];
+    }
+
+    BMCBUS_LOCAL Position PositionOf(const char* wanted) const;
+
+    /** The number of the property called @p wanted, which is zero-terminated. */
+    BMCBUS_LOCAL std::optional<uint16_t> Find(std::string_view wanted) const;
 };
 
-/** Where an object keeps a property or a signal argument. */
+/** Whether names can be looked up in the table; for the generated code to assert. */
+constexpr bool InOrder(const Interface& interface)
+{
+    return std::ranges::is_sorted(interface.properties, std::ranges::less_equal(),
+                                  [&](const Property& property)
+                                  { return std::string_view(interface.NameOf(property)); });
+}
+
+/** Where an object keeps a property or a signal argument; made with MakeField. */
 struct Field
 {
-    uint16_t value;  ///< offset of the value in the object
-    uint16_t is_set; ///< offset of its flag
-    uint8_t type;    ///< which of the class's types
+    uint16_t value_offset;
+    uint8_t type_index; ///< of its type in the class's types
+    Member<bool> is_set;
 };
 
-/** All of them, in the order of their declaration. */
+/** A field with the place of its type in @p types, which must be there. */
+template <class T>
+constexpr Field MakeField(Member<T> value, Member<bool> is_set, Alternatives types)
+{
+    const auto type = std::ranges::find(types, &typeOf<T>);
+    if (type == types.end())
+    {
+        throw std::logic_error("the class's types lack the field's");
+    }
+    return {.value_offset = value.offset(),
+            .type_index = static_cast<uint8_t>(type - types.begin()),
+            .is_set = is_set};
+}
+
+/** The properties by their numbers, or the arguments in the order of the message. */
 struct Fields
 {
     std::span<const Field> list;
     Alternatives types;
 
-    const Type& TypeOf(const Field& field) const { return *types[field.type]; }
-};
-
-/** A property's number, and whether the operation on it takes the object's mutex. */
-class Which
-{
-  public:
-    constexpr Which(uint32_t property, bool lock) : bits_(property << 1U | (lock ? 1U : 0U)) {}
-
-    constexpr uint32_t property() const { return bits_ >> 1U; }
-    constexpr bool lock() const { return (bits_ & 1U) != 0; }
-
-  private:
-    uint32_t bits_;
+    const Type& TypeOf(const Field& field) const { return *types[field.type_index]; }
 };
 
 /** Log lines of generated code. */
@@ -111,10 +184,25 @@ class BMCBUS_EXPORT Callbacks
     std::shared_ptr<const std::vector<Callback>> list_;
 };
 
-struct Description;
+class Anchor;
+
+/** What a cached proxy class and a subscriber class have in common: where an object keeps what. */
+struct Description
+{
+    const char* label; ///< file label of its log lines
+    const char* leave; ///< format of a handler's last line
+    void (*invoke)(void* object, const Callback& callback);
+    Member<std::mutex> object_mutex;
+    Member<const std::string> path;
+    Member<bool> ready;
+    Member<uint32_t> signal_count;
+    Member<Callbacks> callbacks;
+    Fields fields;
+};
 
 /**
- * The object as the bus sees it: the user data of its subscriptions and of its pending calls.
+ * An object as the run-time half sees it: the object itself and the description of its class. It
+ * is the user data of the object's subscriptions and of its pending calls.
  *
  * The destructor cancels what is pending and tells the signal handlers that are running that the
  * object is gone, so a callback may release the very object that called it.
@@ -130,6 +218,18 @@ class BMCBUS_EXPORT Anchor
     void* object() const { return object_; }
     const Description& about() const { return *about_; }
 
+    /** @name The object's members; the mutex guards all but the path. @{ */
+    std::mutex& mutex() const { return about_->object_mutex(object_); }
+    const std::string& path() const { return about_->path(object_); }
+    bool& ready() const { return about_->ready(object_); }
+    uint32_t& signal_count() const { return about_->signal_count(object_); }
+    Callbacks& callbacks() const { return about_->callbacks(object_); }
+    /** @} */
+
+    /** A field's value, and its type in the class's types. */
+    void* Value(const Field& field) const { return Place(object_, field.value_offset); }
+    const Type& TypeOf(const Field& field) const { return about_->fields.TypeOf(field); }
+
     /** Keeps a request that is under way. */
     BMCBUS_LOCAL void Await(Slot request);
     /** Drops the request whose reply is being handled. */
@@ -139,7 +239,7 @@ class BMCBUS_EXPORT Anchor
     class BMCBUS_LOCAL Running
     {
       public:
-        Running(Anchor& anchor, std::mutex& mutex);
+        explicit Running(Anchor& anchor);
         ~Running();
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
@@ -149,7 +249,6 @@ class BMCBUS_EXPORT Anchor
       private:
         friend Anchor;
         Anchor* anchor_;
-        std::mutex& mutex_;
         Running* next_ = nullptr;
     };
 
@@ -159,34 +258,6 @@ class BMCBUS_EXPORT Anchor
     std::forward_list<Slot> pending_;
     Running* running_ = nullptr;
 };
-
-/** What a cached proxy class and a subscriber class have in common: where an object keeps what. */
-struct Description
-{
-    const char* label;
-    const char* leave; ///< format of a handler's last line
-    void (*invoke)(void* object, const Callback& callback);
-    uint16_t object_mutex;
-    uint16_t path;
-    uint16_t ready;
-    uint16_t signal_count;
-    uint16_t callbacks;
-    uint16_t anchor;
-    Fields fields;
-};
-
-/** The place at @p offset of @p object. */
-inline void* Place(void* object, size_t offset)
-{
-    return static_cast<std::byte*>(object) + offset;
-}
-
-/** The field of type T at @p offset of @p object. */
-template <class T>
-T& At(void* object, size_t offset)
-{
-    return *std::launder(static_cast<T*>(Place(object, offset)));
-}
 
 /** Calls a change callback of @p Class. */
 template <class Class>
@@ -206,24 +277,28 @@ Callback Erase(void (*function)(Class*, void*), void* user_data)
 /** Adds a change callback; null adds nothing. */
 BMCBUS_EXPORT void AddCallback(std::mutex& mutex, Callbacks& callbacks, const Callback& callback);
 
-/** A service given as text; null means none. */
-inline std::string ServiceText(const char* service)
+/** What a pointer to text says; null means empty. */
+inline std::string TextOf(const char* text)
 {
-    return service != nullptr ? service : "";
+    return text != nullptr ? text : "";
 }
 
 /**
  * Text literals and pointers to text, as opposed to everything that converts to them.
  *
- * A pointer converts to `bool` more readily than to `std::string`; the overloads for this concept
- * make a literal mean the service.
+ * A pointer converts to `bool` more readily than to `std::string`, and to a variant as readily; the
+ * overloads for this concept make a literal mean text.
  */
 template <class T>
 concept TextPointer = std::same_as<T, const char*> || std::same_as<T, char*>;
 
-/** Copies every one of @p fields to the address with its index in @p out, under one lock. */
-BMCBUS_EXPORT void CopyAll(std::mutex& mutex, const void* object, const Fields& fields,
-                           void* const* out);
+/** What would turn into a `bool` without being one, and is not @p Meant for another parameter. */
+template <class T, class... Meant>
+concept NoFlag = std::convertible_to<T, bool> && !std::same_as<T, bool> &&
+                 !(std::convertible_to<T, Meant> || ...);
+
+/** Copies every field to the address with its number in @p out, under one lock. */
+BMCBUS_EXPORT void CopyAll(const Anchor& anchor, void* const* out);
 
 // One instance per type, not per property.
 
@@ -274,7 +349,7 @@ Class* Lookup(std::mutex& mutex, const std::vector<Class*>& active, const std::s
     const std::lock_guard lock(mutex);
     for (Class* object : active)
     {
-        if (object != nullptr && At<std::string>(object, about.path) == path)
+        if (object != nullptr && about.path(object) == path)
         {
             return object;
         }

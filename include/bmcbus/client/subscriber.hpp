@@ -10,23 +10,30 @@
 namespace bmcbus::client
 {
 
-/** A signal subscriber class. */
-struct SignalClass : Description
+/** What only a subscriber class has. */
+struct SignalParts
 {
-    const char* member;
     const char* interface;
+    const char* member;
     const char* enter; ///< format of the handler's first line
-    uint16_t match;
+    Member<Slot> match;
 };
+
+/** A signal subscriber class. Its fields are in the order of the signal's arguments. */
+struct SignalClass : Description, SignalParts
+{
+};
+
+// The functions take the anchor of an object whose class is a SignalClass.
 
 /**
  * Installs the match; blocks for one AddMatch call.
  *
  * Throws `bmcbus::Error` without a usable connection. A rule that the bus refuses is not noticed.
  */
-BMCBUS_EXPORT void Subscribe(void* object, const SignalClass& about);
+BMCBUS_EXPORT void Subscribe(Anchor& anchor);
 
 /** Handles one signal. */
-BMCBUS_EXPORT void Received(void* object, const SignalClass& about, sd_bus_message* message);
+BMCBUS_EXPORT void Received(Anchor& anchor, sd_bus_message* message);
 
 } // namespace bmcbus::client

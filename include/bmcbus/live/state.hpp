@@ -32,7 +32,7 @@ constexpr const char* Name(LiveState state)
 }
 
 /**
- * The names of the properties that one message changed, in the order of their declaration.
+ * The names of the properties that one message changed, in ascending order.
  *
  * Borrowed: valid while the callback runs that it was given to.
  */

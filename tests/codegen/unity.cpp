@@ -1,0 +1,4 @@
+// Two generated sources in one unit, as unity builds compile them.
+
+#include "names.cpp"
+#include "types.cpp"
