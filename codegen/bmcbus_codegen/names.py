@@ -1,6 +1,8 @@
 """Which names D-Bus allows and which C++ leaves free."""
 
+import errno
 import re
+import signal
 
 _LONGEST = 255
 _ELEMENT = re.compile(r"[A-Za-z_][A-Za-z0-9_]*\Z", re.ASCII)
@@ -27,13 +29,22 @@ SPOKEN = frozenset(
     """.split()
 )
 
-# Common headers define these as macros, so no C++ entity can have the name.
+# What common headers define as macros cannot be the name of a C++ entity: the errors and signals of
+# this system, and these.
 MACROS = frozenset(
     """
     assert errno offsetof va_arg va_copy va_end va_start EOF NULL BUFSIZ stdin stdout stderr linux
-    unix major minor makedev environ INT_MAX INT_MIN UINT_MAX LONG_MAX LONG_MIN ULONG_MAX
-    CHAR_BIT RAND_MAX EXIT_SUCCESS EXIT_FAILURE NAN INFINITY HUGE_VAL M_PI M_E PATH_MAX
+    unix major minor makedev environ sigmask CHAR_BIT RAND_MAX EXIT_SUCCESS EXIT_FAILURE NAN INFINITY
+    HUGE_VAL M_PI M_E
     """.split()
+) | {*errno.errorcode.values(), *(name for name in dir(signal) if name.isupper())}
+_MACRO = re.compile(
+    r"(?:PRI|SCN)[diouxX](?:8|16|32|64|MAX|PTR|FAST\d+|LEAST\d+)"  # <cinttypes>
+    r"|U?(?:INT\w*|CHAR|SCHAR|SHRT|LONG|LLONG)_(?:MAX|MIN|WIDTH|C)"  # <climits>, <cstdint>
+    r"|(?:SIZE|SSIZE|PTRDIFF|WCHAR|PATH|NAME)_MAX|(?:BIG|LITTLE|PDP|BYTE)_ENDIAN"
+    r"|(?:DBL|FLT|LDBL|SD_BUS|SD_EVENT|PTHREAD)_[A-Z0-9_]+"
+    r"|s[aiv]_[a-z]+|sched_priority",  # <signal.h>, <sched.h>
+    re.ASCII,
 )
 
 # Members that every class of a kind has, besides the ones made from the description.
@@ -102,7 +113,7 @@ def scope_problem(name):
         return f"'{name}' is a C++ keyword"
     if name in SPOKEN:
         return f"'{name}' is a name that the generated code needs itself"
-    if name in MACROS:
+    if name in MACROS or _MACRO.fullmatch(name):
         return f"'{name}' is a macro of the C library"
     return None
 
