@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <unordered_map>
 #include <variant>
 #include <vector>
@@ -27,6 +28,24 @@ using bmcbus::ObjectPath;
 using Strings = std::vector<std::string>;
 using Value = std::variant<std::int32_t, std::string, Strings>;
 using Properties = std::map<std::string, Value>;
+
+// What the strictest generation refuses the stand-in refuses, too: code that compiles with it
+// compiles with all of them.
+template <typename M>
+concept GivesPointerOfConst = requires(const M& m)
+{
+    m.get();
+};
+
+static_assert(!GivesPointerOfConst<Message>);
+static_assert(!std::is_convertible_v<sd_bus_message*, Message>);
+static_assert(!std::is_convertible_v<Message, bool>);
+static_assert(!std::is_convertible_v<const char*, ObjectPath>);
+static_assert(std::is_constructible_v<ObjectPath, const char*>);
+static_assert(std::is_convertible_v<std::string, ObjectPath>);
+static_assert(std::is_convertible_v<const ObjectPath&, std::string>);
+static_assert(!std::is_convertible_v<sd_bus*, bmcbus::Bus>);
+static_assert(!std::is_copy_constructible_v<Error> && !std::is_copy_assignable_v<Error>);
 
 // Messages of a connection whose peer never speaks; they are sealed and read back here.
 class MessageTest : public testing::Test
@@ -304,8 +323,8 @@ TEST_F(MessageTest, CopiesShareTheReadPosition)
     sd_bus_message* const raw = moved.release();
     EXPECT_FALSE(moved);
     {
-        const Message wrapped(raw);
-        const Message adopted(raw, std::false_type());
+        Message wrapped(raw);
+        Message adopted(raw, std::false_type());
         EXPECT_EQ(wrapped.get(), adopted.get());
     }
 }

@@ -127,9 +127,9 @@ struct bus
     }
 
     /** Waits until there may be something to do, at most this many microseconds. */
-    int wait(std::uint64_t timeout_us = UINT64_MAX)
+    void wait(std::uint64_t timeout_us = UINT64_MAX)
     {
-        return check(sd_bus_wait(raw, timeout_us), "sd_bus_wait");
+        check(sd_bus_wait(raw, timeout_us), "sd_bus_wait");
     }
 
     /** Waits until everything queued has been written. */
@@ -242,7 +242,7 @@ namespace message
 
 inline bus_t message::get_bus() const
 {
-    return bus_t(sd_bus_message_get_bus(get()));
+    return bus_t(sd_bus_message_get_bus(raw.get()));
 }
 
 } // namespace message

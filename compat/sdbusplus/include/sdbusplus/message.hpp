@@ -55,7 +55,7 @@ class message
     explicit operator bool() const noexcept { return raw != nullptr; }
 
     /** Borrowed. */
-    sd_bus_message* get() const noexcept { return raw.get(); }
+    sd_bus_message* get() noexcept { return raw.get(); }
 
     /** Hands the reference to the caller. */
     sd_bus_message* release() noexcept { return raw.release(); }
@@ -82,17 +82,17 @@ class message
     sdbusplus::bus::bus get_bus() const;
 
     /** Signature of the whole body. */
-    const char* get_signature() const { return sd_bus_message_get_signature(get(), 1); }
-    const char* get_path() const { return sd_bus_message_get_path(get()); }
-    const char* get_interface() const { return sd_bus_message_get_interface(get()); }
-    const char* get_member() const { return sd_bus_message_get_member(get()); }
-    const char* get_sender() const { return sd_bus_message_get_sender(get()); }
-    const char* get_destination() const { return sd_bus_message_get_destination(get()); }
+    const char* get_signature() const { return sd_bus_message_get_signature(raw.get(), 1); }
+    const char* get_path() const { return sd_bus_message_get_path(raw.get()); }
+    const char* get_interface() const { return sd_bus_message_get_interface(raw.get()); }
+    const char* get_member() const { return sd_bus_message_get_member(raw.get()); }
+    const char* get_sender() const { return sd_bus_message_get_sender(raw.get()); }
+    const char* get_destination() const { return sd_bus_message_get_destination(raw.get()); }
 
-    bool is_method_error() const { return sd_bus_message_is_method_error(get(), nullptr) > 0; }
+    bool is_method_error() const { return sd_bus_message_is_method_error(raw.get(), nullptr) > 0; }
 
     /** The error of an error reply, owned by the message; null for other messages. */
-    const sd_bus_error* get_error() const { return sd_bus_message_get_error(get()); }
+    const sd_bus_error* get_error() const { return sd_bus_message_get_error(raw.get()); }
 
   private:
     struct unref

@@ -22,7 +22,7 @@ class Event
 {
   public:
     /** Takes one more reference. */
-    explicit Event(sd_event* e) : raw(sd_event_ref(e)) {}
+    Event(sd_event* e) : raw(sd_event_ref(e)) {}
 
     /** Adopts the caller's reference. */
     Event(sd_event* e, std::false_type) : raw(e) {}

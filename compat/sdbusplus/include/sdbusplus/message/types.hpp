@@ -6,7 +6,6 @@
  */
 
 #include <array>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -39,15 +38,16 @@ struct object_path
     object_path& operator=(object_path&&) = default;
     ~object_path() = default;
 
-    object_path(const char* text) : str(text) {}
     object_path(const std::string& text) : str(text) {}
     object_path(std::string&& text) noexcept : str(std::move(text)) {}
 
     operator const std::string&() const noexcept { return str; }
 
     friend bool operator==(const object_path&, const object_path&) = default;
-    // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy takes the comparison with 0 for a pointer
-    friend std::strong_ordering operator<=>(const object_path&, const object_path&) = default;
+    friend bool operator==(const object_path& l, const std::string& r) { return l.str == r; }
+    friend bool operator<(const object_path& l, const object_path& r) { return l.str < r.str; }
+    friend bool operator<(const object_path& l, const std::string& r) { return l.str < r; }
+    friend bool operator<(const std::string& l, const object_path& r) { return l < r.str; }
 };
 
 namespace details
