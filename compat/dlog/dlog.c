@@ -2,7 +2,10 @@
 #include "dlog.h"
 
 #include <errno.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdarg.h>
+#include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -48,16 +51,62 @@ static int prefix(char* line, size_t size, int level, unsigned int source)
 }
 
 /*
+ * What the bytes at `text` would do to a line or a terminal: how many of them are one control
+ * character (also U+0080 to U+009F, in two bytes), or 0 for what is shown. A tab is harmless.
+ */
+static size_t controlAt(const char* text, size_t left)
+{
+    const unsigned char first = (unsigned char)text[0];
+    if (first == 0xc2 && left > 1)
+    {
+        const unsigned char second = (unsigned char)text[1];
+        return second >= 0x80 && second <= 0x9f ? 2 : 0;
+    }
+    return (first < 0x20 && first != '\t') || first == 0x7f ? 1 : 0;
+}
+
+/* Copies text with its control characters spelled: "\n", "\r", "\xNN". Gives the new length; only
+ * counts without a place to copy to. */
+static size_t spell(char* to, const char* text, size_t length)
+{
+    static const char digits[] = "0123456789abcdef";
+    size_t out = 0;
+    for (size_t at = 0; at < length;)
+    {
+        const size_t control = controlAt(text + at, length - at);
+        char spelled[8] = {text[at]};
+        size_t size = 0;
+        for (size_t end = at + control; at < end; ++at)
+        {
+            const unsigned char byte = (unsigned char)text[at];
+            spelled[size++] = '\\';
+            spelled[size++] = byte == '\n' ? 'n' : byte == '\r' ? 'r' : 'x';
+            if (byte != '\n' && byte != '\r')
+            {
+                spelled[size++] = digits[byte / 16];
+                spelled[size++] = digits[byte % 16];
+            }
+        }
+        if (control == 0)
+        {
+            size = 1;
+            ++at;
+        }
+        if (to != NULL)
+        {
+            memcpy(to + out, spelled, size);
+        }
+        out += size;
+    }
+    return out;
+}
+
+/*
  * One write per line keeps the lines of several threads and processes apart. Only a line that a
  * signal or a full pipe cuts takes more.
  */
-static int writeLine(char* line, size_t length)
+static int writeAll(const char* line, size_t length)
 {
-    while (length > 0 && line[length - 1] == '\n')
-    {
-        --length;
-    }
-    line[length++] = '\n';
     size_t done = 0;
     while (done < length)
     {
@@ -71,6 +120,58 @@ static int writeLine(char* line, size_t length)
     return (int)length;
 }
 
+/*
+ * A reader of standard error that has gone must not end the process: the signal of such a write is
+ * held back and taken away again, unless one was there before.
+ */
+static int writeLine(const char* line, size_t length)
+{
+    sigset_t pipe;
+    sigset_t before;
+    sigset_t pending;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    sigpending(&pending);
+    const bool mine = sigismember(&pending, SIGPIPE) == 0;
+    pthread_sigmask(SIG_BLOCK, &pipe, &before);
+    const int written = writeAll(line, length);
+    if (written < 0 && errno == EPIPE && mine)
+    {
+        const struct timespec now = {0, 0};
+        while (sigtimedwait(&pipe, NULL, &now) < 0 && errno == EINTR)
+        {
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &before, NULL);
+    return written;
+}
+
+/* Ends the line, whose text begins behind `head` and is followed by room for one byte more. */
+static int finishLine(char* line, size_t head, size_t length)
+{
+    while (length > head && line[length - 1] == '\n')
+    {
+        --length;
+    }
+    const size_t spelled = spell(NULL, line + head, length - head);
+    if (spelled == length - head)
+    {
+        line[length] = '\n';
+        return writeLine(line, length + 1);
+    }
+    char* safe = malloc(head + spelled + 1);
+    if (safe == NULL)
+    {
+        return -1;
+    }
+    memcpy(safe, line, head);
+    spell(safe + head, line + head, length - head);
+    safe[head + spelled] = '\n';
+    const int written = writeLine(safe, head + spelled + 1);
+    free(safe);
+    return written;
+}
+
 __attribute__((format(printf, 3, 0))) static int formatLine(int level, unsigned int source,
                                                             const char* format, va_list arguments)
 {
@@ -82,7 +183,7 @@ __attribute__((format(printf, 3, 0))) static int formatLine(int level, unsigned 
     int written = -1;
     if (body >= 0 && head + (size_t)body + 1 < sizeof(small))
     {
-        written = writeLine(small, head + (size_t)body);
+        written = finishLine(small, head, head + (size_t)body);
     }
     else if (body >= 0)
     {
@@ -92,7 +193,7 @@ __attribute__((format(printf, 3, 0))) static int formatLine(int level, unsigned 
         {
             memcpy(large, small, head);
             vsnprintf(large + head, size - head, format, again);
-            written = writeLine(large, head + (size_t)body);
+            written = finishLine(large, head, head + (size_t)body);
             free(large);
         }
     }

@@ -18,7 +18,8 @@
  *
  * Lines above the threshold are dropped before anything is formatted. The threshold comes from the
  * environment variable DLOG_LEVEL when the first line is written (default 2). A program that
- * defines this function itself receives every line instead.
+ * defines this function itself receives every line instead. Control characters in the text are
+ * written as `\n`, `\r` or `\xNN`, so a text from elsewhere stays one line and no terminal obeys it.
  *
  * @param level   1 serious failure, 2 error, 4 misuse, 5 information, 9 trace
  * @param source  identifies the component that writes
@@ -26,7 +27,8 @@
  * @return the number of bytes written, 0 for a dropped line, negative when writing failed
  *
  * Any thread may call it, also in a forked child; it takes no lock of its own and leaves errno
- * alone. It blocks as long as standard error does.
+ * alone. It blocks as long as standard error does; when the reader of
+ * standard error has gone the line is lost, without SIGPIPE.
  */
 DLOG_C int dlog_printf(int level, unsigned int source, const char* format, ...)
     __attribute__((format(printf, 3, 4), visibility("default")));

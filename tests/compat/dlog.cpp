@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <string>
@@ -109,6 +110,68 @@ TEST(Dlog, WritesEachLineAtOnceAndWhole)
     {
         EXPECT_THAT(lines[i], EndsWith("} <" + large.substr(0, 897 + i) + ">\n"));
     }
+}
+
+// What a stranger puts on the bus may be in a line: it must forge none, and no terminal may obey
+// it.
+TEST(Dlog, LogInjection)
+{
+    const auto lines = Written(
+        "2",
+        []
+        {
+            dlog_printf(2, 1, "%s", "x]\n20:00:00.0 [1] <1> {300} forged\r\x1b[2J\x7f\t|\n\n");
+            dlog_printf(2, 1, "%s",
+                        "\xc2\x9b"
+                        "2J \xc3\xa4 \xc2\xb5\xc2");
+            const std::string many(2000, '\n');
+            dlog_printf(2, 1, "<%s>", many.c_str());
+            return 0;
+        });
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_THAT(lines[0], EndsWith(" x]\\n20:00:00.0 [1] <1> {300} forged\\r\\x1b[2J\\x7f\t|\n"));
+    EXPECT_THAT(lines[1], EndsWith(" \\xc2\\x9b"
+                                   "2J \xc3\xa4 \xc2\xb5\xc2\n"));
+    std::string spelled;
+    for (int i = 0; i < 2000; ++i)
+    {
+        spelled += "\\n";
+    }
+    EXPECT_THAT(lines[2], EndsWith(" <" + spelled + ">\n"));
+}
+
+TEST(Dlog, SigpipeWhenTheReaderHasGone)
+{
+    const auto failsToWrite = []
+    {
+        const bool failed = dlog_printf(2, 1, "nobody reads this") < 0 && errno == ENXIO;
+        sigset_t pending;
+        sigpending(&pending);
+        return failed ? sigismember(&pending, SIGPIPE) : -1;
+    };
+    Written("2",
+            [&]
+            {
+                int ends[2];
+                if (pipe(ends) != 0)
+                {
+                    return 1;
+                }
+                close(ends[0]);
+                dup2(ends[1], STDERR_FILENO);
+                errno = ENXIO;
+                if (failsToWrite() != 0)
+                {
+                    return 2;
+                }
+                // One that the program holds back itself stays.
+                sigset_t blocked;
+                sigemptyset(&blocked);
+                sigaddset(&blocked, SIGPIPE);
+                pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+                raise(SIGPIPE);
+                return failsToWrite() == 1 ? 0 : 3;
+            });
 }
 
 TEST(Dlog, LeavesErrnoAloneAndTellsWhatItDid)
