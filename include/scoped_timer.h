@@ -20,15 +20,28 @@
  * Nothing here blocks but writing the lines; no state is shared. Any thread may call, and after
  * `fork` a record goes on in both processes. A record belongs to one caller, who may hand it to
  * another thread. A measurement costs one small allocation, two readings of the monotonic clock and
- * its lines. Those show times as a `long`, longer ones as its largest value.
+ * its lines. On 32-bit machines code
+ * that uses this header must be built with the library's -D_TIME_BITS; other code does not compile.
  */
 #ifndef BMCBUS_SCOPED_TIMER_H
 #define BMCBUS_SCOPED_TIMER_H
 
+#include <bmcbus/config.h>
 #include <bmcbus/export.h>
 
 #include <stdint.h>
 #include <time.h>
+
+/** @cond internal */
+#ifdef __cplusplus
+#define BMCBUS_STATIC_ASSERT static_assert
+#else
+#define BMCBUS_STATIC_ASSERT _Static_assert
+#endif
+BMCBUS_STATIC_ASSERT(sizeof(time_t) == BMCBUS_TIME_SIZE,
+                     "this code is built with another -D_TIME_BITS than libbmcbus was");
+#undef BMCBUS_STATIC_ASSERT
+/** @endcond */
 
 #ifdef __cplusplus
 extern "C"

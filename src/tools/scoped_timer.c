@@ -4,6 +4,7 @@
 #include <dlog.h>
 
 #include <limits.h>
+#include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -17,12 +18,28 @@ enum
     levelTrace = 9
 };
 
-// For "%ld", which other programs look for: where a long has 32 bits, what takes more than half an
-// hour shows as its largest value.
-static long shown(int64_t usec)
+// Other programs look for "%ld". Where a long has 32 bits it does not hold what takes longer than
+// half an hour, so that goes by the longer type.
+static bool fits(int64_t usec)
 {
-    return usec > LONG_MAX ? LONG_MAX : usec < LONG_MIN ? LONG_MIN : (long)usec;
+    return usec <= LONG_MAX && usec >= LONG_MIN;
 }
+
+// `write` takes a format and arguments, as printf.
+#define WRITE_END(write, label, info)                                                              \
+    (fits((info)->usec)                                                                            \
+         ? write("%s.%d.%s: " label " end, usec=%ld\n", PLACE(info), (long)(info)->usec)           \
+         : write("%s.%d.%s: " label " end, usec=%lld\n", PLACE(info), (long long)(info)->usec))
+#define WRITE_OVER_LIMIT(write, label, info)                                                       \
+    (fits((info)->usec) && fits((info)->limit_usec)                                                \
+         ? write("%s.%d.%s: " label " end, over limit, usec=%ld limit_usec=%ld\n", PLACE(info),    \
+                 (long)(info)->usec, (long)(info)->limit_usec)                                     \
+         : write("%s.%d.%s: " label " end, over limit, usec=%lld limit_usec=%lld\n", PLACE(info),  \
+                 (long long)(info)->usec, (long long)(info)->limit_usec))
+#define TO_OUTPUT(...) fprintf(stdout, __VA_ARGS__)
+#define TO_ERRORS(...) fprintf(stderr, __VA_ARGS__)
+#define TO_TRACE(...) dlog_printf(levelTrace, ended->source, __VA_ARGS__)
+#define TO_FAILURES(...) dlog_printf(levelOverLimit, ended->source, __VA_ARGS__)
 
 ScopedTimerCInfo* ScopedTimerCInfoBuild(int64_t limit_usec, const char* file, int line,
                                         const char* function)
@@ -86,12 +103,10 @@ void ScopedTimerCPrintInfoRelease(ScopedTimerCInfo** info)
     }
     const ScopedTimerCInfo* ended = *info;
     ScopedTimerCDoEndCalculations(*info);
-    fprintf(stdout, "%s.%d.%s: ScopedTimerCPrint end, usec=%ld\n", PLACE(ended),
-            shown(ended->usec));
+    WRITE_END(TO_OUTPUT, "ScopedTimerCPrint", ended);
     if (ended->usec > ended->limit_usec)
     {
-        fprintf(stderr, "%s.%d.%s: ScopedTimerCPrint end, over limit, usec=%ld limit_usec=%ld\n",
-                PLACE(ended), shown(ended->usec), shown(ended->limit_usec));
+        WRITE_OVER_LIMIT(TO_ERRORS, "ScopedTimerCPrint", ended);
     }
     ScopedTimerCInfoRelease(info);
 }
@@ -116,13 +131,10 @@ void ScopedTimerCLogInfoRelease(ScopedTimerCInfo** info)
     }
     const ScopedTimerCInfo* ended = *info;
     ScopedTimerCDoEndCalculations(*info);
-    dlog_printf(levelTrace, ended->source, "%s.%d.%s: ScopedTimerCLog end, usec=%ld\n",
-                PLACE(ended), shown(ended->usec));
+    WRITE_END(TO_TRACE, "ScopedTimerCLog", ended);
     if (ended->usec > ended->limit_usec)
     {
-        dlog_printf(levelOverLimit, ended->source,
-                    "%s.%d.%s: ScopedTimerCLog end, over limit, usec=%ld limit_usec=%ld\n",
-                    PLACE(ended), shown(ended->usec), shown(ended->limit_usec));
+        WRITE_OVER_LIMIT(TO_FAILURES, "ScopedTimerCLog", ended);
     }
     ScopedTimerCInfoRelease(info);
 }
