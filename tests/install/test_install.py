@@ -23,9 +23,30 @@ SOURCE = Path(__file__).resolve().parent.parent.parent
 CXX = shlex.split(os.environ["CXX"])
 CC = shlex.split(os.environ["CC"])
 EXAMPLE = SOURCE / "examples" / "own-interface"
+WITH_SIMULATOR = bool(os.environ["BMCBUS_WITH_SIMULATOR"])
+SIMULATOR = (
+    "bin/bmcbus-simulator",
+    "lib/systemd/system/bmcbus-simulator.service",
+    "share/doc/bmcbus/examples/bmcbus-simulator.conf",
+    "share/man/man1/bmcbus-simulator.1",
+)
 
 sys.path.insert(0, str(SOURCE / "tests" / "support"))
 from staged import Stage, run  # noqa: E402
+
+
+LINKED = """
+#include <cstdio>
+#include <object_mapper.hpp>
+#include <pathops.hpp>
+
+int main()
+{
+    std::string service;
+    ObjectMapper::Wrappers::PathAndInterfaceToService("/x", "a.b", service);
+    std::puts(DBU_insert_key("/a/b", "K#L").c_str());
+}
+"""
 
 
 class InstallTest(unittest.TestCase):
@@ -45,11 +66,8 @@ class Files(InstallTest):
         prefix = self.stage.prefix
         for name in (
             "bin/bmcbus-codegen",
-            "bin/bmcbus-simulator",
-            "lib/systemd/system/bmcbus-simulator.service",
-            "share/doc/bmcbus/examples/bmcbus-simulator.conf",
             "share/man/man1/bmcbus-codegen.1",
-            "share/man/man1/bmcbus-simulator.1",
+            *(SIMULATOR if WITH_SIMULATOR else ()),
         ):
             self.assertTrue((prefix / name).is_file(), name)
         self.assertEqual(len(self.stage.packages), 1)
@@ -80,8 +98,30 @@ class Files(InstallTest):
             3,
         )
 
+    def test_link_without_path(self):
+        """What pkg-config names links, and starts with nothing but the folders as its run path."""
+        program = self.folder / "use"
+        environment = {
+            name: value
+            for name, value in self.stage.environment.items()
+            if name not in ("LD_LIBRARY_PATH", "LD_RUN_PATH")
+        }
+        run(*CXX, "-std=c++20", "-x", "c++", "-", "-o", program,
+            *self.stage.pkg_config("--cflags", "bmcbus"), *self.stage.pkg_config("--libs", "bmcbus"),
+            *(f"-Wl,-rpath,{folder}" for folder in self.stage.folders),
+            input=LINKED, env=environment)
+        environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/nonexistent"
+        said = subprocess.run([program], env=environment, stdout=subprocess.PIPE, text=True, check=True)
+        self.assertEqual(said.stdout, "/a/k/l/b\n")
+
+    def test_package_file_says_which_libsystemd(self):
+        for package in ("bmcbus", "bmcbus-testing"):
+            needed = run("pkg-config", "--print-requires", package, env=self.stage.environment)
+            self.assertIn("libsystemd >= 246", needed)
+
     def test_programs_start_and_manual_pages_are_well_formed(self):
-        run(self.stage.prefix / "bin" / "bmcbus-simulator", "--help", env=self.stage.environment)
+        if WITH_SIMULATOR:
+            run(self.stage.prefix / "bin" / "bmcbus-simulator", "--help", env=self.stage.environment)
         if man := shutil.which("groff"):
             for page in (self.stage.prefix / "share" / "man" / "man1").iterdir():
                 said = subprocess.run(
@@ -100,9 +140,9 @@ class Headers(InstallTest):
             if name.parts[0] != "compat":
                 yield str(name)
 
-    def compile(self, compiler, language, standard, *names):
+    def compile(self, compiler, language, standard, *names, before=()):
         source = "".join(f"#include <{name}>\n" for name in names) + "extern int something;\n"
-        flags = [
+        flags = list(before) + [
             # Headers of others may give warnings of their own.
             flag if str(self.stage.prefix) in flag else re.sub("^-I", "-isystem", flag)
             for flag in self.stage.pkg_config("--cflags", "bmcbus", "bmcbus-testing")
@@ -110,11 +150,38 @@ class Headers(InstallTest):
         run(*compiler, "-x", language, f"-std={standard}", "-fsyntax-only", "-Wall", "-Wextra",
             "-Wpedantic", "-Werror", *flags, "-", input=source)
 
+    def standards(self, compiler):
+        """The standards under which the compiler takes the sdbusplus in use by itself.
+
+        Recent generations want C++23, or more of the standard library than clang 14 can read.
+        """
+        for standard in ("c++20", "c++2b"):
+            try:
+                self.compile(compiler, "c++", standard, "sdbusplus/bus.hpp")
+            except AssertionError:
+                print(f"{compiler[-1]} -std={standard}: left out, cannot compile <sdbusplus/bus.hpp>")
+            else:
+                yield standard
+
+    def test_time_bits(self):
+        """Code with another size of time_t than the library had would have another timer record."""
+        front = self.folder / "bmcbus"
+        front.mkdir()
+        config = (self.stage.prefix / "include" / "bmcbus" / "bmcbus" / "config.h").read_text("utf-8")
+        other = re.sub(r"(?m)^(#define BMCBUS_TIME_SIZE) (\d)$", lambda m: f"{m[1]} {12 - int(m[2])}", config)
+        self.assertNotEqual(other, config)
+        (front / "config.h").write_text(other, encoding="utf-8")
+        for compiler, language, standard in ((CC, "c", "c11"), (CXX, "c++", "c++20")):
+            self.compile(compiler, language, standard, "scoped_timer.h")
+            with self.assertRaisesRegex(AssertionError, "another -D_TIME_BITS than libbmcbus"):
+                self.compile(compiler, language, standard, "scoped_timer.h", before=[f"-I{self.folder}"])
+
     def test_alone(self):
         names = list(self.headers())
+        standard = next(self.standards(CXX))
         self.assertGreater(len(names), 35)
         with ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
-            for done in [pool.submit(self.compile, CXX, "c++", "c++20", name) for name in names]:
+            for done in [pool.submit(self.compile, CXX, "c++", standard, name) for name in names]:
                 done.result()
 
     def test_together(self):
@@ -122,8 +189,8 @@ class Headers(InstallTest):
         self.compile(CXX, "c++", "c++2b", *names)
         for other in {"clang++", "g++"} - {Path(CXX[-1]).name}:
             if shutil.which(other):
-                self.compile([other], "c++", "c++20", *names)
-                self.compile([other], "c++", "c++2b", *names)
+                for standard in self.standards([other]):
+                    self.compile([other], "c++", standard, *names)
 
     def test_c(self):
         root = self.stage.prefix / "include" / "bmcbus"

@@ -50,8 +50,11 @@ class Stage:
         self.environment = {
             **os.environ,
             "PKG_CONFIG_PATH": _in_front(self.packages[0], "PKG_CONFIG_PATH"),
-            "LD_LIBRARY_PATH": _in_front(self.library.parent, "LD_LIBRARY_PATH"),
         }
+        # Also where the libraries lie that the package files require.
+        folders = self.pkg_config("--libs-only-L", "bmcbus")
+        self.folders = list(dict.fromkeys([str(self.library.parent), *(name[2:] for name in folders)]))
+        self.environment["LD_LIBRARY_PATH"] = _in_front(":".join(self.folders), "LD_LIBRARY_PATH")
 
     def close(self):
         self._folder.cleanup()
