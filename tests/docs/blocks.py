@@ -17,6 +17,7 @@ Comments in the lines before the fence, which readers do not see, say more:
     <!-- shows: TEXT -->     it is done when a line of its output begins so, and is ended then
     <!-- folder: source -->  commands run at the top of the source tree
     <!-- needs: FOLDER -->   commands run only when the tests were built in this folder
+    <!-- alone: REASON -->   commands run where getting_started.py runs them, nowhere else
     <!-- not run: REASON --> it is not looked at
 """
 
@@ -27,7 +28,7 @@ from pathlib import Path
 SOURCE = Path(__file__).resolve().parents[2]
 
 FENCE = re.compile(r"^```(.*)$")
-MARK = re.compile(r"^<!-- (file|built by|in|shows|folder|needs|not run): (.+) -->$")
+MARK = re.compile(r"^<!-- (file|built by|in|shows|folder|needs|alone|not run): (.+) -->$")
 DATA = ("xml", "meson", "ini")
 
 

@@ -153,7 +153,7 @@ class Value
 
     /**
      * Type and content as `busctl get-property` prints them: `as 2 "one" "two"`. What a terminal
-     * would not show is written as \xNN.
+     * would not show is written as `\xNN`.
      */
     std::string Text() const;
 
