@@ -19,7 +19,8 @@
  * Lines above the threshold are dropped before anything is formatted. The threshold comes from the
  * environment variable DLOG_LEVEL when the first line is written (default 2). A program that
  * defines this function itself receives every line instead. Control characters in the text are
- * written as `\n`, `\r` or `\xNN`, so a text from elsewhere stays one line and no terminal obeys it.
+ * written as `\n`, `\r` or `\xNN`, so a text from elsewhere stays one line and no terminal obeys
+ * it.
  *
  * @param level   1 serious failure, 2 error, 4 misuse, 5 information, 9 trace
  * @param source  identifies the component that writes
