@@ -53,7 +53,10 @@ struct LiveReports
  */
 BMCBUS_EXPORT LiveReports ReportLive(sd_bus* bus = nullptr);
 
-/** The account as a table for people: a line for each object under a heading, then the totals. */
+/**
+ * The account as a table for people: a line for each object under a heading, then the totals. On
+ * the connection's thread, as above.
+ */
 BMCBUS_EXPORT std::string ReportLiveTable(sd_bus* bus = nullptr);
 
 } // namespace bmcbus

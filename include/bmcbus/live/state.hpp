@@ -24,7 +24,7 @@ enum class LiveState : uint8_t
     Lost     ///< the object, its service or the connection has gone; the last values remain
 };
 
-/** The state's name, as its enumerator is spelled. */
+/** The state's name, as its enumerator is spelled. Any thread may call it. */
 constexpr const char* Name(LiveState state)
 {
     constexpr const char* names[] = {"Absent", "Reading", "Live", "Lost"};
@@ -34,7 +34,7 @@ constexpr const char* Name(LiveState state)
 /**
  * The names of the properties that one message changed, in ascending order.
  *
- * Borrowed: valid while the callback runs that it was given to.
+ * Borrowed: valid while the callback runs that it was given to, on that thread.
  */
 class Changes
 {

@@ -84,7 +84,7 @@ inline constexpr const char* mapperName = "xyz.openbmc_project.ObjectMapper";
 /** Object path of the object mapper. */
 inline constexpr const char* mapperPath = "/xyz/openbmc_project/object_mapper";
 
-/** The object mapper's interface. */
+/** The object mapper's interface, anew for each caller; any thread may call it. */
 InterfaceDescription MapperInterface();
 
 } // namespace bmcbus::testing

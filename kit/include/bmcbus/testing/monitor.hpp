@@ -18,7 +18,7 @@
 namespace bmcbus::testing
 {
 
-/** One message as the bus carried it. */
+/** One message as the bus carried it: a plain value, for one thread at a time. */
 struct WireMessage
 {
     std::string type;          /**< "method_call", "method_return", "error" or "signal" */

@@ -15,7 +15,7 @@
 namespace bmcbus::testing
 {
 
-/** What a bus daemon allows one connection or user. */
+/** What a bus daemon allows one connection or user: a plain value, for one thread at a time. */
 struct BusLimits
 {
     unsigned int matchRulesPerConnection = 512;     /**< AddMatch is refused beyond */
