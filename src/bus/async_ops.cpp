@@ -1,6 +1,7 @@
 #include <async_ops.hpp>
 
 #include "bus/bus.hpp"
+#include "bus/message_size.hpp"
 #include "bus/text.hpp"
 #include "log.hpp"
 
@@ -26,6 +27,10 @@ int Queue(sd_bus* bus, sd_bus_slot** slot, const std::string& service, const std
     if (!bmcbus::IsBusText(service) || !bmcbus::IsBusText(path) || !bmcbus::IsBusText(interface))
     {
         return -EINVAL;
+    }
+    if (!bmcbus::Fits(service.size() + path.size() + interface.size()))
+    {
+        return -EMSGSIZE;
     }
     return sd_bus_call_method_async(bus, slot, service.c_str(), path.c_str(),
                                     "org.freedesktop.DBus.Properties", "GetAll", handler, record,

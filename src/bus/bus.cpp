@@ -1,10 +1,13 @@
 #include "bus/bus.hpp"
 
+#include "bus/backlog.hpp"
+#include "bus/message_size.hpp"
 #include "bus/signal_shield.hpp"
 
 #include <bmcbus/sdbusplus.hpp>
 
 #include <cerrno>
+#include <cstring>
 
 namespace bmcbus
 {
@@ -63,7 +66,15 @@ MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const cha
     sd_bus_message* raw = nullptr;
     Require(sd_bus_message_new_method_call(bus, &raw, service, path, interface, member),
             "sd_bus_message_new_method_call");
-    return MessageRef(raw);
+    MessageRef call(raw);
+    uint64_t names = 0;
+    for (const char* const name : {service, path, interface, member})
+    {
+        names += name == nullptr ? 0 : std::strlen(name);
+    }
+    StartMessage(raw, names);
+    Require(Fits(names) ? 0 : -EMSGSIZE, "sd_bus_message_new_method_call");
+    return call;
 }
 
 MessageRef NewCall(sd_bus* bus, const std::string& service, const std::string& path,
@@ -91,13 +102,17 @@ int Exchange(sd_bus* bus, sd_bus_message* call, sd_bus_error& error, MessageRef&
             return sd_bus_error_set_errno(&error, ready < 0 ? ready : -ETIMEDOUT);
         }
     }
-    const SignalShield shield;
     sd_bus_message* raw = nullptr;
-    const int result = sd_bus_call(bus, call, timeout, &error, &raw);
+    const int result = [&]
+    {
+        const SignalShield shield;
+        return sd_bus_call(bus, call, timeout, &error, &raw);
+    }();
     if (result >= 0)
     {
         reply.reset(raw);
     }
+    LookAtBacklog(bus, call);
     return result;
 }
 

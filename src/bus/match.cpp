@@ -1,5 +1,6 @@
 #include "bus/match.hpp"
 
+#include "bus/message_size.hpp"
 #include "bus/signal_shield.hpp"
 #include "bus/text.hpp"
 
@@ -25,6 +26,10 @@ int AddMatch(sd_bus* bus, const std::string& rule, sd_bus_message_handler_t hand
     if (!IsBusText(rule))
     {
         return -EINVAL;
+    }
+    if (!Fits(rule.size()))
+    {
+        return -EMSGSIZE;
     }
     const SignalShield shield;
     sd_bus_slot* raw = nullptr;

@@ -1,5 +1,6 @@
 #include "bus/bus.hpp"
 #include "bus/deadline.hpp"
+#include "bus/message_size.hpp"
 #include "bus/object_mapper_internal.hpp"
 #include "bus/object_mapper_lookup.hpp"
 #include "bus/text.hpp"
@@ -86,6 +87,7 @@ int OnReply(sd_bus_message* reply, void* record, sd_bus_error* error) noexcept
 
 void AppendText(const char* function, sd_bus_message* call, const std::string& text)
 {
+    REQUIRE(function, "sd_bus_message_append", bmcbus::Grow(call, 4, 4 + text.size() + 1));
     REQUIRE(function, "sd_bus_message_append",
             bmcbus::IsBusText(text) ? sd_bus_message_append(call, "s", text.c_str()) : -EINVAL);
 }
@@ -103,6 +105,7 @@ bmcbus::MessageRef NewGetObject(const char* function, sd_bus* bus, const std::st
         throw std::runtime_error("d_bus_message_new_method_call returned a NULL message");
     }
     bmcbus::MessageRef call(raw);
+    bmcbus::StartMessage(raw, 0);
     AppendText(function, raw, path);
     REQUIRE(function, "sd_bus_message_open_container",
             sd_bus_message_open_container(raw, SD_BUS_TYPE_ARRAY, "s"));
@@ -131,12 +134,16 @@ bmcbus::Slot Queue(sd_bus* bus, const std::string& path, const Names& interfaces
     return slot;
 }
 
-// Waits until a new connection is up: if nobody else holds it, what is only queued never goes out.
-// One that is dead or inherited is left to the steps of the request, which name it.
-bmcbus::BusRef HoldDefaultBus(const char* function)
+// The connection, or the thread's default one. Waits until a new one is up: if nobody else holds
+// it, what is only queued never goes out. One that is dead or inherited is left to the steps of the
+// request, which name it.
+bmcbus::BusRef Hold(const char* function, sd_bus* wanted)
 {
-    sd_bus* raw = nullptr;
-    REQUIRE(function, "sd_bus_default_system", sd_bus_default_system(&raw));
+    sd_bus* raw = sd_bus_ref(wanted);
+    if (raw == nullptr)
+    {
+        REQUIRE(function, "sd_bus_default_system", sd_bus_default_system(&raw));
+    }
     bmcbus::BusRef bus(raw);
     static_cast<void>(bmcbus::AwaitReady(raw));
     return bus;
@@ -145,11 +152,11 @@ bmcbus::BusRef HoldDefaultBus(const char* function)
 #undef REQUIRE
 
 template <class Callback>
-bmcbus::Slot QueueOnDefault(const std::string& path, const Names& interfaces,
-                            const CallbackRecord<Callback>& record, void (*dropContext)(void*))
+bmcbus::Slot QueueHeld(sd_bus* wanted, const std::string& path, const Names& interfaces,
+                       const CallbackRecord<Callback>& record, void (*dropContext)(void*))
 try
 {
-    const bmcbus::BusRef bus = HoldDefaultBus(Form<Callback>::function);
+    const bmcbus::BusRef bus = Hold(Form<Callback>::function, wanted);
     return Queue(bus.get(), path, interfaces, record, dropContext);
 }
 catch (const std::exception& e)
@@ -179,16 +186,15 @@ void Detach(bmcbus::Slot slot)
 
 // Queues GetObject for one interface, to be answered to a callback that takes a service name.
 template <class ServiceForm, class ObjectForm>
-bmcbus::Slot QueueLookup(const char* function, const std::string& path,
+bmcbus::Slot QueueLookup(const char* function, sd_bus* bus, const std::string& path,
                          const std::string& interface, ObjectForm choose,
                          const CallbackRecord<ServiceForm>& record)
 try
 {
     using Record = CallbackRecord<ServiceForm>;
     auto context = std::make_unique<Record>(record);
-    bmcbus::Slot slot =
-        QueueOnDefault<ObjectForm>(path, {interface}, {choose, context.get()},
-                                   [](void* own) { delete static_cast<Record*>(own); });
+    bmcbus::Slot slot = QueueHeld<ObjectForm>(bus, path, {interface}, {choose, context.get()},
+                                              [](void* own) { delete static_cast<Record*>(own); });
     static_cast<void>(context.release());
     return slot;
 }
@@ -214,7 +220,7 @@ void GetObjectAsync(bmcbus::Bus& bus, const std::string& path, const Names& inte
 void GetObjectAsync(const std::string& path, const Names& interfaces, GetObjectCallback callback,
                     void* context)
 {
-    Detach(QueueOnDefault<GetObjectCallback>(path, interfaces, {callback, context}, nullptr));
+    Detach(QueueHeld<GetObjectCallback>(nullptr, path, interfaces, {callback, context}, nullptr));
 }
 
 void GetObjectAsync2(bmcbus::Bus& bus, const std::string& path, const Names& interfaces,
@@ -227,29 +233,30 @@ void GetObjectAsync2(bmcbus::Bus& bus, const std::string& path, const Names& int
 void GetObjectAsync2(const std::string& path, const Names& interfaces, GetObjectCallback2 callback,
                      void* context)
 {
-    Detach(QueueOnDefault<GetObjectCallback2>(path, interfaces, {callback, context}, nullptr));
+    Detach(QueueHeld<GetObjectCallback2>(nullptr, path, interfaces, {callback, context}, nullptr));
 }
 
 void PathAndInterfaceToServiceAsync(const std::string& path, const std::string& interface,
                                     ServiceCallback callback, void* context)
 {
-    Detach(internal::LookupServiceAsync(path, interface, callback, context));
+    Detach(internal::LookupServiceAsync(nullptr, path, interface, callback, context));
 }
 
 void PathAndInterfaceToServiceAsync2(const std::string& path, const std::string& interface,
                                      ServiceCallback2 callback, void* context)
 {
-    Detach(QueueLookup<ServiceCallback2>("PathAndInterfaceToServiceAsync2", path, interface,
-                                         Internal_PathAndInterfaceToServiceAsync_Callback2,
-                                         {callback, context}));
+    Detach(QueueLookup<ServiceCallback2>(
+        "PathAndInterfaceToServiceAsync2", nullptr, path, interface,
+        Internal_PathAndInterfaceToServiceAsync_Callback2, {callback, context}));
 }
 
 } // namespace Wrappers
 
-bmcbus::Slot internal::LookupServiceAsync(const std::string& path, const std::string& interface,
-                                          ServiceCallback callback, void* context)
+bmcbus::Slot internal::LookupServiceAsync(sd_bus* bus, const std::string& path,
+                                          const std::string& interface, ServiceCallback callback,
+                                          void* context)
 {
-    return QueueLookup<ServiceCallback>("PathAndInterfaceToServiceAsync", path, interface,
+    return QueueLookup<ServiceCallback>("PathAndInterfaceToServiceAsync", bus, path, interface,
                                         Wrappers::Internal_PathAndInterfaceToServiceAsync_Callback,
                                         {callback, context});
 }

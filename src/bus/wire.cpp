@@ -1,14 +1,57 @@
 #include <bmcbus/wire.hpp>
 
 #include "bus/bus.hpp"
+#include "bus/message_size.hpp"
 #include "bus/text.hpp"
 
 #include <cerrno>
+#include <cstring>
 
 namespace bmcbus::client
 {
 namespace
 {
+
+size_t Alignment(char code)
+{
+    switch (code)
+    {
+        case SD_BUS_TYPE_BYTE:
+        case SD_BUS_TYPE_SIGNATURE:
+        case SD_BUS_TYPE_VARIANT:
+            return 1;
+        case SD_BUS_TYPE_INT16:
+        case SD_BUS_TYPE_UINT16:
+            return 2;
+        case SD_BUS_TYPE_INT64:
+        case SD_BUS_TYPE_UINT64:
+        case SD_BUS_TYPE_DOUBLE:
+        case SD_BUS_TYPE_STRUCT:
+        case SD_BUS_TYPE_STRUCT_BEGIN:
+        case SD_BUS_TYPE_DICT_ENTRY:
+        case SD_BUS_TYPE_DICT_ENTRY_BEGIN:
+            return 8;
+        default:
+            return 4;
+    }
+}
+
+// What an opening takes before the contents. An array's length stands before their first byte.
+int GrowBy(sd_bus_message* message, char container, const char* contents)
+{
+    switch (container)
+    {
+        case SD_BUS_TYPE_ARRAY:
+        {
+            const int result = Grow(message, 4, 4);
+            return result < 0 ? result : Grow(message, Alignment(*contents), 0);
+        }
+        case SD_BUS_TYPE_VARIANT:
+            return Grow(message, 1, 2 + std::strlen(contents));
+        default:
+            return Grow(message, Alignment(container), 0);
+    }
+}
 
 // sd-bus gives an array of the other byte order only number by number.
 bool ReadTurned(sd_bus_message* message, char code, size_t width, FlatArray& array)
@@ -96,6 +139,8 @@ void SkipVariant(sd_bus_message* message)
 
 void AppendBasic(sd_bus_message* message, char code, const void* value)
 {
+    const size_t width = Alignment(code); // of a number
+    Require(Grow(message, width, width), "sd_bus_message_append_basic");
     Require(sd_bus_message_append_basic(message, code, value), "sd_bus_message_append_basic");
 }
 
@@ -105,17 +150,23 @@ void AppendChecked(sd_bus_message* message, char code, const std::string& text)
         code == SD_BUS_TYPE_OBJECT_PATH
             ? sd_bus_object_path_is_valid(text.c_str()) > 0 && text.find('\0') == std::string::npos
             : IsBusText(text);
+    const size_t length = code == SD_BUS_TYPE_SIGNATURE ? 1 : 4;
+    Require(Grow(message, length, length + text.size() + 1), "sd_bus_message_append_basic");
     Require(travels ? sd_bus_message_append_basic(message, code, text.c_str()) : -EINVAL,
             "sd_bus_message_append_basic");
 }
 
 void AppendFlatArray(sd_bus_message* message, char code, const void* data, size_t bytes)
 {
+    const char contents[] = {code, '\0'};
+    Require(GrowBy(message, SD_BUS_TYPE_ARRAY, contents), "sd_bus_message_append_array");
+    Require(Grow(message, 1, bytes), "sd_bus_message_append_array");
     Require(sd_bus_message_append_array(message, code, data, bytes), "sd_bus_message_append_array");
 }
 
 void Open(sd_bus_message* message, char container, const char* contents)
 {
+    Require(GrowBy(message, container, contents), "sd_bus_message_open_container");
     Require(sd_bus_message_open_container(message, container, contents),
             "sd_bus_message_open_container");
 }

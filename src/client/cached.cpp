@@ -57,6 +57,26 @@ int OnRemoved(sd_bus_message* message, void* anchor, sd_bus_error* /*error*/) no
     return 0;
 }
 
+// The connection of the object's own matches, which is the one that somebody dispatches for it;
+// null for an object without any.
+sd_bus* OwnConnection(CachedObject object)
+{
+    const Slot& match = object.about().properties_changed_match(object.anchor().object());
+    return match ? sd_bus_slot_get_bus(match.get()) : nullptr;
+}
+
+// The same, connected; the calling thread's in place of none. Throws Error.
+BusRef OwnBus(CachedObject object)
+{
+    BusRef own(sd_bus_ref(OwnConnection(object)));
+    if (!own)
+    {
+        return DefaultBus();
+    }
+    Require(AwaitReady(own.get()), "sd_bus_get_unique_name");
+    return own;
+}
+
 void InstallMatches(sd_bus* bus, CachedObject object)
 {
     Anchor& anchor = object.anchor();
@@ -284,7 +304,7 @@ void InitialGetAll(Anchor& anchor)
         {
             CLIENT_LOG(trace, object.label(), function, "use async");
             anchor.Await(ObjectMapper::internal::LookupServiceAsync(
-                object.path(), object.interface().name, OnService, &anchor));
+                OwnConnection(object), object.path(), object.interface().name, OnService, &anchor));
             return;
         }
         CLIENT_LOG(trace, object.label(), function, "do not use async");
@@ -342,14 +362,14 @@ void ServiceIsSet(Anchor& anchor)
         if (object.use_async())
         {
             CLIENT_LOG(trace, object.label(), function, "use async");
-            const BusRef bus = DefaultBus();
+            const BusRef bus = OwnBus(object);
             anchor.Await(Async::Ops::detail::QueueGetAll(bus.get(), Service(object), object.path(),
                                                          object.interface().name, OnGetAll, &anchor,
                                                          nullptr));
             return;
         }
         CLIENT_LOG(trace, object.label(), function, "do not use async");
-        const BusRef bus = DefaultBus();
+        const BusRef bus = OwnBus(object);
         ReadNow(bus.get(), object);
     }
     catch (const std::exception& error)

@@ -29,7 +29,7 @@ struct Search
         }
     }
 
-    void Start() { slot = LookupServiceAsync("/p", "x.I", Answered, this); }
+    void Start() { slot = LookupServiceAsync(nullptr, "/p", "x.I", Answered, this); }
 };
 
 class MapperLookup : public MapperTest
@@ -94,7 +94,8 @@ TEST_F(MapperLookup, OutlivesItsConnection)
 TEST_F(MapperLookup, RefusalsAreThoseOfThePublicFunction)
 {
     Search search;
-    EXPECT_THROW(search.slot = LookupServiceAsync("/\xC3", "x.I", Search::Answered, &search),
+    EXPECT_THROW(search.slot =
+                     LookupServiceAsync(nullptr, "/\xC3", "x.I", Search::Answered, &search),
                  std::runtime_error);
     EXPECT_EQ(search.slot, nullptr);
     const std::string text = "sd_bus_message_append returned an error";
