@@ -220,6 +220,21 @@ class Interface:
         return _distinct(arg.type for signal in self.signals for arg in signal.args)
 
 
+# An object's values are reached by 16-bit offsets, its types by 8-bit numbers.
+_LARGEST = 0x10000
+_MOST_TYPES = 0x100
+_BYTES = {"y": 1, "b": 1, "n": 2, "q": 2, "i": 4, "u": 4, "x": 8, "t": 8, "d": 8}
+_CONTAINER_BYTES = {"array": 24, "dict": 48}
+_CLASS_BYTES = 32
+
+
+def _least_bytes(kind):
+    """What a value takes in an object of a 64-bit system, without what lies between values."""
+    if kind.kind == "struct":
+        return sum(_least_bytes(part) for part in kind.parts)
+    return _CONTAINER_BYTES.get(kind.kind) or _BYTES.get(kind.signature, _CLASS_BYTES)
+
+
 def _distinct(types):
     return sorted(set(types), key=lambda one: one.cpp.encode())
 
@@ -262,6 +277,7 @@ class _Builder:
         self._check_served()
         if not self._problems:
             self._check_classes()
+            self._check_sizes()
         if self._problems:
             raise Refusal(self._problems)
         self._settle_names()
@@ -468,6 +484,23 @@ class _Builder:
                         item.line,
                         f"'{item.name}' becomes '{owner.class_name}', the name of its class",
                     )
+
+    def _check_sizes(self):
+        model = self._model
+        self._check_size(model, model.properties)
+        for signal in model.signals:
+            self._check_size(signal, signal.args)
+        if sum(len(prop.name) + 1 for prop in model.properties) > _LARGEST:
+            self._refuse(model.line, "the names of the properties take more than 64 KiB")
+        for types, what in ((model.variant, "property"), (model.argument_types, "argument")):
+            if len(types) > _MOST_TYPES:
+                self._refuse(model.line, f"there are more than {_MOST_TYPES} {what} types")
+
+    def _check_size(self, owner, items):
+        size = sum(_least_bytes(item.type) + 1 for item in items)  # a flag each
+        if size > _LARGEST:
+            reason = f"an object of '{owner.class_name}' would take more than 64 KiB"
+            self._refuse(owner.line, reason)
 
     def _check_signal_class(self, signal):
         problem = names.scope_problem(signal.name)

@@ -119,6 +119,30 @@ class Names(GeneratorTest):
         )
 
 
+    def test_macros_cannot_name_classes(self):
+        for name in ("EINVAL", "si_pid", "UINT8_MAX", "PRIu32"):
+            with self.subTest(name=name):
+                file = self.interface(f'<signal name="{name}"/>')
+                reason = f"signal '{name}' makes no C++ class: '{name}' is a macro of the C library"
+                self.assertRefused(self.generate(file), file, (2, reason))
+
+    def test_objects_over_64_kib(self):
+        wide = "(" + 253 * "t" + ")"
+        for what in ("property", "arg"):
+            access = 'access="read"' if what == "property" else ""
+            items = [f'<{what} name="p{i}" type="{wide}" {access}/>' for i in range(33)]
+            signal = ("<signal name='Sensor'>", "</signal>") if what == "arg" else ("", "")
+            line = 2 if what == "arg" else 1
+            with self.subTest(what=what):
+                file = self.interface(signal[0] + "".join(items) + signal[1])
+                problem = (line, "an object of 'Sensor' would take more than 64 KiB")
+                self.assertRefused(self.generate(file), file, problem)
+                file = self.interface(signal[0] + "".join(items[:32]) + signal[1])
+                self.assertGenerated(self.generate(file))
+                for name in self.written():
+                    (self.output / name).unlink()
+
+
 class Depth(GeneratorTest):
     """The bounds of a signature, from both sides."""
 

@@ -136,7 +136,7 @@ template <class T>
 constexpr Field MakeField(Member<T> value, Member<bool> is_set, Alternatives types)
 {
     const auto type = std::ranges::find(types, &typeOf<T>);
-    if (type == types.end())
+    if (type == types.end() || type - types.begin() > UINT8_MAX)
     {
         throw std::logic_error("the class's types lack the field's");
     }
