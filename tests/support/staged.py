@@ -46,6 +46,7 @@ class Stage:
             text = file.read_text(encoding="utf-8")
             text = re.sub("(?m)^prefix=.*", f"prefix={self.prefix}", text)
             file.write_text(text, encoding="utf-8")
+        self.built = self.packages[0].parent / "bmcbus" / "include"
         self.library = next(self.prefix.rglob("libbmcbus.so"))
         self.environment = {
             **os.environ,
