@@ -31,11 +31,12 @@
  * passes to the loop, and the messages behind it run at the next wake-up. A `zloop` is written in
  * C: what passes through it ends the program on some machines.
  *
- * **fork().** The parent's channel goes on undisturbed. The child's copy is destroyed with what was
- * queued; the child's first call makes a new, unregistered channel. Inside a message's function
- * that forks, only this function goes on in the child. A thread must not fork while it holds
- * `infrautils::oneWayChannelOperationMutex`. An inherited `io_context` needs asio's `notify_fork`
- * before it can run in the child; an inherited sd-event loop cannot run there at all.
+ * **fork().** The parent's channel goes on undisturbed. The child forgets its copy and what was
+ * queued, without destroying anything that functions hold; its first call makes a new, unregistered
+ * channel. Inside a message's function that forks, only this function goes on in the child. A
+ * thread must not fork while it holds `infrautils::oneWayChannelOperationMutex`. An inherited
+ * `io_context` needs asio's `notify_fork` before it can run in the child; an inherited sd-event
+ * loop cannot run there at all.
  *
  * **From C** the flat functions can be called, except where noted. Those that catch nothing let
  * `std::system_error` (a failed lock), `std::bad_alloc` and `std::runtime_error` (no pipe) pass.
@@ -161,7 +162,8 @@ class BMCBUS_EXPORT OneWayChannel
      *
      * The watch has a descriptor of its own for the read end, which is non-blocking while the
      * registration lasts. It counts as work of the context, also after `Unregister` until the
-     * pipe is readable; it then runs nothing. The context may be destroyed at any time that it
+     * pipe is readable; it then runs nothing. The next registration with the same context uses it
+     * again. The context may be destroyed at any time that it
      * does not run. Where asio is built without locks (`BMCBUS_ASIO_DISABLE_THREADS` is 1, as real
      * sdbusplus asks for), only one thread of the process may run contexts at all; producers may
      * be on any thread all the same.
@@ -173,7 +175,8 @@ class BMCBUS_EXPORT OneWayChannel
                           Function defaultFunction);
 
     /**
-     * Queues a message. Any thread; a producer waits while the pipe is full.
+     * Queues a message. Any thread; a producer waits while the pipe is full. It is no cancellation
+     * point. When it throws, nothing was queued.
      *
      * @param data  the producer's until the function has run; with @p freeData the channel's, from
      * malloc()
@@ -230,7 +233,8 @@ class BMCBUS_EXPORT OneWayChannel
     /** Makes the pipe. @throws std::runtime_error after a log line */
     OneWayChannel();
 
-    /** Releases what is queued without running it. Happens in a forked child only. */
+    /** Releases what is queued without running it. The channel of the process is never destroyed.
+     */
     ~OneWayChannel();
 
     OneWayChannel(const OneWayChannel&) = delete;
@@ -252,7 +256,7 @@ class BMCBUS_EXPORT OneWayChannel
     Function defaultFunction;      ///< may be empty
     char readBuffer[32];           ///< triggers end here
     pthread_t loopTid;             ///< thread that registered the loop
-    bool loopTidValid;             ///< whether `loopTid` is set; not for a self-made poll loop
+    bool loopTidValid; ///< whether `loopTid` is set; not for a self-made poll loop or ended thread
     std::unique_ptr<sdeventplus::source::IO> ioSource; ///< watch of an sd-event loop
     zloop_t* registeredZLoop;                          ///< reactor of a `ZLoop` registration
     /// watch of an `io_context`
@@ -263,7 +267,6 @@ class BMCBUS_EXPORT OneWayChannel
     friend struct OneWayChannelFlat;
     struct BMCBUS_LOCAL Watch;
 
-    BMCBUS_LOCAL static void InstallForkHandlers();
     BMCBUS_LOCAL static void ForkPrepare();
     BMCBUS_LOCAL static void ForkParent();
     BMCBUS_LOCAL static void ForkChild();
@@ -271,8 +274,14 @@ class BMCBUS_EXPORT OneWayChannel
     BMCBUS_LOCAL RegistrationType Type() const;
     BMCBUS_LOCAL void TakeOver(void* context, Function function);
     BMCBUS_LOCAL void Publish(RegistrationType type);
+    BMCBUS_LOCAL void BecomeLoopThread();
+    BMCBUS_LOCAL void ForgetThread(pthread_t ended);
+    BMCBUS_LOCAL std::shared_ptr<Watch> TakeIdleWatch(const boost::asio::io_context& context);
+    BMCBUS_LOCAL std::shared_ptr<Watch> NewWatch(boost::asio::io_context& context);
     BMCBUS_LOCAL void WaitForIO(std::shared_ptr<Watch> owner);
-    BMCBUS_LOCAL void GiveUpWatch(bool inherited);
+    BMCBUS_LOCAL void GiveUpWatch();
+    BMCBUS_LOCAL void ForgetIdleWatches();
+    BMCBUS_LOCAL void EndZLoopWatch();
 
     // Not hidden: TriggerReadPipeNoLock is inline.
     int WriteTrigger(const char (&bytes)[2]);
@@ -280,6 +289,7 @@ class BMCBUS_EXPORT OneWayChannel
     BMCBUS_LOCAL int WriteIntoRoom(const char (&bytes)[2]);
     BMCBUS_LOCAL int WriteIfRoom(const char (&bytes)[2]);
     BMCBUS_LOCAL int WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock);
+    BMCBUS_LOCAL int Wake(std::unique_lock<std::mutex>& lock) noexcept;
     BMCBUS_LOCAL bool OnLoopThread() const;
     BMCBUS_LOCAL bool RunNext(void* context);
     BMCBUS_LOCAL void WakeAgain() noexcept;
@@ -290,10 +300,15 @@ class BMCBUS_EXPORT OneWayChannel
     // operation mutex.
     int credit_ = 0;
     bool noRoom_ = false;
-    // How many of those that fit are being written right now; raised under the operation mutex.
+    // How many of those that fit are being written right now, each by a thread of its own; raised
+    // under the operation mutex. See WriteIfRoom() for how many threads that may be.
     std::atomic<int> reserved_ = 0;
     // The asio registration in force; owned by the handler of its wait.
     Watch* watch_ = nullptr;
+    // Those of ended registrations whose wait goes on. Under the operation mutex.
+    Watch* idleWatches_ = nullptr;
+    // In a child: the parent's channel of one generation before.
+    OneWayChannel* earlier_ = nullptr;
 };
 
 inline int OneWayChannel::TriggerReadPipeNoLock()
@@ -356,7 +371,8 @@ extern "C"
                                                                  OneWayChannelFunction function);
 
     /**
-     * Queues a message. Any thread; a producer waits while the pipe is full.
+     * Queues a message. Any thread; a producer waits while the pipe is full. It is no cancellation
+     * point.
      *
      * @param function  may be null: its message is logged when it is processed
      * @param data  the producer's until the function has run
@@ -385,7 +401,8 @@ extern "C"
     /**
      * Tells whether a loop is registered, and on which thread. Any thread; does not block.
      *
-     * @param[out] tidValid  whether @p tid is set; false for the caller's own poll loop
+     * @param[out] tidValid  whether @p tid is set; false for the caller's own poll loop, and once
+     * the thread that registered has ended
      */
     BMCBUS_EXPORT void OneWayChannel_IsRegistered(bool* registered, bool* tidValid, pthread_t* tid);
 

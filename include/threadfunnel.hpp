@@ -11,7 +11,12 @@
  * @endcode
  *
  * The funnel thread is started by the first send and lives as long as the process. Sends are
- * serialised process-wide, together with those of threadfunnel_over_owc.hpp.
+ * serialised process-wide, together with those of threadfunnel_over_owc.hpp, in the order of their
+ * arrival; fork() stands in the same line.
+ *
+ * The funnel thread blocks all signals but those that a fault raises, so signals reach the threads
+ * of the program. What an item starts inherits that: give a program that it spawns a mask of its
+ * own (`posix_spawnattr_setsigmask()`).
  *
  * Unless a declaration says otherwise, a function may be called from any thread. Failures are
  * reported in the debug log (source 300) and never thrown.
@@ -58,7 +63,10 @@ extern "C"
     /** The thread of the one-way channel, published by each send over the channel. */
     BMCBUS_EXPORT extern pthread_t owc_tid;
 
-    /** Whether ::owc_tid is set; stays set after the send, cleared in a forked child. */
+    /**
+     * Whether ::owc_tid is set; stays set after the send, cleared in a forked child and when that
+     * thread ends.
+     */
     BMCBUS_EXPORT extern bool owc_tid_valid;
 
     /** @} */
@@ -152,9 +160,11 @@ BMCBUS_EXPORT void TF_poc();
  * @name Locks
  *
  * The main lock is held for the whole of each send: between TF_lock() and TF_unlock() no work item
- * runs, and a send or a fork() of the thread that holds it waits for ever. The lock order is main,
- * deadlock, condition; none is recursive. Each call blocks until the lock is free. A failure of the
- * system call is logged at level 1, and the call then behaves as if it had succeeded.
+ * runs, and a send or a fork() of the thread that holds it waits for ever. TF_lock() does not stand
+ * in the line of the senders; it competes with the one whose turn it is. The lock order is main,
+ * deadlock, condition, then those of the one-way channel; none is recursive. Each call blocks until
+ * the lock is free. A failure of the system call is logged at level 1, and the call then behaves as
+ * if it had succeeded.
  * @{
  */
 BMCBUS_EXPORT void TF_lock();            /**< Takes the main lock. */
@@ -171,7 +181,7 @@ BMCBUS_EXPORT void TF_cond_unlock();     /**< Releases the lock of the hand-over
  * Registered by the library; fork() calls them, nobody else needs to.
  * @{
  */
-BMCBUS_EXPORT void TF_atfork_prepare(); /**< Takes the three locks; waits for the send under way. */
+BMCBUS_EXPORT void TF_atfork_prepare(); /**< Waits for its turn, then takes the three locks. */
 BMCBUS_EXPORT void TF_atfork_parent();  /**< Releases the three locks. */
 BMCBUS_EXPORT void TF_atfork_child();   /**< Releases them and forgets the threads of the parent. */
 /** @} */

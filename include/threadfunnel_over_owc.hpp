@@ -27,7 +27,8 @@
  * Runs @p work on the thread of the channel's event loop and returns when it has run.
  *
  * On that thread itself the item runs at once, as a plain call. From then on ::owc_tid names that
- * thread, and funnel sends from it are refused.
+ * thread, as long as it lives, and funnel sends from it are refused, also one that already waits
+ * for its turn behind this one.
  *
  * The send is refused, with a line of level 1 and without running the item, when no loop is
  * registered, when the registration is of the kind whose thread is not known (the caller's own poll

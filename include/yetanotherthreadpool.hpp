@@ -26,6 +26,10 @@
  * There is no result and no completion handle; a task that must report does so itself. With one
  * worker tasks run one after the other, with several they overlap.
  *
+ * Workers block all signals but those that a fault raises, so signals reach the threads of the
+ * program. What a task starts inherits that: give a program that it spawns a mask of its own
+ * (`posix_spawnattr_setsigmask()`).
+ *
  * A pool belongs to the process that made it: its threads do not exist in a forked child, which
  * must neither use nor destroy the pool (end with exec or _exit, or leave the object alone). A task
  * must not destroy its own pool, fork and go on, or end its thread with pthread_exit().

@@ -52,5 +52,7 @@ consteval const char* BaseName(const char* path)
 
 // A caught exception, in the form that leads with the word.
 #define BMCBUS_LOG_EXCEPTION(source, tail, what)                                                   \
+    BMCBUS_LOG_EXCEPTION_IN(bmcbus::log::BaseName(__FILE__), source, tail, what)
+#define BMCBUS_LOG_EXCEPTION_IN(file, source, tail, what)                                          \
     static_cast<void>(dlog_printf(bmcbus::log::error, (source), "EXCEPTION %s.%d.%s: %s" tail,     \
-                                  bmcbus::log::BaseName(__FILE__), __LINE__, __func__, (what)))
+                                  (file), __LINE__, __func__, (what)))

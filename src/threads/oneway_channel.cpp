@@ -1,20 +1,17 @@
+// The channel of the process and its fields: how it is made, which thread is its loop's, and what
+// becomes of it in a forked child. What goes through it is in oneway_channel_queue.cpp, the loops
+// that drive it in oneway_channel_loops.cpp and oneway_channel_asio.cpp; each of these uses those
+// named before it.
+
 #include <oneway_channel.hpp>
 
+#include "threads/fork_handlers.hpp"
 #include "threads/oneway_channel_internal.hpp"
-#include "threads/threadfunnel_internal.hpp"
+#include "threads/threadfunnel_state.hpp"
 
-#include <czmq.h>
-#include <fcntl.h>
-#include <sys/epoll.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <new>
 #include <stdexcept>
-
-// The channel's life: one per process, one registration at a time, and what becomes of it in a
-// forked child. Messages and wake-ups are in oneway_channel_queue.cpp.
 
 namespace infrautils
 {
@@ -30,26 +27,10 @@ constinit unsigned int channel::forks = 0;
 namespace
 {
 
-zmq_pollitem_t PollItem(int fd)
-{
-    return {.socket = nullptr, .fd = fd, .events = ZMQ_POLLIN, .revents = 0};
-}
-
-// What stays of a parent's channel in a child: its place, since an inherited zloop still has the
-// address, and the watch of an sd-event loop. Dropping it here could end the parent's, with which
-// it shares the epoll instance: sd-event learns of the fork from a handler of its own, which may
-// run after this one. Another thread may have been changing the loop's lists, too.
-struct Grave
-{
-    Grave* older;
-    sdeventplus::source::IO* watch;
-};
-static_assert(sizeof(Grave) <= sizeof(OneWayChannel) && alignof(Grave) <= alignof(OneWayChannel));
-
-constinit Grave* graves = nullptr;
-
-// A child that was forked while another thread installed the handlers may install them again.
-constinit thread_local unsigned int handlersEntered = 0;
+// In a child: the parents' channels, the youngest first. They stay as they were: an inherited zloop
+// still has the address, an inherited sd-event source shares the parent's epoll instance, and what
+// the queued functions hold is the parent's.
+constinit OneWayChannel* inheritedChannels = nullptr;
 
 } // namespace
 
@@ -69,27 +50,16 @@ OneWayChannel::OneWayChannel() :
     }
 }
 
-OneWayChannel::~OneWayChannel()
-{
-    CHANNEL_HEADER_LOG(
-        misuse, __func__,
-        "Destructor. fork happened? (NOT Recommended to fork with multiple threads)");
-    GiveUpWatch(true);
-    ioSource.reset();
-    defaultFunction = nullptr;
-    std::for_each(mbQueue.begin(), mbQueue.end(), channel::Discard);
-    close(pipeFds[0]);
-    close(pipeFds[1]);
-}
-
 OneWayChannel* OneWayChannel::GetInstance()
 {
+    static constexpr bmcbus::funnel::ForkParticipant inForks{
+        .prepare = ForkPrepare, .parent = ForkParent, .child = ForkChild};
     if (OneWayChannel* made = Load(instance))
     {
         return made;
     }
-    // Before the lock: registering handlers waits for a fork() under way, and that for the lock.
-    InstallForkHandlers();
+    // Before the lock: this may wait for a fork() under way, and that for the lock.
+    bmcbus::funnel::TakePartInForks(inForks);
     const std::lock_guard lock(initCriticalSection);
     if (instance == nullptr)
     {
@@ -98,42 +68,21 @@ OneWayChannel* OneWayChannel::GetInstance()
     return instance;
 }
 
-void OneWayChannel::InstallForkHandlers()
-{
-    static constinit pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once,
-                 [] { static_cast<void>(pthread_atfork(ForkPrepare, ForkParent, ForkChild)); });
-}
-
 void OneWayChannel::ForkPrepare()
 {
-    if (handlersEntered++ == 0)
-    {
-        // A send over the channel posts while it holds the funnel's lock.
-        bmcbus::funnel::HoldSends();
-        initCriticalSection.lock();
-        oneWayChannelOperationMutex.lock();
-    }
+    initCriticalSection.lock();
+    oneWayChannelOperationMutex.lock();
 }
 
 void OneWayChannel::ForkParent()
 {
-    if (--handlersEntered == 0)
-    {
-        oneWayChannelOperationMutex.unlock();
-        initCriticalSection.unlock();
-        bmcbus::funnel::ReleaseSends();
-    }
+    oneWayChannelOperationMutex.unlock();
+    initCriticalSection.unlock();
 }
 
 void OneWayChannel::ForkChild()
 {
     ForkParent();
-    if (handlersEntered != 0)
-    {
-        return;
-    }
-    bmcbus::funnel::BeginInChild();
     ++channel::forks;
     OneWayChannel* const inherited = instance;
     if (inherited == nullptr)
@@ -141,9 +90,13 @@ void OneWayChannel::ForkChild()
         return;
     }
     Store(instance, static_cast<OneWayChannel*>(nullptr));
-    sdeventplus::source::IO* const watch = inherited->ioSource.release();
-    inherited->~OneWayChannel();
-    graves = new (static_cast<void*>(inherited)) Grave{.older = graves, .watch = watch};
+    CHANNEL_HEADER_LOG(
+        misuse, "~OneWayChannel",
+        "Destructor. fork happened? (NOT Recommended to fork with multiple threads)");
+    close(inherited->pipeFds[0]);
+    close(inherited->pipeFds[1]);
+    inherited->earlier_ = inheritedChannels;
+    inheritedChannels = inherited;
 }
 
 RegistrationType OneWayChannel::Type() const
@@ -179,7 +132,7 @@ void OneWayChannel::TakeOver(void* context, Function function)
 {
     Store(userContext, context);
     defaultFunction = std::move(function);
-    Store(drainTid_, pthread_self());
+    BecomeLoopThread();
 }
 
 // The type comes last: a producer that sees it sees the rest.
@@ -190,79 +143,46 @@ void OneWayChannel::Publish(RegistrationType type)
     Store(registrationType, static_cast<int>(type));
 }
 
-int OneWayChannel::RegisterEventLoop(sdeventplus::Event& event, void* context, Function function)
+// Ids of threads come back: when the loop's thread ends, nothing may name it any more.
+void OneWayChannel::BecomeLoopThread()
 {
-    if (Type() != RegistrationType::None)
+    struct AtItsEnd
     {
-        return _ReturnAlreadyRegistered();
-    }
-    ioSource.reset(); // a loop takes a descriptor once
-    ioSource = std::make_unique<sdeventplus::source::IO>(
-        event, pipeFds[0], EPOLLIN,
-        [this, context](sdeventplus::source::IO& source, int fd, uint32_t events)
-        { _PipeIOEventReceive(source, fd, events, context); });
-    TakeOver(context, std::move(function));
-    Publish(RegistrationType::EventLoop);
-    return channel::success;
+        ~AtItsEnd()
+        {
+            const pthread_t ended = pthread_self();
+            if (OneWayChannel* const present = Load(instance))
+            {
+                present->ForgetThread(ended);
+            }
+            bmcbus::funnel::ForgetLoopThread(ended);
+        }
+    };
+    static thread_local const AtItsEnd atItsEnd;
+    Store(drainTid_, pthread_self());
 }
 
-int OneWayChannel::RegisterZLoop(zloop_t* loop, void* context, Function function)
+void OneWayChannel::ForgetThread(pthread_t ended)
 {
-    if (Type() != RegistrationType::None)
+    if (pthread_equal(Load(drainTid_), ended) != 0)
     {
-        return _ReturnAlreadyRegistered();
+        Store(drainTid_, pthread_t{});
     }
-    zmq_pollitem_t item = PollItem(pipeFds[0]);
-    const int result = zloop_poller(loop, &item, _OneWayChannelZLoopFunctionHandler, this);
-    if (result != 0)
+    if (Load(loopTidValid) && pthread_equal(Load(loopTid), ended) != 0)
     {
-        CHANNEL_LOG(error, "Registering pipe to poller failed : %d", result);
-        return channel::pollerRefused;
+        Store(loopTidValid, false);
     }
-    registeredZLoop = loop;
-    TakeOver(context, std::move(function));
-    Publish(RegistrationType::ZLoop);
-    return channel::success;
 }
 
-void OneWayChannelFlat::RegisterUserFD(int* fd, void* context, OneWayChannel::Function function)
+bool channel::LoopThread(pthread_t& tid)
 {
-    OneWayChannel* const self = OneWayChannel::GetInstance();
-    self->TakeOver(context, std::move(function));
-    Store(self->registrationType, static_cast<int>(RegistrationType::UserFD));
-    *fd = self->pipeFds[0];
-}
-
-void OneWayChannel::Unregister()
-{
-    Function ended; // the caller's code; goes without the lock
-    const std::lock_guard lock(oneWayChannelOperationMutex);
-    CHANNEL_HEADER_LOG(trace, __func__, "enter");
-    const RegistrationType type = Type();
-    if (type == RegistrationType::None)
+    const OneWayChannel* const present = Load(OneWayChannel::instance);
+    if (present == nullptr || Load(present->registrationType) == 0 || !Load(present->loopTidValid))
     {
-        CHANNEL_HEADER_LOG(trace, __func__, "not registered");
-        return;
+        return false;
     }
-    if (type == RegistrationType::ZLoop)
-    {
-        CHANNEL_HEADER_LOG(trace, __func__, "unregister zloop");
-        zmq_pollitem_t item = PollItem(pipeFds[0]);
-        zloop_poller_end(registeredZLoop, &item);
-        registeredZLoop = nullptr;
-    }
-    else if (type == RegistrationType::EventLoop)
-    {
-        CHANNEL_HEADER_LOG(trace, __func__, "unregister sd_event");
-    }
-    // Also what a self-made poll loop took the place of.
-    ioSource.reset();
-    GiveUpWatch(false);
-    Store(registrationType, static_cast<int>(RegistrationType::None));
-    Store(userContext, static_cast<void*>(nullptr));
-    ended.swap(defaultFunction);
-    Store(loopTidValid, false);
-    CHANNEL_HEADER_LOG(trace, __func__, "leave");
+    tid = Load(present->loopTid);
+    return true;
 }
 
 } // namespace infrautils

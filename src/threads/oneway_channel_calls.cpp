@@ -1,3 +1,6 @@
+// The flat functions: what the members do, with exceptions made into results where that is
+// promised.
+
 #include "threads/oneway_channel_internal.hpp"
 
 using infrautils::OneWayChannel;

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the channel's sources share.
+// What the channel's sources share: how they log, their results, and access to the fields.
 
 #include "log.hpp"
 
@@ -55,11 +55,15 @@ void Store(T& field, T value)
 // threads: whoever finds another value than before runs in a child, where the channel is gone.
 extern unsigned int forks;
 
+// Releases a message and, if they are the channel's, its data.
 void Discard(MBMessage* message);
+
+// The thread of the loop that is registered, if one is and its thread is known. Makes no channel.
+bool LoopThread(pthread_t& tid);
 
 } // namespace channel
 
-// The registration that has no member function, and the results of the wake-ups in it.
+// The registration that has no member function, and its wake-up.
 struct OneWayChannelFlat
 {
     static void RegisterUserFD(int* fd, void* context, OneWayChannel::Function function);

@@ -1,6 +1,15 @@
-#include "threads/oneway_channel_internal.hpp"
+// Messages and wake-ups. The queue is the data, the pipe the wake-up: a full pipe wakes the loop as
+// surely as one more trigger would, so nobody ever blocks in the write.
+//
+// Usually a producer knows that its trigger fits, and writes it after it has released the mutex: on
+// one processor the loop's thread may run at once then, and needs the mutex itself. Where room is
+// not certain the write end is made non-blocking for one write, under the mutex; a producer that
+// finds no room then waits in poll() without the mutex, and the loop's own thread goes on without a
+// trigger.
 
-#include <czmq.h>
+#include "threads/oneway_channel_internal.hpp"
+#include "threads/thread_exit.hpp"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -11,15 +20,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
-
-// Messages and wake-ups. The queue is the data, the pipe the wake-up: a full pipe wakes the loop as
-// surely as one more trigger would. So nobody ever blocks in the write.
-//
-// Usually a producer knows that its trigger fits, and writes it after it has released the mutex: on
-// one processor the loop's thread may run at once then, and needs the mutex itself. Where room is
-// not certain the write end is made non-blocking for one write, under the mutex; a producer that
-// finds no room then waits in poll() without the mutex, and the loop's own thread goes on without a
-// trigger.
+#include <system_error>
 
 namespace infrautils
 {
@@ -46,11 +47,16 @@ int SureRoom(int fd)
     return (fcntl(fd, F_GETPIPE_SZ) - page - queued) / 2;
 }
 
+// Looks at once, or waits so long and looks then. An error is for the write to find.
 bool IsWritable(int fd, int milliseconds)
 {
     pollfd end{.fd = fd, .events = POLLOUT, .revents = 0};
-    // An error is for the write to find.
-    return poll(&end, 1, milliseconds) != 0;
+    int result = -1;
+    do
+    {
+        result = poll(&end, 1, milliseconds);
+    } while (result < 0 && errno == EINTR); // says nothing about the pipe
+    return result != 0;
 }
 
 // Makes writes to a full pipe fail while it lives. The flag belongs to the write end alone.
@@ -110,6 +116,38 @@ constinit thread_local Drain* Drain::current = nullptr;
 
 constexpr char trigger[] = {'R', '\0'};
 
+// A signal is no failure.
+ssize_t Write(int fd, const char (&bytes)[2])
+{
+    ssize_t written = -1;
+    do
+    {
+        errno = 0;
+        written = write(fd, bytes, sizeof(bytes));
+    } while (written < 0 && errno == EINTR);
+    return written;
+}
+
+// Does not wait for room.
+ssize_t WriteNow(int fd, const char (&bytes)[2])
+{
+    const NonBlocking now(fd);
+    return Write(fd, bytes);
+}
+
+bool LockAgain(std::unique_lock<std::mutex>& lock) noexcept
+{
+    try
+    {
+        lock.lock();
+        return true;
+    }
+    catch (const std::system_error&)
+    {
+        return false;
+    }
+}
+
 // Of the write of a trigger. Logs as the member that did it first.
 int Result(ssize_t written)
 {
@@ -137,28 +175,28 @@ void channel::Discard(MBMessage* message)
 
 int OneWayChannel::Execute(Function function, void* data, unsigned long size, bool freeData)
 {
-    if (Type() == RegistrationType::None)
+    const bmcbus::NoCancellation wholePost; // message and trigger go together
+    if (Type() != RegistrationType::None)
     {
-        CHANNEL_LOG(misuse, "the receive fd is not registered, please call Register");
-        return channel::notPossible;
+        auto message =
+            std::make_unique<MBMessage>(MBMessage{std::move(function), data, size, freeData});
+        std::list<MBMessage*> added(1, message.get());
+        std::unique_lock lock(oneWayChannelOperationMutex);
+        // Again: with the lock there is no end of the registration in between.
+        if (Type() != RegistrationType::None)
+        {
+            mbQueue.splice(mbQueue.end(), added);
+            static_cast<void>(message.release());
+            return Wake(lock);
+        }
     }
-    auto message =
-        std::make_unique<MBMessage>(MBMessage{std::move(function), data, size, freeData});
-    std::list<MBMessage*> added(1, message.get());
-    std::unique_lock lock(oneWayChannelOperationMutex);
-    mbQueue.splice(mbQueue.end(), added);
-    static_cast<void>(message.release());
-    if (ReserveRoom())
-    {
-        lock.unlock();
-        return WriteIntoRoom(trigger);
-    }
-    const int result = WriteIfRoom(trigger);
-    return noRoom_ && !OnLoopThread() ? WaitForRoomAndTrigger(lock) : result;
+    CHANNEL_LOG(misuse, "the receive fd is not registered, please call Register");
+    return channel::notPossible;
 }
 
 int OneWayChannel::Execute(void* data, unsigned long size, bool freeData)
 {
+    const bmcbus::NoCancellation wholePost;
     // Without a registration there is none, and another thread may be about to set it.
     if (Type() == RegistrationType::None || !defaultFunction)
     {
@@ -166,6 +204,19 @@ int OneWayChannel::Execute(void* data, unsigned long size, bool freeData)
         return channel::notPossible;
     }
     return Execute(defaultFunction, data, size, freeData);
+}
+
+// For a message that was just queued. From then on nothing may throw: it will run, and what it
+// refers to must still be there.
+int OneWayChannel::Wake(std::unique_lock<std::mutex>& lock) noexcept
+{
+    if (ReserveRoom())
+    {
+        lock.unlock();
+        return WriteIntoRoom(trigger);
+    }
+    const int result = WriteIfRoom(trigger);
+    return noRoom_ && !OnLoopThread() ? WaitForRoomAndTrigger(lock) : result;
 }
 
 int OneWayChannel::WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock)
@@ -181,7 +232,10 @@ int OneWayChannel::WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock)
         {
             sched_yield();
         }
-        lock.lock();
+        if (!LockAgain(lock))
+        {
+            return channel::success; // the triggers of the full pipe wake the loop
+        }
         result = TriggerReadPipeNoLock();
     }
     return result;
@@ -213,7 +267,7 @@ bool OneWayChannel::ReserveRoom()
 // Needs no lock.
 int OneWayChannel::WriteIntoRoom(const char (&bytes)[2])
 {
-    const ssize_t written = write(pipeFds[1], bytes, sizeof(bytes));
+    const ssize_t written = Write(pipeFds[1], bytes);
     reserved_.fetch_sub(1, std::memory_order_release);
     return Result(written);
 }
@@ -222,19 +276,23 @@ int OneWayChannel::WriteIntoRoom(const char (&bytes)[2])
 int OneWayChannel::WriteIfRoom(const char (&bytes)[2])
 {
     Drain* const drain = Drain::Of(this);
-    // Neither into somebody else's room. Then the pipe is as good as full.
+    // Neither into somebody else's room. While there is some the pipe is taken to be full. That is
+    // so only as long as fewer threads than (capacity - page) / 2 (30720 with the usual 64 KiB) are
+    // between reserving and having written: credit is given for half of what is free, a page less.
     noRoom_ =
         (drain != nullptr && drain->pipeFull) || reserved_.load(std::memory_order_acquire) != 0;
     if (noRoom_)
     {
         return channel::success;
     }
-    ssize_t written = 0;
+    ssize_t written = WriteNow(pipeFds[1], bytes);
+    if (written < 0 && errno == EAGAIN)
     {
-        const NonBlocking now(pipeFds[1]);
-        errno = 0;
-        written = write(pipeFds[1], bytes, sizeof(bytes));
-        noRoom_ = written < 0 && errno == EAGAIN && !IsWritable(pipeFds[1], 0);
+        noRoom_ = !IsWritable(pipeFds[1], 0);
+        if (!noRoom_)
+        {
+            written = WriteNow(pipeFds[1], bytes); // some was made since
+        }
     }
     if (noRoom_ && drain != nullptr)
     {
@@ -252,37 +310,6 @@ int OneWayChannel::WriteTrigger(const char (&bytes)[2])
 bool OneWayChannel::OnLoopThread() const
 {
     return pthread_equal(Load(drainTid_), pthread_self()) != 0 || Drain::Of(this) != nullptr;
-}
-
-void OneWayChannel::_PipeIOEventReceive(sdeventplus::source::IO& /*source*/, int fd,
-                                        unsigned int /*events*/, void* context)
-{
-    const ssize_t bytes = read(fd, readBuffer, sizeof(readBuffer));
-    if (bytes < 0)
-    {
-        CHANNEL_LOG(misuse, "Error in read : %zd", bytes);
-        return;
-    }
-    ProcessMBQueue(context);
-}
-
-int OneWayChannel::_ReadFromPipe(int fd)
-{
-    const ssize_t bytes = read(fd, readBuffer, sizeof(readBuffer));
-    if (bytes < 0)
-    {
-        CHANNEL_LOG(misuse, "Error in zloop pipe read : %zd", bytes);
-        return channel::readFailed;
-    }
-    ProcessMBQueue(Load(userContext));
-    return channel::success;
-}
-
-int OneWayChannelFlat::Process(int fd)
-{
-    OneWayChannel* const self = OneWayChannel::GetInstance();
-    return self->Type() == RegistrationType::UserFD ? self->_ReadFromPipe(fd)
-                                                    : channel::notPossible;
 }
 
 // After each function the process may be a forked child's: then this channel is gone.
@@ -311,8 +338,20 @@ bool OneWayChannel::RunNext(void* context)
 {
     struct Next : std::list<MBMessage*>
     {
-        ~Next() { std::for_each(begin(), end(), channel::Discard); }
-    } next;
+        explicit Next(std::list<MBMessage*>& from) : origin(from) {}
+        ~Next()
+        {
+            if (forks == channel::forks)
+            {
+                std::for_each(begin(), end(), channel::Discard);
+                return;
+            }
+            // In a child that the function forked: what the message holds is the parent's.
+            origin.splice(origin.end(), *this);
+        }
+        std::list<MBMessage*>& origin;
+        unsigned int forks = channel::forks;
+    } next(mbQueue);
     {
         const std::lock_guard lock(oneWayChannelOperationMutex);
         if (mbQueue.empty())
@@ -346,18 +385,6 @@ try
 catch (const std::system_error&)
 {
     // No lock, no wake-up; the exception under way is the one to hand on.
-}
-
-int OneWayChannel::_PipeZLoopReceive(zloop_t* /*loop*/, zmq_pollitem_t* item, void* /*arg*/)
-{
-    return _ReadFromPipe(item->fd);
-}
-
-int _OneWayChannelZLoopFunctionHandler(zloop_t* loop, zmq_pollitem_t* item, void* arg)
-{
-    // A forked child's copy of the reactor still knows the parent's channel.
-    auto* const self = static_cast<OneWayChannel*>(arg);
-    return self == Load(OneWayChannel::instance) ? self->_PipeZLoopReceive(loop, item, arg) : 0;
 }
 
 } // namespace infrautils

@@ -1,3 +1,5 @@
+// The flat registration for an sd-event loop, whose wrapper has to outlive everything.
+
 #include <oneway_channel.hpp>
 
 #include "log.hpp"

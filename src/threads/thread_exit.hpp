@@ -1,5 +1,9 @@
 #pragma once
 
+// Threads that are ended from outside, by cancellation or pthread_exit().
+
+#include <pthread.h>
+
 #include <exception>
 
 namespace bmcbus
@@ -12,5 +16,19 @@ inline bool ThreadIsEnding() noexcept
 {
     return std::current_exception() == nullptr;
 }
+
+// While it lives the calling thread cannot be cancelled: for what must not stop half-way. Most
+// system calls, and so most lines of the log, are cancellation points.
+class NoCancellation
+{
+  public:
+    NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former); }
+    ~NoCancellation() { pthread_setcancelstate(former, nullptr); }
+    NoCancellation(const NoCancellation&) = delete;
+    NoCancellation& operator=(const NoCancellation&) = delete;
+
+  private:
+    int former = PTHREAD_CANCEL_ENABLE;
+};
 
 } // namespace bmcbus

@@ -1,8 +1,15 @@
+// A send over the channel: a message that refers to the sender's frame, and a semaphore that keeps
+// that frame until the message has run. Its turn, and who must not wait for it, are the funnel's.
+
 #include "threadfunnel_over_owc.hpp"
 
+#define FUNNEL_LOG_FILE "threadfunnel_over_owc.cpp"
+
 #include "oneway_channel.hpp"
+#include "threads/oneway_channel_internal.hpp"
 #include "threads/thread_exit.hpp"
-#include "threads/threadfunnel_internal.hpp"
+#include "threads/threadfunnel_line.hpp"
+#include "threads/threadfunnel_log.hpp"
 
 #include <pthread.h>
 #include <sched.h>
@@ -11,11 +18,10 @@
 #include <atomic>
 #include <cerrno>
 #include <exception>
+#include <optional>
 
 namespace
 {
-
-constexpr int notRegistered = 3; // OneWayChannel_Execute: nothing was queued
 
 constexpr const char* sendWork = "TFoOWC_send_work";
 constexpr const char* callback = "TFoOWC_callback";
@@ -80,12 +86,12 @@ class ItemRun
   public:
     explicit ItemRun(CompletionSignal& signal) : done(signal)
     {
-        bmcbus::funnel::runsChannelItem = true;
+        bmcbus::funnel::thisThread.runsChannelItem = true;
     }
 
     ~ItemRun()
     {
-        bmcbus::funnel::runsChannelItem = false;
+        bmcbus::funnel::thisThread.runsChannelItem = false;
         done.Release();
     }
 
@@ -119,24 +125,15 @@ int TFoOWC_callback(void* /*context*/, void* data, unsigned long /*size*/)
     return 0;
 }
 
-// Tells fork() on the channel's thread that this send waits for that thread.
-struct ChannelSend
-{
-    ChannelSend() { bmcbus::funnel::channelSend = true; }
-    ~ChannelSend() { bmcbus::funnel::channelSend = false; }
-    ChannelSend(const ChannelSend&) = delete;
-    ChannelSend& operator=(const ChannelSend&) = delete;
-};
-
 void TFoOWC_send_work(std::function<void()>& work)
 {
-    const ChannelSend announced;
     CompletionSignal done;
     MessageData data{&work, &done};
     const int irv = OneWayChannel_Execute(TFoOWC_callback, &data, sizeof(data), 0);
-    if (irv == notRegistered)
+    if (irv == infrautils::channel::notPossible) // nothing was queued
     {
-        FUNNEL_LOG_TWICE(failure, "OneWayChannel_Execute returned an error, irv=%d", irv);
+        FUNNEL_LOG_TWICE_AS(failure, sendWork, "OneWayChannel_Execute returned an error, irv=%d",
+                            irv);
         return;
     }
     // Also when the trigger could not be written: the message is queued and refers to this frame.
@@ -147,6 +144,7 @@ void TFoOWC_send_work(std::function<void()>& work)
 
 void TFoOWC_init_and_send_work(std::function<void()>& work)
 {
+    std::optional<bmcbus::NoCancellation> wholeSend(std::in_place);
     bmcbus::funnel::OwnState();
     if (!TF_setup_key_and_atfork())
     {
@@ -167,11 +165,11 @@ void TFoOWC_init_and_send_work(std::function<void()>& work)
         FUNNEL_LOG_TWICE(failure, "TID is not set\n");
         return;
     }
-    std::atomic_ref(owc_tid).store(tid, std::memory_order_relaxed);
-    std::atomic_ref(owc_tid_valid).store(true, std::memory_order_release);
+    bmcbus::funnel::SetThread(owc_tid, owc_tid_valid, tid);
     if (pthread_equal(tid, pthread_self()) != 0)
     {
         BMCBUS_LOG(info, "running direct because current thread is the OWC thread\n");
+        wholeSend.reset();
         try
         {
             work();
@@ -182,11 +180,13 @@ void TFoOWC_init_and_send_work(std::function<void()>& work)
         }
         return;
     }
-    if (TF_check_for_deadlock())
+    bmcbus::funnel::SendTurn turn;
+    if (turn.TheVerdict().Refused())
     {
+        turn.TheVerdict().Report();
         FUNNEL_LOG_TWICE(failure, "deadlock detected\n");
         return;
     }
-    const bmcbus::funnel::SendTurn turn;
+    bmcbus::funnel::SendTurn::AwaitLoop(infrautils::channel::LoopThread);
     TFoOWC_send_work(work);
 }

@@ -1,6 +1,10 @@
+// A queue, a condition and workers that take from one by the other. Workers look once more before
+// they sleep, which spares producers most wake-ups.
+
 #include "yetanotherthreadpool.hpp"
 
 #include "log.hpp"
+#include "threads/signals_blocked.hpp"
 #include "threads/thread_exit.hpp"
 
 #include <algorithm>
@@ -138,6 +142,7 @@ void YetAnotherThreadPool::clearQueue()
 void YetAnotherThreadPool::makeNewWorkerThread()
 {
     const std::lock_guard lock(queueMutex);
+    const bmcbus::SignalsBlocked inherited;
     workers.emplace_back(&YetAnotherThreadPool::workerThreadBody, this);
 }
 

@@ -5,6 +5,7 @@
 #include "no_descriptors.hpp"
 #include "sanitizer.hpp"
 
+#include <boost/asio/post.hpp>
 #include <fcntl.h>
 
 #include <filesystem>
@@ -174,8 +175,47 @@ TEST_F(AsioTest, RegistersNothingWithoutADescriptor)
         EXPECT_EQ(test::Post([] {}), 3);
         test::ClearLog();
         EXPECT_EQ(loop.Register(nullptr), 0);
+        test::Post([] {});
+        OneWayChannel_Unregister();
+        loop.io.restart();
+        EXPECT_EQ(loop.io.poll(), 1U); // or the next registration would need none
+    }
+}
+
+// Not even the wait that goes on, which serves the next registration with the same context.
+TEST_F(AsioTest, ManyRegistrationsWithoutAPostLeaveNoDescriptors)
+{
+    AsioLoop loop;
+    AsioLoop other;
+    ASSERT_EQ(loop.Register(nullptr), 0);
+    OneWayChannel_Unregister();
+    ASSERT_EQ(other.Register(nullptr), 0);
+    OneWayChannel_Unregister();
+    const long before = OpenDescriptors();
+    for (int round = 0; round < 20; ++round)
+    {
+        AsioLoop& next = round % 3 == 0 ? other : loop;
+        ASSERT_EQ(next.Register(nullptr), 0);
+        next.io.restart();
+        EXPECT_EQ(next.io.poll(), 0U);
         OneWayChannel_Unregister();
     }
+    EXPECT_EQ(OpenDescriptors(), before);
+    // What its wait was told may have been read by another loop since.
+    ASSERT_EQ(loop.Register(nullptr), 0);
+    test::Post([] {});
+    OneWayChannel_Unregister();
+    boost::asio::post(loop.io,
+                      [&]
+                      {
+                          test::Drain();
+                          ASSERT_EQ(loop.Register(nullptr), 0);
+                      });
+    loop.io.restart();
+    loop.io.poll();
+    int ran = 0;
+    test::Post([&] { ++ran; });
+    EXPECT_TRUE(loop.Run([&] { return ran == 1; }));
 }
 
 TEST_F(AsioTest, EndsTheWatchAfterAnError)

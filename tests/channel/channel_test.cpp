@@ -3,8 +3,10 @@
 #include "channel_loops.hpp"
 #include "faults.hpp"
 #include "log_recorder.hpp"
+#include "sleeps.hpp"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <stdexcept>
@@ -294,6 +296,84 @@ TEST_F(ChannelTest, KeepsAMessageWhoseTriggerFailed)
     EXPECT_EQ(OneWayChannel_Execute(Note, &seen, 2, 0), 0);
     EXPECT_TRUE(loop.Run(seen.Reaches(3)));
     EXPECT_THAT(seen.sizes, ElementsAre(1, 1, 2));
+}
+
+TEST_F(ChannelTest, CancelledPosterPostsMessageAndTrigger)
+{
+    test::PollLoop loop;
+    loop.Register(nullptr);
+    bool ran = false;
+    bool cancelled = true;
+    std::thread poster(
+        [&]
+        {
+            pthread_cancel(pthread_self());
+            test::Post([&] { ran = true; });
+            cancelled = false;
+            pthread_testcancel();
+            ADD_FAILURE() << "not cancelled";
+        });
+    poster.join();
+    EXPECT_FALSE(cancelled);
+    EXPECT_EQ(test::TriggerBytes(), 2);
+    EXPECT_TRUE(loop.Run([&] { return ran; }));
+}
+
+// Else a send over the channel would wait for a message that nobody runs.
+TEST_F(ChannelTest, NothingIsQueuedOnceTheRegistrationHasEnded)
+{
+    test::PollLoop loop;
+    loop.Register(nullptr);
+    std::atomic<pid_t> poster{0};
+    std::unique_lock lock(infrautils::oneWayChannelOperationMutex);
+    std::thread thread(
+        [&]
+        {
+            poster = gettid();
+            EXPECT_EQ(test::Post([] {}), 3);
+        });
+    EXPECT_TRUE(bmcbus::testing::Until([&] { return poster != 0 && test::Sleeps(poster); }));
+    std::atomic_ref(Channel().registrationType).store(0); // as Unregister() does with the lock
+    lock.unlock();
+    thread.join();
+    EXPECT_TRUE(Channel().mbQueue.empty());
+    EXPECT_EQ(CountLog(4, 300, "Execute", "the receive fd is not registered, please call Register"),
+              1U);
+}
+
+// It would be told of each trigger twice, and wait for the second.
+TEST_F(ChannelTest, ZLoopWorksAgainAfterAnotherLoopTookItsPlace)
+{
+    for (const bool sameThread : {true, false})
+    {
+        test::ZLoop z;
+        ASSERT_EQ(z.Register(nullptr), 0);
+        const auto takeOver = []
+        {
+            test::PollLoop own;
+            own.Register(nullptr);
+            OneWayChannel_Unregister();
+        };
+        sameThread ? takeOver() : std::thread(takeOver).join();
+        ASSERT_EQ(z.Register(nullptr), 0);
+        int ran = 0;
+        test::Post([&] { ++ran; });
+        EXPECT_TRUE(z.Run([&] { return ran == 1; }));
+        test::Post([&] { ++ran; });
+        EXPECT_TRUE(z.Run([&] { return ran == 2; }));
+    }
+}
+
+TEST_F(ChannelTest, EndedThreadIsNoLongerTheLoops)
+{
+    test::AsioLoop loop;
+    std::thread([&] { EXPECT_EQ(loop.Register(nullptr), 0); }).join();
+    bool registered = false;
+    bool valid = true;
+    pthread_t tid{};
+    OneWayChannel_IsRegistered(&registered, &valid, &tid);
+    EXPECT_TRUE(registered);
+    EXPECT_FALSE(valid);
 }
 
 TEST_F(ChannelTest, SkipsAWakeUpThatCannotRead)

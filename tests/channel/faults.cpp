@@ -2,6 +2,7 @@
 
 #include <czmq.h>
 #include <dlfcn.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,12 +20,33 @@ Function* Real(const char* name)
 
 } // namespace
 
+static bool Interrupted()
+{
+    int left = test::faults.signals;
+    while (left > 0 && !test::faults.signals.compare_exchange_weak(left, left - 1))
+    {
+    }
+    errno = left > 0 ? EINTR : errno;
+    return left > 0;
+}
+
+extern "C" int poll(pollfd* fds, nfds_t count, int milliseconds)
+{
+    static auto* const real = Real<int(pollfd*, nfds_t, int)>("poll");
+    return count == 1 && fds->events == POLLOUT && Interrupted() ? -1
+                                                                 : real(fds, count, milliseconds);
+}
+
 extern "C" ssize_t write(int fd, const void* data, size_t size)
 {
     static auto* const real = Real<ssize_t(int, const void*, size_t)>("write");
     if (size != 2) // not a trigger
     {
         return real(fd, data, size);
+    }
+    if (Interrupted())
+    {
+        return -1;
     }
     if (const int error = test::faults.write; error != 0)
     {

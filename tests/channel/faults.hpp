@@ -1,6 +1,6 @@
 #pragma once
 
-// This program's own write, read, pipe and zloop_poller, which fail when told to.
+// This program's own write, poll, read, pipe and zloop_poller, which fail when told to.
 
 #include <atomic>
 
@@ -9,7 +9,8 @@ namespace test
 
 struct Faults
 {
-    std::atomic<int> write = 0; // the error number of failing triggers
+    std::atomic<int> write = 0;   // the error number of failing triggers
+    std::atomic<int> signals = 0; // that interrupt a trigger's write, or a look at the pipe
     std::atomic<bool> read = false;
     std::atomic<bool> pipe = false; // once: sanitizers look at objects through pipes
     std::atomic<bool> poller = false;

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -183,6 +184,35 @@ TYPED_TEST(ForkTest, MayComeFromAMessage)
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(Runs(this->loop));
+}
+
+// What queued functions hold is the parent's, in a child of the function that runs as well.
+TYPED_TEST(ForkTest, DestroysNothingInTheChild)
+{
+    struct Held
+    {
+        ~Held() { ++destroyed; }
+        int& destroyed;
+    };
+    int destroyed = 0;
+    pid_t child = -1;
+    const auto post = [&](std::function<void()> work)
+    {
+        test::Post([held = std::shared_ptr<Held>(new Held{destroyed}), work = std::move(work)]
+                   { work(); });
+    };
+    post([&] { child = fork(); });
+    post([] {});
+    EXPECT_EQ(ExitOfChild([&] { return destroyed; }), 0);
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_TRUE(this->loop.Run([&] { return child == 0 || destroyed == 2; }));
+    if (child == 0)
+    {
+        _exit(destroyed);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 using ForkWithAsio = ForkTest<test::AsioLoop>;

@@ -147,6 +147,32 @@ TYPED_TEST(FullPipe, SharesTheLoopWithProducers)
     test::Drain();
 }
 
+// A trigger that a signal interrupts is written all the same, and a look at the full pipe is
+// repeated.
+TYPED_TEST(FullPipe, SignalsAreNoFailures)
+{
+    TypeParam loop;
+    ASSERT_EQ(loop.Register(nullptr), 0);
+    int ran = 0;
+    int posted = 0;
+    for (; TriggerBytes() < Capacity(); ++posted)
+    {
+        ASSERT_EQ(test::Post([&] { ++ran; }), 0);
+    }
+    for (const int signals : {1, 2, 3})
+    {
+        test::faults.signals = signals;
+        EXPECT_EQ(test::Post([&] { ++ran; }), 0);
+        test::faults.signals = 0;
+        ++posted;
+    }
+    EXPECT_TRUE(loop.Run([&] { return ran == posted; }));
+    test::faults.signals = 2;
+    EXPECT_EQ(test::Post([&] { ++ran; }), 0);
+    EXPECT_EQ(test::faults.signals, 0);
+    EXPECT_TRUE(loop.Run([&] { return ran == posted + 1; }));
+}
+
 using FullPipeOfOwnLoop = FullPipe<test::PollLoop>;
 
 TEST_F(FullPipeOfOwnLoop, FreesWaitingProducersWhenTheRegistrationEnds)

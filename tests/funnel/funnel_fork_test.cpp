@@ -137,6 +137,34 @@ TEST_F(FunnelFork, ManyTimesWhileOthersSend)
     EXPECT_TRUE(SendRuns());
 }
 
+// The mark of another thread does not concern the child, which may get its id for a new one.
+TEST_F(FunnelFork, KeepsTheForkingThreadsMarkOnly)
+{
+    ASSERT_TRUE(SendRuns());
+    TF_start_deadlock_protection();
+    EXPECT_TRUE(InChild([] { return !SendRuns(); }));
+    std::latch marked(1);
+    std::latch done(1);
+    std::thread other(
+        [&]
+        {
+            TF_start_deadlock_protection();
+            marked.count_down();
+            done.wait();
+        });
+    marked.wait();
+    EXPECT_TRUE(InChild(
+        [id = other.native_handle()]
+        {
+            owc_tid = id;
+            owc_tid_valid = true;
+            return !TF_check_for_deadlock_in_callback();
+        }));
+    done.count_down();
+    other.join();
+    TF_end_deadlock_protection();
+}
+
 // The handlers are not in place yet while the first send starts the thread, and it holds every
 // lock.
 TEST_F(FunnelFork, DuringTheVeryFirstSend)

@@ -2,13 +2,18 @@
 #include "faults.h"
 #include "log_recorder.hpp"
 #include "loops.hpp"
+#include "sleeps.hpp"
 
 #include <oneway_channel.hpp>
+#include <poll.h>
 #include <pthread.h>
 #include <threadfunnel.hpp>
 #include <threadfunnel_over_owc.hpp>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <latch>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -173,6 +178,116 @@ TEST_P(FunnelOverChannel, ExceptionOfTheChannelReleasesTheFunnel)
     EXPECT_FALSE(TF_check_for_deadlock());
     EXPECT_TRUE(FunnelRuns());
     EXPECT_TRUE(Runs());
+}
+
+// The loop's thread stands in the line before the first send over the channel has named it; that
+// send would wait for it for ever.
+TEST_P(FunnelOverChannel, SendOfTheLoopInTheLineIsRefused)
+{
+    const LoopThread loop(GetParam());
+    std::latch running(1);
+    std::latch go(1);
+    std::thread busy(
+        [&]
+        {
+            std::function<void()> work = [&]
+            {
+                running.count_down();
+                go.wait();
+            };
+            TF_init_and_send_work(work);
+        });
+    running.wait();
+    bool ran = false;
+    std::thread first([&] { ran = Runs(); });
+    EXPECT_TRUE(test::Eventually([] { return std::atomic_ref(owc_tid_valid).load(); }));
+    std::atomic_ref(owc_tid_valid).store(false); // as if the loop had looked just before
+    struct Sender
+    {
+        std::atomic<pid_t> thread{0};
+        std::atomic<int> ran{-1};
+    } sender;
+    OneWayChannel_Execute(
+        [](void*, void* data, unsigned long)
+        {
+            auto& self = *static_cast<Sender*>(data);
+            self.thread = gettid();
+            self.ran = FunnelRuns() ? 1 : 0;
+            return 0;
+        },
+        &sender, 0, 0);
+    EXPECT_TRUE(
+        test::Eventually([&] { return sender.thread != 0 && test::Sleeps(sender.thread); }));
+    go.count_down();
+    busy.join();
+    first.join();
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(sender.ran, 0);
+    EXPECT_EQ(CountLog(1, source, "TF_check_for_deadlock", "deadlock D detected\n"), 1U);
+    EXPECT_EQ(CountLog(1, source, "TF_init_and_send_work", "deadlock detected\n"), 1U);
+}
+
+// A later thread may get the same id, and its sends are none of the loop's.
+TEST_P(FunnelOverChannel, EndedLoopThreadIsNoLongerNamed)
+{
+    {
+        const LoopThread loop(GetParam());
+        EXPECT_TRUE(Runs());
+        EXPECT_TRUE(owc_tid_valid);
+    }
+    EXPECT_FALSE(owc_tid_valid);
+}
+
+// Once it is queued nothing may throw: it will run, in a frame that must still be there.
+TEST_P(FunnelOverChannel, FailedLockAfterQueueingDoesNotThrow)
+{
+    const LoopThread loop(GetParam());
+    std::latch go(1);
+    struct
+    {
+        std::latch& go;
+        std::atomic<int> ran{0};
+    } shared{.go = go};
+    OneWayChannel_Execute(
+        [](void*, void* data, unsigned long)
+        {
+            static_cast<decltype(shared)*>(data)->go.wait();
+            return 0;
+        },
+        &shared, 0, 0);
+    const auto post = [&]
+    {
+        return OneWayChannel_Execute(
+            [](void*, void* data, unsigned long)
+            {
+                ++static_cast<decltype(shared)*>(data)->ran;
+                return 0;
+            },
+            &shared, 0, 0);
+    };
+    int posted = 0;
+    const auto writable = []
+    {
+        pollfd end{.fd = infrautils::OneWayChannel::GetInstance()->pipeFds[1],
+                   .events = POLLOUT,
+                   .revents = 0};
+        return poll(&end, 1, 0) == 1;
+    };
+    for (; writable(); ++posted)
+    {
+        ASSERT_EQ(post(), 0);
+    }
+    for (int room = 0; room < 2048; ++room) // what is left of the last page
+    {
+        goodLocks = 1;
+        nextLockFails = EINVAL;
+        EXPECT_EQ(post(), 0);
+        goodLocks = nextLockFails = 0;
+        ++posted;
+    }
+    go.count_down();
+    EXPECT_TRUE(Runs());
+    EXPECT_EQ(shared.ran, posted);
 }
 
 INSTANTIATE_TEST_SUITE_P(Loops, FunnelOverChannel, test::everyLoop, test::KindName);

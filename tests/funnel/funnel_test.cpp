@@ -1,9 +1,12 @@
 #include "bounded.hpp"
 #include "log_recorder.hpp"
+#include "sleeps.hpp"
 
 #include <gmock/gmock.h>
 #include <pthread.h>
+#include <signal.h>
 #include <threadfunnel.hpp>
+#include <unistd.h>
 
 #include <atomic>
 #include <latch>
@@ -278,6 +281,79 @@ TEST_F(Funnel, CancelledSenderIsEndedOnlyAfterItsItem)
     sender.join();
     EXPECT_TRUE(gone);
     EXPECT_TRUE(Runs());
+}
+
+TEST_F(Funnel, CancelledSenderThatIsRefusedLeavesNoLock)
+{
+    bool returned = false;
+    std::thread(
+        [&]
+        {
+            TF_start_deadlock_protection();
+            pthread_cancel(pthread_self());
+            EXPECT_FALSE(Runs());
+            returned = true;
+            TF_end_deadlock_protection();
+        })
+        .join();
+    EXPECT_TRUE(returned);
+    EXPECT_TRUE(Runs());
+}
+
+TEST_F(Funnel, ThreadLeavesSignalsToTheProgram)
+{
+    sigset_t blocked;
+    Send([&] { pthread_sigmask(SIG_BLOCK, nullptr, &blocked); });
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD, SIGUSR1, SIGALRM, SIGRTMIN})
+    {
+        EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
+    }
+    EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0); // a crash stays one
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);
+}
+
+// fork() stands in the same line.
+TEST_F(Funnel, SendsInTheOrderOfArrival)
+{
+    constexpr int senders = 6;
+    std::latch running(1);
+    std::latch go(1);
+    std::vector<int> order;
+    std::vector<std::thread> threads;
+    threads.emplace_back(
+        [&]
+        {
+            Send(
+                [&]
+                {
+                    running.count_down();
+                    go.wait();
+                });
+        });
+    running.wait();
+    for (int i = 0; i < senders; ++i)
+    {
+        std::atomic<pid_t> thread{0};
+        threads.emplace_back(
+            [&, i]
+            {
+                thread = gettid();
+                if (i == senders / 2)
+                {
+                    EXPECT_EQ(test::ExitOfChild([&] { return static_cast<int>(order.size()); }), i);
+                    return;
+                }
+                Send([&, i] { order.push_back(i); });
+            });
+        EXPECT_TRUE(test::Eventually([&] { return thread != 0 && test::Sleeps(thread); }));
+    }
+    go.count_down();
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+    EXPECT_THAT(order, testing::ElementsAre(0, 1, 2, 4, 5));
 }
 
 TEST_F(Funnel, FirstSendLogsItsSteps)

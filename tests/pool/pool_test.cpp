@@ -2,6 +2,7 @@
 #include "faults.h"
 #include "log_recorder.hpp"
 
+#include <signal.h>
 #include <yetanotherthreadpool.hpp>
 
 #include <atomic>
@@ -241,6 +242,19 @@ TEST_F(ThreadPool, FailedJoinDoesNotEndTheProcess)
     EXPECT_EQ(CountLog(5, source, body, "exiting thread\n"), 3U);
     EXPECT_EQ(CountLog(2, source, "~YetAnotherThreadPool", "EXCEPTION Invalid argument\n"), 1U);
     EXPECT_EQ(CountLog(5, source, "~YetAnotherThreadPool", "deconstructor leave"), 1U);
+}
+
+TEST_F(ThreadPool, WorkersLeaveSignalsToTheProgram)
+{
+    sigset_t blocked;
+    {
+        Pool pool(1);
+        pool.enqueue([&] { pthread_sigmask(SIG_BLOCK, nullptr, &blocked); });
+    }
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 1);
+    EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0); // a crash stays one
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);
 }
 
 TEST_F(ThreadPool, FailedLocks)
