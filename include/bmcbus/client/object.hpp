@@ -135,7 +135,10 @@ struct Field
 template <class T>
 constexpr Field MakeField(Member<T> value, Member<bool> is_set, Alternatives types)
 {
-    const auto type = std::ranges::find(types, &typeOf<T>);
+    // By their signatures, as a sanitizer keeps compilers from comparing addresses.
+    const auto type =
+        std::ranges::find(types, std::string_view(typeOf<T>.signature),
+                          [](const Type* each) { return std::string_view(each->signature); });
     if (type == types.end() || type - types.begin() > UINT8_MAX)
     {
         throw std::logic_error("the class's types lack the field's");
