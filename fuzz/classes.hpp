@@ -4,9 +4,9 @@
 
 #include "input.hpp"
 
-#include <com/tamm/bmc/power/PowerReporting/client_cache.hpp>
-#include <com/tamm/bmc/Thermal/FanReporting/client_cache.hpp>
+#include <com/catalogue.hpp>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,65 +24,32 @@ struct Member
 {
     std::string name;
     kit::Value initial;
-    kit::Value (*get)(Class& object, bool& is_set);
+    std::function<kit::Value(Class& object, bool& is_set)> get;
 };
 
 // What is fixed about Class: names, and members in the order of their declaration.
 template <class Class>
-struct About;
-
-#define MEMBER(member)                                                                             \
-    {#member, kit::Value(decltype(std::declval<Class>().Get_##member()){}),                        \
-     [](Class& object, bool& is_set)                                                               \
-     {                                                                                             \
-         decltype(object.Get_##member()) value{};                                                  \
-         object.Get_##member(is_set, value);                                                       \
-         return kit::Value(value);                                                                 \
-     }},
-
-template <>
-struct About<Fans>
+struct About : catalogue::Members<Class>
 {
-    using Class = Fans;
-    static constexpr const char* interface = "com.tamm.bmc.Thermal.FanReporting";
-    inline static const std::vector<Member<Class>> members = {
-#include "fan_properties.inc"
-    };
-};
+    static std::vector<Member<Class>> Listed()
+    {
+        std::vector<Member<Class>> list;
+        About::Each(
+            [&]<class T>(const catalogue::Member<Class, T>& member)
+            {
+                list.push_back({member.name, kit::Value(T{}),
+                                [get = member.get](Class& object, bool& is_set)
+                                {
+                                    T value{};
+                                    (object.*get)(is_set, value);
+                                    return kit::Value(value);
+                                }});
+            });
+        return list;
+    }
 
-template <>
-struct About<Power>
-{
-    using Class = Power;
-    static constexpr const char* interface = "com.tamm.bmc.power.PowerReporting";
-    inline static const std::vector<Member<Class>> members = {
-#include "power_properties.inc"
-    };
+    inline static const std::vector<Member<Class>> members = Listed();
 };
-
-template <>
-struct About<FanSignal>
-{
-    using Class = FanSignal;
-    static constexpr const char* interface = "com.tamm.bmc.Thermal.FanReporting";
-    static constexpr const char* signal = "notifyFanReportingData";
-    inline static const std::vector<Member<Class>> members = {
-#include "fan_arguments.inc"
-    };
-};
-
-template <>
-struct About<PowerSignal>
-{
-    using Class = PowerSignal;
-    static constexpr const char* interface = "com.tamm.bmc.power.PowerReporting";
-    static constexpr const char* signal = "NotifyPwrReportingData";
-    inline static const std::vector<Member<Class>> members = {
-#include "power_arguments.inc"
-    };
-};
-
-#undef MEMBER
 
 // A value as an object keeps it: a map by text in order, of equal keys the first.
 kit::Value AsKept(const kit::Value& value);

@@ -5,6 +5,9 @@
 
 #include "contender.hpp"
 
+#include <com/catalogue.hpp>
+
+#include <array>
 #include <cstdint>
 #include <map>
 #include <numeric>
@@ -26,10 +29,17 @@ struct Member
 };
 
 constexpr size_t propertyCount = 55;
-constexpr Member properties[propertyCount] = {
-#include "power_members.inc"
-};
-static_assert(properties[propertyCount - 1].name != nullptr);
+constexpr auto properties = []
+{
+    std::array<Member, propertyCount> listed{};
+    size_t count = 0;
+    catalogue::Members<ClientCache::com::tamm::bmc::power::PowerReporting>::Each(
+        [&](const auto& member) {
+            listed.at(count++) = {member.name, member.type};
+        });
+    return listed;
+}();
+static_assert(properties.back().name != nullptr);
 
 // The signal has the first fifty properties' values, then these.
 constexpr const char* signalTail[] = {"ad", "ad", "ad", "ad", "ad", "ad", "ay", "as", "au", "ad",

@@ -1,7 +1,7 @@
 // What objects take that nobody answers: the heap of one of each class, over four hundred,
 // and the memory of a whole client with ten of each. Lines of "NAME bytes".
 
-#include "classes.inc"
+#include <com/catalogue.hpp>
 
 #include <malloc.h>
 #include <systemd/sd-bus.h>
@@ -116,24 +116,12 @@ int main(int argc, char** argv)
     }
     if (argc > 1 && std::strcmp(argv[1], "heap") == 0)
     {
-#define CACHED(Class) PrintHeap<Class>(#Class);
-#define SUBSCRIBER(Class) PrintHeap<Class>(#Class);
-#define DIRECT(Class) PrintHeap<Class>(#Class);
-        EVERY_CLASS
-#undef CACHED
-#undef SUBSCRIBER
-#undef DIRECT
+        catalogue::EveryClass([]<class Class>(const char* name) { PrintHeap<Class>(name); });
     }
     else
     {
         Objects objects;
-#define CACHED(Class) Fill<Class>(objects, 10);
-#define SUBSCRIBER(Class) Fill<Class>(objects, 10);
-#define DIRECT(Class) Fill<Class>(objects, 10);
-        EVERY_CLASS
-#undef CACHED
-#undef SUBSCRIBER
-#undef DIRECT
+        catalogue::EveryClass([&]<class Class>(const char*) { Fill<Class>(objects, 10); });
         std::printf("private %zu\nshared %zu\n", Status("RssAnon"), Status("RssFile"));
     }
     sd_bus_flush_close_unref(bus);
