@@ -1,3 +1,6 @@
+// Descriptions are read with pugixml and kept as plain data; what a service could not serve is
+// refused here, with the file and the member, so that nothing after it has to check again.
+
 #include <bmcbus/testing/description.hpp>
 #include <bmcbus/testing/value.hpp>
 
@@ -144,7 +147,12 @@ class Parser
         std::vector<Argument> arguments;
         for (const pugi::xml_node& argument : node.children("arg"))
         {
-            if (argument.attribute("direction").as_string(normal) == direction)
+            const std::string given = argument.attribute("direction").as_string(normal);
+            if (given != "in" && given != "out")
+            {
+                Fail("no such direction: \"" + given + "\"");
+            }
+            if (given == direction)
             {
                 arguments.push_back({argument.attribute("name").as_string(), Type(argument)});
             }

@@ -1,3 +1,5 @@
+// The mapper is a table from paths to services, and four questions that each walk it once.
+
 #include <bmcbus/testing/fake_mapper.hpp>
 
 #include <algorithm>
@@ -154,11 +156,15 @@ std::map<std::string, MapperTable::Services> MapperTable::Above(const std::strin
 
 std::vector<Value> MapperTable::Answer(const Call& call) const
 {
-    const auto path = call.arguments.at(0).Get<std::string>();
+    auto path = call.arguments.at(0).Get<std::string>();
     const auto wanted = call.arguments.back().Get<Wanted>();
     if (call.member == "GetObject")
     {
         return {Object(path, wanted)};
+    }
+    if (path.size() > 1 && path.ends_with('/'))
+    {
+        path.pop_back(); // one is allowed in a question for what is around a path
     }
     if (call.member == "GetAncestors")
     {

@@ -1,3 +1,6 @@
+// A service in front of which stands an interceptor: it writes each call down, then lets the faults
+// answer, and what they leave is answered rightly.
+
 #include "service_link.hpp"
 
 #include <bmcbus/testing/fake_service.hpp>
@@ -93,8 +96,11 @@ FakeService::FakeService(const std::string& name, const std::string& path,
 
 FakeService::~FakeService()
 {
-    Intercept({});
-    Run([this] { faults.Drop(); });
+    if (!link->home.Left())
+    {
+        Intercept({});
+        Run([this] { faults.Drop(); });
+    }
 }
 
 Object* FakeService::operator->()
@@ -150,10 +156,23 @@ std::vector<Call> FakeService::Calls(const std::string& member) const
     return matching;
 }
 
-bool FakeService::WaitForCalls(const std::string& member, size_t count,
-                               std::chrono::milliseconds bound) const
+Waited FakeService::WaitForCalls(const std::string& member, size_t count,
+                                 std::chrono::milliseconds bound) const
 {
-    return Until([&] { return Calls(member).size() >= count; }, bound);
+    if (Until([&] { return Calls(member).size() >= count; }, bound))
+    {
+        return Waited();
+    }
+    constexpr size_t most = 20;
+    const std::vector<Call> all = Calls();
+    std::string instead = std::to_string(Calls(member).size()) + " of " + std::to_string(count) +
+                          " calls of " + member + " came, of all calls:";
+    for (size_t at = all.size() - std::min(all.size(), most); at < all.size(); ++at)
+    {
+        instead += "\n  " + all[at].path + " " + all[at].interface + "." + all[at].member + " " +
+                   all[at].Arguments();
+    }
+    return Waited(instead);
 }
 
 void FakeService::ClearCalls()

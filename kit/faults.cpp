@@ -1,3 +1,6 @@
+// Rules are looked through from the newest to the oldest; the first that fits a call decides. A
+// call without an answer yet is kept with its message until it is released or its time has come.
+
 #include <bmcbus/testing/faults.hpp>
 
 #include "check.hpp"
@@ -47,6 +50,10 @@ void Faults::Add(Rule rule)
     if (rule.kind == Kind::error)
     {
         CheckError(rule.errorName, rule.errorText);
+    }
+    if (rule.member != "*" && !service.Answers(rule.member))
+    {
+        throw std::invalid_argument("no object has the method " + rule.member);
     }
     rules.remove_if(
         [&](const Rule& other)

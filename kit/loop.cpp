@@ -1,3 +1,5 @@
+// Work from other threads goes through a queue; an event descriptor wakes the loop for it.
+
 #include "loop.hpp"
 
 #include "quiet_thread.hpp"

@@ -1,7 +1,12 @@
+// Two connections: one monitors, on a thread; the other sends a mark whenever somebody asks. The
+// bus keeps their order, so once the mark is seen, everything before it is recorded.
+
 #include <bmcbus/testing/monitor.hpp>
 
 #include "connect.hpp"
+#include "fork.hpp"
 #include "quiet_thread.hpp"
+#include "wire_message.hpp"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -20,54 +25,7 @@ namespace
 constexpr const char* markInterface = "com.tamm.bmc.testing.Mark";
 constexpr const char* driver = "org.freedesktop.DBus";
 
-const char* TypeName(uint8_t type)
-{
-    switch (type)
-    {
-        case SD_BUS_MESSAGE_METHOD_CALL:
-            return "method_call";
-        case SD_BUS_MESSAGE_METHOD_RETURN:
-            return "method_return";
-        case SD_BUS_MESSAGE_METHOD_ERROR:
-            return "error";
-        default:
-            return "signal";
-    }
-}
-
-WireMessage Decode(sd_bus_message* message)
-{
-    const auto text = [](const char* maybe) { return std::string(maybe == nullptr ? "" : maybe); };
-    WireMessage wire;
-    uint8_t type = 0;
-    Check(sd_bus_message_get_type(message, &type), "sd_bus_message_get_type");
-    wire.type = TypeName(type);
-    wire.sender = text(sd_bus_message_get_sender(message));
-    wire.destination = text(sd_bus_message_get_destination(message));
-    wire.path = text(sd_bus_message_get_path(message));
-    wire.interface = text(sd_bus_message_get_interface(message));
-    wire.member = text(sd_bus_message_get_member(message));
-    if (const sd_bus_error* error = sd_bus_message_get_error(message))
-    {
-        wire.errorName = text(error->name);
-    }
-    sd_bus_message_get_cookie(message, &wire.serial);
-    sd_bus_message_get_reply_cookie(message, &wire.replyTo);
-    wire.wantsReply =
-        type == SD_BUS_MESSAGE_METHOD_CALL && sd_bus_message_get_expect_reply(message) > 0;
-    wire.values = Value::ReadAll(message);
-    return wire;
-}
-
 } // namespace
-
-std::string WireMessage::Text() const
-{
-    std::string text = type + " " + sender + " > " + (destination.empty() ? "*" : destination);
-    text += path.empty() ? "" : " " + path + " " + interface + "." + member;
-    text += errorName.empty() ? "" : " " + errorName;
-    return text + " " + Body();
-}
 
 // Two connections: one listens, on the thread; the other sends marks, whose arrival at the listener
 // shows that everything before them has arrived.
@@ -98,6 +56,8 @@ class Monitor::Recorder
         thread.join();
         close(stop);
     }
+
+    const Home home;
 
     // Returns when everything that the bus had accepted is recorded.
     void Settle()
@@ -242,7 +202,13 @@ Monitor::Monitor(const std::string& address) :
     recorder->Settle();
 }
 
-Monitor::~Monitor() = default;
+Monitor::~Monitor()
+{
+    if (recorder && recorder->home.Left())
+    {
+        Abandon(recorder);
+    }
+}
 
 std::vector<WireMessage> Monitor::Messages()
 {

@@ -1,3 +1,6 @@
+// Both ends of a socket pair in one thread: one is told to be a server, then messages are made and
+// read without any daemon.
+
 #include <bmcbus/testing/peers.hpp>
 #include <bmcbus/testing/wait.hpp>
 

@@ -1,7 +1,11 @@
+// A dbus-daemon with a configuration and a socket in a temporary folder. It is a Process, so that
+// it ends with the test however that ends.
+
 #include <bmcbus/testing/private_bus.hpp>
 #include <bmcbus/testing/value.hpp>
 
 #include "connect.hpp"
+#include "leftovers.hpp"
 
 #include <unistd.h>
 
@@ -16,6 +20,7 @@ namespace
 {
 
 constexpr const char* variable = "DBUS_SYSTEM_BUS_ADDRESS";
+constexpr const char* folderName = "bmcbus-test-";
 constexpr size_t longestSocketPath = 100;
 
 std::string FindDaemon()
@@ -42,7 +47,8 @@ std::filesystem::path MakeFolder()
     {
         base = "/tmp"; // a socket's path has a limit of its own
     }
-    std::string name = base + "/bmcbus-test-XXXXXX";
+    RemoveLeftovers(base, folderName);
+    std::string name = base + "/" + folderName + "XXXXXX";
     if (mkdtemp(name.data()) == nullptr)
     {
         Check(-errno, "mkdtemp " + name);
@@ -76,7 +82,8 @@ std::string AddressOf(const std::filesystem::path& socket)
 
 } // namespace
 
-PrivateBus::PrivateBus(const BusLimits& limits) : daemonPath(FindDaemon()), folder(MakeFolder())
+PrivateBus::PrivateBus(const BusLimits& limits) :
+    daemonPath(FindDaemon()), folder(MakeFolder()), hold(HoldFolder(folder)), owner(getpid())
 {
     address = AddressOf(folder / "bus");
     try
@@ -87,6 +94,7 @@ PrivateBus::PrivateBus(const BusLimits& limits) : daemonPath(FindDaemon()), fold
     catch (...)
     {
         std::filesystem::remove_all(folder);
+        close(hold);
         throw;
     }
     if (const char* value = std::getenv(variable))
@@ -99,6 +107,10 @@ PrivateBus::PrivateBus(const BusLimits& limits) : daemonPath(FindDaemon()), fold
 
 PrivateBus::~PrivateBus()
 {
+    if (getpid() != owner)
+    {
+        return;
+    }
     Kill();
     if (wasSet)
     {
@@ -110,6 +122,7 @@ PrivateBus::~PrivateBus()
     }
     std::error_code ignored;
     std::filesystem::remove_all(folder, ignored);
+    close(hold);
 }
 
 void PrivateBus::WriteConfiguration(const BusLimits& limits) const

@@ -1,7 +1,11 @@
+// The child is forked by a thread that lives as long as the object, writes into a file without a
+// name, and is reaped last of all, so that its number stays its own.
+
 #include <bmcbus/testing/process.hpp>
 #include <bmcbus/testing/wait.hpp>
 
 #include "check.hpp"
+#include "fork.hpp"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -11,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <condition_variable>
@@ -67,6 +72,43 @@ class Sink
 
 } // namespace
 
+// A number that a child can leave to its parent.
+class SharedNumber
+{
+  public:
+    SharedNumber() :
+        number(static_cast<int*>(
+            mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
+    {
+        Check(number == MAP_FAILED ? -errno : 0, "mmap");
+    }
+    ~SharedNumber() { munmap(number, sizeof(int)); }
+    SharedNumber(const SharedNumber&) = delete;
+    SharedNumber& operator=(const SharedNumber&) = delete;
+
+    int& operator*() const { return *number; }
+
+  private:
+    int* number;
+};
+
+// What a program started with these variables has in its environment.
+std::vector<std::string> Environment(const std::vector<std::string>& variables)
+{
+    std::vector<std::string> environment = variables;
+    for (char** inherited = environ; *inherited != nullptr; ++inherited)
+    {
+        const std::string entry = *inherited;
+        const std::string start = entry.substr(0, entry.find('=') + 1);
+        if (std::none_of(variables.begin(), variables.end(),
+                         [&](const std::string& variable) { return variable.starts_with(start); }))
+        {
+            environment.push_back(entry);
+        }
+    }
+    return environment;
+}
+
 // The thread that forks the child lives as long as this object, because the kernel ends the child
 // with the thread that made it, not with the process.
 class Process::Keeper
@@ -77,35 +119,46 @@ class Process::Keeper
     Keeper(const Keeper&) = delete;
     Keeper& operator=(const Keeper&) = delete;
 
-    // Takes the status of a child that has ended.
+    // Learns whether the child has ended and how. It is reaped only by the destructor, so that
+    // neither its number nor that of its group is anybody else's before.
     bool Ended();
 
     void Signal(int number) const
     {
-        if (!reaped)
+        if (!ended)
         {
             kill(pid, number);
         }
     }
 
-    const Sink sink;
-    int status = 0;
+    const Home home;
+
+    // What the child printed, and why it could not become the program.
+    std::string Output() const;
+
+    // The exit status; -1 unless the child has ended by itself.
+    int Status() const { return ended && how.si_code == CLD_EXITED ? how.si_status : -1; }
 
   private:
     void Keep(char* const* arguments, char* const* variables);
     [[noreturn]] void Become(char* const* arguments, char* const* variables, pid_t parent) const;
 
+    const std::string program;
+    const Sink sink;
+    const SharedNumber refusal; // of execve()
     std::mutex mutex;
     std::condition_variable changed;
     pid_t pid = -1;
     int failure = 0;
-    bool reaped = false;
+    siginfo_t how = {};
+    bool ended = false;
     bool started = false;
     bool ending = false;
     std::thread thread;
 };
 
-Process::Keeper::Keeper(std::vector<std::string> command, std::vector<std::string> environment)
+Process::Keeper::Keeper(std::vector<std::string> command, std::vector<std::string> environment) :
+    program(command.front())
 {
     const std::vector<char*> arguments = Pointers(command);
     const std::vector<char*> variables = Pointers(environment);
@@ -123,12 +176,10 @@ Process::Keeper::Keeper(std::vector<std::string> command, std::vector<std::strin
 
 Process::Keeper::~Keeper()
 {
-    if (!reaped)
+    kill(pid, SIGKILL); // it may not lead its group yet
+    kill(-pid, SIGKILL);
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR)
     {
-        kill(pid, SIGKILL);
-        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR)
-        {
-        }
     }
     {
         const std::lock_guard lock(mutex);
@@ -142,6 +193,7 @@ void Process::Keeper::Become(char* const* arguments, char* const* variables, pid
 {
     // Only calls that are safe between fork and exec.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    setpgid(0, 0);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -151,6 +203,7 @@ void Process::Keeper::Become(char* const* arguments, char* const* variables, pid
     {
         syscall(SYS_close_range, 3U, ~0U, 0U); // the test's own descriptors
         execve(arguments[0], arguments, variables);
+        *refusal = errno;
     }
     _exit(127);
 }
@@ -173,8 +226,21 @@ void Process::Keeper::Keep(char* const* arguments, char* const* variables)
 
 bool Process::Keeper::Ended()
 {
-    reaped = reaped || waitpid(pid, &status, WNOHANG) == pid;
-    return reaped;
+    ended =
+        ended || (waitid(P_PID, static_cast<id_t>(pid), &how, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+                  how.si_pid == pid);
+    return ended;
+}
+
+std::string Process::Keeper::Output() const
+{
+    std::string text = sink.Text();
+    if (*refusal != 0)
+    {
+        text +=
+            "cannot execute " + program + ": " + std::generic_category().message(*refusal) + "\n";
+    }
+    return text;
 }
 
 Process::Process(const std::vector<std::string>& command, const std::vector<std::string>& variables)
@@ -185,15 +251,16 @@ Process::Process(const std::vector<std::string>& command, const std::vector<std:
     {
         throw std::runtime_error("no program " + command[0]);
     }
-    std::vector<std::string> environment = variables;
-    for (char** variable = environ; *variable != nullptr; ++variable)
-    {
-        environment.emplace_back(*variable);
-    }
-    keeper = std::make_unique<Keeper>(std::move(found), std::move(environment));
+    keeper = std::make_unique<Keeper>(std::move(found), Environment(variables));
 }
 
-Process::~Process() = default;
+Process::~Process()
+{
+    if (keeper && keeper->home.Left())
+    {
+        Abandon(keeper);
+    }
+}
 
 std::string Process::Find(const std::string& name)
 {
@@ -232,7 +299,7 @@ bool Process::Says(const std::string& start) const
 
 std::string Process::Output() const
 {
-    return keeper->sink.Text();
+    return keeper->Output();
 }
 
 bool Process::Running() const
@@ -247,8 +314,8 @@ void Process::Signal(int number) const
 
 int Process::Wait()
 {
-    const bool ended = Until([this] { return keeper->Ended(); });
-    return ended && WIFEXITED(keeper->status) ? WEXITSTATUS(keeper->status) : -1;
+    Until([this] { return keeper->Ended(); });
+    return keeper->Status();
 }
 
 } // namespace bmcbus::testing

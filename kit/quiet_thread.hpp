@@ -1,5 +1,7 @@
 #pragma once
 
+// Threads of the kit take no signals: those are the test's.
+
 #include <csignal>
 #include <thread>
 #include <utility>

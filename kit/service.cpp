@@ -1,6 +1,13 @@
+// Everything that touches the connection runs on the loop's thread; the public members carry their
+// work there. Messages come in by a filter, so that no object has to be registered with sd-bus and
+// any answer at all can be given.
+
 #include "service_link.hpp"
 
 #include "connect.hpp"
+
+#include <algorithm>
+#include <array>
 
 namespace bmcbus::testing
 {
@@ -201,6 +208,11 @@ Service::Service(std::vector<std::string> wellKnown, const Options& options) :
 
 Service::~Service()
 {
+    if (link->home.Left())
+    {
+        Abandon(link);
+        return;
+    }
     link->loop->Run([this] { link->Disconnect(true); });
     link->loop.reset();
 }
@@ -370,6 +382,21 @@ std::vector<std::string> Service::Paths() const
         });
 }
 
+bool Service::Answers(const std::string& method) const
+{
+    constexpr std::array standard = {"Get", "Set", "GetAll", "Introspect", "GetManagedObjects"};
+    if (std::find(standard.begin(), standard.end(), method) != standard.end())
+    {
+        return true;
+    }
+    return OnThread(
+        [&]
+        {
+            const auto has = [&](const auto& object) { return object.second->Answers(method); };
+            return objects.empty() || std::any_of(objects.begin(), objects.end(), has);
+        });
+}
+
 void Service::Manage(const std::string& root)
 {
     OnThread(
@@ -378,6 +405,11 @@ void Service::Manage(const std::string& root)
             CheckPath(root);
             managers.insert(root);
         });
+}
+
+std::vector<std::string> Service::Managers() const
+{
+    return OnThread([this] { return std::vector(managers.begin(), managers.end()); });
 }
 
 void Service::Unmanage(const std::string& root)

@@ -1,3 +1,6 @@
+// How a call is answered when nothing intercepts it: the standard interfaces first, then the
+// methods of the object's own.
+
 #include "service_link.hpp"
 
 #include <set>
@@ -219,7 +222,6 @@ std::vector<Value> CallAnswer::Introspect()
     std::string interfaces;
     if (object != service.objects.end())
     {
-        interfaces = standardInterfaces;
         for (const auto& [name, slot] : object->second->slots)
         {
             interfaces += slot.description.xml;
@@ -238,8 +240,9 @@ std::vector<Value> CallAnswer::Introspect()
     }
     if (interfaces.empty() && children.empty())
     {
-        Target(); // refuses
+        Target(); // refuses, unless it has no interface but these:
     }
+    interfaces.insert(0, standardInterfaces);
     std::string xml =
         "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection "
         "1.0//EN\"\n"

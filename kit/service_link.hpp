@@ -2,6 +2,7 @@
 
 // A service's connection and the thread that may touch it.
 
+#include "fork.hpp"
 #include "loop.hpp"
 
 #include <bmcbus/testing/service.hpp>
@@ -31,6 +32,7 @@ class Service::Link
     // Returns when the bus has handed on every signal so far.
     void Settle() noexcept;
 
+    const Home home;
     std::optional<Loop> loop;
     Owned<sd_bus> bus;
 

@@ -1,4 +1,9 @@
+// An object is its interfaces' descriptions with a value for each property. What is stored is
+// checked first as a whole; what is announced follows from the description.
+
 #include "service_link.hpp"
+
+#include <algorithm>
 
 namespace bmcbus::testing
 {
@@ -85,6 +90,7 @@ Object::Slot& Object::Insert(InterfaceDescription description, const NamedValues
             Refuse(std::string(name).append(" has no property ").append(property));
         }
         stored->second = value.As(stored->second.Signature());
+        stored->second.RequireTravels();
     }
     return slots.emplace(name, std::move(slot)).first->second;
 }
@@ -99,8 +105,9 @@ std::map<std::string, NamedValues> Object::Store(const NamedValues& values)
         const Value& stored = found.slot->values.at(found.member);
         try
         {
-            changes[found.slot->description.name].emplace_back(found.member,
-                                                               value.As(stored.Signature()));
+            Value fresh = value.As(stored.Signature());
+            fresh.RequireTravels();
+            changes[found.slot->description.name].emplace_back(found.member, std::move(fresh));
         }
         catch (const std::invalid_argument& cause)
         {
@@ -233,6 +240,13 @@ void Object::OnCall(const std::string& method, CallHandler handler)
                      { return interface.Method(member); });
             found.slot->handlers[found.member] = std::move(handler);
         });
+}
+
+bool Object::Answers(const std::string& method) const
+{
+    return std::any_of(slots.begin(), slots.end(),
+                       [&](const auto& slot)
+                       { return slot.second.description.Method(method) != nullptr; });
 }
 
 // --- signals ------------------------------------------------------------------------------------

@@ -1,3 +1,5 @@
+// The simulator runs as a program, and its control interface is called on a connection of our own.
+
 #include <bmcbus/testing/simulator.hpp>
 
 #include "connect.hpp"

@@ -1,3 +1,6 @@
+// UTF-8 as the bus wants it: decoded letter by letter, since a daemon closes the connection of
+// whoever sends anything else.
+
 #include <bmcbus/testing/text.hpp>
 
 #include <array>

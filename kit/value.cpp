@@ -1,3 +1,6 @@
+// A value is its signature and its content, containers holding values again, so that a test can
+// build what no C++ type of the library would. Conversion is by signature, number by number.
+
 #include <bmcbus/testing/text.hpp>
 #include <bmcbus/testing/value.hpp>
 

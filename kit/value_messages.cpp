@@ -72,6 +72,31 @@ void Value::Append(sd_bus_message* message) const
     }
 }
 
+void Value::RequireTravels() const
+{
+    if (const auto* children = std::get_if<std::vector<Value>>(&content))
+    {
+        for (const Value& child : *children)
+        {
+            child.RequireTravels();
+        }
+        return;
+    }
+    const auto* text = std::get_if<std::string>(&content);
+    if (text == nullptr)
+    {
+        return;
+    }
+    if (!MayTravel(*text) || (signature == "o" && sd_bus_object_path_is_valid(text->c_str()) <= 0))
+    {
+        throw std::invalid_argument("no message can carry " + Text());
+    }
+    if (signature == "g")
+    {
+        SplitSignature(*text); // throws
+    }
+}
+
 // Reads one value of the type that the message announces.
 class ValueReader
 {

@@ -1,3 +1,6 @@
+// Each method of the control interface changes how the other services answer, or has them leave,
+// return and announce; nothing here knows what they serve.
+
 #include "control.hpp"
 
 #include "descriptions.hpp"
@@ -31,7 +34,7 @@ void Serve(Object& object, const std::string& method, Act act)
 
 } // namespace
 
-Control::Control(const std::vector<Service*>& known, std::function<void()> step, sd_event* loop) :
+Control::Control(const std::vector<Service*>& known, Step step, Plug plug, sd_event* loop) :
     service({"com.tamm.bmc.Simulator"}, {.loop = loop})
 {
     for (Service* each : known)
@@ -44,9 +47,31 @@ Control::Control(const std::vector<Service*>& known, std::function<void()> step,
     Object& object =
         service.AddObject("/com/tamm/bmc/simulator", {Describe("com.tamm.bmc.Simulator")});
     Serve(object, "Step", [step = std::move(step)](const Call&) { step(); });
+    ServePlugs(object, plug);
     ServeLife(object);
     ServeAnswers(object);
     ServeAnnouncements(object);
+}
+
+void Control::ServePlugs(Object& object, const Plug& plug)
+{
+    const auto serve = [&](const char* method, bool present)
+    {
+        Serve(object, method,
+              [plug, present](const Call& call)
+              {
+                  const auto slot = call.arguments[0].Get<std::string>();
+                  if (!plug(slot, present))
+                  {
+                      throw CallError(SD_BUS_ERROR_INVALID_ARGS,
+                                      "There is no memory module to " +
+                                          std::string(present ? "plug into" : "unplug from") +
+                                          " slot " + slot + ".");
+                  }
+              });
+    };
+    serve("PlugDimm", true);
+    serve("UnplugDimm", false);
 }
 
 void Control::ServeLife(Object& object)

@@ -14,8 +14,11 @@ namespace simulator
 class Control
 {
   public:
-    // For these services, which outlive the object; `step` lets a period pass.
-    Control(const std::vector<bmcbus::testing::Service*>& known, std::function<void()> step,
+    using Step = std::function<void()>;                         // lets a period pass
+    using Plug = std::function<bool(const std::string&, bool)>; // see Part::Plug()
+
+    // For these services, which outlive the object.
+    Control(const std::vector<bmcbus::testing::Service*>& known, Step step, Plug plug,
             sd_event* loop);
 
     // Its connection, borrowed.
@@ -29,6 +32,7 @@ class Control
         bmcbus::testing::Faults faults;
     };
 
+    void ServePlugs(bmcbus::testing::Object& object, const Plug& plug);
     void ServeLife(bmcbus::testing::Object& object);
     void ServeAnswers(bmcbus::testing::Object& object);
     void ServeAnnouncements(bmcbus::testing::Object& object);

@@ -1,3 +1,5 @@
+// An object to try things with: what is written or told to it comes back as a signal.
+
 #include "debug.hpp"
 
 namespace simulator

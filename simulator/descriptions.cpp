@@ -1,3 +1,5 @@
+// The introspection documents are built in and parsed at their first use.
+
 #include "descriptions.hpp"
 
 #include <map>

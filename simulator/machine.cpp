@@ -1,3 +1,6 @@
+// Everything shares one event loop. A step moves the model, then each part that is connected
+// publishes what changed.
+
 #include "machine.hpp"
 
 #include <algorithm>
@@ -34,7 +37,13 @@ Machine::Machine(const Options& chosen, sd_event* event) :
                                                                     {event, chosen.ownManagers})),
     mapper(chosen.mapper ? std::make_unique<Mapper>(Services(), event) : nullptr),
     control(
-        Services(), [this] { Step(); }, event)
+        Services(), [this] { Step(); },
+        [this](const std::string& slot, bool present)
+        {
+            return std::any_of(parts.begin(), parts.end(),
+                               [&](const auto& part) { return part->Plug(slot, present); });
+        },
+        event)
 {
     // Without the bus there is nothing left to do.
     Check(sd_bus_set_exit_on_disconnect(control.Connection(), 1), "sd_bus_set_exit_on_disconnect");

@@ -1,5 +1,10 @@
+// A module reports its power; all of them together are one more object.
+
+// The modules only signal their power; all of them together are one more object.
+
 #include "memory.hpp"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace simulator
@@ -9,6 +14,11 @@ namespace
 
 constexpr const char* dimmInterface = "com.tamm.bmc.Memory.Dimm";
 
+std::string PathOf(const Dimm& dimm)
+{
+    return "/com/tamm/bmc/memory/dimm/" + dimm.slot;
+}
+
 } // namespace
 
 Memory::Memory(Model& machine, const Setting& setting) :
@@ -17,7 +27,7 @@ Memory::Memory(Model& machine, const Setting& setting) :
     AddMemory("/com/tamm/bmc/memory/all", nullptr);
     for (const Dimm& dimm : model.dimms)
     {
-        AddMemory("/com/tamm/bmc/memory/dimm/" + dimm.slot, &dimm);
+        AddMemory(PathOf(dimm), &dimm);
     }
     Publish();
 }
@@ -39,6 +49,29 @@ Object& Memory::AddMemory(const std::string& path, const Dimm* only)
         { return std::vector<Value>{Command(call.arguments[0].Get<std::vector<uint8_t>>())}; });
     objects.emplace_back(&object, only);
     return object;
+}
+
+bool Memory::Plug(const std::string& slot, bool present)
+{
+    const auto dimm = std::find_if(model.dimms.begin(), model.dimms.end(),
+                                   [&](const Dimm& each)
+                                   { return each.slot == slot && each.present != present; });
+    if (dimm == model.dimms.end())
+    {
+        return false;
+    }
+    dimm->present = present;
+    if (present)
+    {
+        AddMemory(PathOf(*dimm), &*dimm);
+    }
+    else
+    {
+        dimm->power.now = 0;
+        std::erase_if(objects, [&](const auto& object) { return object.second == &*dimm; });
+        service.RemoveObject(PathOf(*dimm));
+    }
+    return true;
 }
 
 Memory::Watts Memory::PowerOf(const Dimm* only) const

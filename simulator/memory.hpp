@@ -15,6 +15,7 @@ class Memory final : public Part
   public:
     Memory(Model& machine, const Setting& setting);
     void Publish() override;
+    bool Plug(const std::string& slot, bool present) override;
 
   private:
     // Watts of the four processors' modules and their sum.

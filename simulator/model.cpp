@@ -1,3 +1,6 @@
+// Loads wander at random; power, heat and fan speeds follow them with rough physics. One generator
+// gives all random numbers, in a fixed order, so that a seed repeats a run.
+
 #include "model.hpp"
 
 #include <algorithm>
@@ -39,7 +42,7 @@ Model::Model(uint32_t seed) :
         {
             std::string name = cpu == 0 ? "A" : "B";
             name += std::to_string(slot);
-            dimms.push_back({name, cpu, {}});
+            dimms.push_back({.slot = name, .cpu = cpu, .power = {}});
         }
     }
     Step(0);
@@ -80,7 +83,11 @@ void Model::StepCpus(double seconds)
     const double share = memoryLimit1 / static_cast<double>(dimms.size());
     for (Dimm& dimm : dimms)
     {
-        dimm.power.Read(std::min(2 + 4 * cpus[dimm.cpu].load + 0.2 * Noise(), share));
+        const double watts = std::min(2 + 4 * cpus[dimm.cpu].load + 0.2 * Noise(), share);
+        if (dimm.present)
+        {
+            dimm.power.Read(watts);
+        }
     }
 }
 

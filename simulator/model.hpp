@@ -44,6 +44,7 @@ struct Dimm
     std::string slot; // "A1"
     size_t cpu = 0;   // the processor it belongs to
     Meter power;
+    bool present = true;
 };
 
 struct Fan

@@ -1,8 +1,14 @@
+// Interfaces are objects of their own and rows of a table at once: what a client writes into the
+// one shows in the other. One of them is plugged and unplugged as time passes.
+
 #include "network.hpp"
 
 #include "descriptions.hpp"
 
+#include <bmcbus/testing/fake_event_log.hpp>
+
 #include <algorithm>
+#include <iostream>
 #include <tuple>
 
 namespace simulator
@@ -32,11 +38,12 @@ const std::vector<bmcbus::testing::PropertyDescription>& Columns()
 Network::Network(const Model& machine, const Setting& setting) :
     Part("com.tamm.ovrik.wharfd.wharfd", "/com/tamm/ovrik/wharfd", setting),
     model(machine),
-    table(Add(root, tableInterface)),
-    events(service)
+    table(Add(root, tableInterface))
 {
-    Plug({"eth0", "Management port", 10});
-    Plug({"eth1", "Port shared with the host", 11});
+    bmcbus::testing::ServeEventLog(service, [](const bmcbus::testing::EventLogEntry& entry)
+                                   { std::cout << "event: " << entry.Text() << std::endl; });
+    Attach({"eth0", "Management port", 10});
+    Attach({"eth1", "Port shared with the host", 11});
     table.OnWrite("OSLogicalNetworkInterfaces", [this](const Value& rows) { TakeTable(rows); });
     Publish();
 }
@@ -81,7 +88,7 @@ NamedValues Network::Values(const Port& port) const
     };
 }
 
-void Network::Plug(const Port& port)
+void Network::Attach(const Port& port)
 {
     Object& object = Add(PathOf(port.name), portInterface, Values(port));
     for (const auto& column : Columns())
@@ -95,7 +102,7 @@ void Network::Plug(const Port& port)
     }
 }
 
-void Network::Unplug(const Port& port)
+void Network::Detach(const Port& port)
 {
     service.RemoveObject(PathOf(port.name));
 }
@@ -108,11 +115,11 @@ void Network::Publish()
     const bool wanted = model.steps / plugSteps % 2 == 1;
     if (wanted && !present)
     {
-        Plug(stick);
+        Attach(stick);
     }
     if (!wanted && present)
     {
-        Unplug(stick);
+        Detach(stick);
     }
     Update(service.ObjectAt(PathOf("eth1")), {{"ifStatus", model.steps / linkSteps % 2}});
     PublishTable();

@@ -2,7 +2,6 @@
 
 // The daemon that knows the controller's network interfaces and keeps its event log.
 
-#include "event_log.hpp"
 #include "model.hpp"
 #include "part.hpp"
 
@@ -23,8 +22,8 @@ class Network final : public Part
         uint32_t number; // last part of its addresses
     };
 
-    void Plug(const Port& port);
-    void Unplug(const Port& port);
+    void Attach(const Port& port);
+    void Detach(const Port& port);
     NamedValues Values(const Port& port) const;
     // The objects of all interfaces, in the order of the table's rows.
     std::vector<Object*> Ports();
@@ -36,7 +35,6 @@ class Network final : public Part
 
     const Model& model;
     Object& table;
-    EventLog events;
 };
 
 } // namespace simulator

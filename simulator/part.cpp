@@ -1,3 +1,6 @@
+// What parts share: values are announced only when they change, and a signal's arguments are taken
+// by name.
+
 #include "part.hpp"
 
 #include "descriptions.hpp"

@@ -6,6 +6,7 @@
 #include <bmcbus/testing/service.hpp>
 
 #include <cmath>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,9 @@ class Part
     // Announces what a step of the model changed and emits the data signals.
     virtual void Publish() = 0;
 
+    // Plugs or unplugs what is called so; false when there is nothing of that name to do it with.
+    virtual bool Plug(const std::string& /*slot*/, bool /*present*/) { return false; }
+
     Service& Bus() { return service; }
 
   protected:
@@ -62,15 +66,15 @@ inline int64_t Whole(double number)
     return std::llround(number);
 }
 
-// One value per element: PerEach(model.cpus, [](const Cpu& cpu) { return cpu.celsius; }).
+// One value per element: PerEach(model.cpus, &Cpu::celsius), or what a function makes of each.
 template <class Elements, class Take>
 auto PerEach(const Elements& elements, Take take)
 {
-    std::vector<decltype(take(*elements.begin()))> values;
+    std::vector<std::decay_t<decltype(std::invoke(take, *elements.begin()))>> values;
     values.reserve(elements.size());
     for (const auto& element : elements)
     {
-        values.push_back(take(element));
+        values.push_back(std::invoke(take, element));
     }
     return values;
 }

@@ -1,5 +1,9 @@
+// The power report is a function of the model: the same values become properties and, with the
+// rails, one signal.
+
 #include "power.hpp"
 
+#include <functional>
 #include <numeric>
 
 namespace simulator
@@ -26,6 +30,23 @@ std::vector<int64_t> Numbers(size_t count)
 void Append(NamedValues& all, const NamedValues& more)
 {
     all.insert(all.end(), more.begin(), more.end());
+}
+
+// What the power meters of these parts read: now, at least, at most, on average.
+template <class Parts>
+NamedValues MeterValues(const std::string& prefix, const Parts& parts, const Model& model)
+{
+    const auto each = [&](auto reading)
+    {
+        return PerEach(parts,
+                       [&](const auto& part) { return Whole(std::invoke(reading, part.power)); });
+    };
+    return {
+        {prefix + "CurPwr", each(&Meter::now)},
+        {prefix + "MinPwr", each(&Meter::least)},
+        {prefix + "MaxPwr", each(&Meter::most)},
+        {prefix + "AvgPwr", each([&](const Meter& meter) { return model.Average(meter); })},
+    };
 }
 
 } // namespace
@@ -58,35 +79,27 @@ std::vector<int64_t> Power::Times(size_t count) const
 NamedValues Power::Processors() const
 {
     const auto& cpus = model.cpus;
-    return {
-        {"CPUSlotCount", cpus.size()},
-        {"CPUActiveUnits", Repeat(cpus.size(), 1)},
-        {"CPUCurPwr", PerEach(cpus, [](const Cpu& cpu) { return Whole(cpu.power.now); })},
-        {"CPUMinPwr", PerEach(cpus, [](const Cpu& cpu) { return Whole(cpu.power.least); })},
-        {"CPUMaxPwr", PerEach(cpus, [](const Cpu& cpu) { return Whole(cpu.power.most); })},
-        {"CPUAvgPwr",
-         PerEach(cpus, [this](const Cpu& cpu) { return Whole(model.Average(cpu.power)); })},
-        {"CPUTimeStmp", Times(cpus.size())},
-        {"CPUStatisticsReportingPeriod", Times(cpus.size())},
+    NamedValues values = {
+        {"CPUSlotCount", cpus.size()},         {"CPUActiveUnits", Repeat(cpus.size(), 1)},
+        {"CPUTimeStmp", Times(cpus.size())},   {"CPUStatisticsReportingPeriod", Times(cpus.size())},
         {"CPUDomainID", Numbers(cpus.size())},
     };
+    Append(values, MeterValues("CPU", cpus, model));
+    return values;
 }
 
 NamedValues Power::Memory() const
 {
     const auto& dimms = model.dimms;
-    return {
+    NamedValues values = {
         {"MEMSlotCount", dimms.size()},
-        {"MemActiveUnits", Repeat(dimms.size(), 1)},
-        {"MEMCurPwr", PerEach(dimms, [](const Dimm& dimm) { return Whole(dimm.power.now); })},
-        {"MEMMinPwr", PerEach(dimms, [](const Dimm& dimm) { return Whole(dimm.power.least); })},
-        {"MEMMaxPwr", PerEach(dimms, [](const Dimm& dimm) { return Whole(dimm.power.most); })},
-        {"MEMAvgPwr",
-         PerEach(dimms, [this](const Dimm& dimm) { return Whole(model.Average(dimm.power)); })},
+        {"MemActiveUnits", PerEach(dimms, [](const Dimm& dimm) { return dimm.present ? 1 : 0; })},
         {"MEMTimeStmp", Times(dimms.size())},
         {"MEMStatisticsReportingPeriod", Times(dimms.size())},
         {"MEMDomainID", Numbers(dimms.size())},
     };
+    Append(values, MeterValues("MEM", dimms, model));
+    return values;
 }
 
 NamedValues Power::Totals() const
@@ -123,15 +136,14 @@ NamedValues Power::Supplies() const
 {
     const auto& supplies = model.supplies;
     const size_t count = supplies.size();
-    const auto celsius = [](const PowerSupply& supply) { return supply.celsius; };
     return {
         {"PSUSlotCount", count},
         {"PSUActiveUnits", Repeat(count, 1)},
-        {"PSUTemperatureReading", PerEach(supplies, celsius)},
+        {"PSUTemperatureReading", PerEach(supplies, &PowerSupply::celsius)},
         {"PSUAmbientTemperatureReading", Repeat(count, model.inlet)},
         {"PSUExhaustTemperatureReading",
          PerEach(supplies, [](const PowerSupply& supply) { return supply.celsius + 3; })},
-        {"PSURPMReading", PerEach(model.supplyFans, [](const Fan& fan) { return fan.Rpm(); })},
+        {"PSURPMReading", PerEach(model.supplyFans, &Fan::Rpm)},
         {"PSUCompOTP", Repeat(count, 0)},
         {"PSUPresence", Repeat(count, 1)},
         {"PSUSlot", Numbers(count)},
@@ -160,13 +172,13 @@ NamedValues Power::Rails() const
     }
     const size_t count = names.size();
     return {
-        {"psuVIn", PerEach(supplies, [](Supply supply) { return supply.inputVolts; })},
+        {"psuVIn", PerEach(supplies, &PowerSupply::inputVolts)},
         {"psuVOut", Repeat(supplies.size(), 12.1)},
         {"psuIIn",
          PerEach(supplies, [](Supply supply) { return supply.inputWatts / supply.inputVolts; })},
         {"psuIOut", PerEach(supplies, [](Supply supply) { return supply.outputWatts / 12.1; })},
-        {"psuPIn", PerEach(supplies, [](Supply supply) { return supply.inputWatts; })},
-        {"psuPOut", PerEach(supplies, [](Supply supply) { return supply.outputWatts; })},
+        {"psuPIn", PerEach(supplies, &PowerSupply::inputWatts)},
+        {"psuPOut", PerEach(supplies, &PowerSupply::outputWatts)},
         {"vrAvailability", Repeat(count, 1)},
         {"vrName", names},
         {"vrLastAvailabilityTime", Times(count)},

@@ -1,3 +1,6 @@
+// Power limits act on the model; registers only keep what is written. Telemetry of a package is one
+// list of numbers in the order of its signal.
+
 #include "processors.hpp"
 
 #include <ctime>

@@ -1,3 +1,6 @@
+// Fans follow the temperature until a client sets one; air temperatures follow the model until a
+// client writes them.
+
 #include "thermal.hpp"
 
 #include <map>

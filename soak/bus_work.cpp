@@ -1,3 +1,5 @@
+// Work on the bus: each function does one thing of the table at the end, which says how often.
+
 #include "classes.hpp"
 #include "work.hpp"
 

@@ -1,3 +1,5 @@
+// All generated classes behind one interface, so that the soak can pick them at random.
+
 #include "classes.hpp"
 
 #include <com/tamm/bmc/Cpu/cpu/client_cache.hpp>

@@ -1,3 +1,6 @@
+// Children are forked at any moment; each does one thing with what it inherited and says by its
+// status whether that went well.
+
 #include "sanitizer.hpp"
 #include "work.hpp"
 

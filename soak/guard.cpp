@@ -1,3 +1,5 @@
+// An alarm that every operation sets anew ends the process when one takes too long, and says which.
+
 #include "guard.hpp"
 
 #include <unistd.h>

@@ -113,14 +113,15 @@ class Run
         objects.ReleaseAll();
         last = MeasureSettled(world, first);
         first = first.value_or(last);
-        const std::string verdict = last.Against(*first, options.allowance);
+        const std::string growth = last.GrowthSince(*first, options.allowance);
         ++number;
         std::cout << "check " << number << ": " << tally.Text() << "; values compared " << values
-                  << "; " << last.Text() << ": " << verdict << std::endl;
+                  << "; " << last.Text() << ": " << (growth.empty() ? "flat" : "NOT FLAT" + growth)
+                  << std::endl;
         total.Add(tally);
         tally.Clear();
         compared += values;
-        return verdict == "flat";
+        return growth.empty();
     }
 
     const Options options;

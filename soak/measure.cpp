@@ -1,3 +1,6 @@
+// What the process holds, read from /proc and from the bus: descriptors, threads, connections,
+// match rules, memory.
+
 #include "measure.hpp"
 
 #include "sanitizer.hpp"
@@ -85,7 +88,7 @@ std::string Figures::Text() const
            (matchRules ? std::to_string(*matchRules) : "unknown");
 }
 
-std::string Figures::Against(const Figures& first, const Allowance& allowance) const
+std::string Figures::GrowthSince(const Figures& first, const Allowance& allowance) const
 {
     const std::string memory =
         first.heapKb == 0
@@ -96,11 +99,9 @@ std::string Figures::Against(const Figures& first, const Allowance& allowance) c
         matchRules.has_value() == first.matchRules.has_value()
             ? Difference("match rules", matchRules.value_or(0), first.matchRules.value_or(0))
             : ", match rules counted at one of two times only";
-    const std::string differences =
-        memory + Difference("descriptors", descriptors, first.descriptors) +
-        Difference("threads", threads, first.threads) +
-        Difference("connections", connections, first.connections) + rules;
-    return differences.empty() ? "flat" : "NOT FLAT" + differences;
+    return memory + Difference("descriptors", descriptors, first.descriptors) +
+           Difference("threads", threads, first.threads) +
+           Difference("connections", connections, first.connections) + rules;
 }
 
 Figures Measure(World& world)

@@ -31,9 +31,10 @@ struct Figures
     // "resident 9000 kB, heap 400 kB, descriptors 12, ..."
     std::string Text() const;
 
-    // "flat", or what differs: memory may grow by the allowance, nothing else may change. An
-    // allocator that does not tell what is in use keeps what is not; memory is then not looked at.
-    std::string Against(const Figures& first, const Allowance& allowance) const;
+    // What differs, in words; empty when it is flat: memory may grow by the allowance, nothing else
+    // may change. An allocator that does not tell what is in use keeps what is not; memory is then
+    // not looked at.
+    std::string GrowthSince(const Figures& first, const Allowance& allowance) const;
 };
 
 // Reads the figures of this moment.

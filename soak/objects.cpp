@@ -1,3 +1,6 @@
+// The proxies and subscribers that are alive, with the places that they follow; values are compared
+// with what the services have.
+
 #include "objects.hpp"
 
 #include "classes.hpp"

@@ -1,3 +1,5 @@
+// Work of the threading tools: posts, sends, pools, and loops that change in between.
+
 #include "work.hpp"
 
 #include <threadfunnel.hpp>

@@ -1,3 +1,5 @@
+// The bus, the simulator on it and the soak's own connection; whatever breaks is put back here.
+
 #include "world.hpp"
 
 #include <cstring>

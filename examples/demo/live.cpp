@@ -152,7 +152,13 @@ class Follower
     static void OnPower(Power* power, void* self)
     {
         auto& follower = *static_cast<Follower*>(self);
-        follower.scene.watts.push_back(power->Get_SystemInputPower());
+        // A change of another property may come before the first complete read.
+        const double watts = power->Get_SystemInputPower();
+        if (watts <= 0)
+        {
+            return;
+        }
+        follower.scene.watts.push_back(watts);
         if (follower.scene.watts.size() > remembered)
         {
             follower.scene.watts.pop_front();

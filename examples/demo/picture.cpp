@@ -1,3 +1,5 @@
+// On a terminal curses redraws in place; elsewhere each change is a line.
+
 #include "picture.hpp"
 
 #include "report.hpp"
@@ -8,6 +10,7 @@
 #include <algorithm>
 #include <clocale>
 #include <cmath>
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 
@@ -136,7 +139,7 @@ class Screen : public Picture
         const auto begin = scene.watts.begin() + static_cast<std::ptrdiff_t>(first);
         const auto [least, most] = std::minmax_element(begin, scene.watts.end());
         // A little below the least, so that each value shows.
-        const double bottom = *least - 1 - (*most - *least) / 4;
+        const double bottom = std::max(0.0, *least - 1 - (*most - *least) / 4);
         for (int level = height; level > 0; --level)
         {
             std::string line(width, ' ');
@@ -164,7 +167,8 @@ class Screen : public Picture
 
 std::unique_ptr<Picture> MakePicture()
 {
-    if (isatty(STDOUT_FILENO) != 0)
+    const char* type = std::getenv("TERM");
+    if (isatty(STDOUT_FILENO) != 0 && type != nullptr && std::string(type) != "dumb")
     {
         std::cout.flush();
         auto screen = std::make_unique<Screen>();

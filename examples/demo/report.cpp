@@ -1,3 +1,5 @@
+// Counts what happened against what was promised.
+
 #include "report.hpp"
 
 #include <iostream>

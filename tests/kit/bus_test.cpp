@@ -1,7 +1,12 @@
 #include "client.hpp"
+#include "in_child.hpp"
 
 #include <bmcbus/testing.hpp>
 
+#include <utility> // Boost needs it first
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -248,10 +253,87 @@ TEST(WaitTest, DispatchUsesTheThreadsDefaultBus)
     EXPECT_TRUE(DispatchPending());
     EXPECT_EQ(signals, 2);
     EXPECT_FALSE(Dispatch([&] { return signals == 3; }, std::chrono::milliseconds(5)));
+    fans->Set("fanCount", 3);
+    const Waited waited = Dispatch([&] { return signals == 4; }, std::chrono::milliseconds(5));
+    EXPECT_FALSE(waited);
+    EXPECT_THAT(waited.Instead(), HasSubstr(R"(PropertiesChanged sa{sv}as "com.tamm.bmc.Thermal.)"
+                                            R"(FanReporting" 1 "fanCount" y 3 0)"));
+    EXPECT_THAT(testing::AssertionResult(waited).message(), HasSubstr(waited.Instead()));
     bus.Kill();
-    EXPECT_FALSE(Dispatch([&] { return signals == 3; })) << "returns when the bus has gone";
+    EXPECT_FALSE(Dispatch([&] { return signals == 4; })) << "returns when the bus has gone";
     EXPECT_FALSE(DispatchPending());
     sd_bus_unref(raw);
+}
+
+TEST(WaitTest, TimersRunMeanwhile)
+{
+    const PrivateBus bus;
+    sd_bus* raw = nullptr;
+    sd_event* loop = nullptr;
+    ASSERT_GE(sd_bus_default_system(&raw), 0);
+    ASSERT_GE(sd_event_new(&loop), 0);
+    ASSERT_GE(sd_bus_attach_event(raw, loop, SD_EVENT_PRIORITY_NORMAL), 0);
+    bool fired = false;
+    const auto fire = [](sd_event_source*, uint64_t, void* flag)
+    {
+        *static_cast<bool*>(flag) = true;
+        return 0;
+    };
+    ASSERT_GE(sd_event_add_time_relative(loop, nullptr, CLOCK_MONOTONIC, 1000, 1, fire, &fired), 0);
+    EXPECT_TRUE(Dispatch([&] { return fired; }));
+    sd_bus_detach_event(raw);
+    sd_event_unref(loop);
+    sd_bus_unref(raw);
+
+    boost::asio::io_context io;
+    boost::asio::steady_timer timer(io, std::chrono::milliseconds(1));
+    timer.async_wait([&](const auto& error) { fired = !error && !std::exchange(fired, false); });
+    fired = false;
+    EXPECT_TRUE(Dispatch(io, [&] { return fired; }));
+}
+
+// A bus and a service with static storage: exit() in a child hung, or ended the parent's daemon.
+TEST(ForkTest, ExitOfAChildHarmsNoStaticObject)
+{
+    struct Static
+    {
+        PrivateBus bus;
+        Monitor monitor;
+        FakeService fans{"com.example.Fans", "/fans", {"com.tamm.bmc.Thermal.FanReporting"}};
+    };
+    auto all = std::make_unique<Static>();
+    EXPECT_EQ(test::ExitOfChild(
+                  [&]
+                  {
+                      all.reset();
+                      return 0;
+                  }),
+              0);
+    EXPECT_TRUE(all->bus.Running());
+    EXPECT_TRUE(std::filesystem::exists(all->bus.Folder()));
+    all->fans->Set("fanCount", 1);
+    EXPECT_EQ(all->monitor.Signals("PropertiesChanged").size(), 1U);
+}
+
+TEST(PrivateBusTest, TheFolderOfACrashedTestIsRemoved)
+{
+    const PrivateBus own;
+    const std::string note = own.Folder() / "note";
+    EXPECT_GE(test::ExitOfChild(
+                  [&]
+                  {
+                      const PrivateBus bus;
+                      std::ofstream(note) << bus.Folder().string() << std::flush;
+                      raise(SIGKILL);
+                      return 0;
+                  }),
+              1000);
+    std::string left;
+    std::getline(std::ifstream(note), left);
+    ASSERT_TRUE(std::filesystem::exists(left)) << left;
+    const PrivateBus next;
+    EXPECT_FALSE(std::filesystem::exists(left)) << left;
+    EXPECT_TRUE(std::filesystem::exists(own.Folder()));
 }
 
 } // namespace

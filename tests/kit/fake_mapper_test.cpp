@@ -55,6 +55,9 @@ TEST_F(FakeMapperTest, AnswersFromItsTable)
     EXPECT_EQ(Ask("GetAncestors", {"/a/b/c/d", Names{"i.One"}}),
               R"(a{sa{sas}} 2 "/a" 1 "svc.b" 1 "i.One" "/a/b" 1 "svc.b" 2 "i.One" "i.Two")");
     EXPECT_EQ(Ask("GetAncestors", {"/none", Names{}}), notFound);
+    EXPECT_EQ(Ask("GetSubTreePaths", {"/ab/", 0, Names{}}), "as 0");
+    EXPECT_EQ(Ask("GetAncestors", {"/a/b/", Names{}}), R"(a{sa{sas}} 1 "/a" 1 "svc.b" 1 "i.One")");
+    EXPECT_EQ(Ask("GetSubTreePaths", {"/ab//", 0, Names{}}), notFound);
 
     mapper.Remove("svc.b", "/a/b");
     EXPECT_EQ(Ask("GetObject", {"/a/b", Names{"i.One"}}), notFound);

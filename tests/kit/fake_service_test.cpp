@@ -245,6 +245,16 @@ TEST_F(FakeServiceTest, MisuseIsRefusedByName)
     EXPECT_EQ(refusal([&] { fans.On("Get").ReplyError("com.example.Broken", "\xff"); }),
               R"(no text for an error: "\xff")");
     EXPECT_EQ(Get(fanInterface, "fanCount"), "v y 4");
+    EXPECT_EQ(refusal([&] { fans.On("GetAl").NoReply(); }), "no object has the method GetAl");
+    // It was stored although Set() threw.
+    EXPECT_EQ(refusal(
+                  [&] {
+                      fans->Set({{"fanCount", 1}, {"originstring", "\xff"}});
+                  }),
+              "com.example.Fans /com/example/fans: property originstring: no message can carry "
+              R"(s "\xff")");
+    EXPECT_EQ(fans->Get("originstring"), Value(""));
+    EXPECT_EQ(Get(fanInterface, "fanCount"), "v y 4");
     EXPECT_THROW(fans.AddObject("/x", {"com.example.None"}), std::runtime_error);
     EXPECT_THROW(FakeService({name}), std::system_error);
 }
@@ -399,7 +409,12 @@ TEST_F(FakeServiceTest, CallsAreRemembered)
     EXPECT_EQ(fans.Calls().size(), 2U);
     fans.ClearCalls();
     EXPECT_THAT(fans.Calls(), IsEmpty());
-    EXPECT_FALSE(fans.WaitForCalls("GetAll", 1, std::chrono::milliseconds(1)));
+    client.Properties(name, path, "GetAll", {fanInterface});
+    const Waited waited = fans.WaitForCalls("GetAll", 2, std::chrono::milliseconds(1));
+    EXPECT_FALSE(waited);
+    EXPECT_EQ(waited.Instead(), "1 of 2 calls of GetAll came, of all calls:\n"
+                                "  /com/example/fans org.freedesktop.DBus.Properties.GetAll s "
+                                "\"com.tamm.bmc.Thermal.FanReporting\"");
 }
 
 TEST_F(FakeServiceTest, ManyThreadsMayUseOneService)

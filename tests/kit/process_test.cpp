@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 using bmcbus::testing::Process;
@@ -42,6 +45,48 @@ TEST(ProcessTest, SaysWhatCannotRun)
     EXPECT_THROW(Process({"no-such-program"}), std::runtime_error);
     EXPECT_THROW(Process({"/no/such/program"}), std::runtime_error);
     EXPECT_EQ(Process({"/"}).Wait(), 127); // nothing to execute, whatever its rights say
+}
+
+// It ended in silence.
+TEST(ProcessTest, SaysThatAnInterpreterIsMissing)
+{
+    const bmcbus::testing::PrivateBus folder;
+    const std::string script = folder.Folder() / "script";
+    std::ofstream(script) << "#!/no/such/interpreter\n";
+    std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+    Process program({script});
+    EXPECT_EQ(program.Wait(), 127);
+    EXPECT_EQ(program.Output(), "cannot execute " + script + ": No such file or directory\n");
+}
+
+// A shell takes the last of two variables of one name, others the first.
+TEST(ProcessTest, VariablesTakeThePlaceOfInheritedOnes)
+{
+    setenv("BMCBUS_WORD", "outer", 1);
+    Process shell({"sh", "-c", "echo $BMCBUS_WORD; env | grep -c BMCBUS_WORD"},
+                  {"BMCBUS_WORD=inner"});
+    EXPECT_EQ(shell.Wait(), 0);
+    EXPECT_EQ(shell.Output(), "inner\n1\n");
+    unsetenv("BMCBUS_WORD");
+}
+
+TEST(ProcessTest, GrandchildrenEndWithTheObject)
+{
+    pid_t grandchild = 0;
+    {
+        Process shell({"sh", "-c", "sleep 1000 & echo $!; wait"});
+        ASSERT_TRUE(bmcbus::testing::Until([&] { return shell.Output().ends_with('\n'); }));
+        grandchild = std::stoi(shell.Output());
+        EXPECT_EQ(kill(grandchild, 0), 0);
+    }
+    // Whoever adopted it may not have reaped it yet.
+    EXPECT_TRUE(bmcbus::testing::Until(
+        [&]
+        {
+            std::string line;
+            std::getline(std::ifstream("/proc/" + std::to_string(grandchild) + "/stat"), line);
+            return line.empty() || line.find(") Z ") != std::string::npos;
+        }));
 }
 
 } // namespace

@@ -66,6 +66,26 @@ TEST_F(OwnManagers, AnnounceObjectsFromTheirPaths)
                                                                       " InterfacesAdded ")));
 }
 
+TEST_F(SimulatorTest, AMemoryModuleIsUnpluggedAndPlugged)
+{
+    std::vector<std::string> signals;
+    client.Collect("type='signal',arg0path='/com/tamm/bmc/memory/dimm/A1'", signals);
+    EXPECT_EQ(Control("UnplugDimm", {"A1"}).error, "");
+    EXPECT_EQ(Control("UnplugDimm", {"A1"}).reason,
+              "There is no memory module to unplug from slot A1.");
+    Control("Step");
+    EXPECT_THAT(Read("com.tamm.bmc.Power", "/com/tamm/bmc/power/system",
+                     "com.tamm.bmc.power.PowerReporting", "MEMCurPwr"),
+                ::testing::StartsWith("v aq 8 0 "));
+    EXPECT_EQ(Control("PlugDimm", {"A1"}).error, "");
+    EXPECT_EQ(Control("PlugDimm", {"C9"}).reason,
+              "There is no memory module to plug into slot C9.");
+    ASSERT_TRUE(bmcbus::testing::Dispatch(client, [&] { return signals.size() >= 2; }));
+    const std::string from = "/com/tamm/bmc/memory Interfaces";
+    EXPECT_THAT(signals, ::testing::ElementsAre(::testing::StartsWith(from + "Removed "),
+                                                ::testing::StartsWith(from + "Added ")));
+}
+
 TEST_F(SimulatorTest, AServiceCanCrash)
 {
     std::vector<std::string> signals;

@@ -66,15 +66,23 @@ TEST_F(SimulatorTest, MapperFindsServicesAndPaths)
 {
     EXPECT_EQ(Ask("GetSubTreePaths", {"/", 0, Names{fanReporting}}).Text(),
               R"(as 2 "/com/tamm/bmc/thermal/fans/chassis" "/com/tamm/bmc/thermal/fans/supplies")");
-    EXPECT_EQ(Ask("GetSubTreePaths", {"/com/tamm/bmc/thermal", 1, noFilter}).Text(),
-              R"(as 2 "/com/tamm/bmc/thermal/system" "/com/tamm/bmc/thermal/telemetry")");
-    EXPECT_EQ(Ask("GetObject", {chassisFans, noFilter}).Text(),
-              R"(a{sas} 1 "com.tamm.bmc.Thermal" 1 "com.tamm.bmc.Thermal.FanReporting")");
+    EXPECT_EQ(Ask("GetObject", {chassisFans, Names{fanReporting}}).Text(),
+              R"(a{sas} 1 "com.tamm.bmc.Thermal" 4 "com.tamm.bmc.Thermal.FanReporting" )"
+              R"("org.freedesktop.DBus.Introspectable" "org.freedesktop.DBus.Peer" )"
+              R"("org.freedesktop.DBus.Properties")");
+    // Nodes without an object, too, and where the object managers are.
+    EXPECT_EQ(Ask("GetSubTreePaths", {"/com/tamm/bmc/thermal/", 1, noFilter}).Text(),
+              R"(as 3 "/com/tamm/bmc/thermal/fans" "/com/tamm/bmc/thermal/system" )"
+              R"("/com/tamm/bmc/thermal/telemetry")");
+    EXPECT_EQ(Ask("GetObject", {"/com/tamm", noFilter}).values.at(0).Children().size(), 6U);
+    EXPECT_EQ(Ask("GetSubTreePaths", {"/", 0, Names{"org.freedesktop.DBus.ObjectManager"}}).Text(),
+              R"(as 5 "/com/tamm/bmc/cpu" "/com/tamm/bmc/memory" "/com/tamm/bmc/power" )"
+              R"("/com/tamm/bmc/thermal" "/com/tamm/ovrik/wharfd")");
     EXPECT_EQ(Ask("GetAncestors", {"/com/tamm/ovrik/wharfd/network/eth0", noFilter})
                   .values.at(0)
                   .Children()
                   .size(),
-              1U);
+              6U);
     EXPECT_EQ(Ask("GetObject", {"/nowhere", noFilter}).error, notFound);
     EXPECT_EQ(Ask("GetObject", {chassisFans, Names{"com.tamm.bmc.Cpu.cpu"}}).error, notFound);
     EXPECT_EQ(Ask("GetSubTree", {"/nowhere", 0, noFilter}).error, notFound);

@@ -10,7 +10,7 @@
 #include <thread>
 
 using bmcbus::testing::BusLimits;
-using bmcbus::testing::FakeService;
+using bmcbus::testing::FakeEventLog;
 using bmcbus::testing::PrivateBus;
 using bmcbus::testing::Value;
 using testing::EndsWith;
@@ -22,25 +22,9 @@ namespace
 
 using namespace std::string_literals;
 
-constexpr const char* name = "com.tamm.ovrik.wharfd.wharfd";
-constexpr const char* path = "/com/tamm/ovrik/wharfd/wharfd";
-constexpr const char* method = "NQRCE_REQ_TYPE_LOG_QZL_EVENT";
-
-constexpr const char* description = R"xml(
-<node>
-  <interface name="com.tamm.ovrik.wharfd.wharfd">
-    <method name="NQRCE_REQ_TYPE_LOG_QZL_EVENT">
-      <arg type="q" direction="in"/>
-      <arg type="u" direction="in"/>
-      <arg type="q" direction="in"/>
-      <arg type="q" direction="in"/>
-      <arg type="x" direction="in"/>
-      <arg type="s" direction="in"/>
-      <arg type="a(qs)" direction="in"/>
-      <arg type="i" direction="out"/>
-    </method>
-  </interface>
-</node>)xml";
+constexpr const char* name = bmcbus::testing::eventLogName;
+constexpr const char* path = bmcbus::testing::eventLogPath;
+constexpr const char* method = bmcbus::testing::eventLogMethod;
 
 std::string Line(int level, const std::string& text)
 {
@@ -62,7 +46,6 @@ class EventLog : public testing::Test
   protected:
     explicit EventLog(const BusLimits& limits = BusLimits::Roomy()) : bus(limits)
     {
-        daemon.AddObject(path, bmcbus::testing::ParseDescription(description, "the daemon"));
         sd_bus_default_system(&connection);
         wrapped.emplace(connection);
         test::ClearLog();
@@ -101,7 +84,7 @@ class EventLog : public testing::Test
     std::string Received() const { return daemon.Calls(method).back().Arguments(); }
 
     PrivateBus bus;
-    FakeService daemon{{name}};
+    FakeEventLog daemon;
     sd_bus* connection = nullptr;
     std::optional<bmcbus::Bus> wrapped;
 };
@@ -117,6 +100,9 @@ TEST_F(EventLog, SendsWhatIsThere)
     EXPECT_EQ(Received(), R"(quqqxsa(qs) 2 0 1 3 0 "" 1 3 "Fan.1")");
     QZLogViaDbus::Log(*wrapped, 1, 2, 3, "ID", "text", "Fan.1", {"ab", "c"});
     EXPECT_EQ(Received(), R"(quqqxsa(qs) 2 0 1 3 0 "ID" 3 2 "text" 3 "Fan.1" 6 "616200630000")");
+    EXPECT_EQ(daemon.Entries().back().Text(),
+              "agent=1 category=2 severity=3 id=[ID] message=[text] "
+              "FQDD=[Fan.1] arg=[ab] arg=[c]");
     QZLogViaDbus::Log(*wrapped, 1, 2, 3, "ID", "", "", {""});
     EXPECT_EQ(Received(), R"(quqqxsa(qs) 2 0 1 3 0 "ID" 1 6 "0000")");
     QZLogViaDbus::Log(*wrapped, 1, 2, 3, "ID", "", "", {"\xE9\0\xFF"s, "", "\n"});

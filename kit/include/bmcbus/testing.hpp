@@ -27,6 +27,7 @@
  */
 
 #include <bmcbus/testing/description.hpp>
+#include <bmcbus/testing/fake_event_log.hpp>
 #include <bmcbus/testing/fake_mapper.hpp>
 #include <bmcbus/testing/fake_service.hpp>
 #include <bmcbus/testing/faults.hpp>

@@ -100,6 +100,8 @@ class FakeService : public Service
     /**
      * Which calls are answered wrongly; to be completed by what happens to them.
      *
+     * Completing it throws std::invalid_argument when no object of the service has the method.
+     *
      * @param member    method name, also "Get", "Set", "GetAll"; "*" for all
      * @param argument  only calls with this text as one of their arguments: On("Get", "fanCount")
      */
@@ -120,9 +122,12 @@ class FakeService : public Service
     /** The calls of @p member. */
     std::vector<Call> Calls(const std::string& member) const;
 
-    /** Waits until @p member was called @p count times; false when @p bound has passed. */
-    bool WaitForCalls(const std::string& member, size_t count = 1,
-                      std::chrono::milliseconds bound = patience) const;
+    /**
+     * Waits until @p member was called @p count times; false when @p bound has passed, and then it
+     * tells the last calls that came.
+     */
+    Waited WaitForCalls(const std::string& member, size_t count = 1,
+                        std::chrono::milliseconds bound = patience) const;
 
     /** Forgets the calls so far. */
     void ClearCalls();

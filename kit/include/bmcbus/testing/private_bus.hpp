@@ -49,7 +49,8 @@ struct BusLimits
  * read it meanwhile (connecting reads it): create the bus before, destroy it after whatever uses
  * it. One thread at a time may use the object. All members block, for milliseconds.
  *
- * **fork().** A child may talk to the bus; it must not destroy or use this object.
+ * **fork().** A child may talk to the bus; it must not use this object. Destroying it there, also
+ * by exit(), harms nothing.
  */
 class PrivateBus
 {
@@ -69,7 +70,10 @@ class PrivateBus
     /** Where the daemon listens, as in DBUS_SYSTEM_BUS_ADDRESS. The same after Restart(). */
     const std::string& Address() const { return address; }
 
-    /** The temporary folder; tests may keep files there. */
+    /**
+     * The temporary folder; tests may keep files there. That of a test which crashed is removed
+     * when the next bus is made.
+     */
     const std::filesystem::path& Folder() const { return folder; }
 
     /** Ends the daemon at once: every connection is lost, connecting fails. */
@@ -93,10 +97,12 @@ class PrivateBus
 
     std::string daemonPath;
     std::filesystem::path folder;
+    const int hold; // keeps the folder from being taken for the leftover of a crash
     std::string address;
     std::unique_ptr<Process> daemon;
     std::string before;
     bool wasSet = false;
+    const pid_t owner;
 };
 
 } // namespace bmcbus::testing

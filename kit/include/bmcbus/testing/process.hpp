@@ -29,7 +29,8 @@ namespace bmcbus::testing
  *
  * **Threads.** One thread at a time may use the object. The constructor reads the environment.
  *
- * **fork().** A child of the test must not use or destroy the object.
+ * **fork().** A child of the test must not use the object; destroying it there, also by exit(),
+ * harms nothing.
  */
 class Process
 {
@@ -39,13 +40,14 @@ class Process
      * until the child exists, not until it runs.
      *
      * Throws std::runtime_error when there is no such program, std::system_error when there can be
-     * no more processes. A program that cannot be executed ends with status 127.
+     * no more processes. A program that cannot be executed, for want of its interpreter for
+     * example, ends with status 127, and Output() says why.
      *
-     * @param variables  "NAME=value", added to the environment
+     * @param variables  "NAME=value", in the place of those that the test has itself
      */
     explicit Process(const std::vector<std::string>& command,
                      const std::vector<std::string>& variables = {});
-    /** Kills the child if it still runs. */
+    /** Kills the child, and what it started itself (its process group). */
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;

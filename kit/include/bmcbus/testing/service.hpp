@@ -42,7 +42,8 @@
  * long as one interface of the object has it; "interface.member" always works. An unknown or
  * ambiguous name throws std::invalid_argument that names service, path and member.
  *
- * **Failures** of the bus are std::system_error. After fork() the child must not use the object.
+ * **Failures** of the bus are std::system_error. After fork() the child must not use the object;
+ * destroying it there, also by exit(), harms nothing.
  */
 
 #include <bmcbus/testing/description.hpp>
@@ -131,8 +132,8 @@ class Object
     /**
      * Stores a value and announces it with PropertiesChanged.
      *
-     * The value is converted to the declared type; one that does not fit throws
-     * std::invalid_argument and changes nothing.
+     * The value is converted to the declared type; one that does not fit, or that no message can
+     * carry, such as text that is not UTF-8, throws std::invalid_argument and changes nothing.
      */
     void Set(const std::string& property, const Value& value);
 
@@ -228,6 +229,7 @@ class Object
     [[noreturn]] void Refuse(const std::string& what) const;
     Slot& Insert(InterfaceDescription description, const NamedValues& values);
     std::map<std::string, NamedValues> Store(const NamedValues& values);
+    bool Answers(const std::string& method) const;
     std::string Manager() const;
     void RequireManager() const;
     void Announce(const std::map<std::string, NamedValues>& changes);
@@ -313,8 +315,17 @@ class Service
      */
     void Manage(const std::string& root);
 
+    /** Where there are object managers, in byte order. */
+    std::vector<std::string> Managers() const;
+
     /** Has none at @p root any more, without a signal. */
     void Unmanage(const std::string& root);
+
+    /**
+     * True when an object has a method of that name, or one of the standard interfaces does; a
+     * service without objects may get any, and answers all.
+     */
+    bool Answers(const std::string& method) const;
 
     /** Well-known names, first the one given first. */
     const std::vector<std::string>& Names() const { return names; }

@@ -148,6 +148,12 @@ class Value
      */
     void Append(sd_bus_message* message) const;
 
+    /**
+     * Throws std::invalid_argument, which names what is wrong, when no message can carry the value:
+     * text that is not UTF-8 or holds a zero byte, a path or signature that is none.
+     */
+    void RequireTravels() const;
+
     /** The type, e.g. "a{sv}". */
     const std::string& Signature() const { return signature; }
 
