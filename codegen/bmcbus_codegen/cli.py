@@ -1,29 +1,33 @@
 """The command line."""
 
 import argparse
+import os
 import re
 import sys
 from pathlib import Path
 
 from . import __version__
-from .model import Wanted, build, choose
-from .parser import parse
-from .refusal import Refusal
+from .builder import build, choose, own_interfaces
+from .model import Naming, Wanted
+from .refusal import Problem, Refusal
 from .render import render, write, write_dependencies
-from .signature import BASIC, UNSERVED
+from .signature import BASIC
+from .source import read
 
 _PROGRAM = "bmcbus-codegen"
 _DESCRIPTION = """
-Make C++ classes for libbmcbus from the D-Bus introspection data of one interface: a cached proxy
+Make C++ classes for libbmcbus from the D-Bus introspection data of an interface: a cached proxy
 (ClientCache::...), a direct proxy (ClientEdge::...) and one class per signal
-(ClientCache::<last part of the interface name>::<signal>). FILE.xml is written by hand or printed
-by `busctl introspect --xml-interface SERVICE PATH`; the standard org.freedesktop.DBus interfaces
-in it are passed over.
+(ClientCache::<last part of the interface name>::<signal>); enumerations and constants that the
+description has are in ClientTypes::.... FILE is XML, written by hand or printed by
+`busctl introspect --xml-interface SERVICE PATH`, or an interface YAML of sdbusplus; the standard
+org.freedesktop.DBus interfaces in it are passed over.
 """
 _EPILOG = """
 Without --cache, --direct and --signals everything is made that the interface has something for.
-When the input is refused, every reason is printed as FILE:LINE: REASON, nothing is written and
-the exit status is 1. The same input gives the same bytes on every run.
+A member that cannot be served is left out with a note, unless --strict is given. When the input is
+refused, every reason is printed as FILE:LINE: REASON, nothing is written for it and the exit status
+is 1. The same input gives the same bytes on every run.
 """
 
 
@@ -35,8 +39,6 @@ class _ListTypes(argparse.Action):
         print("aT          std::vector<T>")
         print("a{KV}       std::map<K, V>, K a basic type")
         print("(T1T2...)   std::tuple<T1, T2, ...>")
-        for code, reason in UNSERVED.items():
-            print(f"{code:<12}refused: {reason}")
         parser.exit()
 
 
@@ -62,7 +64,37 @@ def _parser():
     kinds.add_argument("--direct", action="store_true", help="make the direct proxy")
     kinds.add_argument("--signals", action="store_true", help="make the signal classes")
     parser.add_argument(
-        "--interface", metavar="NAME", help="the interface to take where FILE.xml has several"
+        "--interface", metavar="NAME", help="the interface to take where FILE has several"
+    )
+    parser.add_argument(
+        "--strict",
+        action="store_true",
+        help="refuse an interface with a member that cannot be served",
+    )
+    parser.add_argument(
+        "--namespace",
+        metavar="NAME",
+        default="",
+        help="the namespaces of the classes (com::example) instead of the interface's own",
+    )
+    parser.add_argument(
+        "--class",
+        metavar="NAME",
+        default="",
+        dest="class_name",
+        help="the name of the classes instead of the interface's last part",
+    )
+    parser.add_argument(
+        "--root",
+        metavar="DIR",
+        help="the folder below which the path of a YAML file is its interface's name",
+    )
+    parser.add_argument(
+        "-o",
+        "--tree",
+        metavar="DIR",
+        help="take many files, with all interfaces in them, and write each interface to "
+        "DIR/<its/name/with/slashes>/NAME.hpp and NAME.cpp",
     )
     parser.add_argument(
         "--output-dir",
@@ -80,15 +112,17 @@ def _parser():
     parser.add_argument(
         "--depfile",
         metavar="FILE",
-        help="write a rule for make that names what the output is made of: FILE.xml and this program",
+        help="write a rule for make that names what the output is made of: FILE and this program",
     )
-    parser.add_argument("file", metavar="FILE.xml", help="the introspection data")
+    parser.add_argument("files", metavar="FILE", nargs="+", help="a description, XML or YAML")
     return parser
 
 
 def _wanted(options):
     chosen = (options.cache, options.direct, options.signals)
-    return Wanted(*chosen, explicit=True) if any(chosen) else Wanted()
+    if any(chosen):
+        return Wanted(*chosen, explicit=True, strict=options.strict)
+    return Wanted(strict=options.strict)
 
 
 def _say(file, problems, prefix=""):
@@ -101,29 +135,107 @@ def _fail(reason):
     return 1
 
 
+class _Run:
+    """Everything that one start of the program makes."""
+
+    def __init__(self, options):
+        self._options = options
+        self._wanted = _wanted(options)
+        self._naming = Naming(options.namespace, options.class_name)
+        self._sources = []
+        self._outputs = []
+        self._models = []  # with the file that each comes from
+        self.failed = False
+
+    def file(self, file):
+        try:
+            root, notes, sources = read(file, self._options.root)
+            self._sources += sources
+            for element in self._chosen(root):
+                notes = notes + self._interface(file, element)
+        except OSError as error:
+            self.failed = bool(_fail(f"{error.filename}: {error.strerror}"))
+        except Refusal as refusal:
+            _say(file, refusal.problems)
+            self.failed = True
+        else:
+            _say(file, sorted(set(notes)), "note: ")
+
+    def _chosen(self, root):
+        if self._options.tree is None or self._options.interface is not None:
+            return [choose(root, self._options.interface)]
+        return own_interfaces(root)
+
+    def _interface(self, file, element):
+        model, notes = build(element, self._wanted, self._options.basename, self._naming)
+        folder = self._options.output_dir
+        if self._options.tree is not None:
+            folder = os.path.join(self._options.tree, os.path.dirname(model.include))
+            os.makedirs(folder, exist_ok=True)
+        files = render(model)
+        try:
+            write(files, folder)
+        except OSError as error:
+            raise OSError(error.errno, error.strerror, folder) from None
+        self._outputs += [Path(folder, name) for name in files]
+        self._models.append((file, model))
+        return notes
+
+    def say_neighbours(self):
+        """Classes that one source cannot have both of."""
+        classes, signals = {}, {}
+        for file, model in self._models:
+            own = (*model.namespace, model.class_name)
+            for length in range(1, len(own)):
+                classes.setdefault(own[:length], (model.name, "namespace"))
+            for signal in model.signals:
+                name = (model.group, signal.class_name)
+                other = signals.setdefault(name, model.name)
+                if other != model.name:
+                    self._say_neighbour(file, model, "::".join(name), other)
+        for file, model in self._models:
+            own = (*model.namespace, model.class_name)
+            other, _ = classes.get(own, (model.name, ""))
+            if other != model.name:
+                self._say_neighbour(file, model, "::".join(own), other)
+            classes.setdefault(own, (model.name, "class"))
+
+    def _say_neighbour(self, file, model, name, other):
+        reason = (
+            f"'{name}' of {model.name} is also of {other}, so no source can include both; "
+            "set another with --class or the annotation com.tamm.bmcbus.Class"
+        )
+        _say(file, [Problem(model.line, reason)], "note: ")
+
+    def write_dependencies(self):
+        if self._options.depfile is not None:
+            write_dependencies(self._options.depfile, self._outputs, self._sources)
+
+
+def _misuse(options):
+    if options.tree is None and len(options.files) > 1:
+        return "several files need -o DIR"
+    if options.tree is not None and (options.namespace or options.class_name):
+        if len(options.files) > 1:
+            return "--namespace and --class are for one interface"
+    return None
+
+
 def main(arguments=None):
     """Runs the generator; gives the exit status."""
-    options = _parser().parse_args(arguments)
-    try:
-        text = Path(options.file).read_bytes()
-    except OSError as error:
-        return _fail(f"{options.file}: {error.strerror}")
-    try:
-        root, notes = parse(text)
-        model, more = build(choose(root, options.interface), _wanted(options), options.basename)
-    except Refusal as refusal:
-        _say(options.file, refusal.problems)
+    parser = _parser()
+    options = parser.parse_args(arguments)
+    misuse = _misuse(options)
+    if misuse:
+        parser.error(misuse)
+    run = _Run(options)
+    for file in options.files:
+        run.file(file)
+    run.say_neighbours()
+    if run.failed and options.tree is None:
         return 1
-    _say(options.file, sorted(notes + more), "note: ")
-    files = render(model)
     try:
-        write(files, options.output_dir)
-    except OSError as error:
-        return _fail(f"{options.output_dir}: {error.strerror}")
-    try:
-        if options.depfile is not None:
-            outputs = [Path(options.output_dir, name) for name in files]
-            write_dependencies(options.depfile, outputs, options.file)
+        run.write_dependencies()
     except OSError as error:
         return _fail(f"{options.depfile}: {error.strerror}")
-    return 0
+    return 1 if run.failed else 0

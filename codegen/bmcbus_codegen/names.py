@@ -2,9 +2,9 @@
 
 import errno
 import re
-import signal
 
 _LONGEST = 255
+_PRINTABLE = re.compile(r"[ !#-\[\]-~]+\Z", re.ASCII)
 _ELEMENT = re.compile(r"[A-Za-z_][A-Za-z0-9_]*\Z", re.ASCII)
 
 KEYWORDS = frozenset(
@@ -23,27 +23,43 @@ KEYWORDS = frozenset(
 # Names that the generated code says itself; a class or namespace of that name would hide them.
 SPOKEN = frozenset(
     """
-    std bmcbus bmcbus_tables sdbusplus client interface label propertyNames properties alternatives argumentTypes
-    BMCBUS_EXPORT BMCBUS_LOCAL
+    std bmcbus bmcbus_tables sdbusplus client interface label propertyNames properties alternatives
+    argumentTypes ClientCache ClientEdge ClientTypes BMCBUS_EXPORT BMCBUS_LOCAL
     int8_t uint8_t int16_t uint16_t int32_t uint32_t int64_t uint64_t size_t
     """.split()
 )
 
-# What common headers define as macros cannot be the name of a C++ entity: the errors and signals of
-# this system, and these.
+# Common headers define these as macros, so no C++ entity can have the name.
 MACROS = frozenset(
     """
-    assert errno offsetof va_arg va_copy va_end va_start EOF NULL BUFSIZ stdin stdout stderr linux
-    unix major minor makedev environ sigmask CHAR_BIT RAND_MAX EXIT_SUCCESS EXIT_FAILURE NAN INFINITY
-    HUGE_VAL M_PI M_E
+    alloca assert be16toh be32toh be64toh BUFSIZ CSIGNAL EDEADLK EHWPOISON environ EOF
+    EOPNOTSUPP errno EWOULDBLOCK FIOGETOWN FIOSETOWN htobe16 htobe32 htobe64 htole16 htole32
+    htole64 HUGE_VAL INFINITY le16toh le32toh le64toh linux M_E M_PI major makedev minor
+    MINSIGSTKSZ NAN NFDBITS NGREG NSIG NULL NZERO offsetof pthread_cleanup_pop
+    pthread_cleanup_pop_restore_np pthread_cleanup_push pthread_cleanup_push_defer_np sa_handler
+    sa_sigaction sched_priority sd_bus_error_has_names sd_id128_in_set si_addr si_addr_lsb
+    si_arch si_band si_call_addr si_fd si_int si_lower si_overrun si_pid si_pkey si_ptr
+    si_status si_stime si_syscall si_timerid si_uid si_upper si_utime si_value
+    sigev_notify_attributes sigev_notify_function sigmask SIOCATMARK SIOCGPGRP SIOCSPGRP
+    SOMAXCONN stderr stdin stdout strdupa strndupa unix va_arg va_copy va_end va_start
+    WCONTINUED WCOREDUMP WCOREFLAG WEOF WEXITED WEXITSTATUS WIFCONTINUED WIFEXITED WIFSIGNALED
+    WIFSTOPPED WNOHANG WNOWAIT WSTOPPED WSTOPSIG WTERMSIG WUNTRACED
     """.split()
-) | {*errno.errorcode.values(), *(name for name in dir(signal) if name.isupper())}
-_MACRO = re.compile(
-    r"(?:PRI|SCN)[diouxX](?:8|16|32|64|MAX|PTR|FAST\d+|LEAST\d+)"  # <cinttypes>
-    r"|U?(?:INT\w*|CHAR|SCHAR|SHRT|LONG|LLONG)_(?:MAX|MIN|WIDTH|C)"  # <climits>, <cstdint>
-    r"|(?:SIZE|SSIZE|PTRDIFF|WCHAR|PATH|NAME)_MAX|(?:BIG|LITTLE|PDP|BYTE)_ENDIAN"
-    r"|(?:DBL|FLT|LDBL|SD_BUS|SD_EVENT|PTHREAD)_[A-Z0-9_]+"
-    r"|s[aiv]_[a-z]+|sched_priority",  # <signal.h>, <sched.h>
+)
+_NUMBERED = frozenset(errno.errorcode.values())
+_MACRO_PREFIXES = """
+    ADJ AF AIO ATOMIC BC BIG BOOL BOOST BUS BYTE CHAR CHARCLASS CLD CLOCK CLOCKS CLONE CLOSE
+    CMSG COLL CPU DELAYTIMER EPOLL EXIT EXPR F FD FILENAME FOPEN FP FPE HOST ILL IN INCLUDE INT
+    INT16 INT32 INT64 INT8 INTMAX INTPTR IOV JSON L LC LINE LITTLE LLONG LOGIN LONG MAX MB MOD
+    MQ MSG NAME NGROUPS NL P PATH PDP PF PIPE POLL PTHREAD PTRDIFF R RAND RE REG RENAME RTSIG
+    RWF SA SCHAR SCHED SCM SD SEEK SEGV SEM SFD SHRT SHUT SI SIG SIGEV SIOCGSTAMP SIOCGSTAMPNS
+    SIZE SO SOCK SOL SS SSIZE STA STDERR STDIN STDOUT SYS TEMP TIME TIMER TMP TRAP TTY UCHAR
+    UINT UINT16 UINT32 UINT64 UINT8 UINTMAX UINTPTR UIO ULLONG ULONG USHRT W WAIT WCHAR WINT
+    WORD X XATTR
+    """.split()
+_MACRO_PATTERNS = re.compile(
+    rf"(?:{'|'.join(_MACRO_PREFIXES)})_(?:[A-Z0-9_]*[A-Z0-9])\Z|SYS_\w*[a-z0-9]\Z"
+    r"|[LP]_tmp[a-z]+\Z|(?:PRI|SCN)[diouxX][A-Z]*[0-9]*\Z|(?:EPOLL|SIG)[A-Z0-9]+\Z",
     re.ASCII,
 )
 
@@ -107,20 +123,39 @@ def interface_problem(name):
     return None
 
 
-def scope_problem(name):
-    """Says why the name cannot be that of a class or namespace, or gives None."""
-    if name in KEYWORDS:
-        return f"'{name}' is a C++ keyword"
-    if name in SPOKEN:
-        return f"'{name}' is a name that the generated code needs itself"
-    if name in MACROS or _MACRO.fullmatch(name):
-        return f"'{name}' is a macro of the C library"
+def property_problem(name):
+    """The same for a property, whose name the bus leaves to the service."""
+    if not name:
+        return "is empty"
+    if len(name) > _LONGEST:
+        return f"is longer than {_LONGEST} characters"
+    if not _PRINTABLE.match(name):
+        return "may hold only printable characters of ASCII without quotes and backslashes"
     return None
+
+
+def is_macro(name):
+    """Whether a header that the generated code needs may define the name as a macro."""
+    return name in MACROS or name in _NUMBERED or bool(_MACRO_PATTERNS.match(name))
+
+
+def identifier(name):
+    """The name with what C++ does not take replaced."""
+    name = re.sub(r"[^A-Za-z0-9_]", "_", name, flags=re.ASCII)
+    return name if name and not name[0].isdigit() else "_" + name
+
+
+def scope_name(name, taken=frozenset()):
+    """A name for a class, a namespace or a value: with underscores behind it until it is free."""
+    name = identifier(name)
+    while name in KEYWORDS or name in SPOKEN or name in taken or is_macro(name):
+        name += "_"
+    return name
 
 
 def free_name(name, taken):
     """The name itself, or with as many underscores behind it as make it free."""
-    blocked = KEYWORDS | SPOKEN | MACROS
-    while name in blocked or name in taken:
+    name = identifier(name)
+    while name in KEYWORDS or name in SPOKEN or name in MACROS or name in taken:
         name += "_"
     return name

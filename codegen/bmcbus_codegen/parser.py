@@ -41,9 +41,17 @@ _RULES = {
     "property": _Rule(("interface",), ("name", "type", "access")),
     "arg": _Rule(("method", "signal"), ("type",), ("name", "direction")),
     "annotation": _Rule(
-        ("node", "interface", "method", "signal", "property", "arg"), ("name", "value")
+        ("node", "interface", "method", "signal", "property", "arg", "annotation"),
+        ("name", "value"),
     ),
 }
+
+# Deeper than any description; real ones take five.
+_DEEPEST = 64
+
+
+class _Stop(Exception):
+    """Nothing more is read."""
 
 
 class _Reader:
@@ -54,6 +62,7 @@ class _Reader:
         self.problems = []
         self.notes = []
         self._open = []
+        self._depth = 0
         self._skipped_depth = 0
         self._expat = expat.ParserCreate()
         self._expat.StartElementHandler = self._start
@@ -63,6 +72,8 @@ class _Reader:
     def read(self, text):
         try:
             self._expat.Parse(text, True)
+        except _Stop:
+            pass
         except expat.ExpatError as error:
             reason = "not well-formed XML: " + expat.ErrorString(error.code)
             self.problems.append(Problem(error.lineno, reason))
@@ -80,9 +91,14 @@ class _Reader:
 
     def _entity(self, name, *_):
         # Nothing in introspection data needs them, and they can blow a small file up.
-        self._refuse(f"entity '{name}' is declared; entities are not served")
+        self._refuse(f"entity '{name}' is declared; entities are not served, write its text out")
+        raise _Stop
 
     def _start(self, tag, attributes):
+        self._depth += 1
+        if self._depth > _DEEPEST:
+            self._refuse(f"elements are nested more than {_DEEPEST} deep")
+            raise _Stop
         if self._skipped_depth:
             self._skipped_depth += 1
             return
@@ -110,6 +126,7 @@ class _Reader:
         self._open.append(element)
 
     def _end(self, _tag):
+        self._depth -= 1
         if self._skipped_depth:
             self._skipped_depth -= 1
         else:

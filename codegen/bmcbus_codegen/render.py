@@ -1,9 +1,11 @@
 """Step three: templates filled with the model, and the files on disk."""
 
 import errno
+import functools
 import os
 import re
 import tempfile
+import textwrap
 from pathlib import Path
 
 import jinja2
@@ -12,8 +14,8 @@ TEMPLATES = Path(__file__).resolve().parent.parent / "templates"
 _SUFFIXES = (".hpp", ".cpp")
 
 
-def render(interface):
-    """Gives the text of each output file by its name."""
+@functools.cache
+def _environment():
     environment = jinja2.Environment(
         loader=jinja2.FileSystemLoader(TEMPLATES),
         undefined=jinja2.StrictUndefined,
@@ -21,11 +23,27 @@ def render(interface):
         lstrip_blocks=True,
         keep_trailing_newline=True,
     )
-    return {
-        interface.basename
-        + suffix: environment.get_template(f"client_cache{suffix}.j2").render(interface=interface)
-        for suffix in _SUFFIXES
-    }
+    environment.filters["comment"] = comment
+    return environment
+
+
+def comment(text, indent=0):
+    """A description as the inside of a Doxygen comment, whatever it says."""
+    text = re.sub(r"[^\x20-\x7e\n\u00a0-\uffff]", " ", text).replace("*/", "* /").replace("/*", "/ *")
+    text = re.sub(r"([\\@<>&%#\"])", r"\\\1", text)
+    lines = []
+    for paragraph in re.split(r"\n\s*\n", text.strip()):
+        lines += textwrap.wrap(" ".join(paragraph.split()), 97 - indent) + [""]
+    return "\n".join(f"{' ' * indent} * {line}".rstrip() for line in lines[:-1])
+
+
+def render(interface):
+    """Gives the text of each output file by its name."""
+    files = {}
+    for suffix in _SUFFIXES:
+        template = _environment().get_template(f"client_cache{suffix}.j2")
+        files[interface.basename + suffix] = template.render(interface=interface)
+    return files
 
 
 def write(files, directory):
@@ -49,10 +67,10 @@ def write(files, directory):
             os.unlink(temporary)
 
 
-def write_dependencies(depfile, outputs, source):
+def write_dependencies(depfile, outputs, sources):
     """Writes a rule for make: what was made, and of what, this program included."""
     here = Path(__file__).resolve().parent
-    made_of = [Path(source), *sorted(here.glob("*.py")), *sorted(TEMPLATES.glob("*.j2"))]
+    made_of = [*map(Path, sources), *sorted(here.glob("*.py")), *sorted(TEMPLATES.glob("*.j2"))]
     rule = f"{_words(outputs)}: {_words(made_of)}\n"
     Path(depfile).write_text(rule, encoding="utf-8")
 

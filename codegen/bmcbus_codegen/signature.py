@@ -18,13 +18,16 @@ BASIC = {
     "d": "double",
     "s": "std::string",
     "o": "bmcbus::ObjectPath",
+    "g": "bmcbus::Signature",
+    "h": "bmcbus::UnixFd",
+    "v": "bmcbus::Variant",
 }
 
-# Type code -> why no class is generated for it.
-UNSERVED = {
-    "g": "a signature (g) has no C++ type here",
-    "h": "a file descriptor (h) cannot be kept or copied as a value",
-    "v": "a variant (v) has no fixed C++ type",
+# Type code -> the header that only descriptions with the type need.
+HEADERS = {
+    "g": "bmcbus/signature.hpp",
+    "h": "bmcbus/unix_fd.hpp",
+    "v": "bmcbus/variant.hpp",
 }
 
 
@@ -37,15 +40,13 @@ class Type:
     """One complete type.
 
     kind is "basic", "array", "dict" or "struct"; parts holds the element type of an array, key
-    and value type of a dict, the member types of a struct. unserved lists the type codes in it
-    that no C++ type stands for; cpp is None then.
+    and value type of a dict, the member types of a struct.
     """
 
     signature: str
     kind: str
     cpp: str
     parts: tuple = ()
-    unserved: tuple = ()
 
 
 class _Parser:
@@ -73,8 +74,6 @@ class _Parser:
         self._at += 1
         if code in BASIC:
             return Type(code, "basic", BASIC[code])
-        if code in UNSERVED:
-            return Type(code, "basic", None, (), (code,))
         if code == "a":
             return self._array(arrays + 1, structs)
         if code == "(":
@@ -128,13 +127,11 @@ def _check_struct_depth(structs):
 
 
 def _compound(kind, signature, cpp, parts):
-    unserved = tuple(sorted({code for part in parts for code in part.unserved}))
     return Type(
         signature.format("".join(part.signature for part in parts)),
         kind,
-        None if unserved else cpp.format(", ".join(part.cpp for part in parts)),
+        cpp.format(", ".join(part.cpp for part in parts)),
         parts,
-        unserved,
     )
 
 

@@ -11,7 +11,7 @@ sys.path.insert(0, codegen)
 
 import jinja2  # noqa: E402
 
-from bmcbus_codegen.model import build, choose  # noqa: E402
+from bmcbus_codegen.builder import build, choose  # noqa: E402
 from bmcbus_codegen.parser import parse  # noqa: E402
 
 root, _ = parse(Path(description).read_bytes())

@@ -8,7 +8,7 @@ import unittest
 
 from support import SOURCE
 
-from bmcbus_codegen.model import build, choose
+from bmcbus_codegen.builder import build, choose
 from bmcbus_codegen.parser import parse
 
 NETWORK_INTERFACE = "ssssuuussssuussuuuuauua(ss)a(ssu)a(suuuu)a(su)a(su)"

@@ -3,7 +3,8 @@
 import unittest
 
 import support  # noqa: F401  (makes the package importable)
-from bmcbus_codegen.model import Wanted, build, choose
+from bmcbus_codegen.builder import build, choose
+from bmcbus_codegen.model import Wanted
 from bmcbus_codegen.parser import parse
 
 
@@ -54,7 +55,7 @@ class Names(unittest.TestCase):
             '<arg name="a_" type="s" direction="out"/><arg type="s" direction="out"/></method>'
         )
         method = made.methods[0]
-        self.assertEqual([arg.param for arg in method.ins], ["in1__", "a_", "in3_", "in1_"])
+        self.assertEqual([arg.param for arg in method.ins], ["in1_", "a_", "in3_", "in1__"])
         self.assertEqual([arg.param for arg in method.outs], ["a__", "out2_"])
 
     def test_places(self):

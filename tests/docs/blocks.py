@@ -29,7 +29,7 @@ SOURCE = Path(__file__).resolve().parents[2]
 
 FENCE = re.compile(r"^```(.*)$")
 MARK = re.compile(r"^<!-- (file|built by|in|shows|folder|needs|alone|not run): (.+) -->$")
-DATA = ("xml", "meson", "ini")
+DATA = ("xml", "yaml", "meson", "ini")
 
 
 @dataclass

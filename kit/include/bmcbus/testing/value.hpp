@@ -80,6 +80,10 @@ std::vector<std::string> SplitSignature(std::string_view signature);
 /**
  * One complete D-Bus value: a type signature and the content.
  *
+ * Not the library's `bmcbus::Variant`: what tests compare with does not go through the code under
+ * test, says what no careful sender would (text that is not UTF-8, a key twice), and needs no
+ * library.
+ *
  * Made from C++ values without ceremony:
  * @code
  * Value fans = std::map<std::string, std::tuple<uint8_t, uint8_t, uint8_t, bool>>{

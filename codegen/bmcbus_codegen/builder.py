@@ -1,0 +1,474 @@
+"""Step two: the element of an interface becomes the model, checked.
+
+What cannot be served is left out with a note, or refused where that is wanted. What appears only in
+C++ is changed until it fits, with a note as well.
+"""
+
+from . import names
+from .model import (
+    LARGEST,
+    MOST_TYPES,
+    Argument,
+    Constant,
+    Enumeration,
+    Interface,
+    Method,
+    Naming,
+    Property,
+    Signal,
+    Wanted,
+    least_bytes,
+)
+from .refusal import Problem, Refusal
+from .signature import SignatureError, parse_signature
+from .wording import signature_of
+
+_OWN = "com.tamm.bmcbus."
+USE_DATACACHE = _OWN + "UseDatacache"
+NAME = _OWN + "Name"
+CLASS = _OWN + "Class"
+NAMESPACE = _OWN + "Namespace"
+TYPE = _OWN + "Type"
+ENUM = _OWN + "Enum"
+ERROR = _OWN + "Error"
+PATH = _OWN + "Path"
+SERVICE = _OWN + "Service"
+_KNOWN = (USE_DATACACHE, NAME, CLASS, NAMESPACE, TYPE, ENUM, ERROR, PATH, SERVICE)
+EMITS_CHANGED = "org.freedesktop.DBus.Property.EmitsChangedSignal"
+DOC = ("org.gtk.GDBus.DocString", "org.freedesktop.DBus.DocString")
+_STANDARD = "org.freedesktop.DBus."
+_FLAG = "_is_set"
+
+
+def _annotation(element, name):
+    """Its value, or None."""
+    for one in element.all("annotation"):
+        if one.attributes["name"] == name:
+            return one.attributes["value"]
+    return None
+
+
+def _doc(element):
+    return _annotation(element, DOC[0]) or _annotation(element, DOC[1]) or ""
+
+
+class _Builder:
+    """Turns the element of one interface into the model and collects every problem."""
+
+    def __init__(self, element, wanted, basename, naming):
+        self._element = element
+        self._wanted = wanted
+        self._naming = naming
+        self._problems = []
+        self._notes = []
+        self._model = Interface(element.attributes["name"], element.line, basename, wanted)
+
+    def build(self):
+        self._check_interface_name()
+        if self._problems:
+            raise Refusal(self._problems)
+        self._read_annotations()
+        wanted, model = self._wanted, self._model
+        if wanted.cache or wanted.direct:
+            model.properties = self._members("property", self._property)
+        if wanted.direct:
+            model.methods = self._members("method", self._method)
+        if wanted.signals:
+            model.signals = self._members("signal", self._signal)
+        self._check_kinds()
+        if self._problems:
+            raise Refusal(self._problems)
+        self._settle_names()
+        self._check_sizes()
+        if self._problems:
+            raise Refusal(self._problems)
+        return self._model, self._notes
+
+    # Reading
+
+    def _refuse(self, line, reason):
+        self._problems.append(Problem(line, reason))
+
+    def _note(self, line, reason):
+        self._notes.append(Problem(line, reason))
+
+    def _check_interface_name(self):
+        problem = names.interface_problem(self._model.name)
+        if problem:
+            self._refuse(self._element.line, f"interface name '{self._model.name}' {problem}")
+
+    def _read_annotations(self):
+        readers = {ENUM: self._enumeration, ERROR: self._error, PATH: self._path}
+        readers[SERVICE] = self._service
+        self._model.doc = _doc(self._element)
+        for one in self._element.all("annotation"):
+            name, value = one.attributes["name"], one.attributes["value"]
+            if name == USE_DATACACHE:
+                if value not in ("true", "false"):
+                    self._refuse(one.line, f"annotation {name} is '{value}', not true or false")
+                self._model.datacache = value == "true"
+            elif name in readers:
+                readers[name](one, value)
+            elif name.startswith(_OWN) and name not in _KNOWN:
+                self._note(one.line, f"unknown annotation {name} is passed over")
+
+    def _enumeration(self, element, text):
+        """`Color: Red Green`; values are text on the bus, so they may be anything without blanks."""
+        name, _, listed = text.partition(":")
+        name, values = name.strip(), listed.split()
+        if names.member_problem(name) or not values:
+            self._note(element.line, f"enumeration '{text}' has no name or no values; left out")
+            return
+        cpp_values = []
+        for value in values:
+            cpp_values.append(names.scope_name(value, set(cpp_values)))
+            if cpp_values[-1] != value:
+                reason = f"value '{value}' of enumeration '{name}' is '{cpp_values[-1]}' in C++"
+                self._note(element.line, reason)
+        docs = {}
+        for one in element.all("annotation"):
+            docs[one.attributes["name"]] = one.attributes["value"]
+        taken = {one.name for one in self._model.enumerations} | {"Errors", "Paths", "Services"}
+        self._model.enumerations.append(
+            Enumeration(
+                names.scope_name(name, taken),
+                f"{self._model.name}.{name}.",
+                values,
+                cpp_values,
+                {value: docs[value] for value in values if value in docs},
+                docs.get(DOC[0], ""),
+            )
+        )
+
+    def _constant(self, listed, element, name, value):
+        if names.property_problem(value):
+            self._note(element.line, f"'{value}' is no name of the bus; left out")
+            return
+        taken = {one.name for one in listed}
+        if all(one.value != value or one.name != name for one in listed):
+            listed.append(Constant(names.scope_name(name, taken), value))
+
+    def _error(self, element, text):
+        name = text.rpartition(".")[2]
+        if all(one.value != text for one in self._model.errors):
+            self._constant(self._model.errors, element, name, text)
+
+    def _path(self, element, text):
+        name, _, value = text.partition(":")
+        self._constant(self._model.paths, element, name.strip(), value.strip())
+
+    def _service(self, element, text):
+        name, _, value = text.partition(":")
+        self._constant(self._model.services, element, name.strip(), value.strip())
+
+    def _members(self, tag, read):
+        """Those that can be served; the others are left out, each with its reasons."""
+        served, seen = [], {}
+        for element in self._element.all(tag):
+            before, self._problems = self._problems, []
+            name = element.attributes["name"]
+            if name in seen:
+                reason = f"{tag} '{name}' is declared before in line {seen[name]}"
+                self._refuse(element.line, reason)
+            member = read(element)
+            if not self._problems:
+                served.append(member)
+                seen[name] = element.line
+            elif self._wanted.strict:
+                before += self._problems
+            else:
+                self._leave_out(tag, name, name in seen)
+            self._problems = before
+        return served
+
+    def _leave_out(self, tag, name, repeated):
+        for line, reason in self._problems:
+            self._note(line, f"{reason}; the {tag} is left out")
+        if tag == "property" and not repeated and not names.property_problem(name):
+            self._model.left_out.append(name)
+
+    def _cpp_name(self, element, what, name):
+        """The part of an accessor's name that comes from here."""
+        wanted = _annotation(element, NAME)
+        cpp_name = names.identifier(name if wanted is None else wanted)
+        if wanted is None and cpp_name != name:
+            self._note(element.line, f"{what} is '{cpp_name}' in C++")
+        return cpp_name
+
+    def _type(self, element, what):
+        """The type, and the enumeration that it names."""
+        text, wording = element.attributes["type"], _annotation(element, TYPE)
+        try:
+            enum = None
+            if wording is not None:
+                try:
+                    spelled, enum = signature_of(wording)
+                except SignatureError as error:
+                    self._refuse(element.line, f"{what}: type '{wording}': {error}")
+                    return None, ""
+                if text and text != spelled:
+                    reason = f"{what}: type '{text}' is not '{wording}', which is '{spelled}'"
+                    self._refuse(element.line, reason)
+                text = spelled
+            return parse_signature(text), self._enum_name(enum)
+        except SignatureError as error:
+            self._refuse(element.line, f"{what}: type '{text}': {error}")
+            return None, ""
+
+    def _enum_name(self, name):
+        """The C++ name of an enumeration of this interface; of others the text is served."""
+        own = name and (name.startswith("self.") or name.startswith(self._model.name + "."))
+        last = name.rpartition(".")[2] if own else None
+        for one in self._model.enumerations if own else ():
+            if one.prefix == f"{self._model.name}.{last}.":
+                return one.name
+        return ""
+
+    def _property(self, element):
+        name = element.attributes["name"]
+        what = f"property '{name}'"
+        problem = names.property_problem(name)
+        if problem:
+            self._refuse(element.line, f"property name '{name}' {problem}")
+        access = element.attributes["access"]
+        if access == "write":
+            reason = f"{what} is write-only; only read and readwrite are served"
+            self._refuse(element.line, reason)
+        elif access not in ("read", "readwrite"):
+            self._refuse(element.line, f"{what}: access '{access}' is not read or readwrite")
+        kind, enum = self._type(element, what)
+        if not self._problems:
+            self._note_unannounced(element, what)
+        return Property(
+            name,
+            kind,
+            element.line,
+            cpp_name="" if problem else self._cpp_name(element, what, name),
+            enum=enum,
+            doc=_doc(element),
+            writable=access == "readwrite",
+        )
+
+    def _note_unannounced(self, element, what):
+        """A cached proxy reads such a property once, which is rarely what is wanted."""
+        emits = _annotation(element, EMITS_CHANGED) or _annotation(self._element, EMITS_CHANGED)
+        if self._wanted.cache and emits in ("false", "invalidates"):
+            reason = f"{what} sends no new values, so a cached proxy keeps the first it read"
+            self._note(element.line, reason)
+
+    def _member_name(self, element, what):
+        name = element.attributes["name"]
+        problem = names.member_problem(name)
+        if problem:
+            self._refuse(element.line, f"{what} name '{name}' {problem}")
+        return name
+
+    def _method(self, element):
+        name = self._member_name(element, "method")
+        what = f"method '{name}'"
+        ins, outs = [], []
+        for one in element.all("arg"):
+            direction = one.attributes.get("direction", "in")
+            if direction not in ("in", "out"):
+                self._refuse(one.line, f"{what}: direction '{direction}' is not in or out")
+            into = outs if direction == "out" else ins
+            into.append(self._argument(one, what, f"{direction}{len(into) + 1}"))
+        cpp_name = names.identifier(_annotation(element, NAME) or name)
+        return Method(name, element.line, ins, outs, cpp_name, _doc(element))
+
+    def _signal(self, element):
+        name = self._member_name(element, "signal")
+        what = f"signal '{name}'"
+        args = []
+        for one in element.all("arg"):
+            direction = one.attributes.get("direction", "out")
+            if direction != "out":
+                self._refuse(one.line, f"{what}: direction '{direction}' is not out")
+            args.append(self._argument(one, what, f"arg{len(args) + 1}", args))
+        class_name = names.identifier(_annotation(element, NAME) or name)
+        return Signal(name, element.line, args, class_name, _doc(element))
+
+    def _argument(self, element, what, made_up, named=None):
+        """Accessors are named by the arguments in `named`, which this one stands behind."""
+        name = element.attributes.get("name", "")
+        said = f"{what}: argument '{name or made_up}'"
+        kind, enum = self._type(element, said)
+        cpp_name = names.identifier(_annotation(element, NAME) or name or made_up)
+        while named is not None and any(one.cpp_name == cpp_name for one in named):
+            cpp_name += "_"
+        if named is not None and cpp_name != (_annotation(element, NAME) or name):
+            said = said if name else f"{what}: an argument without a name"
+            self._note(element.line, f"{said} is '{cpp_name}' in C++")
+        return Argument(
+            name or made_up, kind, element.line, cpp_name=cpp_name, enum=enum, doc=_doc(element)
+        )
+
+    # Checking
+
+    def _check_kinds(self):
+        """Something must come out; what was asked for by name and does not is told."""
+        line, wanted, model = self._element.line, self._wanted, self._model
+        has = {tag: bool(self._element.all(tag)) for tag in ("property", "method", "signal")}
+        if not any(has.values()):
+            if not model.has_types:
+                self._refuse(line, "the interface has no properties, methods or signals")
+            return
+        kinds = (
+            (wanted.cache, has["property"], "no cached proxy: the interface has no properties"),
+            (
+                wanted.direct,
+                has["property"] or has["method"],
+                "no direct proxy: the interface has no properties or methods",
+            ),
+            (wanted.signals, has["signal"], "no signal classes: the interface has no signals"),
+        )
+        missing = [Problem(line, reason) for asked, found, reason in kinds if asked and not found]
+        if not any(asked and found for asked, found, _ in kinds):
+            self._problems += missing
+        elif not (model.properties or model.methods or model.signals or self._problems):
+            self._problems += self._notes
+            self._refuse(line, "nothing of the interface can be served")
+        elif wanted.explicit:
+            self._notes += missing
+
+    def _check_sizes(self):
+        model = self._model
+        self._check_size(model, model.properties)
+        for signal in model.signals:
+            self._check_size(signal, signal.args)
+        if sum(len(prop.name) + 1 for prop in model.properties) > LARGEST:
+            self._refuse(model.line, "the names of the properties take more than 64 KiB")
+        for types, what in ((model.variant, "property"), (model.argument_types, "argument")):
+            if len(types) > MOST_TYPES:
+                self._refuse(model.line, f"there are more than {MOST_TYPES} {what} types")
+
+    def _check_size(self, owner, items):
+        size = sum(least_bytes(item.type) + 1 for item in items)  # a flag each
+        if size > LARGEST:
+            reason = f"an object of '{owner.class_name}' would take more than 64 KiB"
+            self._refuse(owner.line, reason)
+
+    # Names that the description leaves open
+
+    def _settle_names(self):
+        model = self._model
+        self._settle_scopes()
+        self._settle_properties()
+        for prop in model.properties:
+            prop.variant_index = model.variant.index(prop.type)
+        for number, prop in enumerate(model.by_name):
+            prop.number = number
+        _settle_members(model.class_name, model.properties, names.CACHE_PREFIXES)
+        for method in model.methods:
+            _settle_params(method.ins + method.outs)
+        for signal in model.signals:
+            self._settle_signal(signal)
+            _settle_members(signal.class_name, signal.args, ("Get_",))
+
+    def _settle_scopes(self):
+        """Namespaces and class: as the option says, or the annotation, or the interface's name."""
+        model, parts = self._model, self._model.parts
+        wanted = self._naming.namespace or _annotation(self._element, NAMESPACE)
+        namespace = wanted.replace("::", ".").split(".") if wanted else parts[:-1]
+        class_name = self._naming.class_name or _annotation(self._element, CLASS) or parts[-1]
+        model.namespace = [names.scope_name(part) for part in namespace]
+        model.class_name = names.scope_name(class_name)
+        while self._is_taken(model.class_name):
+            model.class_name += "_"
+        settled = [*model.namespace, model.class_name]
+        if settled != [*namespace, class_name]:
+            self._note(model.line, f"the classes are named {'::'.join(settled)} in C++")
+
+    def _is_taken(self, name):
+        """Whether a class of the name would have a member of that name, or hide a parameter."""
+        model = self._model
+        taken = set()
+        if model.has_cache:
+            taken |= names.CACHE_MEMBERS | names.CACHE_WORDS
+            taken |= {a + one.cpp_name for a in names.CACHE_PREFIXES for one in model.properties}
+        if model.has_direct:
+            taken |= names.DIRECT_MEMBERS | names.DIRECT_WORDS
+            taken |= {a + one.cpp_name for a in names.DIRECT_PREFIXES for one in model.properties}
+            taken |= {"Call_" + one.cpp_name for one in model.methods}
+        return name in taken
+
+    def _settle_properties(self):
+        """Different names on the bus may have become one in C++."""
+        taken = set()
+        for what, members in (("property", self._model.properties), ("method", self._model.methods)):
+            for one in members:
+                settled = one.cpp_name
+                while (what, settled) in taken:
+                    settled += "_"
+                if settled != one.cpp_name:
+                    self._note(one.line, f"{what} '{one.name}' is '{settled}' in C++")
+                one.cpp_name = settled
+                taken.add((what, settled))
+
+    def _settle_signal(self, signal):
+        taken = names.SIGNAL_MEMBERS | names.SIGNAL_WORDS
+        taken |= {"Get_" + arg.cpp_name for arg in signal.args}
+        taken |= {one.class_name for one in self._model.signals if one is not signal}
+        settled = names.scope_name(signal.class_name, taken)
+        # The namespace of the signal classes may be the first of the proxies'.
+        while [self._model.group, settled] == [*self._model.namespace, self._model.class_name][:2]:
+            settled += "_"
+        if settled != signal.name:
+            self._note(signal.line, f"the class of signal '{signal.name}' is '{settled}' in C++")
+        signal.class_name = settled
+
+
+def _settle_members(class_name, items, prefixes):
+    taken = {prefix + item.cpp_name for prefix in prefixes for item in items} | {class_name}
+    for item in items:
+        item.field = names.free_name(item.cpp_name + "_", taken)
+        item.flag = names.free_name(item.cpp_name + _FLAG, taken)
+        taken |= {item.field, item.flag}
+    _settle_params(items)
+
+
+def _settle_params(items):
+    """The underscore keeps them clear of macros, keywords and all that the generated code says."""
+    taken = set()
+    for item in items:
+        item.param = names.free_name(item.cpp_name + "_", taken)
+        taken.add(item.param)
+
+
+def own_interfaces(root):
+    """Gives the elements of the interfaces that a file describes; raises Refusal.
+
+    Running services also describe the standard interfaces.
+    """
+    seen = {}
+    for one in root.all("interface"):
+        own = one.attributes["name"]
+        if own in seen:
+            reason = f"interface '{own}' is declared before in line {seen[own]}"
+            raise Refusal([Problem(one.line, reason)])
+        seen[own] = one.line
+    found = root.all("interface")
+    return [one for one in found if not one.attributes["name"].startswith(_STANDARD)]
+
+
+def choose(root, name):
+    """Gives the element of the interface to serve; raises Refusal."""
+    own = own_interfaces(root)
+    if name is not None:
+        # A standard one is chosen by its name.
+        chosen = [one for one in root.all("interface") if one.attributes["name"] == name]
+        if not chosen:
+            raise Refusal([Problem(root.line, f"there is no interface '{name}'")])
+        return chosen[0]
+    if not own:
+        raise Refusal([Problem(root.line, "there is no interface besides the standard ones")])
+    if len(own) > 1:
+        listed = ", ".join(one.attributes["name"] for one in own)
+        reason = f"there are several interfaces, choose one with --interface: {listed}"
+        raise Refusal([Problem(root.line, reason)])
+    return own[0]
+
+
+def build(element, wanted=Wanted(), basename="client_cache", naming=Naming()):
+    """Gives the checked model of one interface and a list of notes; raises Refusal."""
+    return _Builder(element, wanted, basename, naming).build()
