@@ -269,12 +269,13 @@ class EventLogOnANarrowBus : public EventLog
 
 TEST_F(EventLogOnANarrowBus, TellsWhenTheBusRefuses)
 {
-    daemon.On("Ask").NoReply();
+    daemon.On("Introspect").NoReply();
     sd_bus_slot* pending = nullptr;
-    sd_bus_call_method_async(connection, &pending, name, path, "com.example.I", "Ask", nullptr,
-                             nullptr, nullptr);
+    sd_bus_call_method_async(connection, &pending, name, path,
+                             "org.freedesktop.DBus.Introspectable", "Introspect", nullptr, nullptr,
+                             nullptr);
     sd_bus_flush(connection);
-    EXPECT_TRUE(daemon.WaitForCalls("Ask"));
+    EXPECT_TRUE(daemon.WaitForCalls("Introspect"));
     EXPECT_THAT(Failure(),
                 HasSubstr("exception: sd_bus_call: org.freedesktop.DBus.Error.LimitsExceeded: "));
     sd_bus_slot_unref(pending);
