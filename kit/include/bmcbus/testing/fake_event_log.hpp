@@ -15,7 +15,7 @@
 namespace bmcbus::testing
 {
 
-/** An entry as a client filed it. Plain data. */
+/** An entry as a client filed it: a plain value, for one thread at a time. */
 struct EventLogEntry
 {
     uint16_t category = 0;              /**< as a number */
@@ -36,7 +36,7 @@ struct EventLogEntry
 /**
  * The entry that a call of the event log's method carries.
  *
- * Throws std::invalid_argument for contents that no client should send.
+ * Throws std::invalid_argument for contents that no client should send. Any thread may call it.
  */
 EventLogEntry DecodeEventLogEntry(const Call& call);
 
@@ -47,12 +47,13 @@ inline constexpr const char* eventLogPath = "/com/tamm/ovrik/wharfd/wharfd";
 /** The method that files an entry, for FakeService::On(). */
 inline constexpr const char* eventLogMethod = "NQRCE_REQ_TYPE_LOG_QZL_EVENT";
 
-/** The event log's interface. */
+/** The event log's interface, anew for each caller; any thread may call it. */
 InterfaceDescription EventLogInterface();
 
 /**
  * Adds the event log to a service: it answers 0 for each entry, after @p filed has had it, and
- * refuses what no client should send with "org.freedesktop.DBus.Error.InvalidArgs".
+ * refuses what no client should send with "org.freedesktop.DBus.Error.InvalidArgs". @p filed runs
+ * on the service's thread; call this where the service's members may be called.
  */
 void ServeEventLog(Service& service, const std::function<void(const EventLogEntry&)>& filed);
 
