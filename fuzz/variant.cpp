@@ -4,6 +4,7 @@
 #include "check.hpp"
 #include "wire.hpp"
 
+#include <bmcbus/refs.hpp>
 #include <bmcbus/variant.hpp>
 
 #include <stdexcept>
