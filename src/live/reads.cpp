@@ -187,8 +187,13 @@ void Hub::Take(Entry& entry, sd_bus_message* values)
         ReadFailed(entry, {"org.freedesktop.DBus.Error.InvalidSignature", error.what()});
         return;
     }
-    if (!decoder.refusal().empty() && entry.state() != LiveState::Live)
+    if (!decoder.refusal().empty())
     {
+        // Of a live object the rest is as good as a signal; what was refused stays as it was.
+        if (entry.state() == LiveState::Live)
+        {
+            NoteChanges(entry, decoder.Store(entry, false));
+        }
         ReadFailed(entry, {"org.freedesktop.DBus.Error.InvalidSignature", decoder.refusal()});
         return;
     }

@@ -222,6 +222,20 @@ TEST_F(LiveObject, AReadWithAWrongTypeMakesNothingLive)
     EXPECT_EQ(live.Report().error, "");
 }
 
+// An invalidated property used to stay unset for good when the read for it brought a wrong type.
+TEST_F(LiveObject, AWrongTypeAfterAnInvalidationIsReadAgain)
+{
+    StartFans();
+    const bmcbus::Live<Fans> live = Follow();
+    ASSERT_TRUE(Becomes(live, LiveState::Live));
+    fans->On("GetAll").Once().Reply(
+        {kit::AsPropertyMap({{"fanCount", 4}, {"fanPWMData", twoFans}})});
+    (*fans)->SetQuietly({{"fanCount", uint8_t{4}}});
+    (*fans)->EmitPropertiesChanged(fanInterface, {}, {"fanCount"});
+    EXPECT_TRUE(Until([&] { return live->Get_fanCount() == 4; }));
+    EXPECT_EQ(live.State(), LiveState::Live);
+}
+
 TEST_F(LiveObject, AFailedReadIsRepeated)
 {
     StartFans();
