@@ -52,7 +52,7 @@ constexpr auto Join(const SignatureText<N>&... parts)
 {
     SignatureText<(N + ... + 0)> all;
     size_t at = 0;
-    const auto add = [&](const auto& part)
+    [[maybe_unused]] const auto add = [&](const auto& part)
     {
         for (size_t i = 0; i + 1 < part.text.size(); ++i)
         {

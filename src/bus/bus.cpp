@@ -116,7 +116,7 @@ int Exchange(sd_bus* bus, sd_bus_message* call, sd_bus_error& error, MessageRef&
     return result;
 }
 
-MessageRef Call(sd_bus* bus, sd_bus_message* call, const Deadline& deadline)
+MessageRef ReplyTo(sd_bus* bus, sd_bus_message* call, const Deadline& deadline)
 {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     MessageRef reply;

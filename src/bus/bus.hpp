@@ -52,6 +52,6 @@ int Exchange(sd_bus* bus, sd_bus_message* call, sd_bus_error& error, MessageRef&
              const Deadline& deadline = {});
 
 // The same; throws Error made from the error reply or the failure, with the prefix "sd_bus_call".
-MessageRef Call(sd_bus* bus, sd_bus_message* call, const Deadline& deadline = {});
+MessageRef ReplyTo(sd_bus* bus, sd_bus_message* call, const Deadline& deadline = {});
 
 } // namespace bmcbus

@@ -69,7 +69,7 @@ bmcbus::MessageRef Ask(const char* question, const std::string& path, const int*
         Append(call.get(), int32_t{*depth});
     }
     Append(call.get(), interfaces);
-    return bmcbus::Call(bus.get(), call.get());
+    return bmcbus::ReplyTo(bus.get(), call.get());
 }
 
 } // namespace

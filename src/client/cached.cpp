@@ -162,7 +162,7 @@ void ReadNow(sd_bus* bus, CachedObject object)
     const MessageRef call =
         NewCall(bus, Service(object), object.path(), "org.freedesktop.DBus.Properties", "GetAll");
     AppendBasic(call.get(), SD_BUS_TYPE_STRING, object.interface().name);
-    const MessageRef reply = bmcbus::Call(bus, call.get());
+    const MessageRef reply = bmcbus::ReplyTo(bus, call.get());
     PropertyMap values(object.interface());
     values.Read(reply.get());
     if (!values.empty())

@@ -45,7 +45,7 @@ void Report(bool* ok, bool value)
 MessageRef Exchange(sd_bus* bus, sd_bus_message* call, const char* label, const char* prefix,
                     const char* member)
 {
-    MessageRef reply = bmcbus::Call(bus, call);
+    MessageRef reply = bmcbus::ReplyTo(bus, call);
     if (sd_bus_message_is_method_error(reply.get(), nullptr) > 0)
     {
         CLIENT_LOG(trace, label, MemberName(prefix, member).c_str(), "reply error");

@@ -1,0 +1,250 @@
+#pragma once
+
+/**
+ * @file
+ * Calls under way: the handle of one, and what the run-time half keeps of it.
+ *
+ * **Completion.** It runs exactly once, on the thread that dispatches the connection, or never:
+ * after `Cancel()`, after the handle was destroyed, and after the proxy was. It may do anything:
+ * release the proxy, cancel other calls, start new ones. What it throws is logged and goes no
+ * further. A call that cannot be sent completes before the function that was to start it returns,
+ * so a completion that tries again at once should count how often.
+ *
+ * **Threads.** A call is started, cancelled and completed on the thread that its connection belongs
+ * to; nothing here may be used by two threads at a time.
+ *
+ * **Connection.** A pending call does not keep its connection alive: hold a reference
+ * (`sd_bus_default_system` for the thread's default one), as a loop that dispatches it does anyhow.
+ * When the connection ends, in whatever way, every pending call is told with
+ * `CallFailure::Disconnected`: in `sd_bus_process` when the peer closed it, at the next turn of an
+ * sd-event loop or the next `Dispatcher::Dispatch` when somebody called `sd_bus_close`, inside the
+ * `sd_bus_unref` that drops the last reference. There the connection is no longer usable: open a
+ * new one after it, not in the completion.
+ *
+ * **Time.** Timeouts are ours, not libsystemd's. In an sd-event loop, and in loops that wait no
+ * longer than `sd_bus_get_timeout` says, they come on time by themselves; a loop that watches
+ * descriptors alone watches `Dispatcher::Descriptor()` in place of the connection's.
+ *
+ * **fork().** In the child nothing of a parent's call happens: no completion runs, nothing is sent.
+ * Handles may be destroyed there.
+ */
+
+#include <bmcbus/call_options.hpp>
+#include <bmcbus/export.h>
+#include <bmcbus/refs.hpp>
+#include <bmcbus/result.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <type_traits>
+#include <utility>
+
+namespace bmcbus
+{
+
+class Call;
+
+namespace detail
+{
+
+struct Hub;
+struct PendingCall;
+
+/** How to read the body of a reply. */
+struct ReplyType
+{
+    /** What the body must begin with; inside a variant where `property` is set. */
+    const char* signature;
+    /** Whether the value comes in a variant of that very type. */
+    bool property;
+    /** Reads it into the result's value. Throws `bmcbus::Error`. */
+    void (*read)(sd_bus_message* reply, void* value, const void* how);
+    /** Handed to `read`. */
+    const void* how;
+};
+
+/** How a call ended: the reply, positioned at its start, or the error, to be moved from. */
+struct Outcome
+{
+    sd_bus_message* reply;
+    CallError* error;
+};
+
+/** The pending calls of one proxy, which end with it. */
+class BMCBUS_EXPORT CallOwner
+{
+  public:
+    CallOwner() = default;
+    CallOwner(const CallOwner&) = delete;
+    CallOwner& operator=(const CallOwner&) = delete;
+    /** Cancels them all. On the thread that dispatches their connections. */
+    ~CallOwner();
+
+  private:
+    friend struct PendingCall;
+
+    std::mutex mutex;
+    PendingCall* first = nullptr;
+    bool closing = false;
+};
+
+/** What is kept of a call while it is under way; the rest of the object belongs to who made it. */
+struct PendingCall
+{
+    /**
+     * Ends the call, which is part of nothing any more and may be freed. Null: it was cancelled,
+     * and its completion must not run.
+     */
+    using Finish = void (*)(PendingCall& call, const Outcome* outcome);
+
+    explicit PendingCall(Finish done) noexcept : finish(done) {}
+    PendingCall(const PendingCall&) = delete;
+    PendingCall& operator=(const PendingCall&) = delete;
+
+    /**
+     * Sends @p message, after which the call finishes exactly once, possibly before this returns.
+     * Null as @p owner: it depends on no proxy.
+     */
+    BMCBUS_EXPORT void Start(MessageRef message, const CallOptions& options,
+                             CallOwner* owner) noexcept;
+
+    /** Ends it before it is sent. */
+    BMCBUS_EXPORT void Refuse(CallError error) noexcept;
+
+    /** Takes it back from all that refer to it; its `finish` does not run. */
+    BMCBUS_EXPORT void Withdraw() noexcept;
+
+    /** Whether it has been sent and has not ended. */
+    bool Active() const noexcept { return hub != nullptr; }
+
+    // For the run-time half.
+    void Complete(const Outcome* outcome) noexcept;
+    void Fail(CallError error) noexcept;
+    bool Join(CallOwner* owner) noexcept;
+    void Leave() noexcept;
+
+    Finish finish;
+    sd_bus_slot* slot = nullptr; // borrowed from the connection, which owns it
+    Hub* hub = nullptr;
+    uint64_t deadline = 0;
+    PendingCall* child = nullptr; // in the hub's heap, as the next two
+    PendingCall* sibling = nullptr;
+    PendingCall* before = nullptr;
+    Call* handle = nullptr;
+    CallOwner* owner = nullptr;
+    PendingCall* next = nullptr; // among the owner's, as the next one
+    PendingCall** link = nullptr;
+};
+
+/** Reads a reply into @p value; false with @p error filled when it is not of that type. */
+BMCBUS_EXPORT bool Decode(sd_bus_message* reply, const ReplyType& type, void* value,
+                          CallError& error) noexcept;
+
+/** The result of a call that ended with @p outcome. */
+template <class T>
+Result<T> ResultOf(const Outcome& outcome, const ReplyType& type)
+{
+    if (outcome.reply == nullptr)
+    {
+        return Result<T>(unexpect, std::move(*outcome.error));
+    }
+    CallError error;
+    Result<T> result;
+    void* value = nullptr;
+    if constexpr (!std::is_void_v<T>)
+    {
+        value = std::addressof(*result);
+    }
+    if (!Decode(outcome.reply, type, value, error))
+    {
+        result = Unexpected(std::move(error));
+    }
+    return result;
+}
+
+/** A call with a completion of the user's. Frees itself. */
+template <class T, class Completion>
+struct CallbackCall : PendingCall
+{
+    template <class C>
+    CallbackCall(C&& then, const ReplyType& reply) :
+        PendingCall(End), type(&reply), completion(std::forward<C>(then))
+    {
+    }
+
+    static void End(PendingCall& base, const Outcome* outcome)
+    {
+        const std::unique_ptr<CallbackCall> self(static_cast<CallbackCall*>(&base));
+        if (outcome != nullptr)
+        {
+            std::invoke(self->completion, ResultOf<T>(*outcome, *self->type));
+        }
+    }
+
+    const ReplyType* type;
+    Completion completion;
+};
+
+} // namespace detail
+
+/**
+ * A call under way. Destroying it cancels the call; see the file's description.
+ *
+ * Moving it moves the call. An empty one refers to none: a call that has ended leaves its handle
+ * empty.
+ */
+class [[nodiscard]] Call
+{
+  public:
+    Call() noexcept = default;
+    BMCBUS_EXPORT Call(Call&& other) noexcept;
+    BMCBUS_EXPORT Call& operator=(Call&& other) noexcept;
+    BMCBUS_EXPORT ~Call();
+
+    /** Ends it without a completion; what it holds is freed. The service may still do the work. */
+    BMCBUS_EXPORT void Cancel() noexcept;
+
+    /** Lets it go on without a handle. It still ends with its proxy. */
+    BMCBUS_EXPORT void Detach() noexcept;
+
+    /** Whether it has not ended. */
+    bool Pending() const noexcept { return call != nullptr; }
+    explicit operator bool() const noexcept { return Pending(); }
+
+    /// @cond internal
+    BMCBUS_EXPORT explicit Call(detail::PendingCall& pending) noexcept;
+    /// @endcond
+
+  private:
+    friend struct detail::PendingCall;
+
+    detail::PendingCall* call = nullptr;
+};
+
+namespace detail
+{
+
+/** Sends @p message, or tells of @p refusal when there is none. */
+template <class T, class Completion>
+Call StartCall(MessageRef message, CallError* refusal, const ReplyType& type,
+               const CallOptions& options, CallOwner* owner, Completion&& completion)
+{
+    using Pending = CallbackCall<T, std::decay_t<Completion>>;
+    auto* pending = new Pending(std::forward<Completion>(completion), type);
+    Call call(*pending);
+    if (message)
+    {
+        pending->Start(std::move(message), options, owner);
+    }
+    else
+    {
+        pending->Refuse(std::move(*refusal));
+    }
+    return call;
+}
+
+} // namespace detail
+
+} // namespace bmcbus

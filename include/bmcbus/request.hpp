@@ -1,0 +1,192 @@
+#pragma once
+
+/**
+ * @file
+ * Any method call by name.
+ */
+
+#include <bmcbus/async_call.hpp>
+#include <bmcbus/export.h>
+#include <bmcbus/sdbusplus.hpp>
+#include <bmcbus/wire.hpp>
+
+#include <concepts>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+namespace bmcbus
+{
+
+namespace detail
+{
+
+/** What a reply with these values is to its caller. */
+template <class... Out>
+struct Replied
+{
+    using type = std::tuple<Out...>;
+};
+template <class Out>
+struct Replied<Out>
+{
+    using type = Out;
+};
+template <>
+struct Replied<>
+{
+    using type = void;
+};
+
+template <class... Out>
+inline constexpr auto bodySignature = client::Join(client::Wire<Out>::signature...);
+
+template <class... Out>
+void ReadBody([[maybe_unused]] sd_bus_message* reply, [[maybe_unused]] void* value,
+              const void* /*how*/)
+{
+    if constexpr (sizeof...(Out) == 1)
+    {
+        (client::Read(reply, *static_cast<Out*>(value)), ...);
+    }
+    else if constexpr (sizeof...(Out) > 1)
+    {
+        std::apply([&](auto&... out) { (client::Read(reply, out), ...); },
+                   *static_cast<std::tuple<Out...>*>(value));
+    }
+}
+
+template <class... Out>
+inline constexpr ReplyType bodyOf = {.signature = bodySignature<Out...>.c_str(),
+                                     .property = false,
+                                     .read = ReadBody<Out...>,
+                                     .how = nullptr};
+
+/** Sends @p call and waits for its end; false with @p error filled when there is no value. */
+BMCBUS_EXPORT bool Exchange(MessageRef call, const CallOptions& options, const ReplyType& type,
+                            void* value, CallError& error) noexcept;
+
+/** The blocking form of a call. */
+template <class T>
+Result<T> TryCall(MessageRef call, CallError* refusal, const CallOptions& options,
+                  const ReplyType& type)
+{
+    if (!call)
+    {
+        return Result<T>(unexpect, std::move(*refusal));
+    }
+    CallError error;
+    Result<T> result;
+    void* value = nullptr;
+    if constexpr (!std::is_void_v<T>)
+    {
+        value = std::addressof(*result);
+    }
+    if (!Exchange(std::move(call), options, type, value, error))
+    {
+        result = Unexpected(std::move(error));
+    }
+    return result;
+}
+
+} // namespace detail
+
+/**
+ * One call of any method of any object, put together by name.
+ *
+ * Out-arguments are named as template arguments: none gives `Result<void>`, one `Result<T>`,
+ * several `Result<std::tuple<…>>`. What cannot be sent (no connection, a malformed name, text that
+ * may not travel) shows in the result, as `CallFailure::Refused`. A request is sent once.
+ *
+ * Belongs to one thread: that of its connection. See `call.hpp` for the asynchronous form.
+ *
+ * @code
+ * auto id = bmcbus::Request("org.freedesktop.DBus", "/org/freedesktop/DBus",
+ * "org.freedesktop.DBus", "GetConnectionUnixProcessID").With("com.example.Fans").Try<uint32_t>();
+ * @endcode
+ */
+class BMCBUS_EXPORT Request
+{
+  public:
+    /** On the calling thread's default system-bus connection, which must be held by somebody. */
+    Request(const std::string& service, const std::string& path, const std::string& interface,
+            const std::string& member) noexcept;
+
+    /** On @p bus. */
+    Request(sd_bus* bus, const std::string& service, const std::string& path,
+            const std::string& interface, const std::string& member) noexcept;
+    Request(Bus& bus, const std::string& service, const std::string& path,
+            const std::string& interface, const std::string& member) noexcept;
+
+    Request(Request&&) noexcept = default;
+    Request& operator=(Request&&) noexcept = default;
+    ~Request() = default;
+
+    /** Adds arguments, each with the D-Bus type that belongs to its C++ type. */
+    template <class... Argument>
+    Request& With(const Argument&... arguments) &
+    {
+        (Add(arguments), ...);
+        return *this;
+    }
+    template <class... Argument>
+    Request&& With(const Argument&... arguments) &&
+    {
+        (Add(arguments), ...);
+        return std::move(*this);
+    }
+
+    /** Sends it and waits. */
+    template <class... Out>
+    Result<typename detail::Replied<Out...>::type> Try(const CallOptions& options = {})
+    {
+        return detail::TryCall<typename detail::Replied<Out...>::type>(
+            std::move(message), Why(), options, detail::bodyOf<Out...>);
+    }
+
+    /** Sends it; @p completion is called with the result. */
+    template <class... Out, class Completion>
+    requires std::invocable<Completion&, Result<typename detail::Replied<Out...>::type>>
+        Call Async(Completion&& completion, const CallOptions& options = {})
+    {
+        return detail::StartCall<typename detail::Replied<Out...>::type>(
+            std::move(message), Why(), detail::bodyOf<Out...>, options, nullptr,
+            std::forward<Completion>(completion));
+    }
+
+    /** To be awaited. */
+    template <class... Out>
+    AsyncCall<typename detail::Replied<Out...>::type> Async(const CallOptions& options = {})
+    {
+        return {std::move(message), Why(), detail::bodyOf<Out...>, options, nullptr};
+    }
+
+  private:
+    template <class T>
+    void Add(const T& argument)
+    {
+        if constexpr (!std::is_same_v<T, std::string> &&
+                      std::is_convertible_v<const T&, std::string_view>)
+        {
+            Add(std::string(std::string_view(argument)));
+        }
+        else
+        {
+            Append([](sd_bus_message* call, const void* value)
+                   { client::Append(call, *static_cast<const T*>(value)); },
+                   &argument);
+        }
+    }
+    void Append(void (*append)(sd_bus_message* call, const void* value),
+                const void* value) noexcept;
+
+    // Why there is no message, when there is none.
+    CallError* Why() noexcept;
+
+    CallError refusal; // before the message, whose making may fill it
+    MessageRef message;
+};
+
+} // namespace bmcbus

@@ -1,0 +1,580 @@
+#pragma once
+
+/**
+ * @file
+ * A value, or why there is none.
+ *
+ * `Result<T>` has the interface of `std::expected<T, CallError>`, which C++20 does not have. It is
+ * the same type in C++20 and C++23, so sources of both may share it.
+ *
+ * A value like others: one is used by one thread at a time, different ones by any.
+ */
+
+#include <bmcbus/call_error.hpp>
+
+#include <exception>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <type_traits>
+#include <utility>
+
+namespace bmcbus
+{
+
+template <class T, class E = CallError>
+class Result;
+
+/** An error on its way into a `Result`. */
+template <class E>
+class Unexpected
+{
+  public:
+    template <class Error = E>
+    requires(!std::is_same_v<std::remove_cvref_t<Error>, Unexpected> &&
+             std::is_constructible_v<E, Error>) constexpr explicit Unexpected(Error&& error) :
+        error_(std::forward<Error>(error))
+    {
+    }
+
+    constexpr const E& error() const& noexcept { return error_; }
+    constexpr E& error() & noexcept { return error_; }
+    constexpr E&& error() && noexcept { return std::move(error_); }
+
+    template <class Other>
+    friend constexpr bool operator==(const Unexpected& left, const Unexpected<Other>& right)
+    {
+        return left.error() == right.error();
+    }
+
+  private:
+    E error_;
+};
+
+template <class E>
+Unexpected(E) -> Unexpected<E>;
+
+/** Constructs the error of a `Result` in place. */
+struct Unexpect
+{
+    explicit Unexpect() = default;
+};
+inline constexpr Unexpect unexpect{};
+
+/** Thrown by `Result::value()` where there is an error; carries it. */
+template <class E>
+class BadResultAccess : public std::exception
+{
+  public:
+    explicit BadResultAccess(E error) : error_(std::move(error)) {}
+
+    const char* what() const noexcept override
+    {
+        if constexpr (requires { error_.message.c_str(); })
+        {
+            return error_.message.c_str();
+        }
+        return "the result is an error";
+    }
+    const E& error() const& noexcept { return error_; }
+    E& error() & noexcept { return error_; }
+    E&& error() && noexcept { return std::move(error_); }
+
+  private:
+    E error_;
+};
+
+namespace detail
+{
+
+template <class T>
+inline constexpr bool isResult = false;
+template <class T, class E>
+inline constexpr bool isResult<Result<T, E>> = true;
+template <class T>
+inline constexpr bool isUnexpected = false;
+template <class E>
+inline constexpr bool isUnexpected<Unexpected<E>> = true;
+
+// What a Result<void> holds in place of a value.
+struct Nothing
+{
+    friend constexpr bool operator==(Nothing, Nothing) { return true; }
+};
+
+// The storage and life of a value or an error; the public class adds what one can ask.
+template <class T, class E>
+class ResultStorage
+{
+    static_assert(std::is_nothrow_move_constructible_v<E>, "errors move without throwing");
+
+  public:
+    constexpr ResultStorage() noexcept(std::is_nothrow_default_constructible_v<T>) :
+        value_(), has_(true)
+    {
+    }
+    template <class... Args>
+    constexpr explicit ResultStorage(std::in_place_t, Args&&... args) :
+        value_(std::forward<Args>(args)...), has_(true)
+    {
+    }
+    template <class... Args>
+    constexpr explicit ResultStorage(Unexpect, Args&&... args) :
+        error_(std::forward<Args>(args)...), has_(false)
+    {
+    }
+    constexpr ResultStorage(const ResultStorage& other) : has_(other.has_) { Construct(other); }
+    constexpr ResultStorage(ResultStorage&& other) noexcept(
+        std::is_nothrow_move_constructible_v<T>) :
+        has_(other.has_)
+    {
+        Construct(std::move(other));
+    }
+    constexpr ResultStorage& operator=(const ResultStorage& other)
+    {
+        Assign(other);
+        return *this;
+    }
+    constexpr ResultStorage& operator=(ResultStorage&& other) noexcept(
+        std::is_nothrow_move_constructible_v<T>&& std::is_nothrow_move_assignable_v<T>)
+    {
+        Assign(std::move(other));
+        return *this;
+    }
+    constexpr ~ResultStorage() { Destroy(); }
+
+    constexpr bool Has() const noexcept { return has_; }
+    constexpr T& Value() noexcept { return value_; }
+    constexpr const T& Value() const noexcept { return value_; }
+    constexpr E& Error() noexcept { return error_; }
+    constexpr const E& Error() const noexcept { return error_; }
+
+    template <class Arg>
+    constexpr void SetValue(Arg&& arg)
+    {
+        if (has_)
+        {
+            value_ = std::forward<Arg>(arg);
+            return;
+        }
+        T next(std::forward<Arg>(arg)); // what may throw comes before the error is given up
+        E kept(std::move(error_));
+        std::destroy_at(std::addressof(error_));
+        Replace(value_, std::move(next), error_, kept);
+        has_ = true;
+    }
+    template <class Arg>
+    constexpr void SetError(Arg&& arg)
+    {
+        if (!has_)
+        {
+            error_ = std::forward<Arg>(arg);
+            return;
+        }
+        E next(std::forward<Arg>(arg));
+        std::destroy_at(std::addressof(value_));
+        std::construct_at(std::addressof(error_), std::move(next));
+        has_ = false;
+    }
+
+  private:
+    template <class Other>
+    constexpr void Construct(Other&& other)
+    {
+        if (has_)
+        {
+            std::construct_at(std::addressof(value_), std::forward<Other>(other).value_);
+        }
+        else
+        {
+            std::construct_at(std::addressof(error_), std::forward<Other>(other).error_);
+        }
+    }
+    template <class Other>
+    constexpr void Assign(Other&& other)
+    {
+        if (other.has_)
+        {
+            SetValue(std::forward<Other>(other).value_);
+        }
+        else
+        {
+            SetError(std::forward<Other>(other).error_);
+        }
+    }
+    // Puts `next` where nothing is now; the error comes back when that throws.
+    static constexpr void Replace(T& place, T&& next, E& error, E& kept)
+    {
+        if constexpr (std::is_nothrow_move_constructible_v<T>)
+        {
+            std::construct_at(std::addressof(place), std::move(next));
+        }
+        else
+        {
+            try
+            {
+                std::construct_at(std::addressof(place), std::move(next));
+            }
+            catch (...)
+            {
+                std::construct_at(std::addressof(error), std::move(kept));
+                throw;
+            }
+        }
+    }
+    constexpr void Destroy()
+    {
+        if (has_)
+        {
+            std::destroy_at(std::addressof(value_));
+        }
+        else
+        {
+            std::destroy_at(std::addressof(error_));
+        }
+    }
+
+    union
+    {
+        T value_;
+        E error_;
+    };
+    bool has_;
+};
+
+} // namespace detail
+
+/**
+ * A value of type @p T, or an error.
+ *
+ * Looking at the value of an error by `*` or `->`, or at the error of a value, is undefined, as for
+ * `std::expected`; `value()` throws `BadResultAccess` instead. `T` may be `void`.
+ *
+ * @code
+ * bmcbus::Result<int32_t> status = fans.Try_updateFanPWMData("Fan1", 70);
+ * if (!status) report(status.error().name, status.error().message);
+ * else use(*status);
+ * @endcode
+ */
+template <class T, class E>
+class [[nodiscard]] Result
+{
+    using Stored = std::conditional_t<std::is_void_v<T>, detail::Nothing, T>;
+    static constexpr bool empty = std::is_void_v<T>;
+
+  public:
+    using value_type = T;
+    using error_type = E;
+    using unexpected_type = Unexpected<E>;
+    template <class U>
+    using rebind = Result<U, E>;
+
+    constexpr Result() = default;
+
+    /** A value. */
+    template <class U = Stored>
+    requires(
+        !empty && !detail::isResult<std::remove_cvref_t<U>> &&
+        !detail::isUnexpected<std::remove_cvref_t<U>> &&
+        !std::is_same_v<std::remove_cvref_t<U>, std::in_place_t> &&
+        std::is_constructible_v<Stored, U>) constexpr explicit(!std::is_convertible_v<U, Stored>)
+        Result(U&& value) :
+        storage_(std::in_place, std::forward<U>(value))
+    {
+    }
+    /** An error. */
+    template <class G>
+    requires std::is_constructible_v<E, const G&>
+    constexpr explicit(!std::is_convertible_v<const G&, E>) Result(const Unexpected<G>& error) :
+        storage_(unexpect, error.error())
+    {
+    }
+    template <class G>
+    requires std::is_constructible_v<E, G>
+    constexpr explicit(!std::is_convertible_v<G, E>) Result(Unexpected<G>&& error) :
+        storage_(unexpect, std::move(error).error())
+    {
+    }
+    template <class... Args>
+    constexpr explicit Result(std::in_place_t, Args&&... args) :
+        storage_(std::in_place, std::forward<Args>(args)...)
+    {
+    }
+    template <class... Args>
+    constexpr explicit Result(Unexpect, Args&&... args) :
+        storage_(unexpect, std::forward<Args>(args)...)
+    {
+    }
+    /** From a result of other, convertible types. */
+    template <class U, class G>
+    requires(!std::is_same_v<Result, Result<U, G>> && !empty && !std::is_void_v<U> &&
+             std::is_constructible_v<Stored, const U&> &&
+             std::is_constructible_v<
+                 E, const G&>) constexpr explicit(!std::is_convertible_v<const U&, Stored>)
+        Result(const Result<U, G>& other) :
+        storage_(other ? Storage(std::in_place, *other) : Storage(unexpect, other.error()))
+    {
+    }
+
+    template <class U = Stored>
+    requires(!empty && !detail::isResult<std::remove_cvref_t<U>> &&
+             !detail::isUnexpected<std::remove_cvref_t<U>> &&
+             std::is_constructible_v<Stored, U>) constexpr Result&
+    operator=(U&& value)
+    {
+        storage_.SetValue(std::forward<U>(value));
+        return *this;
+    }
+    template <class G>
+    constexpr Result& operator=(const Unexpected<G>& error)
+    {
+        storage_.SetError(error.error());
+        return *this;
+    }
+    template <class G>
+    constexpr Result& operator=(Unexpected<G>&& error)
+    {
+        storage_.SetError(std::move(error).error());
+        return *this;
+    }
+    template <class... Args>
+    constexpr decltype(auto) emplace(Args&&... args)
+    {
+        storage_.SetValue(Stored(std::forward<Args>(args)...));
+        return **this;
+    }
+    constexpr void swap(Result& other) { std::swap(storage_, other.storage_); }
+    friend constexpr void swap(Result& left, Result& right) { left.swap(right); }
+
+    constexpr bool has_value() const noexcept { return storage_.Has(); }
+    constexpr explicit operator bool() const noexcept { return storage_.Has(); }
+
+    constexpr std::add_lvalue_reference_t<T> operator*() & noexcept
+    {
+        return Get<std::add_lvalue_reference_t<T>>(storage_);
+    }
+    constexpr std::add_lvalue_reference_t<const T> operator*() const& noexcept
+    {
+        return Get<std::add_lvalue_reference_t<const T>>(storage_);
+    }
+    constexpr std::add_rvalue_reference_t<T> operator*() && noexcept
+    {
+        return Get<std::add_rvalue_reference_t<T>>(storage_);
+    }
+    constexpr auto* operator->() noexcept requires(!empty)
+    {
+        return std::addressof(storage_.Value());
+    }
+    constexpr const auto* operator->() const noexcept requires(!empty)
+    {
+        return std::addressof(storage_.Value());
+    }
+
+    constexpr std::add_lvalue_reference_t<T> value() & { return Checked(), **this; }
+    constexpr std::add_lvalue_reference_t<const T> value() const& { return Checked(), **this; }
+    constexpr std::add_rvalue_reference_t<T> value() && { return Checked(), *std::move(*this); }
+
+    constexpr E& error() & noexcept { return storage_.Error(); }
+    constexpr const E& error() const& noexcept { return storage_.Error(); }
+    constexpr E&& error() && noexcept { return std::move(storage_.Error()); }
+
+    template <class U>
+    constexpr Stored value_or(U&& other) const& requires(!empty)
+    {
+        return has_value() ? **this : static_cast<Stored>(std::forward<U>(other));
+    }
+    template <class U>
+        constexpr Stored value_or(U&& other) && requires(!empty)
+    {
+        return has_value() ? std::move(**this) : static_cast<Stored>(std::forward<U>(other));
+    }
+    template <class G>
+    constexpr E error_or(G&& other) const
+    {
+        return has_value() ? static_cast<E>(std::forward<G>(other)) : error();
+    }
+
+    /** @p next of the value, which gives a result; an error stays. */
+    template <class F>
+    constexpr auto and_then(F&& next) &
+    {
+        return AndThen(*this, std::forward<F>(next));
+    }
+    template <class F>
+    constexpr auto and_then(F&& next) const&
+    {
+        return AndThen(*this, std::forward<F>(next));
+    }
+    template <class F>
+    constexpr auto and_then(F&& next) &&
+    {
+        return AndThen(std::move(*this), std::forward<F>(next));
+    }
+    /** @p next of the error, which gives a result; a value stays. */
+    template <class F>
+    constexpr auto or_else(F&& next) const&
+    {
+        return OrElse(*this, std::forward<F>(next));
+    }
+    template <class F>
+    constexpr auto or_else(F&& next) &&
+    {
+        return OrElse(std::move(*this), std::forward<F>(next));
+    }
+    /** The value replaced by @p change of it. */
+    template <class F>
+    constexpr auto transform(F&& change) &
+    {
+        return Transform(*this, std::forward<F>(change));
+    }
+    template <class F>
+    constexpr auto transform(F&& change) const&
+    {
+        return Transform(*this, std::forward<F>(change));
+    }
+    template <class F>
+    constexpr auto transform(F&& change) &&
+    {
+        return Transform(std::move(*this), std::forward<F>(change));
+    }
+    /** The error replaced by @p change of it. */
+    template <class F>
+    constexpr auto transform_error(F&& change) const&
+    {
+        return TransformError(*this, std::forward<F>(change));
+    }
+    template <class F>
+    constexpr auto transform_error(F&& change) &&
+    {
+        return TransformError(std::move(*this), std::forward<F>(change));
+    }
+
+    template <class U, class G>
+    friend constexpr bool operator==(const Result& left,
+                                     const Result<U, G>& right) requires(empty == std::is_void_v<U>)
+    {
+        if (left.has_value() != right.has_value())
+        {
+            return false;
+        }
+        if (!left.has_value())
+        {
+            return left.error() == right.error();
+        }
+        if constexpr (empty)
+        {
+            return true;
+        }
+        else
+        {
+            return *left == *right;
+        }
+    }
+    template <class U>
+    requires(!empty && !detail::isResult<U> && !detail::isUnexpected<U>) friend constexpr bool
+    operator==(const Result& left, const U& value)
+    {
+        return left.has_value() && *left == value;
+    }
+    template <class G>
+    friend constexpr bool operator==(const Result& left, const Unexpected<G>& error)
+    {
+        return !left.has_value() && left.error() == error.error();
+    }
+
+  private:
+    using Storage = detail::ResultStorage<Stored, E>;
+
+    template <class Ref, class Held>
+    static constexpr Ref Get(Held& held) noexcept
+    {
+        return static_cast<Ref>(held.Value());
+    }
+    constexpr void Checked() const
+    {
+        if (!has_value())
+        {
+            throw BadResultAccess<E>(error());
+        }
+    }
+    template <class Self, class F>
+    static constexpr decltype(auto) Call(Self&& self, F&& f)
+    {
+        if constexpr (empty)
+        {
+            return std::invoke(std::forward<F>(f));
+        }
+        else
+        {
+            return std::invoke(std::forward<F>(f), *std::forward<Self>(self));
+        }
+    }
+    template <class Self, class F>
+    static constexpr auto AndThen(Self&& self, F&& next)
+    {
+        using Next =
+            std::remove_cvref_t<decltype(Call(std::forward<Self>(self), std::forward<F>(next)))>;
+        return self ? Call(std::forward<Self>(self), std::forward<F>(next))
+                    : Next(unexpect, std::forward<Self>(self).error());
+    }
+    template <class Self, class F>
+    static constexpr auto OrElse(Self&& self, F&& next)
+    {
+        using Next = std::remove_cvref_t<std::invoke_result_t<F, decltype(self.error())>>;
+        if (!self)
+        {
+            return std::invoke(std::forward<F>(next), std::forward<Self>(self).error());
+        }
+        if constexpr (empty)
+        {
+            return Next();
+        }
+        else
+        {
+            return Next(std::in_place, *std::forward<Self>(self));
+        }
+    }
+    template <class Self, class F>
+    static constexpr auto Transform(Self&& self, F&& change)
+    {
+        using Changed =
+            std::remove_cv_t<decltype(Call(std::forward<Self>(self), std::forward<F>(change)))>;
+        if (!self)
+        {
+            return Result<Changed, E>(unexpect, std::forward<Self>(self).error());
+        }
+        if constexpr (std::is_void_v<Changed>)
+        {
+            Call(std::forward<Self>(self), std::forward<F>(change));
+            return Result<void, E>();
+        }
+        else
+        {
+            return Result<Changed, E>(std::in_place,
+                                      Call(std::forward<Self>(self), std::forward<F>(change)));
+        }
+    }
+    template <class Self, class F>
+    static constexpr auto TransformError(Self&& self, F&& change)
+    {
+        using Changed = std::remove_cvref_t<
+            std::invoke_result_t<F, decltype(std::forward<Self>(self).error())>>;
+        if (!self)
+        {
+            return Result<T, Changed>(
+                unexpect, std::invoke(std::forward<F>(change), std::forward<Self>(self).error()));
+        }
+        if constexpr (empty)
+        {
+            return Result<T, Changed>();
+        }
+        else
+        {
+            return Result<T, Changed>(std::in_place, *std::forward<Self>(self));
+        }
+    }
+
+    Storage storage_;
+};
+
+} // namespace bmcbus

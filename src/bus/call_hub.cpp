@@ -1,0 +1,339 @@
+#include "bus/call_hub.hpp"
+
+#include "bus/call_errors.hpp"
+#include "bus/call_heap.hpp"
+
+#include <bmcbus/refs.hpp>
+
+#include <cerrno>
+#include <ctime>
+#include <new>
+#include <sys/timerfd.h>
+#include <utility>
+
+namespace bmcbus::detail
+{
+namespace
+{
+
+// Matches what only sd-bus itself makes, so nothing is asked of the daemon. The slot is there for
+// its end, which is the connection's.
+constexpr const char* localRule =
+    "type='signal',sender='org.freedesktop.DBus.Local',path='/org/freedesktop/DBus/Local',"
+    "interface='org.freedesktop.DBus.Local',member='Disconnected'";
+
+int IgnoreSignal(sd_bus_message*, void*, sd_bus_error*)
+{
+    return 0;
+}
+
+thread_local const sd_bus* freeing = nullptr;
+
+} // namespace
+
+uint64_t Now()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 +
+           static_cast<uint64_t>(now.tv_nsec) / 1'000;
+}
+
+// The hubs of one thread. One whose connection is gone is taken out by the next look.
+struct HubList
+{
+    Hub* first = nullptr;
+
+    ~HubList()
+    {
+        while (first != nullptr)
+        {
+            std::exchange(first, first->next)->Release();
+        }
+    }
+
+    Hub* Find(const sd_bus* bus)
+    {
+        for (Hub** at = &first; *at != nullptr;)
+        {
+            Hub* hub = *at;
+            sd_bus* of = hub->bus.load(std::memory_order_acquire);
+            if (of == bus)
+            {
+                return hub;
+            }
+            if (of == nullptr)
+            {
+                *at = hub->next;
+                hub->Release();
+                continue;
+            }
+            at = &hub->next;
+        }
+        return nullptr;
+    }
+};
+
+namespace
+{
+thread_local HubList hubs;
+} // namespace
+
+bool Hub::Freeing(const sd_bus* bus)
+{
+    return freeing != nullptr && (bus == nullptr || bus == freeing);
+}
+
+Hub* Hub::Find(sd_bus* bus)
+{
+    return hubs.Find(bus);
+}
+
+Hub* Hub::Get(sd_bus* bus, int& result)
+{
+    if (Hub* hub = hubs.Find(bus))
+    {
+        return hub;
+    }
+    auto* hub = new (std::nothrow) Hub(bus);
+    sd_bus_slot* slot = nullptr;
+    result = hub == nullptr ? -ENOMEM : sd_bus_add_match(bus, &slot, localRule, IgnoreSignal, hub);
+    if (result < 0)
+    {
+        delete hub;
+        return nullptr;
+    }
+    sd_bus_slot_set_destroy_callback(slot, OnConnectionGone);
+    sd_bus_slot_set_floating(slot, 1);
+    sd_bus_slot_unref(slot);
+    hub->next = std::exchange(hubs.first, hub);
+    return hub;
+}
+
+Hub::~Hub()
+{
+    if (descriptor >= 0)
+    {
+        close(descriptor);
+    }
+}
+
+void Hub::Release()
+{
+    if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1)
+    {
+        delete this;
+    }
+}
+
+void Hub::Add(PendingCall& call)
+{
+    call.hub = this;
+    first = MergeHeaps(first, &call);
+    Arm();
+}
+
+void Hub::Remove(PendingCall& call)
+{
+    first = WithoutCall(first, call);
+    call.hub = nullptr;
+}
+
+// The timer.
+
+void Hub::Arm()
+{
+    FollowLoop();
+    if (first != nullptr && first->deadline < armed)
+    {
+        SetTimers(first->deadline);
+    }
+}
+
+void Hub::Ring()
+{
+    FollowLoop();
+    SetTimers(0);
+}
+
+void Hub::RingIfQueued()
+{
+    uint64_t until = never;
+    if (descriptor >= 0 && sd_bus_get_timeout(bus.load(std::memory_order_relaxed), &until) > 0 &&
+        until == 0)
+    {
+        SetTimers(0);
+    }
+}
+
+void Hub::SetTimers(uint64_t when)
+{
+    if (source != nullptr)
+    {
+        sd_event_source_set_time(source, when);
+        sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
+        armed = when;
+    }
+    if (descriptor >= 0)
+    {
+        // All zeros would stop it.
+        const itimerspec at = {.it_interval = {},
+                               .it_value = {.tv_sec = static_cast<time_t>(when / 1'000'000),
+                                            .tv_nsec = static_cast<long>(when % 1'000'000) * 1'000 +
+                                                       (when == 0 ? 1 : 0)}};
+        timerfd_settime(descriptor, TFD_TIMER_ABSTIME, &at, nullptr);
+        armed = when;
+    }
+}
+
+// Has the source on the loop that the connection is attached to now.
+void Hub::FollowLoop()
+{
+    sd_event* now = sd_bus_get_event(bus.load(std::memory_order_relaxed));
+    if (now == loop)
+    {
+        return;
+    }
+    DropSource();
+    // An accuracy of zero would stand for a quarter of a second.
+    if (now == nullptr ||
+        sd_event_add_time(now, &source, CLOCK_MONOTONIC, never, 1, OnTime, this) < 0)
+    {
+        return;
+    }
+    loop = now;
+    sd_event_source_set_prepare(source, OnPrepare);
+    // The loop owns it, so that it does not keep the loop.
+    sd_event_source_set_destroy_callback(source, OnSourceGone);
+    sd_event_source_set_floating(source, 1);
+    sd_event_source_unref(source);
+    armed = never;
+}
+
+void Hub::DropSource()
+{
+    if (source != nullptr)
+    {
+        sd_event_source* own = std::exchange(source, nullptr);
+        sd_event_source_set_destroy_callback(own, nullptr);
+        sd_event_source_set_enabled(own, SD_EVENT_OFF);
+        sd_event_source_ref(own);
+        sd_event_source_set_floating(own, 0);
+        sd_event_source_unref(own);
+    }
+    loop = nullptr;
+}
+
+void Hub::OnSourceGone(void* self)
+{
+    auto& hub = *static_cast<Hub*>(self);
+    hub.source = nullptr;
+    hub.loop = nullptr;
+    hub.armed = never;
+}
+
+int Hub::OnTime(sd_event_source* /*source*/, uint64_t /*when*/, void* self)
+{
+    static_cast<Hub*>(self)->Expire();
+    return 0;
+}
+
+int Hub::OnPrepare(sd_event_source* own, void* self)
+{
+    auto& hub = *static_cast<Hub*>(self);
+    if (hub.first != nullptr && sd_bus_is_open(hub.bus.load(std::memory_order_relaxed)) == 0)
+    {
+        sd_event_source_set_time(own, 0);
+    }
+    return 0;
+}
+
+int Hub::Descriptor()
+{
+    if (descriptor < 0)
+    {
+        const int made = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+        if (made < 0)
+        {
+            return -errno;
+        }
+        descriptor = made;
+        armed = never;
+        Arm();
+    }
+    return descriptor;
+}
+
+// Ends.
+
+void Hub::Expire()
+{
+    const BusRef keep(sd_bus_ref(bus.load(std::memory_order_relaxed)));
+    armed = never;
+    if (sd_bus_is_open(keep.get()) == 0)
+    {
+        FailAll();
+        return;
+    }
+    const uint64_t now = Now();
+    while (first != nullptr && first->deadline <= now)
+    {
+        PendingCall& call = *first;
+        call.Withdraw();
+        call.Fail(TimeoutError());
+    }
+    Arm();
+}
+
+void Hub::FailAll()
+{
+    while (first != nullptr)
+    {
+        PendingCall& call = *first;
+        call.Withdraw();
+        call.Fail(DisconnectedError());
+    }
+}
+
+// The parent's calls: they must neither complete nor free what they hold.
+void Hub::Forget()
+{
+    while (first != nullptr)
+    {
+        first->Withdraw();
+    }
+}
+
+// The connection frees its slots one after the other, and must not be used any more, not even to
+// take a slot back: no slot may remember its call before the first completion runs.
+void Hub::Die()
+{
+    PendingCall* all = nullptr;
+    while (first != nullptr)
+    {
+        PendingCall& call = *first;
+        first = WithoutCall(first, call);
+        sd_bus_slot_set_destroy_callback(std::exchange(call.slot, nullptr), nullptr);
+        all = MergeHeaps(all, &call);
+    }
+    first = all;
+    if (process != getpid())
+    {
+        Forget();
+        return;
+    }
+    const sd_bus* outer = std::exchange(freeing, bus.load(std::memory_order_relaxed));
+    FailAll();
+    freeing = outer;
+}
+
+void Hub::OnConnectionGone(void* self)
+{
+    auto& hub = *static_cast<Hub*>(self);
+    hub.Die();
+    hub.DropSource();
+    hub.bus.store(nullptr, std::memory_order_release);
+    hub.Release();
+}
+
+} // namespace bmcbus::detail

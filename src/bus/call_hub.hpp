@@ -1,0 +1,92 @@
+#pragma once
+
+// What all pending calls of one connection share: their order by deadline, the one timer, and the
+// moment when the connection goes.
+//
+// A call's slot is floating: the connection owns it, so that pending calls keep no connection
+// alive. A connection that is freed frees its slots, which is how a hub learns of it; a connection
+// that was only closed tells nobody, so the timer looks.
+
+#include <bmcbus/call.hpp>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+#include <unistd.h>
+
+namespace bmcbus::detail
+{
+
+inline constexpr uint64_t never = std::numeric_limits<uint64_t>::max();
+
+// Microseconds of the monotonic clock.
+uint64_t Now();
+
+// When a call that is sent on `bus` now must have ended.
+uint64_t DeadlineOf(sd_bus* bus, const CallOptions& options, uint64_t now);
+
+struct Hub
+{
+    Hub(const Hub&) = delete;
+    Hub& operator=(const Hub&) = delete;
+
+    // The calling thread's hub for `bus`, made on first use. Null with a negative `result` when
+    // that fails; the connection is closed then, or inherited.
+    static Hub* Get(sd_bus* bus, int& result);
+
+    // The same, or null when there is none yet.
+    static Hub* Find(sd_bus* bus);
+
+    // Whether `bus` is being freed in this thread. For null: whether any is, as that may be the
+    // default one, which must not be looked up then.
+    static bool Freeing(const sd_bus* bus);
+
+    void Add(PendingCall& call);
+    void Remove(PendingCall& call);
+
+    // Ends what is overdue; everything, when the connection is closed. May free the hub.
+    void Expire();
+
+    // Has the timer ring at once: there is, or may be, something to dispatch.
+    void Ring();
+    void RingIfQueued();
+
+    // A descriptor that is readable when the timer has rung; negative errno. Belongs to the hub.
+    int Descriptor();
+
+    // Of a call whose slot the dying connection frees.
+    void Die();
+
+  private:
+    friend struct HubList;
+
+    explicit Hub(sd_bus* connection) : bus(connection) {}
+    ~Hub();
+
+    static void OnConnectionGone(void* hub);
+    static void OnSourceGone(void* hub);
+    static int OnTime(sd_event_source* source, uint64_t when, void* hub);
+    static int OnPrepare(sd_event_source* source, void* hub);
+
+    void Arm();
+    void SetTimers(uint64_t when);
+    void FollowLoop();
+    void DropSource();
+    void FailAll();
+    void Forget();
+    void Release();
+
+    std::atomic<sd_bus*> bus;     // null once it is freed
+    PendingCall* first = nullptr; // the heap's root
+    Hub* next = nullptr;          // in its thread's list
+    sd_event* loop = nullptr;     // the timer's, borrowed
+    sd_event_source* source = nullptr;
+    int descriptor = -1;
+    uint64_t armed = never;
+    const pid_t process = getpid();
+    std::atomic<int> holders = 2; // its thread's list and the connection
+};
+
+} // namespace bmcbus::detail

@@ -1,0 +1,29 @@
+#pragma once
+
+// Putting a call together so that what goes wrong becomes its result instead of an exception.
+
+#include <bmcbus/call_error.hpp>
+#include <bmcbus/refs.hpp>
+
+#include <string>
+
+namespace bmcbus::detail
+{
+
+struct Destination
+{
+    const std::string& service;
+    const std::string& path;
+    const std::string& interface;
+    const std::string& member;
+};
+
+// A call on `bus`, on the thread's default connection when that is null. Does not wait until the
+// connection is up. Null with `refusal` filled when it cannot be made.
+MessageRef NewRequest(sd_bus* bus, const Destination& to, CallError& refusal) noexcept;
+
+// Runs a writer of arguments; false with `refusal` filled when it throws.
+bool AppendTo(sd_bus_message* call, void (*append)(sd_bus_message* call, const void* value),
+              const void* value, CallError& refusal) noexcept;
+
+} // namespace bmcbus::detail

@@ -1,0 +1,26 @@
+#include <bmcbus/task.hpp>
+
+#include "log.hpp"
+
+// What a coroutine threw and nobody awaits still shows in the log.
+
+namespace bmcbus::detail
+{
+
+void ReportUnawaited(const std::exception_ptr& thrown) noexcept
+{
+    try
+    {
+        std::rethrow_exception(thrown);
+    }
+    catch (const std::exception& error)
+    {
+        BMCBUS_LOG(error, "a task that nobody awaits threw: %s", error.what());
+    }
+    catch (...)
+    {
+        BMCBUS_LOG(error, "a task that nobody awaits threw something that is no std::exception");
+    }
+}
+
+} // namespace bmcbus::detail
