@@ -61,6 +61,7 @@ class Odd : public ::testing::Test
 TEST_F(Odd, PropertiesOfAnyTypeTravel)
 {
     service->Set("any", Value::Variant(std::vector<uint16_t>{7}));
+    service->Set("file", Value::Descriptor(ends[1])); // no descriptor cannot travel
     Cached cached(path, service_name);
     ASSERT_TRUE(cached.Ready());
     EXPECT_EQ(cached.Get_any().Text(), "aq 1 7");

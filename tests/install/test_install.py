@@ -232,7 +232,7 @@ class CMake(InstallTest):
 
     def test_an_older_version_is_not_taken(self):
         (self.folder / "CMakeLists.txt").write_text(
-            "cmake_minimum_required(VERSION 3.22)\nproject(x NONE)\nfind_package(bmcbus 99 REQUIRED)\n",
+            "cmake_minimum_required(VERSION 3.22)\nproject(x CXX)\nfind_package(bmcbus 99 REQUIRED)\n",
             encoding="utf-8",
         )
         with self.assertRaisesRegex(AssertionError, "version: 0|requested version"):
