@@ -27,7 +27,9 @@ concept TextEnum = requires
     EnumTexts<Enum>::prefix;
 };
 
-/** The text of @p value on the bus; empty for a number that is no value. Throws `std::bad_alloc`.
+/**
+ * The text of @p value on the bus; empty for a number that is no value. Any thread. Throws
+ * `std::bad_alloc`.
  */
 template <TextEnum Enum>
 std::string ToText(Enum value)
@@ -42,7 +44,9 @@ std::string ToText(Enum value)
     return text;
 }
 
-/** The value that @p text means; false, with @p value left alone, for a text that is none of them.
+/**
+ * The value that @p text means; false, with @p value left alone, for a text that is none of them.
+ * Any thread.
  */
 template <TextEnum Enum>
 bool FromText(std::string_view text, Enum& value)
