@@ -141,7 +141,8 @@ int OnGetAll(sd_bus_message* message, void* user_data, sd_bus_error* /*error*/) 
                   .complete =
                       [](void* self, bool success)
                   {
-                      auto& [object, values] = *static_cast<Answer*>(self);
+                      auto& object = static_cast<Answer*>(self)->object;
+                      auto& values = static_cast<Answer*>(self)->values;
                       Complete(object, success, values.empty(),
                                [&] {
                                    StoreAll(object, values, true,
