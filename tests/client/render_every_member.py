@@ -1,12 +1,12 @@
-"""Renders every_member.cpp.j2 for one interface description.
+"""Renders every_member_tables.cpp.j2 for the interface descriptions of the catalogue.
 
-    render_every_member.py CODEGEN_DIR DESCRIPTION.xml TEMPLATE OUTPUT
+    render_every_member.py CODEGEN_DIR TEMPLATE OUTPUT DESCRIPTION.xml...
 """
 
 import sys
 from pathlib import Path
 
-codegen, description, template, output = sys.argv[1:]
+codegen, template, output, *descriptions = sys.argv[1:]
 sys.path.insert(0, codegen)
 
 import jinja2  # noqa: E402
@@ -14,8 +14,6 @@ import jinja2  # noqa: E402
 from bmcbus_codegen.builder import build, choose  # noqa: E402
 from bmcbus_codegen.parser import parse  # noqa: E402
 
-root, _ = parse(Path(description).read_bytes())
-interface, _ = build(choose(root, None))
 environment = jinja2.Environment(
     undefined=jinja2.StrictUndefined,
     trim_blocks=True,
@@ -23,4 +21,8 @@ environment = jinja2.Environment(
     keep_trailing_newline=True,
 )
 text = environment.from_string(Path(template).read_text(encoding="utf-8"))
-Path(output).write_text(text.render(interface=interface), encoding="utf-8")
+interfaces = [
+    build(choose(parse(Path(description).read_bytes())[0], None))[0]
+    for description in descriptions
+]
+Path(output).write_text(text.render(interfaces=interfaces), encoding="utf-8")

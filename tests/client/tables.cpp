@@ -1,7 +1,5 @@
 // Tables that do not fit their class do not compile.
 
-#include "sample.hpp"
-
 #include <bmcbus/client/cached.hpp>
 
 #include <array>
