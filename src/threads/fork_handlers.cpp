@@ -9,8 +9,11 @@
 //     3. the deadlock lock                            names and line are at rest
 //     4. the condition lock                           the funnel thread sleeps, or runs no item
 //     5. the channel's locks (a ForkParticipant)      the queue is at rest
+//     6. the lists' lock (src/client/registry.cpp)    no registry of a class is half changed
 //
 // which is the order of locks for the whole library. The handlers after it release all in reverse.
+// The sixth has handlers of its own, registered when the library is loaded and thus always the last
+// before a fork and the first after it. Nobody waits for anything while holding it.
 // The child first forgets the parent's threads: who has which name, who stands in line, what is to
 // be run, the funnel thread and its context. Its first send starts a funnel thread, its first use
 // of the channel makes a new one.

@@ -60,6 +60,31 @@ TEST_F(Threads, ShareARegistry)
     EXPECT_TRUE(FanSignal::active.empty());
 }
 
+TEST_F(Threads, ReleaseTheirOwnObjects)
+{
+    Fan* const kept = Fan::Create(fanPath, fanService);
+    FanSignal::Create(fanPath);
+    Run(
+        [&](int number)
+        {
+            sd_bus* own = nullptr;
+            ASSERT_GE(sd_bus_default_system(&own), 0);
+            const std::string path = "/thread/" + std::to_string(number);
+            for (int i = 0; i < rounds; ++i)
+            {
+                Fan::Create(path, fanService, true);
+                FanSignal::Create(path);
+            }
+            Fan::CleanupThread();
+            EXPECT_EQ(Fan::Lookup(path), nullptr);
+            EXPECT_NE(FanSignal::Lookup(path), nullptr);
+            FanSignal::CleanupThread();
+            sd_bus_flush_close_unref(own);
+        });
+    EXPECT_EQ(Fan::active, std::vector<Fan*>{kept});
+    EXPECT_EQ(FanSignal::active.size(), 1U);
+}
+
 TEST_F(Threads, ReadAndWriteWhileSignalsAreHandled)
 {
     static std::atomic<size_t> calls;

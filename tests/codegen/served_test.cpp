@@ -2,6 +2,7 @@
 //
 // names.hpp only has to compile: its interface says everything that the code around it says, too.
 
+#include "in_child.hpp"
 #include "names.hpp"
 #include "types.hpp"
 
@@ -9,7 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <limits>
+#include <memory>
+#include <vector>
 
 using bmcbus::ObjectPath;
 using bmcbus::testing::Call;
@@ -149,6 +153,71 @@ TEST_F(Served, SignalsOfEveryTypeArrive)
     EXPECT_FALSE(bare.Ready());
     service->Emit("bare");
     EXPECT_TRUE(Dispatch([&] { return bare.Ready() && bare.SignalCount() == 1; }));
+}
+
+// What the first static object of the program does at its end, when the registries have been
+// emptied.
+enum class AtExit
+{
+    nothing,
+    cleanup,
+    release,
+    create
+};
+AtExit atExit = AtExit::nothing;
+
+struct First
+{
+    ~First()
+    {
+        switch (atExit)
+        {
+            case AtExit::nothing:
+                break;
+            case AtExit::cleanup:
+                Cached::Cleanup();
+                break;
+            case AtExit::release:
+                Cached::Release(Cached::Lookup("/a"));
+                break;
+            case AtExit::create:
+                for (int i = 0; i < 10; ++i)
+                {
+                    Cached::Create("/a", service_name, true);
+                }
+                Cached::Release(Cached::Lookup("/a"));
+                if (Cached::active.size() != 9)
+                {
+                    _exit(1);
+                }
+                Cached::Cleanup();
+        }
+    }
+};
+[[gnu::init_priority(200)]] const First first;
+
+TEST_F(Served, RegistriesAreEmptyAndUsableAtTheEndOfTheProcess)
+{
+    for (const AtExit what : {AtExit::cleanup, AtExit::release, AtExit::create})
+    {
+        const auto end = [&]
+        {
+            for (int i = 0; i < 10; ++i)
+            {
+                Cached::Create("/a", service_name, true);
+            }
+            // Destroyed behind the registry's back, before it is emptied; so nothing leaks.
+            static std::vector<std::unique_ptr<Cached>> kept;
+            for (Cached* const object : Cached::active)
+            {
+                kept.emplace_back(object);
+            }
+            atExit = what;
+            std::exit(0);
+            return 1;
+        };
+        EXPECT_EQ(test::ExitOfChild(end), 0);
+    }
 }
 
 } // namespace

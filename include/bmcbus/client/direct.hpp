@@ -17,7 +17,7 @@ namespace bmcbus::client
 struct Target
 {
     const Interface* interface;
-    std::mutex mutex;
+    ForkMutex mutex;
     std::string service;
     std::string path;
 };

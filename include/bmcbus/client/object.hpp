@@ -8,6 +8,7 @@
  * For generated code. Nothing here blocks unless it says so.
  */
 
+#include <bmcbus/client/registry.hpp>
 #include <bmcbus/client/type.hpp>
 #include <bmcbus/refs.hpp>
 
@@ -213,12 +214,17 @@ struct Description
 class BMCBUS_EXPORT Anchor
 {
   public:
-    Anchor(void* object, const Description& about) : object_(object), about_(&about) {}
+    Anchor(void* object, const Description& about) :
+        object_(object), about_(&about), thread_(ThreadNumber())
+    {
+    }
     ~Anchor();
     Anchor(const Anchor&) = delete;
     Anchor& operator=(const Anchor&) = delete;
 
     void* object() const { return object_; }
+    /** The number of the thread that made the object. */
+    uint32_t thread() const { return thread_; }
     const Description& about() const { return *about_; }
 
     /** @name The object's members; the mutex guards all but the path. @{ */
@@ -258,6 +264,7 @@ class BMCBUS_EXPORT Anchor
   private:
     void* object_;
     const Description* about_;
+    uint32_t thread_;
     std::forward_list<Slot> pending_;
     Running* running_ = nullptr;
 };
@@ -305,8 +312,8 @@ BMCBUS_EXPORT void CopyAll(const Anchor& anchor, void* const* out);
 
 // One instance per type, not per property.
 
-template <class T>
-[[gnu::noinline]] T GetValue(std::mutex& mutex, const T& field)
+template <class Mutex, class T>
+[[gnu::noinline]] T GetValue(Mutex& mutex, const T& field)
 {
     const std::lock_guard lock(mutex);
     return field;
@@ -364,6 +371,7 @@ template <class Class>
 void Save(std::mutex& mutex, std::vector<Class*>& active, Class* object)
 {
     const std::lock_guard lock(mutex);
+    const ListChange change;
     active.push_back(object);
 }
 
@@ -382,19 +390,30 @@ void Unsave(std::mutex& mutex, std::vector<Class*>& active, Class* object)
     const auto found = std::ranges::find(active, object);
     if (found != active.end())
     {
+        const ListChange change;
         active.erase(found);
     }
 }
 
-template <class Class>
-void Cleanup(std::mutex& mutex, std::vector<Class*>& active)
+/** Destroys the objects that are `ours(object)`, each when it has left the list. */
+template <class Class, class Ours>
+void Cleanup(std::mutex& mutex, std::vector<Class*>& active, Ours ours)
 {
     const std::lock_guard lock(mutex);
-    for (Class* object : active)
+    for (auto next = active.begin(); next != active.end();)
     {
+        Class* const object = *next;
+        if (object != nullptr && !ours(object))
+        {
+            ++next;
+            continue;
+        }
+        {
+            const ListChange change;
+            next = active.erase(next);
+        }
         delete object;
     }
-    active.clear();
 }
 
 } // namespace bmcbus::client
