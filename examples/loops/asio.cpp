@@ -1,5 +1,5 @@
 // A thread starts a timer of an io_context, which only the context's own thread may touch.
-#include <oneway_channel.hpp>
+#include <bmcbus/attach/channel.hpp>
 #include <threadfunnel_over_owc.hpp>
 
 #include <boost/asio/io_context.hpp>
@@ -13,8 +13,7 @@ int main()
     boost::asio::io_context io;
     boost::asio::steady_timer timer(io);
     bool rang = false;
-    auto* const channel = infrautils::OneWayChannel::GetInstance();
-    channel->RegisterIOContext(io, nullptr, {}); // on the thread that will run the context
+    const bmcbus::attach::Channel channel(io); // on the thread that will run the context
 
     std::thread other(
         [&]
@@ -34,7 +33,6 @@ int main()
         });
     io.run();
     other.join();
-    channel->Unregister();
     std::puts(rang ? "timer rang" : "timer failed");
     return rang ? 0 : 1;
 }

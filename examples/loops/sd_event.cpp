@@ -1,8 +1,8 @@
 // One sd-event loop keeps a proxy's values current and runs what other threads post. It prints the
 // machine's power when it changes and when another thread asks, and ends after one of each.
+#include <bmcbus/attach/channel.hpp>
+#include <bmcbus/attach/sd_event.hpp>
 #include <com/tamm/bmc/power/PowerReporting/client_cache.hpp>
-#include <oneway_channel.hpp>
-#include <systemd/sd-event.h>
 
 #include <cstdio>
 #include <thread>
@@ -17,15 +17,13 @@ static void Print(Power* power, void* happened)
 
 int main()
 {
-    sd_bus* bus = nullptr;
     sd_event* loop = nullptr;
-    sd_bus_default_system(&bus); // this thread's connection, held
     sd_event_default(&loop);
-    sd_bus_attach_event(bus, loop, SD_EVENT_PRIORITY_NORMAL);
+    const bmcbus::attach::SdEvent attached(loop); // this thread's connection, held
     bool changed = false, asked = false;
     Power* const power = Power::Create("/com/tamm/bmc/power/system"); // reads all values
     power->AddCallback(Print, &changed);
-    OneWayChannel_RegisterSDEvent(loop, power);
+    const bmcbus::attach::Channel channel(loop, power);
     const OneWayChannelFunction answer = [](void* registered, void* happened, unsigned long)
     {
         Print(static_cast<Power*>(registered), happened);
@@ -35,6 +33,5 @@ int main()
     while (!(changed && asked) && sd_event_run(loop, 60'000'000) > 0)
         continue;
     other.join();
-    OneWayChannel_Unregister();
     return changed && asked ? 0 : 1;
 }

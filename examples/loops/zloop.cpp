@@ -1,6 +1,6 @@
 // A CZMQ reactor prints the readings that another thread takes.
+#include <bmcbus/attach/channel.hpp>
 #include <czmq.h>
-#include <oneway_channel.hpp>
 
 #include <cstdio>
 #include <string>
@@ -21,17 +21,18 @@ static int Print(void* loop, void* data, unsigned long)
 int main()
 {
     zloop_t* loop = zloop_new();
-    OneWayChannel_RegisterZLoopWithDefaultFunction(loop, loop, Print);
-    std::thread sensor(
-        []
-        {
-            for (const char* reading :
-                 {"1: 21 C ", "2: 23 C ", "3: 22 C "}) // freed by the channel:
-                OneWayChannel_ExecuteDefault(strdup(reading), strlen(reading) + 1, 1);
-        });
-    zloop_start(loop);
-    sensor.join();
-    OneWayChannel_Unregister(); // before the reactor goes
+    {
+        const bmcbus::attach::Channel channel(loop, loop, Print); // ends before the reactor
+        std::thread sensor(
+            []
+            {
+                for (const char* reading :
+                     {"1: 21 C ", "2: 23 C ", "3: 22 C "}) // freed by the channel:
+                    OneWayChannel_ExecuteDefault(strdup(reading), strlen(reading) + 1, 1);
+            });
+        zloop_start(loop);
+        sensor.join();
+    }
     zloop_destroy(&loop);
     return printed == "1: 21 C 2: 23 C 3: 22 C " ? 0 : 1;
 }

@@ -53,6 +53,16 @@ class BMCBUS_EXPORT Dispatcher
      */
     int Dispatch();
 
+    /**
+     * Makes the descriptor readable when messages wait in the queue, and has it tell of room for
+     * what could not be sent yet.
+     *
+     * This library's own calls see to that by themselves. Needed only after blocking calls that
+     * somebody else made on the connection (`sd_bus_call`, sdbusplus); a loop that has a step
+     * before each wait does it there. Does not block.
+     */
+    void Prepare();
+
   private:
     BMCBUS_LOCAL void Watch();
 

@@ -1,6 +1,7 @@
 #include "bus/bus.hpp"
 
 #include "bus/backlog.hpp"
+#include "bus/call_hub.hpp"
 #include "bus/message_size.hpp"
 #include "bus/signal_shield.hpp"
 
@@ -113,6 +114,7 @@ int Exchange(sd_bus* bus, sd_bus_message* call, sd_bus_error& error, MessageRef&
         reply.reset(raw);
     }
     LookAtBacklog(bus, call);
+    detail::RingForQueued(bus);
     return result;
 }
 

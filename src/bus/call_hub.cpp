@@ -112,9 +112,14 @@ Hub* Hub::Get(sd_bus* bus, int& result)
 
 Hub::~Hub()
 {
+    CloseDescriptor();
+}
+
+void Hub::CloseDescriptor()
+{
     if (descriptor >= 0)
     {
-        close(descriptor);
+        close(std::exchange(descriptor, -1));
     }
 }
 
@@ -163,6 +168,14 @@ void Hub::RingIfQueued()
         until == 0)
     {
         SetTimers(0);
+    }
+}
+
+void RingForQueued(sd_bus* bus)
+{
+    if (Hub* hub = Hub::Find(bus))
+    {
+        hub->RingIfQueued();
     }
 }
 
@@ -332,6 +345,7 @@ void Hub::OnConnectionGone(void* self)
     auto& hub = *static_cast<Hub*>(self);
     hub.Die();
     hub.DropSource();
+    hub.CloseDescriptor();
     hub.bus.store(nullptr, std::memory_order_release);
     hub.Release();
 }

@@ -74,6 +74,7 @@ struct Hub
     void SetTimers(uint64_t when);
     void FollowLoop();
     void DropSource();
+    void CloseDescriptor();
     void FailAll();
     void Forget();
     void Release();
@@ -88,5 +89,9 @@ struct Hub
     const pid_t process = getpid();
     std::atomic<int> holders = 2; // its thread's list and the connection
 };
+
+// After a blocking exchange on `bus`: the connection's descriptor tells nothing of what was read
+// meanwhile, the hub's does.
+void RingForQueued(sd_bus* bus);
 
 } // namespace bmcbus::detail

@@ -91,4 +91,10 @@ int Dispatcher::Dispatch()
     return handled;
 }
 
+void Dispatcher::Prepare()
+{
+    detail::RingForQueued(connection.get());
+    Watch();
+}
+
 } // namespace bmcbus

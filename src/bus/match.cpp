@@ -1,5 +1,6 @@
 #include "bus/match.hpp"
 
+#include "bus/call_hub.hpp"
 #include "bus/message_size.hpp"
 #include "bus/signal_shield.hpp"
 #include "bus/text.hpp"
@@ -31,13 +32,17 @@ int AddMatch(sd_bus* bus, const std::string& rule, sd_bus_message_handler_t hand
     {
         return -EMSGSIZE;
     }
-    const SignalShield shield;
     sd_bus_slot* raw = nullptr;
-    const int result = sd_bus_add_match(bus, &raw, rule.c_str(), handler, user_data);
+    const int result = [&]
+    {
+        const SignalShield shield;
+        return sd_bus_add_match(bus, &raw, rule.c_str(), handler, user_data);
+    }();
     if (result >= 0)
     {
         slot.reset(raw);
     }
+    detail::RingForQueued(bus);
     return result;
 }
 

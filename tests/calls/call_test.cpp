@@ -1,7 +1,7 @@
 // Calls with a completion, in every kind of loop.
 
+#include "bus_loops.hpp"
 #include "fixture.hpp"
-#include "loops.hpp"
 
 namespace
 {
@@ -34,7 +34,7 @@ class Calls : public testing::Test, public Fans
     Loop loop{connection.get()};
 };
 
-TYPED_TEST_SUITE(Calls, CallLoops);
+TYPED_TEST_SUITE(Calls, BusLoops);
 
 TYPED_TEST(Calls, CompleteOnceWithTheValue)
 {

@@ -1,8 +1,8 @@
 // Connections that end in odd ways, children, and waits that must not last.
 
+#include "bus_loops.hpp"
 #include "fixture.hpp"
 #include "in_child.hpp"
-#include "loops.hpp"
 
 #include <csignal>
 #include <sys/time.h>
@@ -107,7 +107,7 @@ template <class Loop>
 class NotUp : public Ends
 {
 };
-TYPED_TEST_SUITE(NotUp, CallLoops);
+TYPED_TEST_SUITE(NotUp, BusLoops);
 
 // The asynchronous one.
 TYPED_TEST(NotUp, ConnectionsTimeOutToo)

@@ -1,7 +1,7 @@
 // Tasks: who owns the frame, and what becomes of it when it ends in odd places.
 
+#include "bus_loops.hpp"
 #include "fixture.hpp"
-#include "loops.hpp"
 
 namespace
 {

@@ -32,7 +32,6 @@ class Loops : public ClientTest
     void ExpectTheSignal()
     {
         EXPECT_EQ(fan.SignalCount(), 0U) << "handled by the loop, not by the call";
-        loop.AfterABlockingCall();
         EXPECT_TRUE(Run([&] { return fan.SignalCount() > 0; }));
         EXPECT_EQ(fan.Get_fanCount(), 9);
         EXPECT_EQ(fan.SignalCount(), 1U);
@@ -43,7 +42,7 @@ class Loops : public ClientTest
     Loop loop{connection};
 };
 
-TYPED_TEST_SUITE(Loops, test::BusLoops);
+TYPED_TEST_SUITE(Loops, test::AttachedLoops);
 
 TYPED_TEST(Loops, SignalsThatArriveDuringACreate)
 {
@@ -67,7 +66,6 @@ TYPED_TEST(Loops, TheServiceGoesAndComesBack)
 {
     Fan* const waiting = Fan::Create(fanPath, true);
     FanSignal* const signal = FanSignal::Create(fanPath);
-    this->loop.AfterABlockingCall();
     EXPECT_TRUE(this->Run([&] { return waiting->Ready(); }));
     this->fans.EmitRaw(fanPath, "org.freedesktop.DBus.ObjectManager", "InterfacesRemoved",
                        {kit::Path{fanPath}, std::vector{fanInterface}});
@@ -94,7 +92,6 @@ TYPED_TEST(Loops, TheConnectionEndsWithRequestsPending)
     this->fans.On("GetAll").NoReply();
     Fan* const looking = Fan::Create(fanPath, true);
     Fan* const reading = Fan::Create(fanPath, fanService, true);
-    this->loop.AfterABlockingCall();
     ASSERT_TRUE(this->mapper.WaitForCalls("GetObject") && this->fans.WaitForCalls("GetAll", 2));
     this->bus.Kill();
     EXPECT_TRUE(this->Run(

@@ -104,7 +104,7 @@ class UnixSignals : public ClientTest
     Loop loop{connection};
 };
 
-TYPED_TEST_SUITE(UnixSignals, test::BusLoops);
+TYPED_TEST_SUITE(UnixSignals, test::AttachedLoops);
 
 TYPED_TEST(UnixSignals, LeaveMatchesFirstReadsAndLookUpsWhole)
 {
@@ -116,7 +116,6 @@ TYPED_TEST(UnixSignals, LeaveMatchesFirstReadsAndLookUpsWhole)
     this->Disturb([&] { pending = std::make_unique<Fan>(fanPath, fanService, true); });
     std::unique_ptr<FanSignal> signal;
     this->Disturb([&] { signal = std::make_unique<FanSignal>(fanPath); });
-    this->loop.AfterABlockingCall();
     this->fans->Set("fanCount", 9);
     this->fans->Emit("notifyFanReportingData", uint8_t{3}, twoFans);
     EXPECT_TRUE(this->loop.Run(
@@ -163,7 +162,6 @@ TYPED_TEST(UnixSignals, LeaveCallsFromHandlersWhole)
             test.Disturb([&, &ok = ok] { edge.Get_fanCount(ok, count); });
         },
         &here);
-    this->loop.AfterABlockingCall();
     this->fans->Set("fanCount", 9);
     EXPECT_TRUE(this->loop.Run([&] { return here.ok; }));
 }
@@ -224,8 +222,10 @@ TEST_F(UnixSignalsInAsio, OfAProfilerLeaveCallsWhole)
     EXPECT_EQ(failed, 0);
 }
 
+using UncaughtUnixSignals = ClientTest;
+
 // What nobody catches must not wait for the end of a call.
-TEST_F(UnixSignalsInAsio, EndAProcessThatDoesNotCatchThem)
+TEST_F(UncaughtUnixSignals, EndAProcess)
 {
     mapper.On("GetObject").NoReply();
     for (const int number : {SIGTERM, SIGALRM, SIGABRT})

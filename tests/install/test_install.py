@@ -148,7 +148,7 @@ class Headers(InstallTest):
         flags = list(before) + [
             # Headers of others may give warnings of their own.
             flag if str(self.stage.prefix) in flag else re.sub("^-I", "-isystem", flag)
-            for flag in self.stage.pkg_config("--cflags", "bmcbus", "bmcbus-testing")
+            for flag in self.stage.pkg_config("--cflags", "bmcbus", "bmcbus-testing", "glib-2.0")
         ]
         run(*compiler, "-x", language, f"-std={standard}", "-fsyntax-only", "-Wall", "-Wextra",
             "-Wpedantic", "-Werror", *flags, "-", input=source)

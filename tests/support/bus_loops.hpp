@@ -1,136 +1,135 @@
 #pragma once
 
-// The connection in each kind of loop, attached as the headers say. No loop looks at the connection
-// unless its descriptor says so, or the caller does what belongs after a blocking call.
+// A connection attached to each kind of loop, and the loop that does nothing but process and wait.
 
 #include "run_until.hpp"
 
-#include <bmcbus/testing.hpp>
-#include <systemd/sd-bus.h>
+#include <bmcbus/attach/asio.hpp>
+#include <bmcbus/attach/poll.hpp>
+#include <bmcbus/attach/sd_event.hpp>
+#include <bmcbus/attach/zloop.hpp>
 
-#include <boost/asio/posix/stream_descriptor.hpp>
-#include <czmq.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+
+#include <optional>
+#include <utility>
 
 namespace test
 {
 
-// Handles what has been read; then the descriptor tells of everything else.
-inline void ProcessAll(sd_bus* bus)
-{
-    while (sd_bus_process(bus, nullptr) > 0)
-    {
-    }
-}
+namespace attach = bmcbus::attach;
 
 class SdEventLoop
 {
   public:
-    explicit SdEventLoop(sd_bus* connection) : bus(connection)
+    explicit SdEventLoop(sd_bus* bus, attach::EndHandler onEnd = {})
     {
         EXPECT_GE(sd_event_new(&loop), 0);
-        EXPECT_GE(sd_bus_attach_event(bus, loop, SD_EVENT_PRIORITY_NORMAL), 0);
+        attached.emplace(loop, bus, std::move(onEnd));
     }
     ~SdEventLoop()
     {
-        sd_bus_detach_event(bus);
+        attached.reset();
         sd_event_unref(loop);
     }
     SdEventLoop(const SdEventLoop&) = delete;
     SdEventLoop& operator=(const SdEventLoop&) = delete;
 
-    void AfterABlockingCall() {}
     bool Run(const Condition& done) { return RunUntil(loop, done); }
+    void Detach() { attached.reset(); }
 
   private:
-    sd_bus* bus;
     sd_event* loop = nullptr;
+    std::optional<attach::SdEvent> attached;
 };
 
 class AsioLoop
 {
   public:
-    explicit AsioLoop(sd_bus* connection) : bus(connection), watch(io, dup(sd_bus_get_fd(bus)))
+    explicit AsioLoop(sd_bus* bus, attach::EndHandler onEnd = {})
     {
-        ProcessAll(bus);
-        Wait();
+        attached.emplace(io, bus, std::move(onEnd));
     }
 
-    void AfterABlockingCall() { ProcessAll(bus); }
     bool Run(const Condition& done) { return RunUntil(io, done); }
+    void Detach() { attached.reset(); }
 
   private:
-    void Wait()
-    {
-        watch.async_wait(boost::asio::posix::stream_descriptor::wait_read,
-                         [this](const boost::system::error_code& error)
-                         {
-                             if (!error)
-                             {
-                                 ProcessAll(bus);
-                                 Wait();
-                             }
-                         });
-    }
-
-    sd_bus* bus;
     boost::asio::io_context io;
-    boost::asio::posix::stream_descriptor watch;
+    std::optional<attach::Asio> attached;
 };
 
 class ZLoop
 {
   public:
-    explicit ZLoop(sd_bus* connection) : bus(connection)
+    explicit ZLoop(sd_bus* bus, attach::EndHandler onEnd = {})
     {
-        ProcessAll(bus);
         zloop_set_nonstop(loop, true);
-        EXPECT_EQ(zloop_poller(loop, &item, OnReadable, bus), 0);
+        attached.emplace(loop, bus, std::move(onEnd));
     }
     ~ZLoop()
     {
-        zloop_poller_end(loop, &item);
+        attached.reset();
         zloop_destroy(&loop);
     }
     ZLoop(const ZLoop&) = delete;
     ZLoop& operator=(const ZLoop&) = delete;
 
-    void AfterABlockingCall() { ProcessAll(bus); }
     bool Run(const Condition& done) { return RunUntil(loop, done); }
+    void Detach() { attached.reset(); }
 
   private:
-    static int OnReadable(zloop_t*, zmq_pollitem_t*, void* bus)
-    {
-        ProcessAll(static_cast<sd_bus*>(bus));
-        return 0;
-    }
-
-    sd_bus* bus;
     zloop_t* loop = zloop_new();
-    zmq_pollitem_t item = {nullptr, sd_bus_get_fd(bus), ZMQ_POLLIN, 0};
+    std::optional<attach::ZLoop> attached;
 };
 
 class PollLoop
 {
   public:
-    explicit PollLoop(sd_bus* connection) : bus(connection) { ProcessAll(bus); }
+    explicit PollLoop(sd_bus* bus, attach::EndHandler onEnd = {}) : attached(bus, std::move(onEnd))
+    {
+    }
 
-    void AfterABlockingCall() { ProcessAll(bus); }
     bool Run(const Condition& done)
     {
-        return PollUntil(sd_bus_get_fd(bus), done,
-                         [this]
-                         {
-                             ProcessAll(bus);
-                             return true;
-                         });
+        return RunTurns(done,
+                        [this]
+                        {
+                            pollfd watched = attached.Prepare();
+                            poll(&watched, 1, 10);
+                            attached.Dispatch(watched);
+                            return true;
+                        });
+    }
+
+  private:
+    attach::Poll attached;
+};
+
+class ProcessLoop
+{
+  public:
+    explicit ProcessLoop(sd_bus* connection) : bus(connection) {}
+
+    bool Run(const Condition& done)
+    {
+        return RunTurns(done,
+                        [this]
+                        {
+                            const int handled = sd_bus_process(bus, nullptr);
+                            if (handled == 0)
+                            {
+                                sd_bus_wait(bus, 10000);
+                            }
+                            return handled >= 0;
+                        });
     }
 
   private:
     sd_bus* bus;
 };
 
-using BusLoops = ::testing::Types<SdEventLoop, AsioLoop, ZLoop, PollLoop>;
+using AttachedLoops = ::testing::Types<SdEventLoop, AsioLoop, ZLoop, PollLoop>;
+using BusLoops = ::testing::Types<SdEventLoop, AsioLoop, ZLoop, PollLoop, ProcessLoop>;
 
 } // namespace test
