@@ -1,7 +1,7 @@
 // What the channel does in order, and what it refuses.
 
 #include "channel_loops.hpp"
-#include "faults.hpp"
+#include "faults.h"
 #include "log_recorder.hpp"
 #include "sleeps.hpp"
 
@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -33,9 +34,10 @@ class ChannelTest : public testing::Test
     }
     ~ChannelTest() override
     {
-        test::faults.write = 0;
-        test::faults.read = false;
-        test::faults.poller = false;
+        for (Fault* fault : {&writing, &reading, &zloopPoller})
+        {
+            FailCalls(fault, 0, 0, 0);
+        }
         test::Drain();
     }
 };
@@ -247,7 +249,7 @@ TEST_F(ChannelTest, RefusesWhatTheStateForbids)
     EXPECT_EQ(OneWayChannel_Process(Channel().pipeFds[0]), 3);
     OneWayChannel_Unregister();
     test::ClearLog();
-    test::faults.poller = true;
+    FailCalls(&zloopPoller, 0, 2, EINVAL);
     EXPECT_EQ(loop.Register(nullptr), 4);
     EXPECT_EQ(OneWayChannel_RegisterZLoopWithDefaultFunction(loop.loop, nullptr, Note), 0);
     EXPECT_THAT(Lines(), ElementsAre("2 RegisterZLoop: Registering pipe to poller failed : -1",
@@ -288,11 +290,10 @@ TEST_F(ChannelTest, KeepsAMessageWhoseTriggerFailed)
     loop.Register(nullptr);
     for (const int error : {EIO, EAGAIN})
     {
-        test::faults.write = error;
+        FailCalls(&writing, 0, 1, error);
         EXPECT_EQ(OneWayChannel_Execute(Note, &seen, 1, 0), 6);
     }
     EXPECT_EQ(CountLog(1, 300, "TriggerReadPipeNoLock", "Write failed : -1"), 2U);
-    test::faults.write = 0;
     EXPECT_EQ(OneWayChannel_Execute(Note, &seen, 2, 0), 0);
     EXPECT_TRUE(loop.Run(seen.Reaches(3)));
     EXPECT_THAT(seen.sizes, ElementsAre(1, 1, 2));
@@ -383,7 +384,7 @@ TEST_F(ChannelTest, SkipsAWakeUpThatCannotRead)
         test::PollLoop loop;
         loop.Register(nullptr);
         OneWayChannel_Execute(Note, &seen, 1, 0);
-        test::faults.read = true;
+        FailCalls(&reading, 0, INT_MAX, EIO);
         EXPECT_EQ(OneWayChannel_Process(loop.fd), 7);
     }
     test::SdEventLoop loop;
@@ -392,7 +393,7 @@ TEST_F(ChannelTest, SkipsAWakeUpThatCannotRead)
     EXPECT_TRUE(loop.Run([&] { return told() > 0; }));
     EXPECT_EQ(CountLog(4, 300, "_ReadFromPipe", "Error in zloop pipe read : -1"), 1U);
     EXPECT_THAT(seen.sizes, IsEmpty());
-    test::faults.read = false;
+    FailCalls(&reading, 0, 0, 0);
     EXPECT_TRUE(loop.Run(seen.Reaches(1)));
 }
 

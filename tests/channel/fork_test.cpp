@@ -1,7 +1,7 @@
 // fork() with a channel at work: both sides go on, again and again.
 
 #include "channel_loops.hpp"
-#include "faults.hpp"
+#include "faults.h"
 #include "in_child.hpp"
 #include "log_recorder.hpp"
 #include "sanitizer.hpp"
@@ -263,13 +263,13 @@ TEST_F(ForkWithSdEvent, ChannelWithoutAPipeIsTriedAgain)
             []
             {
                 test::ClearLog();
-                test::faults.pipe = true;
+                FailCalls(&pipeCreation, 0, 1, EMFILE);
                 zloop_t* reactor = zloop_new();
                 if (OneWayChannel_RegisterZLoop(reactor, nullptr) != 5)
                 {
                     return 1;
                 }
-                test::faults.pipe = true;
+                FailCalls(&pipeCreation, 0, 1, EMFILE);
                 int fd = -1;
                 try
                 {

@@ -2,11 +2,13 @@
 
 // Makes one sd-bus function fail on the calling thread, for as long as the object lives.
 
+#include "faults.h"
+
 class Failing
 {
   public:
-    explicit Failing(const char* function); // returns -ENOMEM
-    ~Failing();
+    explicit Failing(const char* function) { failingSdBus = function; } // returns -ENOMEM
+    ~Failing() { failingSdBus = nullptr; }
     Failing(const Failing&) = delete;
     Failing& operator=(const Failing&) = delete;
 };
@@ -15,8 +17,8 @@ class Failing
 class FailingSilently
 {
   public:
-    FailingSilently();
-    ~FailingSilently();
+    FailingSilently() { nothingMade = 1; }
+    ~FailingSilently() { nothingMade = 0; }
     FailingSilently(const FailingSilently&) = delete;
     FailingSilently& operator=(const FailingSilently&) = delete;
 };

@@ -6,8 +6,11 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <poll.h>
 #include <pthread.h>
-#include <stddef.h>
+#include <stdarg.h>
+#include <string.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 struct Fault threadCreation;
@@ -18,11 +21,17 @@ struct Fault broadcast;
 struct Fault join;
 struct Fault pipeCreation;
 struct Fault writing;
+struct Fault written;
+struct Fault reading;
+struct Fault interruption;
+struct Fault zloopPoller;
 _Thread_local pthread_mutex_t* brokenMutex;
 void (*beforeRegistration)(void (*prepare)(void));
 _Thread_local int goodLocks;
 _Thread_local int nextLockFails;
 _Thread_local int nextUnlockFails;
+_Thread_local const char* failingSdBus;
+_Thread_local int nothingMade;
 
 void FailCalls(struct Fault* fault, int good, int count, int error)
 {
@@ -136,11 +145,69 @@ static int asReturned(int error)
 
 STAND_IN(pipe, (int ends[2]), (ends), asReturned(thisCall(&pipeCreation)))
 
-/* Only the channel's triggers, which are two bytes long. */
+STAND_IN(poll, (struct pollfd * fds, nfds_t count, int milliseconds), (fds, count, milliseconds),
+         count == 1 && fds->events == POLLOUT ? asReturned(thisCall(&interruption)) : 0)
+
+/* Of the channel alone: a trigger is two bytes long, and up to 16 of them are read at once. */
 ssize_t write(int fd, const void* data, size_t size)
 {
     static void* cache;
     ssize_t (*real)(int, const void*, size_t) =
         (ssize_t(*)(int, const void*, size_t))next(&cache, "write");
-    return size == 2 && asReturned(thisCall(&writing)) != 0 ? -1 : real(fd, data, size);
+    const int fails = size == 2 && (asReturned(thisCall(&interruption)) != 0 ||
+                                    asReturned(thisCall(&writing)) != 0);
+    const ssize_t done = fails ? -1 : real(fd, data, size);
+    if (size == 2 && done == 2)
+    {
+        thisCall(&written);
+    }
+    return done;
+}
+
+ssize_t read(int fd, void* data, size_t size)
+{
+    static void* cache;
+    ssize_t (*real)(int, void*, size_t) = (ssize_t(*)(int, void*, size_t))next(&cache, "read");
+    return size == 32 && asReturned(thisCall(&reading)) != 0 ? -1 : real(fd, data, size);
+}
+
+STAND_IN(zloop_poller, (void* loop, void* item, void* handler, void* argument),
+         (loop, item, handler, argument), asReturned(thisCall(&zloopPoller)))
+
+static int sdBus(const char* function)
+{
+    return failingSdBus != NULL && strcmp(failingSdBus, function) == 0 ? -ENOMEM : 0;
+}
+
+STAND_IN(sd_bus_message_open_container, (sd_bus_message * m, char type, const char* contents),
+         (m, type, contents), sdBus("sd_bus_message_open_container"))
+STAND_IN(sd_bus_message_close_container, (sd_bus_message * m), (m),
+         sdBus("sd_bus_message_close_container"))
+STAND_IN(sd_bus_call_async,
+         (sd_bus * bus, sd_bus_slot** slot, sd_bus_message* m, sd_bus_message_handler_t callback,
+          void* data, uint64_t usec),
+         (bus, slot, m, callback, data, usec), sdBus("sd_bus_call_async"))
+
+int sd_bus_message_new_method_call(sd_bus* bus, sd_bus_message** m, const char* destination,
+                                   const char* path, const char* interface, const char* member)
+{
+    static void* cache;
+    int (*real)(sd_bus*, sd_bus_message**, const char*, const char*, const char*, const char*) =
+        (int (*)(sd_bus*, sd_bus_message**, const char*, const char*, const char*,
+                 const char*))next(&cache, "sd_bus_message_new_method_call");
+    const int error = sdBus("sd_bus_message_new_method_call");
+    return nothingMade || error < 0 ? error : real(bus, m, destination, path, interface, member);
+}
+
+int sd_bus_message_append(sd_bus_message* m, const char* types, ...)
+{
+    va_list values;
+    va_start(values, types);
+    int result = sdBus("sd_bus_message_append");
+    if (result == 0)
+    {
+        result = sd_bus_message_appendv(m, types, values);
+    }
+    va_end(values);
+    return result;
 }

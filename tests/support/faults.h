@@ -28,7 +28,11 @@ extern "C"
     extern struct Fault broadcast;
     extern struct Fault join;
     extern struct Fault pipeCreation;
-    extern struct Fault writing;
+    extern struct Fault writing;      /* of a trigger of the channel */
+    extern struct Fault written;      /* triggers, to be counted */
+    extern struct Fault reading;      /* of triggers */
+    extern struct Fault interruption; /* of a trigger's write, or of a look at the pipe */
+    extern struct Fault zloopPoller;
 
     /* Of the calls from now on, `count` fail with `error`, after the first `good` ones. */
     void FailCalls(struct Fault* fault, int good, int count, int error);
@@ -46,6 +50,12 @@ extern "C"
     extern FAULT_THREAD_LOCAL int goodLocks;
     extern FAULT_THREAD_LOCAL int nextLockFails;
     extern FAULT_THREAD_LOCAL int nextUnlockFails;
+
+    /* This function of sd-bus returns -ENOMEM on this thread; null for none. */
+    extern FAULT_THREAD_LOCAL const char* failingSdBus;
+
+    /* sd_bus_message_new_method_call() reports success without a message on this thread. */
+    extern FAULT_THREAD_LOCAL int nothingMade;
 
 #ifdef __cplusplus
 }
