@@ -1,6 +1,9 @@
+// Queues GetAll and handles its reply; what depends on the caller's variant is in the header.
+
 #include <async_ops.hpp>
 
 #include "bus/bus.hpp"
+#include "bus/get_all_reply.hpp"
 #include "bus/message_size.hpp"
 #include "bus/text.hpp"
 #include "log.hpp"
@@ -46,7 +49,7 @@ void CompleteFailed(const Reply& reply)
     }
     catch (const std::exception& error)
     {
-        ASYNC_LOG(error, handling, "ex: %s", error.what());
+        LogFailure(error);
     }
 }
 
@@ -85,34 +88,55 @@ void Detach(bmcbus::Slot slot)
     sd_bus_slot_set_floating(slot.get(), true);
 }
 
-int HandleReply(sd_bus_message* message, const Reply& reply)
+bool LogReply(sd_bus_message* reply)
 {
     ASYNC_LOG(info, handling, "enter");
-    if (const sd_bus_error* failure = sd_bus_message_get_error(message))
+    const sd_bus_error* failure = sd_bus_message_get_error(reply);
+    if (failure != nullptr && failure->name != nullptr)
     {
-        if (failure->name != nullptr)
-        {
-            ASYNC_LOG(error, handling, "error name=[%s]", failure->name);
-        }
-        if (failure->message != nullptr)
-        {
-            ASYNC_LOG(error, handling, "error message=[%s]", failure->message);
-        }
+        ASYNC_LOG(error, handling, "error name=[%s]", failure->name);
+    }
+    if (failure != nullptr && failure->message != nullptr)
+    {
+        ASYNC_LOG(error, handling, "error message=[%s]", failure->message);
+    }
+    return failure == nullptr;
+}
+
+void LogRead()
+{
+    ASYNC_LOG(info, handling, "results read ok");
+}
+
+void LogFailure(const std::exception& error)
+{
+    ASYNC_LOG(error, handling, "ex: %s", error.what());
+}
+
+void LogEnd()
+{
+    ASYNC_LOG(info, handling, "leave");
+}
+
+int HandleReply(sd_bus_message* message, const Reply& reply)
+{
+    if (!LogReply(message))
+    {
         CompleteFailed(reply);
         return 1;
     }
     try
     {
         reply.decode(reply.self, message);
-        ASYNC_LOG(info, handling, "results read ok");
+        LogRead();
         reply.complete(reply.self, true);
     }
     catch (const std::exception& error)
     {
-        ASYNC_LOG(error, handling, "ex: %s", error.what());
+        LogFailure(error);
         CompleteFailed(reply);
     }
-    ASYNC_LOG(info, handling, "leave");
+    LogEnd();
     return 1;
 }
 

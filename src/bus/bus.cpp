@@ -74,7 +74,10 @@ MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const cha
         names += name == nullptr ? 0 : std::strlen(name);
     }
     StartMessage(raw, names);
-    Require(Fits(names) ? 0 : -EMSGSIZE, "sd_bus_message_new_method_call");
+    if (!Fits(names))
+    {
+        throw Error(EMSGSIZE, "sd_bus_message_new_method_call");
+    }
     return call;
 }
 

@@ -31,7 +31,10 @@ Dispatcher::Dispatcher(sd_bus* bus) : connection(sd_bus_ref(bus))
     timer = Require(hub->Descriptor(), "timerfd_create");
     const int socket = Require(sd_bus_get_fd(bus), "sd_bus_get_fd");
     watch = epoll_create1(EPOLL_CLOEXEC);
-    Require(watch < 0 ? -errno : 0, "epoll_create1");
+    if (watch < 0)
+    {
+        throw Error(errno, "epoll_create1");
+    }
     result = Add(watch, socket, EPOLLIN);
     result = result < 0 ? result : Add(watch, timer, EPOLLIN);
     if (result < 0)

@@ -73,22 +73,22 @@ int OnReply(sd_bus_message* reply, void* record, sd_bus_error* error) noexcept
     return Form<Callback>::handle(reply, record, error);
 }
 
-// A step of putting the request together; failing, it is named in a line and in the exception.
-#define REQUIRE(function, step, result)                                                            \
-    do                                                                                             \
-    {                                                                                              \
-        const int irv = (result);                                                                  \
-        if (irv < 0)                                                                               \
-        {                                                                                          \
-            LOG_FOR(function, error, step " returned an error, irv=%d", irv);                      \
-            throw std::runtime_error(step " returned an error");                                   \
-        }                                                                                          \
-    } while (false)
+// Checks a step of putting the request together; one that fails is named in a line and in the
+// exception.
+void Require(const char* function, const char* step, int result)
+{
+    if (result < 0)
+    {
+        const std::string failure = std::string(step) + " returned an error";
+        LOG_FOR_FORMAT(function, error, ("%s.%d.%s: " + failure + ", irv=%d").c_str(), result);
+        throw std::runtime_error(failure);
+    }
+}
 
 void AppendText(const char* function, sd_bus_message* call, const std::string& text)
 {
-    REQUIRE(function, "sd_bus_message_append", bmcbus::Grow(call, 4, 4 + text.size() + 1));
-    REQUIRE(function, "sd_bus_message_append",
+    Require(function, "sd_bus_message_append", bmcbus::Grow(call, 4, 4 + text.size() + 1));
+    Require(function, "sd_bus_message_append",
             bmcbus::IsBusText(text) ? sd_bus_message_append(call, "s", text.c_str()) : -EINVAL);
 }
 
@@ -96,7 +96,7 @@ bmcbus::MessageRef NewGetObject(const char* function, sd_bus* bus, const std::st
                                 const Names& interfaces)
 {
     sd_bus_message* raw = nullptr;
-    REQUIRE(function, "sd_bus_message_new_method_call",
+    Require(function, "sd_bus_message_new_method_call",
             sd_bus_message_new_method_call(bus, &raw, internal::mapperService, internal::mapperPath,
                                            internal::mapperInterface, "GetObject"));
     if (raw == nullptr)
@@ -107,13 +107,13 @@ bmcbus::MessageRef NewGetObject(const char* function, sd_bus* bus, const std::st
     bmcbus::MessageRef call(raw);
     bmcbus::StartMessage(raw, 0);
     AppendText(function, raw, path);
-    REQUIRE(function, "sd_bus_message_open_container",
+    Require(function, "sd_bus_message_open_container",
             sd_bus_message_open_container(raw, SD_BUS_TYPE_ARRAY, "s"));
     for (const std::string& interface : interfaces)
     {
         AppendText(function, raw, interface);
     }
-    REQUIRE(function, "sd_bus_message_close_container", sd_bus_message_close_container(raw));
+    Require(function, "sd_bus_message_close_container", sd_bus_message_close_container(raw));
     return call;
 }
 
@@ -126,7 +126,7 @@ bmcbus::Slot Queue(sd_bus* bus, const std::string& path, const Names& interfaces
     const bmcbus::MessageRef call = NewGetObject(function, bus, path, interfaces);
     pending->deadline = bmcbus::Deadline(bus);
     sd_bus_slot* raw = nullptr;
-    REQUIRE(function, "sd_bus_call_async",
+    Require(function, "sd_bus_call_async",
             sd_bus_call_async(bus, &raw, call.get(), OnReply<Callback>, pending.get(), 0));
     bmcbus::Slot slot(raw);
     sd_bus_slot_set_destroy_callback(raw, Pending<Callback>::Drop);
@@ -142,14 +142,12 @@ bmcbus::BusRef Hold(const char* function, sd_bus* wanted)
     sd_bus* raw = sd_bus_ref(wanted);
     if (raw == nullptr)
     {
-        REQUIRE(function, "sd_bus_default_system", sd_bus_default_system(&raw));
+        Require(function, "sd_bus_default_system", sd_bus_default_system(&raw));
     }
     bmcbus::BusRef bus(raw);
     static_cast<void>(bmcbus::AwaitReady(raw));
     return bus;
 }
-
-#undef REQUIRE
 
 template <class Callback>
 bmcbus::Slot QueueHeld(sd_bus* wanted, const std::string& path, const Names& interfaces,

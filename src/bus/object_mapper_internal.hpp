@@ -17,6 +17,12 @@
     BMCBUS_LOG_IN("object_mapper.cpp", level, bmcbus::log::librarySource, function,                \
                   text __VA_OPT__(, ) __VA_ARGS__)
 
+// The same for a format that is put together, location included.
+#define LOG_FOR_FORMAT(function, level, format, ...)                                               \
+    static_cast<void>(dlog_printf(bmcbus::log::level, bmcbus::log::librarySource, format,          \
+                                  "object_mapper.cpp", __LINE__,                                   \
+                                  (function)__VA_OPT__(, ) __VA_ARGS__))
+
 namespace ObjectMapper::internal
 {
 

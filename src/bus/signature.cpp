@@ -129,7 +129,10 @@ bool Wire<Signature>::Read(sd_bus_message* message, Signature& value)
     const bool found = ReadText(message, SD_BUS_TYPE_SIGNATURE, text);
     if (found)
     {
-        Require(Signature::Valid(text) ? 0 : -EBADMSG, "sd_bus_message_read_basic string");
+        if (!Signature::Valid(text))
+        {
+            throw Error(EBADMSG, "sd_bus_message_read_basic string");
+        }
         value = Signature(text);
     }
     return found;

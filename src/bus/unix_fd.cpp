@@ -99,7 +99,10 @@ bool Wire<UnixFd>::Read(sd_bus_message* message, UnixFd& value)
 void Wire<UnixFd>::Append(sd_bus_message* message, const UnixFd& value)
 {
     const int fd = value.get();
-    Require(fd >= 0 ? 0 : -EBADF, "sd_bus_message_append_basic");
+    if (fd < 0)
+    {
+        throw Error(EBADF, "sd_bus_message_append_basic");
+    }
     AppendBasic(message, SD_BUS_TYPE_UNIX_FD, &fd);
 }
 

@@ -191,7 +191,10 @@ class Reader
         while (!types.empty())
         {
             const std::string_view type = types.substr(0, CompleteType(types));
-            Require(Place(type, items.emplace_back()) ? 0 : -EBADMSG, exitTuple);
+            if (!Place(type, items.emplace_back()))
+            {
+                throw Error(EBADMSG, exitTuple);
+            }
             types.remove_prefix(type.size());
         }
     }
@@ -319,7 +322,10 @@ bool Wire<Variant>::Read(sd_bus_message* message, Variant& value)
 
 void Wire<Variant>::Append(sd_bus_message* message, const Variant& value)
 {
-    Require(value.HasValue() ? 0 : -EINVAL, "sd_bus_message_open_container");
+    if (!value.HasValue())
+    {
+        throw Error(EINVAL, "sd_bus_message_open_container");
+    }
     Writer(message).Place("v", value);
 }
 

@@ -128,7 +128,10 @@ const char* PeekVariant(sd_bus_message* message)
     {
         return nullptr;
     }
-    Require(type == SD_BUS_TYPE_VARIANT ? 0 : -ENXIO, "sd_bus_message_skip variant");
+    if (type != SD_BUS_TYPE_VARIANT)
+    {
+        throw Error(ENXIO, "sd_bus_message_skip variant");
+    }
     return contents;
 }
 
@@ -152,7 +155,11 @@ void AppendChecked(sd_bus_message* message, char code, const std::string& text)
             : IsBusText(text);
     const size_t length = code == SD_BUS_TYPE_SIGNATURE ? 1 : 4;
     Require(Grow(message, length, length + text.size() + 1), "sd_bus_message_append_basic");
-    Require(travels ? sd_bus_message_append_basic(message, code, text.c_str()) : -EINVAL,
+    if (!travels)
+    {
+        throw Error(EINVAL, "sd_bus_message_append_basic");
+    }
+    Require(sd_bus_message_append_basic(message, code, text.c_str()),
             "sd_bus_message_append_basic");
 }
 
