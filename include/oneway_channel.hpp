@@ -60,6 +60,7 @@
 #include <sdeventplus/source/io.hpp>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <list>
 #include <memory>
@@ -201,6 +202,16 @@ class BMCBUS_EXPORT OneWayChannel
      */
     void Unregister();
 
+    /**
+     * Has the registration in force wake its loop once for a burst: a message that is queued while
+     * an earlier wake-up has not been followed to its end writes no trigger. On the loop's thread,
+     * after registering; ends with the registration. Order, refusals, waiting producers and fork()
+     * stay as they are. Does not block.
+     *
+     * @return 0, or 3 when nothing is registered, which is logged
+     */
+    int WakeOncePerBurst();
+
     /** Logs which registration is in place. @return 2 */
     int _ReturnAlreadyRegistered();
 
@@ -290,6 +301,9 @@ class BMCBUS_EXPORT OneWayChannel
     BMCBUS_LOCAL int WriteIfRoom(const char (&bytes)[2]);
     BMCBUS_LOCAL int WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock);
     BMCBUS_LOCAL int Wake(std::unique_lock<std::mutex>& lock) noexcept;
+    BMCBUS_LOCAL int WakeOnce(std::unique_lock<std::mutex>& lock) noexcept;
+    BMCBUS_LOCAL int TriggerOnce(std::unique_lock<std::mutex>& lock);
+    BMCBUS_LOCAL void LetProducersOn();
     BMCBUS_LOCAL bool OnLoopThread() const;
     BMCBUS_LOCAL bool RunNext(void* context);
     BMCBUS_LOCAL void WakeAgain() noexcept;
@@ -303,6 +317,13 @@ class BMCBUS_EXPORT OneWayChannel
     // How many of those that fit are being written right now, each by a thread of its own; raised
     // under the operation mutex. See WriteIfRoom() for how many threads that may be.
     std::atomic<int> reserved_ = 0;
+    // Of a registration that is woken once for a burst: whether it is, whether that has happened
+    // since the queue was last found empty, and producers that wait for room in the queue. Under
+    // the operation mutex.
+    bool wakeOnce_ = false;
+    bool woken_ = false;
+    int waiting_ = 0;
+    std::condition_variable roomInQueue_;
     // The asio registration in force; owned by the handler of its wait.
     Watch* watch_ = nullptr;
     // Those of ended registrations whose wait goes on. Under the operation mutex.
@@ -394,6 +415,15 @@ extern "C"
      * kind of registration; 7 when @p fd could not be read, which is logged
      */
     BMCBUS_EXPORT int OneWayChannel_Process(int fd);
+
+    /**
+     * Has the registration in force wake its loop once for a burst of messages, and not for each:
+     * many posts in a row cost a fraction then. On the loop's thread, after registering; ends with
+     * the registration. All else stays as it is. Does not block.
+     *
+     * @return 0; 3 when nothing is registered, which is logged
+     */
+    BMCBUS_EXPORT int OneWayChannel_WakeOncePerBurst(void);
 
     /** Ends the registration. On the loop's thread, also inside a message's function. */
     BMCBUS_EXPORT void OneWayChannel_Unregister(void);

@@ -156,9 +156,13 @@ std::unique_ptr<Loop> MakeLoop(const std::string& kind)
 
 Poster::Poster(const std::string& who, Loop& loop, void* given) : context(given)
 {
-    if (who == "library")
+    if (who == "library" || who == "once")
     {
         loop.Register(context);
+        if (who == "once")
+        {
+            OneWayChannel_WakeOncePerBurst();
+        }
     }
     else if (who == "asio")
     {

@@ -132,6 +132,10 @@ void OneWayChannel::TakeOver(void* context, Function function)
 {
     Store(userContext, context);
     defaultFunction = std::move(function);
+    {
+        const std::lock_guard lock(oneWayChannelOperationMutex);
+        wakeOnce_ = false;
+    }
     BecomeLoopThread();
 }
 

@@ -79,6 +79,11 @@ int OneWayChannel_Process(int fd)
     }
 }
 
+int OneWayChannel_WakeOncePerBurst(void)
+{
+    return OneWayChannel::GetInstance()->WakeOncePerBurst();
+}
+
 void OneWayChannel_Unregister(void)
 {
     try

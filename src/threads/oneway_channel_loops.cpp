@@ -128,6 +128,8 @@ void OneWayChannel::Unregister()
     Store(userContext, static_cast<void*>(nullptr));
     ended.swap(defaultFunction);
     Store(loopTidValid, false);
+    wakeOnce_ = false;
+    LetProducersOn();
     CHANNEL_HEADER_LOG(trace, __func__, "leave");
 }
 

@@ -6,6 +6,10 @@
 // not certain the write end is made non-blocking for one write, under the mutex; a producer that
 // finds no room then waits in poll() without the mutex, and the loop's own thread goes on without a
 // trigger.
+//
+// A registration that is woken once for a burst gets a trigger only when none is on its way: the
+// queue is drained until it is found empty, so what comes before is seen without another. The pipe
+// then says nothing about how much waits; the queue itself is kept to as many messages.
 
 #include "threads/oneway_channel_internal.hpp"
 #include "threads/thread_exit.hpp"
@@ -114,6 +118,11 @@ class Drain
 
 constinit thread_local Drain* Drain::current = nullptr;
 
+// What a pipe of the usual 64 KiB holds triggers for, and where waiting producers go on: a page
+// less.
+constexpr size_t mostQueued = 32768;
+constexpr size_t roomAgain = mostQueued - 2048;
+
 constexpr char trigger[] = {'R', '\0'};
 
 // A signal is no failure.
@@ -210,6 +219,10 @@ int OneWayChannel::Execute(void* data, unsigned long size, bool freeData)
 // refers to must still be there.
 int OneWayChannel::Wake(std::unique_lock<std::mutex>& lock) noexcept
 {
+    if (wakeOnce_)
+    {
+        return WakeOnce(lock);
+    }
     if (ReserveRoom())
     {
         lock.unlock();
@@ -217,6 +230,62 @@ int OneWayChannel::Wake(std::unique_lock<std::mutex>& lock) noexcept
     }
     const int result = WriteIfRoom(trigger);
     return noRoom_ && !OnLoopThread() ? WaitForRoomAndTrigger(lock) : result;
+}
+
+int OneWayChannel::WakeOnce(std::unique_lock<std::mutex>& lock) noexcept
+{
+    const bool crowded = mbQueue.size() > mostQueued && !OnLoopThread();
+    const int result = woken_ ? channel::success : TriggerOnce(lock);
+    if (crowded && result == channel::success && (lock.owns_lock() || LockAgain(lock)))
+    {
+        ++waiting_;
+        roomInQueue_.wait(
+            lock,
+            [this] { return mbQueue.size() <= roomAgain || Type() == RegistrationType::None; });
+        --waiting_;
+    }
+    return result;
+}
+
+// The write goes without the lock, as in any post.
+int OneWayChannel::TriggerOnce(std::unique_lock<std::mutex>& lock)
+{
+    woken_ = true;
+    int result = channel::success;
+    if (ReserveRoom())
+    {
+        lock.unlock();
+        result = WriteIntoRoom(trigger);
+    }
+    else
+    {
+        result = WriteIfRoom(trigger); // a full pipe wakes as surely
+    }
+    if (result != channel::success && (lock.owns_lock() || LockAgain(lock)))
+    {
+        woken_ = false; // the next message tries again
+    }
+    return result;
+}
+
+void OneWayChannel::LetProducersOn()
+{
+    if (waiting_ != 0)
+    {
+        roomInQueue_.notify_all();
+    }
+}
+
+int OneWayChannel::WakeOncePerBurst()
+{
+    const std::lock_guard lock(oneWayChannelOperationMutex);
+    if (Type() == RegistrationType::None)
+    {
+        CHANNEL_LOG(misuse, "the receive fd is not registered, please call Register");
+        return channel::notPossible;
+    }
+    wakeOnce_ = true;
+    return channel::success;
 }
 
 int OneWayChannel::WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock)
@@ -356,9 +425,14 @@ bool OneWayChannel::RunNext(void* context)
         const std::lock_guard lock(oneWayChannelOperationMutex);
         if (mbQueue.empty())
         {
+            woken_ = false;
             return false;
         }
         next.splice(next.end(), mbQueue, mbQueue.begin());
+        if (mbQueue.size() == roomAgain)
+        {
+            LetProducersOn();
+        }
     }
     MBMessage& message = *next.front();
     try
@@ -377,7 +451,8 @@ void OneWayChannel::WakeAgain() noexcept
 try
 {
     const std::lock_guard lock(oneWayChannelOperationMutex);
-    if (!mbQueue.empty())
+    woken_ = !mbQueue.empty();
+    if (woken_)
     {
         static_cast<void>(TriggerReadPipeNoLock());
     }

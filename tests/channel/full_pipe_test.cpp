@@ -173,23 +173,81 @@ TYPED_TEST(FullPipe, SignalsAreNoFailures)
     EXPECT_TRUE(loop.Run([&] { return ran == posted + 1; }));
 }
 
+// A loop that is woken once for a burst: one trigger, the same order, the same bound.
+TYPED_TEST(FullPipe, IsFarAwayWhereOneWakeUpServesABurst)
+{
+    static constexpr int producers = 4;
+    static constexpr int each = 20000;
+    TypeParam loop;
+    EXPECT_EQ(OneWayChannel_WakeOncePerBurst(), 3);
+    test::ClearLog();
+    ASSERT_EQ(loop.Register(nullptr), 0);
+    ASSERT_EQ(OneWayChannel_WakeOncePerBurst(), 0);
+    std::vector<int> ran;
+    const auto post = [&](int number)
+    { return test::Post([&, number] { ran.push_back(number); }); };
+    for (int i = 0; i < each; ++i)
+    {
+        ASSERT_EQ(post(i), 0);
+    }
+    EXPECT_EQ(TriggerBytes(), 2);
+    EXPECT_TRUE(loop.Run([&] { return ran.size() == each; }));
+    EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+    EXPECT_EQ(TriggerBytes(), 0);
+
+    // Also after a trigger that could not be written, and after a message that throws.
+    FailCalls(&writing, 0, 1, EIO);
+    EXPECT_EQ(post(each), 6);
+    test::ClearLog();
+    EXPECT_EQ(post(each + 1), 0);
+    EXPECT_TRUE(loop.Run([&] { return ran.size() == each + 2; }));
+
+    std::atomic<int> count{0};
+    Threads threads(producers,
+                    [&]
+                    {
+                        for (int n = 0; n < each; ++n)
+                        {
+                            EXPECT_EQ(test::Post([&] { ++count; }), 0);
+                        }
+                    });
+    EXPECT_TRUE(bmcbus::testing::Until(
+        [&]
+        {
+            const std::lock_guard lock(infrautils::oneWayChannelOperationMutex);
+            return Channel().mbQueue.size() == static_cast<size_t>(Capacity() / 2 + producers);
+        }));
+    EXPECT_TRUE(loop.Run([&] { return count == producers * each; }));
+    threads.Join();
+}
+
 using FullPipeOfOwnLoop = FullPipe<test::PollLoop>;
 
 TEST_F(FullPipeOfOwnLoop, FreesWaitingProducersWhenTheRegistrationEnds)
 {
-    test::PollLoop loop;
-    loop.Register(nullptr);
-    test::SetLogThreshold(3);
-    Threads threads(3,
-                    []
-                    {
-                        while (test::Post([] {}) == 0)
+    for (const bool once : {false, true})
+    {
+        test::PollLoop loop;
+        loop.Register(nullptr);
+        EXPECT_TRUE(!once || OneWayChannel_WakeOncePerBurst() == 0);
+        test::SetLogThreshold(3);
+        Threads threads(3,
+                        []
                         {
-                        }
-                    });
-    EXPECT_TRUE(bmcbus::testing::Until([] { return TriggerBytes() == Capacity(); }));
-    OneWayChannel_Unregister();
-    threads.Join();
+                            while (test::Post([] {}) == 0)
+                            {
+                            }
+                        });
+        EXPECT_TRUE(bmcbus::testing::Until(
+            []
+            {
+                const std::lock_guard lock(infrautils::oneWayChannelOperationMutex);
+                return Channel().mbQueue.size() == static_cast<size_t>(Capacity() / 2 + 3);
+            }));
+        OneWayChannel_Unregister();
+        threads.Join();
+        test::Drain();
+    }
 }
 
 // Also where a pipe is small, or made so while triggers are in it; the smallest is one page.

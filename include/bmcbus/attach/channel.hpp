@@ -56,6 +56,9 @@ class Channel
 
     ~Channel() { OneWayChannel_Unregister(); }
 
+    /** Wakes the loop once for a burst of posts: `OneWayChannel_WakeOncePerBurst`. */
+    void WakeOncePerBurst() { OneWayChannel_WakeOncePerBurst(); }
+
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
@@ -95,6 +98,9 @@ class PollChannel
     }
 
     ~PollChannel() { OneWayChannel_Unregister(); }
+
+    /** Wakes the loop once for a burst of posts: `OneWayChannel_WakeOncePerBurst`. */
+    void WakeOncePerBurst() { OneWayChannel_WakeOncePerBurst(); }
 
     PollChannel(const PollChannel&) = delete;
     PollChannel& operator=(const PollChannel&) = delete;
