@@ -14,11 +14,11 @@ def measured(times, report, name, program, contenders, *arguments):
         return None
 
 
-def compare(times, report, name, bound, floor, program, *arguments, peers=()):
-    results = measured(times, report, name, program, (floor, "library", *peers), *arguments)
+def compare(times, report, name, bound, floor, program, *arguments, peers=(), ours="library"):
+    results = measured(times, report, name, program, (floor, ours, *peers), *arguments)
     if results is None:
         return
-    by_hand, library = results[floor], results["library"]
+    by_hand, library = results[floor], results[ours]
     if by_hand is None:
         report.plain(f"{name:44} not measured, {floor} is not built in")
         return
@@ -42,6 +42,8 @@ def posts(times, report):
             compare(times, report, f"post, {loop}, producers: {producers}", 1.1, "plain",
                     "threads/bench-posts", loop, producers, 20,
                     peers=["asio"] if loop == "asio" else [])
+        compare(times, report, f"post, {loop}, woken once for a burst", 0.15, "plain",
+                "threads/bench-posts", loop, 1, 20, ours="once")
 
 
 def latency(times, report):

@@ -32,8 +32,8 @@ class Loop
 // By name: sd-event, zloop, asio, poll.
 std::unique_ptr<Loop> MakeLoop(const std::string& kind);
 
-// Where a contender's messages go: the library's channel on this loop, a plain one, or, for "asio",
-// the loop's own queue.
+// Where a contender's messages go: the library's channel on this loop, which for "once" is woken
+// once for a burst, a plain one, or, for "asio", the loop's own queue.
 class Poster
 {
   public:

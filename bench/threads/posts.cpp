@@ -1,7 +1,7 @@
 // Posts in bursts: each burst begins when the last one has been run to its end. Without producers
 // the loop's own thread posts, which is what an instruction counter can count.
 //
-//   bench-posts library|plain|asio LOOP PRODUCERS BURSTS
+//   bench-posts library|once|plain|asio LOOP PRODUCERS BURSTS
 
 #include "loops.hpp"
 #include <cost.hpp>
@@ -67,7 +67,7 @@ int main(int argc, char** argv)
 {
     if (argc != 5)
     {
-        std::cerr << "usage: bench-posts library|plain|asio LOOP PRODUCERS BURSTS\n";
+        std::cerr << "usage: bench-posts library|once|plain|asio LOOP PRODUCERS BURSTS\n";
         return 2;
     }
     const auto loop = bench::MakeLoop(argv[2]);
