@@ -76,6 +76,10 @@ void StoreAll(CachedObject object, PropertyMap& values, bool lock, Before before
         },
         [&](const char* name)
         {
+            if (object.interface().LeavesOut(name))
+            {
+                return;
+            }
             before(name);
             LogSetByName(object, name, lock);
             LogNoProperty(object, name, lock);

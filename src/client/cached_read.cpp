@@ -243,6 +243,10 @@ void PropertiesRead(Anchor& anchor, bool success, const NamedRefs& values)
                  for (size_t left = values.size; left > 0; --left)
                  {
                      const NamedRef entry = values.next(values.position);
+                     if (object.interface().LeavesOut(entry.name))
+                     {
+                         continue;
+                     }
                      LogRead(object, entry.name.data());
                      StoreNamed(object, entry.name, true, Source(entry.value));
                  }

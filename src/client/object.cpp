@@ -40,6 +40,16 @@ Position Interface::PositionOf(const char* wanted) const
     return {.number = static_cast<uint16_t>(first), .is_property = false};
 }
 
+bool Interface::LeavesOut(std::string_view wanted) const
+{
+    std::string_view each = left_out != nullptr ? left_out : "";
+    while (!each.empty() && each != wanted)
+    {
+        each = each.data() + each.size() + 1;
+    }
+    return !each.empty();
+}
+
 std::optional<uint16_t> Interface::Find(std::string_view wanted) const
 {
     const Position position = PositionOf(wanted.data());

@@ -165,6 +165,19 @@ TEST_F(Odd, EnumerationsKeepUnknownText)
     EXPECT_EQ(color, Color::default_);
 }
 
+TEST_F(Odd, WhatIsLeftOutIsPassedOver)
+{
+    Cached cached(path, service_name);
+    bmcbus::testing::ClearLog();
+    std::map<std::string, Cached::Variant> values = {{"secret", std::string("x")},
+                                                     {"with-dash", std::string("y")}};
+    Cached::GetPropertiesAsyncCallback(true, values, &cached);
+    EXPECT_EQ(cached.Get_with_dash(), "y");
+    EXPECT_TRUE(bmcbus::testing::Log(2).empty()) << Describe(bmcbus::testing::Log(2));
+    cached.SetByName("secret", values["secret"]);
+    EXPECT_EQ(bmcbus::testing::CountLog(2, 127, "SetByName", "invalid property_name=[secret]"), 1U);
+}
+
 TEST(OddNames, AreConstants)
 {
     namespace Types = ClientTypes::com::example::test::Odd_;

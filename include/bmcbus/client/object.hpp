@@ -100,6 +100,8 @@ struct Interface
     std::span<const Property> properties;
     Alternatives alternatives; ///< of its property-value variant
     const VariantType* variant;
+    /** Names of properties that the service has and the classes do not, each with its end; or null. */
+    const char* left_out = nullptr;
 
     constexpr const char* NameOf(const Property& property) const
     {
@@ -111,6 +113,9 @@ struct Interface
     }
 
     BMCBUS_LOCAL Position PositionOf(const char* wanted) const;
+
+    /** Whether @p wanted is one of `left_out`, so that its values are passed over. */
+    BMCBUS_LOCAL bool LeavesOut(std::string_view wanted) const;
 
     /** The number of the property called @p wanted, which is zero-terminated. */
     BMCBUS_LOCAL std::optional<uint16_t> Find(std::string_view wanted) const;
@@ -136,10 +141,7 @@ struct Field
 template <class T>
 constexpr Field MakeField(Member<T> value, Member<bool> is_set, Alternatives types)
 {
-    // By their signatures, as a sanitizer keeps compilers from comparing addresses.
-    const auto type =
-        std::ranges::find(types, std::string_view(typeOf<T>.signature),
-                          [](const Type* each) { return std::string_view(each->signature); });
+    const auto type = std::ranges::find(types, &typeOf<T>);
     if (type == types.end() || type - types.begin() > UINT8_MAX)
     {
         throw std::logic_error("the class's types lack the field's");
