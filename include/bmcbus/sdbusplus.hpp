@@ -11,8 +11,11 @@
  * Nothing here needs `<sdbusplus/bus/match.hpp>`, which g++ 12 rejects in recent generations.
  */
 
+#include <bmcbus/error.hpp>
+#include <bmcbus/message.hpp>
+#include <bmcbus/object_path.hpp>
+
 #include <sdbusplus/bus.hpp>
-#include <sdbusplus/exception.hpp>
 #include <sdbusplus/message.hpp>
 
 #include <utility>
@@ -20,26 +23,8 @@
 namespace bmcbus
 {
 
-/** A counted reference to a bus message; copies share one read position. */
-using Message = sdbusplus::message::message;
-
 /** A connection wrapper. */
 using Bus = decltype(std::declval<const Message&>().get_bus());
-
-/** What failed bus calls throw; a `std::exception`. */
-using Error = sdbusplus::exception::SdBusError;
-
-/// @cond internal
-namespace lookup
-{
-using namespace sdbusplus;
-using namespace sdbusplus::message;
-using ObjectPath = object_path;
-} // namespace lookup
-/// @endcond
-
-/** An object path, wherever the installed generation declares it. */
-using ObjectPath = lookup::ObjectPath;
 
 /**
  * Gives the connection inside @p bus, borrowed.

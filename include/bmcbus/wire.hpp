@@ -12,8 +12,9 @@
  * Nothing here blocks. Use it on the thread that the message's connection belongs to.
  */
 
+#include <bmcbus/error.hpp>
 #include <bmcbus/export.h>
-#include <bmcbus/sdbusplus.hpp>
+#include <bmcbus/object_path.hpp>
 #include <systemd/sd-bus.h>
 
 #include <array>

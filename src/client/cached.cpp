@@ -9,6 +9,8 @@
 #include "client/member_log.hpp"
 #include "client/signal.hpp"
 
+#include <bmcbus/sdbusplus.hpp>
+
 #include <cstring>
 
 namespace bmcbus::client
@@ -16,25 +18,17 @@ namespace bmcbus::client
 namespace
 {
 
-// The handlers that sd-bus calls. An exception that is not a std::exception comes from a callback
-// that broke its promise; letting it unwind through sd-bus would leave the connection busy for
-// ever, so it ends the process here. The object may be gone when they return.
+void HandleChanged(Anchor& anchor, sd_bus_message* message);
+void HandleAdded(Anchor& anchor, sd_bus_message* message);
+void HandleRemoved(Anchor& anchor, sd_bus_message* message);
 
-int OnChanged(sd_bus_message* message, void* anchor, sd_bus_error* /*error*/) noexcept
+// What sd-bus calls. An exception that is not a std::exception comes from a callback that broke its
+// promise; letting it unwind through sd-bus would leave the connection busy for ever, so it ends
+// the process here. The object may be gone when the handler returns.
+template <void (*Handle)(Anchor&, sd_bus_message*)>
+int On(sd_bus_message* message, void* anchor, sd_bus_error* /*error*/) noexcept
 {
-    Changed(*static_cast<Anchor*>(anchor), message);
-    return 0;
-}
-
-int OnAdded(sd_bus_message* message, void* anchor, sd_bus_error* /*error*/) noexcept
-{
-    Added(*static_cast<Anchor*>(anchor), message);
-    return 0;
-}
-
-int OnRemoved(sd_bus_message* message, void* anchor, sd_bus_error* /*error*/) noexcept
-{
-    Removed(*static_cast<Anchor*>(anchor), message);
+    Handle(*static_cast<Anchor*>(anchor), message);
     return 0;
 }
 
@@ -47,10 +41,11 @@ void InstallMatches(sd_bus* bus, CachedObject object)
     { Require(AddMatch(bus, rule, handler, &anchor, match(anchor.object())), "sd_bus_match"); };
     install(about.properties_changed_match,
             SignalRule("PropertiesChanged", object.path(), "org.freedesktop.DBus.Properties"),
-            OnChanged);
-    install(about.interfaces_added_match, SignalRule("InterfacesAdded", object.path()), OnAdded);
+            On<HandleChanged>);
+    install(about.interfaces_added_match, SignalRule("InterfacesAdded", object.path()),
+            On<HandleAdded>);
     install(about.interfaces_removed_match, SignalRule("InterfacesRemoved", object.path()),
-            OnRemoved);
+            On<HandleRemoved>);
 }
 
 using Update = void (*)(CachedObject object, sd_bus_message* message);
@@ -61,13 +56,13 @@ void HandleSignal(CachedObject object, sd_bus_message* message, const char* ente
                   const char* function, Update update)
 {
     CLIENT_LOG_FORMAT(trace, object.label(), function, enter);
-    Callbacks callbacks;
+    CallbackList callbacks;
     try
     {
         const std::lock_guard lock(object.mutex());
         update(object, message);
         CountSignal(object.anchor().signal_count());
-        callbacks = object.anchor().callbacks();
+        callbacks = CopyCallbacks(object.anchor());
     }
     catch (const std::exception& error)
     {
@@ -140,6 +135,26 @@ void UpdateRemoved(CachedObject object, sd_bus_message* message)
     }
 }
 
+void HandleChanged(Anchor& anchor, sd_bus_message* message)
+{
+    const CachedObject object(anchor);
+    HandleSignal(object, message, object.about().enter_changed, "ObjectCallbackChanged",
+                 UpdateChanged);
+}
+
+void HandleAdded(Anchor& anchor, sd_bus_message* message)
+{
+    const CachedObject object(anchor);
+    HandleSignal(object, message, object.about().enter_added, "ObjectCallbackAdded", UpdateAdded);
+}
+
+void HandleRemoved(Anchor& anchor, sd_bus_message* message)
+{
+    const CachedObject object(anchor);
+    HandleSignal(object, message, object.about().enter_removed, "ObjectCallbackRemoved",
+                 UpdateRemoved);
+}
+
 } // namespace
 
 void Construct(Anchor& anchor, const Callback& first)
@@ -150,11 +165,7 @@ void Construct(Anchor& anchor, const Callback& first)
     CLIENT_LOG_FORMAT(trace, label, name, object.interface().enter);
     try
     {
-        if (first.function != nullptr)
-        {
-            const std::lock_guard lock(object.mutex());
-            anchor.callbacks().Add(first);
-        }
+        AddCallback(anchor, first);
         const BusRef bus = DefaultBus();
         CLIENT_LOG(trace, label, name, "set up callbacks and matches");
         InstallMatches(bus.get(), object);
@@ -168,24 +179,19 @@ void Construct(Anchor& anchor, const Callback& first)
     CLIENT_LOG_FORMAT(trace, label, name, object.interface().leave);
 }
 
-void Changed(Anchor& anchor, sd_bus_message* message)
+void Changed(Anchor& anchor, Message& message)
 {
-    const CachedObject object(anchor);
-    HandleSignal(object, message, object.about().enter_changed, "ObjectCallbackChanged",
-                 UpdateChanged);
+    HandleChanged(anchor, message.get());
 }
 
-void Added(Anchor& anchor, sd_bus_message* message)
+void Added(Anchor& anchor, Message& message)
 {
-    const CachedObject object(anchor);
-    HandleSignal(object, message, object.about().enter_added, "ObjectCallbackAdded", UpdateAdded);
+    HandleAdded(anchor, message.get());
 }
 
-void Removed(Anchor& anchor, sd_bus_message* message)
+void Removed(Anchor& anchor, Message& message)
 {
-    const CachedObject object(anchor);
-    HandleSignal(object, message, object.about().enter_removed, "ObjectCallbackRemoved",
-                 UpdateRemoved);
+    HandleRemoved(anchor, message.get());
 }
 
 } // namespace bmcbus::client

@@ -61,22 +61,35 @@ std::optional<uint16_t> Interface::Find(std::string_view wanted) const
     return {};
 }
 
-void Callbacks::Add(Callback callback)
+void AddCallback(Anchor& anchor, const Callback& callback)
 {
-    auto longer = list_ ? std::make_shared<std::vector<Callback>>(*list_)
-                        : std::make_shared<std::vector<Callback>>();
+    if (callback.function == nullptr)
+    {
+        return;
+    }
+    const std::lock_guard lock(anchor.mutex());
+    const CallbackList before = CopyCallbacks(anchor);
+    auto longer = before ? std::make_shared<std::vector<Callback>>(*before)
+                         : std::make_shared<std::vector<Callback>>();
     longer->push_back(callback);
-    list_ = std::move(longer);
+    if (anchor.callbacks() == nullptr)
+    {
+        anchor.callbacks() = new Callbacks;
+    }
+    anchor.callbacks()->list = std::move(longer);
 }
 
-void AddCallback(std::mutex& mutex, Callbacks& callbacks, const Callback& callback)
+CallbackList CopyCallbacks(Anchor& anchor)
 {
-    if (callback.function != nullptr)
-    {
-        const std::lock_guard lock(mutex);
-        callbacks.Add(callback);
-    }
+    return anchor.callbacks() != nullptr ? anchor.callbacks()->list : CallbackList();
 }
+
+// Requests under way, the last first.
+struct Anchor::Request
+{
+    Slot slot;
+    Request* next;
+};
 
 Anchor::~Anchor()
 {
@@ -84,18 +97,32 @@ Anchor::~Anchor()
     {
         round->anchor_ = nullptr;
     }
+    while (pending_ != nullptr)
+    {
+        delete std::exchange(pending_, pending_->next);
+    }
+    delete callbacks_;
 }
 
 void Anchor::Await(Slot request)
 {
-    pending_.push_front(std::move(request));
+    pending_ = new Request{std::move(request), pending_};
 }
 
 void Anchor::Answered()
 {
-    pending_.remove_if(
-        [](const Slot& request)
-        { return sd_bus_get_current_slot(sd_bus_slot_get_bus(request.get())) == request.get(); });
+    for (Request** link = &pending_; *link != nullptr;)
+    {
+        sd_bus_slot* const slot = (*link)->slot.get();
+        if (sd_bus_get_current_slot(sd_bus_slot_get_bus(slot)) == slot)
+        {
+            delete std::exchange(*link, (*link)->next);
+        }
+        else
+        {
+            link = &(*link)->next;
+        }
+    }
 }
 
 Anchor::Running::Running(Anchor& anchor) : anchor_(&anchor)
@@ -127,13 +154,13 @@ void CountSignal(uint32_t& count)
     }
 }
 
-void RunCallbacks(Anchor& anchor, const char* function, const Callbacks& callbacks)
+void RunCallbacks(Anchor& anchor, const char* function, const CallbackList& callbacks)
 {
     // The object may be gone after a callback.
     const Description& about = anchor.about();
     void* const object = anchor.object();
     const Anchor::Running running(anchor);
-    for (const Callback& callback : callbacks.list())
+    for (const Callback& callback : callbacks ? *callbacks : std::vector<Callback>())
     {
         try
         {

@@ -2,10 +2,12 @@
 // in a child; other locks may be held by threads that the child does not have, and are made anew
 // there.
 
+#include <bmcbus/client/anchor.hpp>
 #include <bmcbus/client/registry.hpp>
 
 #include <pthread.h>
 
+#include <atomic>
 #include <new>
 
 namespace bmcbus::client
@@ -62,13 +64,14 @@ void Child()
 void ForkMutex::lock()
 {
     const uint32_t now = generation.load(std::memory_order_relaxed);
-    if (generation_.load(std::memory_order_acquire) != now)
+    const std::atomic_ref own(generation_);
+    if (own.load(std::memory_order_acquire) != now)
     {
         const std::lock_guard lock(changes);
-        if (generation_.load(std::memory_order_relaxed) != now)
+        if (own.load(std::memory_order_relaxed) != now)
         {
             MakeAnew(mutex_);
-            generation_.store(now, std::memory_order_release);
+            own.store(now, std::memory_order_release);
         }
     }
     mutex_.lock();

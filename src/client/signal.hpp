@@ -1,16 +1,33 @@
 #pragma once
 
-// The end of every signal handler.
+// The change callbacks of an object, and the end of every signal handler.
 
 #include <bmcbus/client/object.hpp>
 
+#include <memory>
+#include <vector>
+
 namespace bmcbus::client
 {
+
+// A list never changes once it is made; adding makes a new one. So taking a copy for a signal costs
+// one counter and no memory.
+using CallbackList = std::shared_ptr<const std::vector<Callback>>;
+
+// In the order added.
+class Callbacks
+{
+  public:
+    CallbackList list;
+};
+
+// The callbacks of the moment, under the object's mutex.
+CallbackList CopyCallbacks(Anchor& anchor);
 
 // Counts one signal; the counter is never 0 again after the first.
 void CountSignal(uint32_t& count);
 
 // Runs `callbacks` until one releases the object, and logs the handler's last line.
-void RunCallbacks(Anchor& anchor, const char* function, const Callbacks& callbacks);
+void RunCallbacks(Anchor& anchor, const char* function, const CallbackList& callbacks);
 
 } // namespace bmcbus::client

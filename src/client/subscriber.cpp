@@ -5,6 +5,8 @@
 #include "client/member_log.hpp"
 #include "client/signal.hpp"
 
+#include <bmcbus/sdbusplus.hpp>
+
 namespace bmcbus::client
 {
 namespace
@@ -15,13 +17,6 @@ constexpr const char* function = "ObjectCallback";
 const SignalClass& About(const Anchor& anchor)
 {
     return static_cast<const SignalClass&>(anchor.about());
-}
-
-// What sd-bus calls; see the cached proxies for why it lets nothing through.
-int OnSignal(sd_bus_message* message, void* anchor, sd_bus_error* /*error*/) noexcept
-{
-    Received(*static_cast<Anchor*>(anchor), message);
-    return 0;
 }
 
 // Replaces all arguments; what a failed read leaves is cleared.
@@ -43,6 +38,35 @@ void ReadArguments(Anchor& anchor, sd_bus_message* message)
     }
 }
 
+void Handle(Anchor& anchor, sd_bus_message* message)
+{
+    const SignalClass& about = About(anchor);
+    CLIENT_LOG_FORMAT(trace, about.label, function, about.enter);
+    CallbackList callbacks;
+    {
+        const std::lock_guard lock(anchor.mutex());
+        try
+        {
+            ReadArguments(anchor, message);
+            CountSignal(anchor.signal_count());
+            callbacks = CopyCallbacks(anchor);
+        }
+        catch (const std::exception& error)
+        {
+            LogException(about.label, function, "", error);
+            return;
+        }
+    }
+    RunCallbacks(anchor, function, callbacks);
+}
+
+// What sd-bus calls; see the cached proxies for why it lets nothing through.
+int OnSignal(sd_bus_message* message, void* anchor, sd_bus_error* /*error*/) noexcept
+{
+    Handle(*static_cast<Anchor*>(anchor), message);
+    return 0;
+}
+
 } // namespace
 
 void Subscribe(Anchor& anchor)
@@ -54,26 +78,9 @@ void Subscribe(Anchor& anchor)
                                OnSignal, &anchor, about.match(anchor.object())));
 }
 
-void Received(Anchor& anchor, sd_bus_message* message)
+void Received(Anchor& anchor, Message& message)
 {
-    const SignalClass& about = About(anchor);
-    CLIENT_LOG_FORMAT(trace, about.label, function, about.enter);
-    Callbacks callbacks;
-    {
-        const std::lock_guard lock(anchor.mutex());
-        try
-        {
-            ReadArguments(anchor, message);
-            CountSignal(anchor.signal_count());
-            callbacks = anchor.callbacks();
-        }
-        catch (const std::exception& error)
-        {
-            LogException(about.label, function, "", error);
-            return;
-        }
-    }
-    RunCallbacks(anchor, function, callbacks);
+    Handle(anchor, message.get());
 }
 
 } // namespace bmcbus::client

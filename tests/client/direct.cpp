@@ -2,6 +2,8 @@
 
 #include "fixture.hpp"
 
+#include <bmcbus/wire.hpp>
+
 #include <com/tamm/bmc/Cpu/cpu/client_cache.hpp>
 #include <com/tamm/bmc/cpumetrics/CpuTelemetryPkg/client_cache.hpp>
 #include <com/tamm/bmc/Memory/Dimm/client_cache.hpp>

@@ -66,7 +66,7 @@ TEST_F(SignalCount, LocksThatFailReachTheCaller)
     test::ClearLog();
     const Refused cached(fan.object_mutex);
     const Refused subscribed(signal.object_mutex);
-    const Refused direct(edge.target.mutex);
+    const Refused direct(edge.target.mutex.mutex_);
     bool flag = true;
     uint8_t count = 9;
     EXPECT_THROW(fan.Ready(), std::system_error);

@@ -2,6 +2,8 @@
 
 #include "fixture.hpp"
 
+#include <bmcbus/sdbusplus.hpp>
+
 #include <atomic>
 #include <thread>
 

@@ -6,6 +6,7 @@
  */
 
 #include <bmcbus/client/object.hpp>
+#include <bmcbus/message.hpp>
 
 #include <map>
 
@@ -77,9 +78,9 @@ void PropertiesRead(Anchor& anchor, bool success, const std::map<std::string, Va
     PropertiesRead(anchor, success, NamedRefs{values.size(), next, &position});
 }
 
-BMCBUS_EXPORT void Changed(Anchor& anchor, sd_bus_message* message);
-BMCBUS_EXPORT void Added(Anchor& anchor, sd_bus_message* message);
-BMCBUS_EXPORT void Removed(Anchor& anchor, sd_bus_message* message);
+BMCBUS_EXPORT void Changed(Anchor& anchor, Message& message);
+BMCBUS_EXPORT void Added(Anchor& anchor, Message& message);
+BMCBUS_EXPORT void Removed(Anchor& anchor, Message& message);
 
 /** Stores what @p variant holds, if that is the property's type. */
 BMCBUS_EXPORT void SetProperty(Anchor& anchor, Access access, const void* variant);

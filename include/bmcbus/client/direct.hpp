@@ -9,18 +9,10 @@
  */
 
 #include <bmcbus/client/object.hpp>
+#include <bmcbus/client/target.hpp>
 
 namespace bmcbus::client
 {
-
-/** The object that a direct proxy stands for, and the interface that the proxy calls there. */
-struct Target
-{
-    const Interface* interface;
-    ForkMutex mutex;
-    std::string service;
-    std::string path;
-};
 
 /** Looks the service up when it is empty; never throws a `std::exception`. */
 BMCBUS_EXPORT void Construct(Target& target);

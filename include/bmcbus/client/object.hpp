@@ -8,24 +8,18 @@
  * For generated code. Nothing here blocks unless it says so.
  */
 
+#include <bmcbus/client/anchor.hpp>
 #include <bmcbus/client/registry.hpp>
 #include <bmcbus/client/type.hpp>
-#include <bmcbus/refs.hpp>
 
-#include <algorithm>
-#include <concepts>
-#include <forward_list>
 #include <mutex>
 #include <new>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-
-namespace bmcbus::live
-{
-struct Access;
-} // namespace bmcbus::live
+#include <vector>
 
 namespace bmcbus::client
 {
@@ -100,7 +94,8 @@ struct Interface
     std::span<const Property> properties;
     Alternatives alternatives; ///< of its property-value variant
     const VariantType* variant;
-    /** Names of properties that the service has and the classes do not, each with its end; or null. */
+    /** Names of properties that the service has and the classes do not, each with its end; or null.
+     */
     const char* left_out = nullptr;
 
     constexpr const char* NameOf(const Property& property) const
@@ -124,9 +119,17 @@ struct Interface
 /** Whether names can be looked up in the table; for the generated code to assert. */
 constexpr bool InOrder(const Interface& interface)
 {
-    return std::ranges::is_sorted(interface.properties, std::ranges::less_equal(),
-                                  [&](const Property& property)
-                                  { return std::string_view(interface.NameOf(property)); });
+    std::string_view before;
+    for (const Property& property : interface.properties)
+    {
+        const std::string_view name = interface.NameOf(property);
+        if (name <= before)
+        {
+            return false;
+        }
+        before = name;
+    }
+    return true;
 }
 
 /** Where an object keeps a property or a signal argument; made with MakeField. */
@@ -141,14 +144,16 @@ struct Field
 template <class T>
 constexpr Field MakeField(Member<T> value, Member<bool> is_set, Alternatives types)
 {
-    const auto type = std::ranges::find(types, &typeOf<T>);
-    if (type == types.end() || type - types.begin() > UINT8_MAX)
+    for (size_t index = 0; index < types.size() && index <= UINT8_MAX; ++index)
     {
-        throw std::logic_error("the class's types lack the field's");
+        if (types[index] == &typeOf<T>)
+        {
+            return {.value_offset = value.offset(),
+                    .type_index = static_cast<uint8_t>(index),
+                    .is_set = is_set};
+        }
     }
-    return {.value_offset = value.offset(),
-            .type_index = static_cast<uint8_t>(type - types.begin()),
-            .is_set = is_set};
+    throw std::logic_error("the class's types lack the field's");
 }
 
 /** The properties by their numbers, or the arguments in the order of the message. */
@@ -163,35 +168,6 @@ struct Fields
 /** Log lines of generated code. */
 inline constexpr unsigned int logSource = 127;
 
-/** One entry of a list of change callbacks, its function's type forgotten. */
-struct Callback
-{
-    void (*function)();
-    void* user_data;
-};
-
-/**
- * The change callbacks of an object, in the order added.
- *
- * A list never changes once it is made; adding makes a new one. So taking a copy for a signal costs
- * one counter and no memory.
- */
-class BMCBUS_EXPORT Callbacks
-{
-  public:
-    void Add(Callback callback);
-
-    std::span<const Callback> list() const
-    {
-        return list_ ? std::span<const Callback>(*list_) : std::span<const Callback>();
-    }
-
-  private:
-    std::shared_ptr<const std::vector<Callback>> list_;
-};
-
-class Anchor;
-
 /** What a cached proxy class and a subscriber class have in common: where an object keeps what. */
 struct Description
 {
@@ -202,74 +178,38 @@ struct Description
     Member<const std::string> path;
     Member<bool> ready;
     Member<uint32_t> signal_count;
-    Member<Callbacks> callbacks;
     Fields fields;
 };
 
-/**
- * An object as the run-time half sees it: the object itself and the description of its class. It
- * is the user data of the object's subscriptions and of its pending calls.
- *
- * The destructor cancels what is pending and tells the signal handlers that are running that the
- * object is gone, so a callback may release the very object that called it.
- */
-class BMCBUS_EXPORT Anchor
+inline std::mutex& Anchor::mutex() const
 {
-  public:
-    Anchor(void* object, const Description& about) :
-        object_(object), about_(&about), thread_(ThreadNumber())
-    {
-    }
-    ~Anchor();
-    Anchor(const Anchor&) = delete;
-    Anchor& operator=(const Anchor&) = delete;
+    return about_->object_mutex(object_);
+}
 
-    void* object() const { return object_; }
-    /** The number of the thread that made the object. */
-    uint32_t thread() const { return thread_; }
-    const Description& about() const { return *about_; }
+inline const std::string& Anchor::path() const
+{
+    return about_->path(object_);
+}
 
-    /** @name The object's members; the mutex guards all but the path. @{ */
-    std::mutex& mutex() const { return about_->object_mutex(object_); }
-    const std::string& path() const { return about_->path(object_); }
-    bool& ready() const { return about_->ready(object_); }
-    uint32_t& signal_count() const { return about_->signal_count(object_); }
-    Callbacks& callbacks() const { return about_->callbacks(object_); }
-    /** @} */
+inline bool& Anchor::ready() const
+{
+    return about_->ready(object_);
+}
 
-    /** A field's value, and its type in the class's types. */
-    void* Value(const Field& field) const { return Place(object_, field.value_offset); }
-    const Type& TypeOf(const Field& field) const { return about_->fields.TypeOf(field); }
+inline uint32_t& Anchor::signal_count() const
+{
+    return about_->signal_count(object_);
+}
 
-    /** Keeps a request that is under way. */
-    BMCBUS_LOCAL void Await(Slot request);
-    /** Drops the request whose reply is being handled. */
-    BMCBUS_LOCAL void Answered();
+inline void* Anchor::Value(const Field& field) const
+{
+    return Place(object_, field.value_offset);
+}
 
-    /** Lives on the stack while callbacks run. Linked and unlinked under the object's mutex. */
-    class BMCBUS_LOCAL Running
-    {
-      public:
-        explicit Running(Anchor& anchor);
-        ~Running();
-        Running(const Running&) = delete;
-        Running& operator=(const Running&) = delete;
-
-        bool gone() const { return anchor_ == nullptr; }
-
-      private:
-        friend Anchor;
-        Anchor* anchor_;
-        Running* next_ = nullptr;
-    };
-
-  private:
-    void* object_;
-    const Description* about_;
-    uint32_t thread_;
-    std::forward_list<Slot> pending_;
-    Running* running_ = nullptr;
-};
+inline const Type& Anchor::TypeOf(const Field& field) const
+{
+    return about_->fields.TypeOf(field);
+}
 
 /** Calls a change callback of @p Class. */
 template <class Class>
@@ -286,28 +226,8 @@ Callback Erase(void (*function)(Class*, void*), void* user_data)
     return {reinterpret_cast<void (*)()>(function), user_data};
 }
 
-/** Adds a change callback; null adds nothing. */
-BMCBUS_EXPORT void AddCallback(std::mutex& mutex, Callbacks& callbacks, const Callback& callback);
-
-/** What a pointer to text says; null means empty. */
-inline std::string TextOf(const char* text)
-{
-    return text != nullptr ? text : "";
-}
-
-/**
- * Text literals and pointers to text, as opposed to everything that converts to them.
- *
- * A pointer converts to `bool` more readily than to `std::string`, and to a variant as readily; the
- * overloads for this concept make a literal mean text.
- */
-template <class T>
-concept TextPointer = std::same_as<T, const char*> || std::same_as<T, char*>;
-
-/** What would turn into a `bool` without being one, and is not @p Meant for another parameter. */
-template <class T, class... Meant>
-concept NoFlag = std::convertible_to<T, bool> && !std::same_as<T, bool> &&
-                 !(std::convertible_to<T, Meant> || ...);
+/** Adds a change callback; null adds nothing. Any thread. */
+BMCBUS_EXPORT void AddCallback(Anchor& anchor, const Callback& callback);
 
 /** Copies every field to the address with its number in @p out, under one lock. */
 BMCBUS_EXPORT void CopyAll(const Anchor& anchor, void* const* out);
@@ -377,23 +297,34 @@ void Save(std::mutex& mutex, std::vector<Class*>& active, Class* object)
     active.push_back(object);
 }
 
-/** Saves a new object and lets the registry own it. */
+/** Saves a new object and lets the registry own it; destroys it where that fails. */
 template <class Class>
-Class* Register(std::mutex& mutex, std::vector<Class*>& active, std::unique_ptr<Class> object)
+Class* Register(std::mutex& mutex, std::vector<Class*>& active, Class* object)
 {
-    Save(mutex, active, object.get());
-    return object.release();
+    try
+    {
+        Save(mutex, active, object);
+    }
+    catch (...)
+    {
+        delete object;
+        throw;
+    }
+    return object;
 }
 
 template <class Class>
 void Unsave(std::mutex& mutex, std::vector<Class*>& active, Class* object)
 {
     const std::lock_guard lock(mutex);
-    const auto found = std::ranges::find(active, object);
-    if (found != active.end())
+    for (auto each = active.begin(); each != active.end(); ++each)
     {
-        const ListChange change;
-        active.erase(found);
+        if (*each == object)
+        {
+            const ListChange change;
+            active.erase(each);
+            return;
+        }
     }
 }
 

@@ -7,31 +7,14 @@
  * For generated code. Nothing here blocks for longer than a list takes to change.
  */
 
+#include <bmcbus/client/fork_mutex.hpp>
 #include <bmcbus/export.h>
 
-#include <atomic>
-#include <cstdint>
 #include <mutex>
 #include <vector>
 
 namespace bmcbus::client
 {
-
-/**
- * A mutex that nobody holds in a forked child, whoever held it in the parent.
- *
- * For what does not change while it is held.
- */
-class BMCBUS_EXPORT ForkMutex
-{
-  public:
-    void lock();
-    void unlock() { mutex_.unlock(); }
-
-  private:
-    std::mutex mutex_;
-    std::atomic<uint32_t> generation_ = 0; ///< of the process that made the mutex as it is
-};
 
 /** While one exists no fork() happens, so that a child never sees a list half changed. */
 class BMCBUS_EXPORT ListChange
@@ -93,8 +76,5 @@ class RegistryLife
     ListMutex entry_;
     std::vector<Class*>& list_;
 };
-
-/** The calling thread's number; no two threads of a process ever have the same. */
-BMCBUS_EXPORT uint32_t ThreadNumber();
 
 } // namespace bmcbus::client

@@ -6,6 +6,7 @@
  */
 
 #include <bmcbus/client/object.hpp>
+#include <bmcbus/message.hpp>
 
 namespace bmcbus::client
 {
@@ -34,6 +35,6 @@ struct SignalClass : Description, SignalParts
 BMCBUS_EXPORT void Subscribe(Anchor& anchor);
 
 /** Handles one signal. */
-BMCBUS_EXPORT void Received(Anchor& anchor, sd_bus_message* message);
+BMCBUS_EXPORT void Received(Anchor& anchor, Message& message);
 
 } // namespace bmcbus::client

@@ -13,7 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <new>
 #include <span>
 #include <variant>
 
@@ -70,7 +70,7 @@ inline constexpr Type typeOf = {
     .signature = Wire<T>::signature.c_str(),
     .size = sizeof(T),
     .construct = [](void* at) { ::new (at) T{}; },
-    .destroy = [](void* value) { std::destroy_at(static_cast<T*>(value)); },
+    .destroy = [](void* value) { static_cast<T*>(value)->~T(); },
     .clear = [](void* value) { detail::Clear(detail::As<T>(value)); },
     .copy = [](void* to, const void* from) { detail::As<T>(to) = detail::As<T>(from); },
     .move = [](void* to, void* from) { detail::As<T>(to) = std::move(detail::As<T>(from)); },

@@ -7,6 +7,7 @@
 
 #include <bmcbus/client/cached.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <span>

@@ -1,0 +1,26 @@
+#pragma once
+
+/**
+ * @file
+ * What an object of a direct proxy keeps. For generated headers, which include next to nothing.
+ */
+
+#include <bmcbus/client/fork_mutex.hpp>
+
+#include <string>
+
+namespace bmcbus::client
+{
+
+struct Interface;
+
+/** The object that a direct proxy stands for, and the interface that the proxy calls there. */
+struct Target
+{
+    const Interface* interface;
+    ForkMutex mutex;
+    std::string service;
+    std::string path;
+};
+
+} // namespace bmcbus::client
