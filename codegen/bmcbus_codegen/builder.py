@@ -79,6 +79,7 @@ class _Builder:
         if self._problems:
             raise Refusal(self._problems)
         self._settle_names()
+        resolve_enumerations(self._model, {self._model.name: self._model})
         self._check_sizes()
         if self._problems:
             raise Refusal(self._problems)
@@ -167,10 +168,10 @@ class _Builder:
         for element in self._element.all(tag):
             before, self._problems = self._problems, []
             name = element.attributes["name"]
-            if name in seen:
+            member = read(element)
+            if name in seen and not self._is_overload(member, served):
                 reason = f"{tag} '{name}' is declared before in line {seen[name]}"
                 self._refuse(element.line, reason)
-            member = read(element)
             if not self._problems:
                 served.append(member)
                 seen[name] = element.line
@@ -180,6 +181,12 @@ class _Builder:
                 self._leave_out(tag, name, name in seen)
             self._problems = before
         return served
+
+    def _is_overload(self, member, served):
+        """Qt's services tell methods of one name apart by the types of their arguments."""
+        if not isinstance(member, Method) or self._wanted.strict or self._problems:
+            return False
+        return all(one.name != member.name or one.ins_signature != member.ins_signature for one in served)
 
     def _leave_out(self, tag, name, repeated):
         for line, reason in self._problems:
@@ -210,19 +217,15 @@ class _Builder:
                     reason = f"{what}: type '{text}' is not '{wording}', which is '{spelled}'"
                     self._refuse(element.line, reason)
                 text = spelled
-            return parse_signature(text), self._enum_name(enum)
+            return parse_signature(text), self._full_name(enum)
         except SignatureError as error:
             self._refuse(element.line, f"{what}: type '{text}': {error}")
             return None, ""
 
-    def _enum_name(self, name):
-        """The C++ name of an enumeration of this interface; of others the text is served."""
-        own = name and (name.startswith("self.") or name.startswith(self._model.name + "."))
-        last = name.rpartition(".")[2] if own else None
-        for one in self._model.enumerations if own else ():
-            if one.prefix == f"{self._model.name}.{last}.":
-                return one.name
-        return ""
+    def _full_name(self, enum):
+        if enum is None:
+            return ""
+        return self._model.name + enum[len("self") :] if enum.startswith("self.") else enum
 
     def _property(self, element):
         name = element.attributes["name"]
@@ -244,7 +247,7 @@ class _Builder:
             kind,
             element.line,
             cpp_name="" if problem else self._cpp_name(element, what, name),
-            enum=enum,
+            enum_name=enum,
             doc=_doc(element),
             writable=access == "readwrite",
         )
@@ -283,7 +286,12 @@ class _Builder:
         for one in element.all("arg"):
             direction = one.attributes.get("direction", "out")
             if direction != "out":
-                self._refuse(one.line, f"{what}: direction '{direction}' is not out")
+                said = f"{what}: direction '{direction}' is not out"
+                # It can mean nothing else, and other generators take it.
+                if direction == "in" and not self._wanted.strict:
+                    self._note(one.line, f"{said}; it is taken as out")
+                else:
+                    self._refuse(one.line, said)
             args.append(self._argument(one, what, f"arg{len(args) + 1}", args))
         class_name = names.identifier(_annotation(element, NAME) or name)
         return Signal(name, element.line, args, class_name, _doc(element))
@@ -300,7 +308,7 @@ class _Builder:
             said = said if name else f"{what}: an argument without a name"
             self._note(element.line, f"{said} is '{cpp_name}' in C++")
         return Argument(
-            name or made_up, kind, element.line, cpp_name=cpp_name, enum=enum, doc=_doc(element)
+            name or made_up, kind, element.line, cpp_name=cpp_name, enum_name=enum, doc=_doc(element)
         )
 
     # Checking
@@ -433,6 +441,25 @@ def _settle_params(items):
     for item in items:
         item.param = names.free_name(item.cpp_name + "_", taken)
         taken.add(item.param)
+
+
+def resolve_enumerations(model, models):
+    """Finds the C++ types of enumerations among models by name; gives a note for each not found."""
+    notes = []
+    for item in model.items:
+        if not item.enum_name or item.enum:
+            continue
+        other = models.get(item.enum_name.rpartition(".")[0])
+        listed = other.enumerations if other else ()
+        found = [one for one in listed if one.prefix == item.enum_name + "."]
+        if not found:
+            reason = f"enumeration '{item.enum_name}' is in no file of this run; its text is served"
+            notes.append(Problem(item.line, reason))
+            continue
+        item.enum = f"::{other.types}::{found[0].name}"
+        if other is not model and other not in model.neighbours:
+            model.neighbours.append(other)
+    return notes
 
 
 def own_interfaces(root):

@@ -7,7 +7,7 @@ import sys
 from pathlib import Path
 
 from . import __version__
-from .builder import build, choose, own_interfaces
+from .builder import build, choose, own_interfaces, resolve_enumerations
 from .model import Naming, Wanted
 from .refusal import Problem, Refusal
 from .render import render, write, write_dependencies
@@ -148,11 +148,14 @@ class _Run:
         self.failed = False
 
     def file(self, file):
+        """Reads a file and makes a model of each interface that is wanted."""
         try:
             root, notes, sources = read(file, self._options.root)
             self._sources += sources
             for element in self._chosen(root):
-                notes = notes + self._interface(file, element)
+                model, more = build(element, self._wanted, self._options.basename, self._naming)
+                self._models.append((file, model))
+                notes = notes + more
         except OSError as error:
             self.failed = bool(_fail(f"{error.filename}: {error.strerror}"))
         except Refusal as refusal:
@@ -166,20 +169,30 @@ class _Run:
             return [choose(root, self._options.interface)]
         return own_interfaces(root)
 
-    def _interface(self, file, element):
-        model, notes = build(element, self._wanted, self._options.basename, self._naming)
-        folder = self._options.output_dir
-        if self._options.tree is not None:
-            folder = os.path.join(self._options.tree, os.path.dirname(model.include))
-            os.makedirs(folder, exist_ok=True)
-        files = render(model)
-        try:
-            write(files, folder)
-        except OSError as error:
-            raise OSError(error.errno, error.strerror, folder) from None
-        self._outputs += [Path(folder, name) for name in files]
-        self._models.append((file, model))
-        return notes
+    def write(self):
+        """Writes the classes of all models, which may use each other's enumerations."""
+        models = {}
+        for _, model in self._models:
+            models.setdefault(model.name, model)
+        for file, model in self._models:
+            notes = resolve_enumerations(model, models)
+            if self._options.tree is not None:
+                _say(file, notes, "note: ")
+            folder = self._folder(model)
+            files = render(model)
+            try:
+                if self._options.tree is not None:
+                    os.makedirs(folder, exist_ok=True)
+                write(files, folder)
+            except OSError as error:
+                self.failed = bool(_fail(f"{folder}: {error.strerror}"))
+            else:
+                self._outputs += [Path(folder, name) for name in files]
+
+    def _folder(self, model):
+        if self._options.tree is None:
+            return self._options.output_dir
+        return os.path.join(self._options.tree, os.path.dirname(model.include))
 
     def say_neighbours(self):
         """Classes that one source cannot have both of."""
@@ -231,6 +244,7 @@ def main(arguments=None):
     run = _Run(options)
     for file in options.files:
         run.file(file)
+    run.write()
     run.say_neighbours()
     if run.failed and options.tree is None:
         return 1

@@ -43,7 +43,8 @@ class Argument:
     field: str = ""  # the private member for the value, "<name>_"
     flag: str = ""  # and the one that tells whether it was set, "<name>_is_set"
     cpp_name: str = ""  # in the names of accessors; `name` unless that will not do
-    enum: str = ""  # the C++ enumeration that its text stands for
+    enum_name: str = ""  # the enumeration that its text is of, "com.example.Lamp.Color"
+    enum: str = ""  # and its C++ type, where that is known
     doc: str = ""
 
     @property
@@ -70,6 +71,10 @@ class Method:
     outs: list
     cpp_name: str = ""
     doc: str = ""
+
+    @property
+    def ins_signature(self):
+        return "".join(arg.signature for arg in self.ins)
 
 
 @dataclass
@@ -180,6 +185,7 @@ class Interface:
     paths: list = field(default_factory=list)
     services: list = field(default_factory=list)
     left_out: list = field(default_factory=list)  # properties that are not served
+    neighbours: list = field(default_factory=list)  # the interfaces whose enumerations it uses
     doc: str = ""
 
     # How objects are made.
@@ -238,15 +244,24 @@ class Interface:
         return self.wanted.direct and bool(self.properties or self.methods)
 
     @property
+    def with_types(self):
+        """The interfaces whose enumerations and constants the header has."""
+        return [one for one in [self, *self.neighbours] if one.has_types]
+
+    @property
+    def items(self):
+        """All that has a type."""
+        arguments = [arg for method in self.methods for arg in method.ins + method.outs]
+        return self.properties + arguments + [arg for one in self.signals for arg in one.args]
+
+    @property
     def has_types(self):
         return bool(self.enumerations or self.errors or self.paths or self.services)
 
     @property
     def headers(self):
         """Those that only the types of this interface need."""
-        arguments = [arg for method in self.methods for arg in method.ins + method.outs]
-        arguments += [arg for signal in self.signals for arg in signal.args]
-        letters = {letter for one in self.properties + arguments for letter in one.signature}
+        letters = {letter for one in self.items for letter in one.signature}
         return sorted(HEADERS[letter] for letter in letters if letter in HEADERS)
 
     @property

@@ -58,6 +58,16 @@ class Names(unittest.TestCase):
         self.assertEqual([arg.param for arg in method.ins], ["in1_", "a_", "in3_", "in1__"])
         self.assertEqual([arg.param for arg in method.outs], ["a__", "out2_"])
 
+    def test_methods_of_one_name_differ_in_their_arguments(self):
+        method = '<method name="close"><arg name="a" type="%s"/></method>'
+        made = model(method % "i" + method % "s" + method % "i")
+        self.assertEqual([one.cpp_name for one in made.methods], ["close", "close_"])
+        self.assertEqual([one.ins_signature for one in made.methods], ["i", "s"])
+
+    def test_the_arguments_of_a_signal_go_out(self):
+        made = model('<signal name="on"><arg name="a" type="i" direction="in"/></signal>')
+        self.assertEqual([arg.name for arg in made.signals[0].args], ["a"])
+
     def test_places(self):
         made = model(properties(("value", "d")), "com.example.power.Sensor")
         self.assertEqual(made.namespace, ["com", "example", "power"])

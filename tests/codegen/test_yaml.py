@@ -83,7 +83,7 @@ class Yaml(GeneratorTest):
         self.assertEqual(
             [(one.name, one.signature, one.writable, one.enum) for one in model.properties],
             [
-                ("Shade", "s", True, "Color"),
+                ("Shade", "s", True, "::ClientTypes::com::example::Lamp::Color"),
                 ("Level", "t", False, ""),
                 ("Names", "as", False, ""),
                 ("Table", "a{s(yav)}", True, ""),
@@ -156,6 +156,28 @@ class Tree(GeneratorTest):
             self.assertTrue((self.output / "com/example" / name).is_file())
             self.assertIn(f"com/example/{name}", depfile.read_text(encoding="utf-8"))
         self.assertIn(str(first), depfile.read_text(encoding="utf-8"))
+
+    def test_enumerations_of_another_file(self):
+        enum = '<annotation name="com.tamm.bmcbus.%s" value="%s"/>'
+        item = enum % ("Enum", "Color: Red") + '<property name="A" type="s" access="read"/>'
+        uses = [
+            f'<property name="P{number}" type="s" access="readwrite">{enum % ("Type", name)}</property>'
+            for number, name in enumerate(("enum[com.example.Item.Color]", "enum[com.example.X.Y]"))
+        ]
+        files = []
+        for name, body in (("com.example.Item.Part", "".join(uses)), ("com.example.Item", item)):
+            files.append(self.interface(body, name).rename(self.folder / name))
+        done = self.generate("-o", self.output, *files)
+        self.assertEqual(done.returncode, 0)
+        header = (self.output / "com/example/Item/Part/client_cache.hpp").read_text(encoding="utf-8")
+        color = "::ClientTypes::com::example::Item::Color"
+        self.assertEqual(header.count(f"bool Get_P0({color}& value)"), 2)
+        self.assertNotIn("bool Get_P1(::", header)
+        self.assertIn("enumeration 'com.example.X.Y' is in no file of this run", done.stderr)
+        # Each header says the types by itself, and both can be included.
+        item = (self.output / "com/example/Item/client_cache.hpp").read_text(encoding="utf-8")
+        types = item[item.index("#ifndef") : item.index("#endif")]
+        self.assertIn(types, header)
 
     def test_several_files_need_a_tree(self):
         file = self.interface('<property name="A" type="s" access="read"/>')
