@@ -88,6 +88,7 @@ class [[nodiscard]] AsyncCall : private detail::PendingCall
         }
     }
     /// @endcond
+    /** Takes what is not sent yet. */
     AsyncCall(AsyncCall&& other) noexcept :
         PendingCall(End),
         message(std::move(other.message)),
@@ -106,6 +107,7 @@ class [[nodiscard]] AsyncCall : private detail::PendingCall
         }
     }
 
+    /** What `co_await` needs: it gives the call's result. @{ */
     bool await_ready() const noexcept { return !message; }
 
     template <class Promise>
@@ -125,6 +127,7 @@ class [[nodiscard]] AsyncCall : private detail::PendingCall
     }
 
     Result<T> await_resume() { return std::move(result); }
+    /** @} */
 
     /// @cond internal
     // Sends it. One that ends at once sets `*ended` and wakes nobody.
@@ -279,6 +282,7 @@ class [[nodiscard]] AllCalls : public detail::AllOf<std::tuple<AsyncCall<T>...>>
   public:
     using detail::AllOf<std::tuple<AsyncCall<T>...>>::AllOf;
 
+    /** What `co_await` gives. */
     std::tuple<Result<T>...> await_resume()
     {
         return std::apply([](auto&... call)
@@ -294,6 +298,7 @@ class [[nodiscard]] AllOfMany : public detail::AllOf<std::vector<AsyncCall<T>>>
   public:
     using detail::AllOf<std::vector<AsyncCall<T>>>::AllOf;
 
+    /** What `co_await` gives. */
     std::vector<Result<T>> await_resume()
     {
         std::vector<Result<T>> results;

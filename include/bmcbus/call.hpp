@@ -199,7 +199,9 @@ class [[nodiscard]] Call
 {
   public:
     Call() noexcept = default;
+    /** Takes the call. */
     BMCBUS_EXPORT Call(Call&& other) noexcept;
+    /** Ends its own call without a completion and takes the other's. */
     BMCBUS_EXPORT Call& operator=(Call&& other) noexcept;
     BMCBUS_EXPORT ~Call();
 
@@ -211,6 +213,7 @@ class [[nodiscard]] Call
 
     /** Whether it has not ended. */
     bool Pending() const noexcept { return call != nullptr; }
+    /** Whether it has not ended. */
     explicit operator bool() const noexcept { return Pending(); }
 
     /// @cond internal

@@ -27,11 +27,13 @@ enum class CallFailure : uint8_t
 /** Names of the errors that come from this process, not from the bus. */
 namespace error_name
 {
+/** What a `CallError` of that kind has for a name. @{ */
 inline constexpr const char* timeout = "bmcbus.Error.Timeout";
 inline constexpr const char* disconnected = "bmcbus.Error.Disconnected";
 inline constexpr const char* cancelled = "bmcbus.Error.Cancelled";
 inline constexpr const char* refused = "bmcbus.Error.Refused";
 inline constexpr const char* replyTypes = "bmcbus.Error.ReplyTypes";
+/** @} */
 } // namespace error_name
 
 /**
@@ -44,13 +46,17 @@ inline constexpr const char* replyTypes = "bmcbus.Error.ReplyTypes";
 struct BMCBUS_EXPORT CallError
 {
     CallError() noexcept;
+    /** Takes what it consists of. */
     CallError(CallFailure kind, std::string name, std::string message) noexcept;
+    /** Copies and moves as its members do. @{ */
     CallError(const CallError& other);
     CallError(CallError&& other) noexcept;
     CallError& operator=(const CallError& other);
     CallError& operator=(CallError&& other) noexcept;
+    /** @} */
     ~CallError();
 
+    /** Equal in all members. */
     friend bool operator==(const CallError&, const CallError&) = default;
 
     std::string name;    /**< D-Bus error name, or one of `error_name` */

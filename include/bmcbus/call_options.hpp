@@ -53,6 +53,7 @@ class CallDeadline
     /** The moment in microseconds of the monotonic clock; the type's greatest value: never. */
     constexpr uint64_t At() const { return at; }
 
+    /** By the moment. */
     friend constexpr bool operator==(const CallDeadline&, const CallDeadline&) = default;
 
   private:

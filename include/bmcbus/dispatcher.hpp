@@ -35,6 +35,7 @@ class BMCBUS_EXPORT Dispatcher
   public:
     /** Throws `bmcbus::Error` when the connection has ended or descriptors are scarce. */
     explicit Dispatcher(sd_bus* bus);
+    /** The same for a wrapped connection. */
     explicit Dispatcher(Bus& bus);
     ~Dispatcher();
     Dispatcher(const Dispatcher&) = delete;

@@ -117,11 +117,14 @@ class BMCBUS_EXPORT Request
     /** On @p bus. */
     Request(sd_bus* bus, const std::string& service, const std::string& path,
             const std::string& interface, const std::string& member) noexcept;
+    /** On @p bus, a wrapped connection. */
     Request(Bus& bus, const std::string& service, const std::string& path,
             const std::string& interface, const std::string& member) noexcept;
 
+    /** Takes the message. @{ */
     Request(Request&&) noexcept = default;
     Request& operator=(Request&&) noexcept = default;
+    /** @} */
     ~Request() = default;
 
     /** Adds arguments, each with the D-Bus type that belongs to its C++ type. */
@@ -131,6 +134,7 @@ class BMCBUS_EXPORT Request
         (Add(arguments), ...);
         return *this;
     }
+    /** The same for one that is made and used in one expression. */
     template <class... Argument>
     Request&& With(const Argument&... arguments) &&
     {

@@ -30,6 +30,7 @@ template <class E>
 class Unexpected
 {
   public:
+    /** Takes the error. */
     template <class Error = E>
     requires(!std::is_same_v<std::remove_cvref_t<Error>, Unexpected> &&
              std::is_constructible_v<E, Error>) constexpr explicit Unexpected(Error&& error) :
@@ -37,10 +38,13 @@ class Unexpected
     {
     }
 
+    /** The error. @{ */
     constexpr const E& error() const& noexcept { return error_; }
     constexpr E& error() & noexcept { return error_; }
     constexpr E&& error() && noexcept { return std::move(error_); }
+    /** @} */
 
+    /** By the errors. */
     template <class Other>
     friend constexpr bool operator==(const Unexpected& left, const Unexpected<Other>& right)
     {
@@ -51,6 +55,7 @@ class Unexpected
     E error_;
 };
 
+/** The error's own type. */
 template <class E>
 Unexpected(E) -> Unexpected<E>;
 
@@ -59,6 +64,7 @@ struct Unexpect
 {
     explicit Unexpect() = default;
 };
+/** The one value of its type. */
 inline constexpr Unexpect unexpect{};
 
 /** Thrown by `Result::value()` where there is an error; carries it. */
@@ -66,8 +72,10 @@ template <class E>
 class BadResultAccess : public std::exception
 {
   public:
+    /** Takes the error. */
     explicit BadResultAccess(E error) : error_(std::move(error)) {}
 
+    /** The error's message, where it has one. */
     const char* what() const noexcept override
     {
         if constexpr (requires { error_.message.c_str(); })
@@ -76,9 +84,11 @@ class BadResultAccess : public std::exception
         }
         return "the result is an error";
     }
+    /** The error. @{ */
     const E& error() const& noexcept { return error_; }
     E& error() & noexcept { return error_; }
     E&& error() && noexcept { return std::move(error_); }
+    /** @} */
 
   private:
     E error_;
@@ -263,11 +273,13 @@ class [[nodiscard]] Result
     static constexpr bool empty = std::is_void_v<T>;
 
   public:
+    /** As std::expected names its types. @{ */
     using value_type = T;
     using error_type = E;
     using unexpected_type = Unexpected<E>;
     template <class U>
     using rebind = Result<U, E>;
+    /** @} */
 
     constexpr Result() = default;
 
@@ -289,23 +301,27 @@ class [[nodiscard]] Result
         storage_(unexpect, error.error())
     {
     }
+    /** An error, moved. */
     template <class G>
     requires std::is_constructible_v<E, G>
     constexpr explicit(!std::is_convertible_v<G, E>) Result(Unexpected<G>&& error) :
         storage_(unexpect, std::move(error).error())
     {
     }
+    /** A value, made of these arguments. */
     template <class... Args>
     constexpr explicit Result(std::in_place_t, Args&&... args) :
         storage_(std::in_place, std::forward<Args>(args)...)
     {
     }
+    /** An error, made of these arguments. */
     template <class... Args>
     constexpr explicit Result(Unexpect, Args&&... args) :
         storage_(unexpect, std::forward<Args>(args)...)
     {
     }
-    /** From a result of other, convertible types. */
+    /// @cond Doxygen takes it for something else
+    // From a result of other, convertible types.
     template <class U, class G>
     requires(!std::is_same_v<Result, Result<U, G>> && !empty && !std::is_void_v<U> &&
              std::is_constructible_v<Stored, const U&> &&
@@ -315,7 +331,9 @@ class [[nodiscard]] Result
         storage_(other ? Storage(std::in_place, *other) : Storage(unexpect, other.error()))
     {
     }
+    /// @endcond
 
+    /** Takes a value. */
     template <class U = Stored>
     requires(!empty && !detail::isResult<std::remove_cvref_t<U>> &&
              !detail::isUnexpected<std::remove_cvref_t<U>> &&
@@ -325,30 +343,38 @@ class [[nodiscard]] Result
         storage_.SetValue(std::forward<U>(value));
         return *this;
     }
+    /** Takes an error. */
     template <class G>
     constexpr Result& operator=(const Unexpected<G>& error)
     {
         storage_.SetError(error.error());
         return *this;
     }
+    /** Takes an error, moved. */
     template <class G>
     constexpr Result& operator=(Unexpected<G>&& error)
     {
         storage_.SetError(std::move(error).error());
         return *this;
     }
+    /** Makes a value of these arguments; gives it. */
     template <class... Args>
     constexpr decltype(auto) emplace(Args&&... args)
     {
         storage_.SetValue(Stored(std::forward<Args>(args)...));
         return **this;
     }
+    /** Exchanges the two. */
     constexpr void swap(Result& other) { std::swap(storage_, other.storage_); }
+    /** Exchanges the two. */
     friend constexpr void swap(Result& left, Result& right) { left.swap(right); }
 
+    /** Whether there is a value. */
     constexpr bool has_value() const noexcept { return storage_.Has(); }
+    /** Whether there is a value. */
     constexpr explicit operator bool() const noexcept { return storage_.Has(); }
 
+    /** The value, which must be there. @{ */
     constexpr std::add_lvalue_reference_t<T> operator*() & noexcept
     {
         return Get<std::add_lvalue_reference_t<T>>(storage_);
@@ -369,15 +395,21 @@ class [[nodiscard]] Result
     {
         return std::addressof(storage_.Value());
     }
+    /** @} */
 
+    /** The value; throws `BadResultAccess` where there is none. @{ */
     constexpr std::add_lvalue_reference_t<T> value() & { return Checked(), **this; }
     constexpr std::add_lvalue_reference_t<const T> value() const& { return Checked(), **this; }
     constexpr std::add_rvalue_reference_t<T> value() && { return Checked(), *std::move(*this); }
+    /** @} */
 
+    /** The error, which must be there. @{ */
     constexpr E& error() & noexcept { return storage_.Error(); }
     constexpr const E& error() const& noexcept { return storage_.Error(); }
     constexpr E&& error() && noexcept { return std::move(storage_.Error()); }
+    /** @} */
 
+    /** The value, or @p other where there is none. @{ */
     template <class U>
     constexpr Stored value_or(U&& other) const& requires(!empty)
     {
@@ -388,13 +420,15 @@ class [[nodiscard]] Result
     {
         return has_value() ? std::move(**this) : static_cast<Stored>(std::forward<U>(other));
     }
+    /** @} */
+    /** The error, or @p other where there is none. */
     template <class G>
     constexpr E error_or(G&& other) const
     {
         return has_value() ? static_cast<E>(std::forward<G>(other)) : error();
     }
 
-    /** @p next of the value, which gives a result; an error stays. */
+    /** @p next of the value, which gives a result; an error stays. @{ */
     template <class F>
     constexpr auto and_then(F&& next) &
     {
@@ -410,7 +444,8 @@ class [[nodiscard]] Result
     {
         return AndThen(std::move(*this), std::forward<F>(next));
     }
-    /** @p next of the error, which gives a result; a value stays. */
+    /** @} */
+    /** @p next of the error, which gives a result; a value stays. @{ */
     template <class F>
     constexpr auto or_else(F&& next) const&
     {
@@ -421,7 +456,8 @@ class [[nodiscard]] Result
     {
         return OrElse(std::move(*this), std::forward<F>(next));
     }
-    /** The value replaced by @p change of it. */
+    /** @} */
+    /** The value replaced by @p change of it. @{ */
     template <class F>
     constexpr auto transform(F&& change) &
     {
@@ -437,7 +473,8 @@ class [[nodiscard]] Result
     {
         return Transform(std::move(*this), std::forward<F>(change));
     }
-    /** The error replaced by @p change of it. */
+    /** @} */
+    /** The error replaced by @p change of it. @{ */
     template <class F>
     constexpr auto transform_error(F&& change) const&
     {
@@ -448,7 +485,9 @@ class [[nodiscard]] Result
     {
         return TransformError(std::move(*this), std::forward<F>(change));
     }
+    /** @} */
 
+    /** Equal values, or equal errors. */
     template <class U, class G>
     friend constexpr bool operator==(const Result& left,
                                      const Result<U, G>& right) requires(empty == std::is_void_v<U>)
@@ -470,12 +509,14 @@ class [[nodiscard]] Result
             return *left == *right;
         }
     }
+    /** Whether the value is there and equal. */
     template <class U>
     requires(!empty && !detail::isResult<U> && !detail::isUnexpected<U>) friend constexpr bool
     operator==(const Result& left, const U& value)
     {
         return left.has_value() && *left == value;
     }
+    /** Whether the error is there and equal. */
     template <class G>
     friend constexpr bool operator==(const Result& left, const Unexpected<G>& error)
     {

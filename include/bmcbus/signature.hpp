@@ -35,7 +35,9 @@ class BMCBUS_EXPORT Signature
     /** The text, e.g. "a{sv}u". */
     const std::string& str() const noexcept { return text_; }
 
+    /** By the text. */
     friend bool operator==(const Signature&, const Signature&) = default;
+    /** By the text. */
     friend std::strong_ordering operator<=>(const Signature&, const Signature&) = default;
 
   private:

@@ -201,9 +201,11 @@ template <class T = void>
 class [[nodiscard]] Task
 {
   public:
+    /** What the compiler keeps a coroutine's state in; not for direct use. */
     class promise_type : public detail::ValuePromise<T>
     {
       public:
+        /** The task that the coroutine's caller gets. */
         Task get_return_object()
         {
             auto handle = std::coroutine_handle<promise_type>::from_promise(*this);
@@ -213,7 +215,9 @@ class [[nodiscard]] Task
     };
 
     Task() noexcept = default;
+    /** Takes the coroutine. */
     Task(Task&& other) noexcept : coroutine(std::exchange(other.coroutine, nullptr)) {}
+    /** Cancels its own coroutine and takes the other's. */
     Task& operator=(Task&& other) noexcept
     {
         if (this != &other)
@@ -267,6 +271,7 @@ class [[nodiscard]] Task
     /** What it returned, or throws what it threw, once it is done. */
     T Get() { return coroutine.promise().Take(); }
 
+    /** What `co_await` needs: it gives what the task returns, or throws what it throws. @{ */
     bool await_ready() const noexcept { return Done(); }
 
     template <class Promise>
@@ -290,6 +295,7 @@ class [[nodiscard]] Task
     }
 
     T await_resume() { return Get(); }
+    /** @} */
 
   private:
     explicit Task(std::coroutine_handle<promise_type> started) noexcept : coroutine(started) {}

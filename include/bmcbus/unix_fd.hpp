@@ -63,6 +63,7 @@ class BMCBUS_EXPORT UnixFd
 
     /** By the descriptor's number: a copy is equal, a duplicate is not. */
     friend bool operator==(const UnixFd& a, const UnixFd& b) noexcept { return a.get() == b.get(); }
+    /** By the descriptor's number. */
     friend std::strong_ordering operator<=>(const UnixFd& a, const UnixFd& b) noexcept
     {
         return a.get() <=> b.get();

@@ -79,6 +79,7 @@ class BMCBUS_EXPORT Variant
     /** Elements of an array of anything but numbers; `signature` is the type of each. */
     struct Array
     {
+        /** A view, as long as the variant lives and keeps its value. @{ */
         std::string_view signature;
         std::span<const Variant> items;
 
@@ -86,11 +87,13 @@ class BMCBUS_EXPORT Variant
         auto begin() const { return items.begin(); }
         auto end() const { return items.end(); }
         const Variant& operator[](size_t index) const { return items[index]; }
+        /** @} */
     };
 
     /** The fields of a struct, at least one; `signature` is that of all fields, e.g. "sv". */
     struct Struct
     {
+        /** A view, as long as the variant lives and keeps its value. @{ */
         std::string_view signature;
         std::span<const Variant> items;
 
@@ -98,17 +101,20 @@ class BMCBUS_EXPORT Variant
         auto begin() const { return items.begin(); }
         auto end() const { return items.end(); }
         const Variant& operator[](size_t index) const { return items[index]; }
+        /** @} */
     };
 
     /** A dictionary in ascending order of its keys; `signature` is that of an entry, e.g. "sv". */
     struct Dictionary
     {
-        std::string_view signature;
+        std::string_view signature;     ///< of an entry
         std::span<const Variant> items; ///< key, value, key, value...
 
+        /** Entries by number. @{ */
         size_t size() const { return items.size() / 2; }
         const Variant& Key(size_t index) const { return items[2 * index]; }
         const Variant& Value(size_t index) const { return items[2 * index + 1]; }
+        /** @} */
 
         /** The value of @p key, borrowed; null where there is none. */
         BMCBUS_EXPORT const Variant* Find(const Variant& key) const;
@@ -116,10 +122,12 @@ class BMCBUS_EXPORT Variant
 
     /** No value; it does not travel. */
     Variant() noexcept;
+    /** Copies are independent; what was moved from has no value. @{ */
     Variant(const Variant& other);
     Variant(Variant&& other) noexcept;
     Variant& operator=(const Variant& other);
     Variant& operator=(Variant&& other) noexcept;
+    /** @} */
     ~Variant();
 
     /**
@@ -136,6 +144,7 @@ class BMCBUS_EXPORT Variant
 
     /** From text, as a string. */
     Variant(const char* text);
+    /** From text, as a string. */
     Variant(std::string_view text);
 
     /** A `v` that holds @p content: needed only where one stands within another directly. */
@@ -148,6 +157,7 @@ class BMCBUS_EXPORT Variant
      * Throw std::invalid_argument for what does not fit together.
      */
     static Variant MakeArray(std::string_view element, std::vector<Variant> items);
+    /** The same for a dictionary. */
     static Variant MakeDictionary(std::string_view key, std::string_view value,
                                   std::vector<std::pair<Variant, Variant>> entries);
     /** The fields' own types make the struct's. */

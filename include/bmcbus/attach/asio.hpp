@@ -53,6 +53,7 @@ class Asio
         state->Wait();
     }
 
+    /** The same for a wrapped connection. */
     Asio(boost::asio::io_context& io, Bus& bus, EndHandler onEnd = {}) :
         Asio(io, Connection(bus), std::move(onEnd))
     {

@@ -29,6 +29,7 @@ namespace bmcbus::attach
 class Channel
 {
   public:
+    /** What runs on the loop's thread for a message without a function of its own. */
     using Function = infrautils::OneWayChannel::Function;
 
     /**
@@ -43,11 +44,13 @@ class Channel
         Require(Instance().RegisterEventLoop(event, context, std::move(defaultFunction)));
     }
 
+    /** The same for a zloop. */
     explicit Channel(zloop_t* loop, void* context = nullptr, Function defaultFunction = {})
     {
         Require(Instance().RegisterZLoop(loop, context, std::move(defaultFunction)));
     }
 
+    /** The same for an io_context. */
     explicit Channel(boost::asio::io_context& io, void* context = nullptr,
                      Function defaultFunction = {})
     {

@@ -47,6 +47,7 @@ class GLib
         g_source_attach(source, context);
     }
 
+    /** The same for a wrapped connection. */
     GLib(GMainContext* context, Bus& bus, EndHandler onEnd = {}) :
         GLib(context, Connection(bus), std::move(onEnd))
     {

@@ -39,6 +39,7 @@ class Poll
      * @throws bmcbus::Error when the connection has ended or descriptors are scarce
      */
     explicit Poll(sd_bus* bus = nullptr, EndHandler onEnd = {}) : link(bus, std::move(onEnd)) {}
+    /** The same for a wrapped connection. */
     explicit Poll(Bus& bus, EndHandler onEnd = {}) : link(Connection(bus), std::move(onEnd)) {}
 
     Poll(const Poll&) = delete;

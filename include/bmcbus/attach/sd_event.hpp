@@ -52,6 +52,7 @@ class SdEvent
         state->attached = true;
     }
 
+    /** The same for a wrapped connection. */
     SdEvent(sd_event* loop, Bus& bus, EndHandler onEnd = {}) :
         SdEvent(loop, Connection(bus), std::move(onEnd))
     {

@@ -48,6 +48,7 @@ class ZLoop
         }
     }
 
+    /** The same for a wrapped connection. */
     ZLoop(zloop_t* loop, Bus& bus, EndHandler onEnd = {}) :
         ZLoop(loop, Connection(bus), std::move(onEnd))
     {

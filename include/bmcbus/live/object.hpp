@@ -62,6 +62,7 @@ template <class T>
 class Live
 {
   public:
+    /** What its construction takes. */
     using Options = LiveOptions<T>;
 
     /**
@@ -76,11 +77,14 @@ class Live
     {
     }
 
+    /** Takes the object; the handle moved from follows none. @{ */
     Live(Live&&) noexcept = default;
     Live& operator=(Live&&) noexcept = default;
+    /** @} */
 
     /** The object with its getters. Not after the handle was moved from. */
     T& operator*() const { return *static_cast<T*>(handle_.object()); }
+    /** The same. */
     T* operator->() const { return static_cast<T*>(handle_.object()); }
 
     /** What the values are worth; any thread. */

@@ -21,12 +21,12 @@ namespace bmcbus
 /** A moment's account of one live object, set member or live signal. */
 struct LiveReport
 {
-    std::string path;
-    std::string interface; ///< of a live signal with its member behind a dot
-    LiveState state = LiveState::Absent;
-    std::chrono::microseconds since{}; ///< how long it has been in that state
-    std::string service;               ///< the bus name that is followed; empty while there is none
-    std::string owner;                 ///< the unique name behind it; empty while there is none
+    std::string path;                    ///< of the object
+    std::string interface;               ///< of a live signal with its member behind a dot
+    LiveState state = LiveState::Absent; ///< what its values are worth
+    std::chrono::microseconds since{};   ///< how long it has been in that state
+    std::string service;    ///< the bus name that is followed; empty while there is none
+    std::string owner;      ///< the unique name behind it; empty while there is none
     std::string error;      ///< name of the last failure; empty after a read that succeeded
     std::string error_text; ///< what it said
     uint32_t reads = 0;     ///< answers to reads, failures among them
@@ -34,7 +34,7 @@ struct LiveReport
     uint32_t strangers = 0; ///< signals of others that were ignored
     uint32_t refused = 0;   ///< values of another type than the description's
     uint32_t missed = 0;    ///< of a live signal: times that signals may have been missed
-    std::chrono::microseconds slowest_callback{};
+    std::chrono::microseconds slowest_callback{}; ///< the longest run of one of its callables
 };
 
 /** A connection's live objects. */

@@ -50,6 +50,7 @@ class Changes
     class Iterator
     {
       public:
+        /** As the standard's algorithms want it. @{ */
         using value_type = std::string_view;
         using difference_type = std::ptrdiff_t;
 
@@ -74,16 +75,19 @@ class Changes
             return before;
         }
         bool operator==(const Iterator& other) const { return at_ == other.at_; }
+        /** @} */
 
       private:
         const client::Interface* interface_ = nullptr;
         const uint16_t* at_ = nullptr;
     };
 
+    /** The names as a range. @{ */
     Iterator begin() const { return {interface_, which_.data()}; }
     Iterator end() const { return {interface_, which_.data() + which_.size()}; }
     size_t size() const { return which_.size(); }
     bool empty() const { return which_.empty(); }
+    /** @} */
 
     /** Whether the property called @p name has another value than before, or none any more. */
     bool contains(std::string_view name) const { return std::find(begin(), end(), name) != end(); }
