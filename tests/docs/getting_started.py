@@ -38,8 +38,9 @@ def isolate(scratch):
 
 
 def copy_of_the_sources(folder):
-    def unwanted(_, names):
-        return [name for name in names if name.startswith("build") or name == ".git"]
+    def unwanted(place, names):
+        top = Path(place) == SOURCE
+        return [name for name in names if top and (name.startswith("build") or name == ".git")]
 
     shutil.copytree(SOURCE, folder, ignore=unwanted, symlinks=True)
     return folder
