@@ -46,7 +46,7 @@ inline constexpr const char* replyTypes = "bmcbus.Error.ReplyTypes";
 struct BMCBUS_EXPORT CallError
 {
     CallError() noexcept;
-    /** Takes what it consists of. */
+    /** Takes what it consists of; any thread. */
     CallError(CallFailure kind, std::string name, std::string message) noexcept;
     /** Copies and moves as its members do. @{ */
     CallError(const CallError& other);
@@ -56,7 +56,7 @@ struct BMCBUS_EXPORT CallError
     /** @} */
     ~CallError();
 
-    /** Equal in all members. */
+    /** Equal in all members; each used by one thread at a time. */
     friend bool operator==(const CallError&, const CallError&) = default;
 
     std::string name;    /**< D-Bus error name, or one of `error_name` */
