@@ -80,6 +80,7 @@ class _Builder:
             raise Refusal(self._problems)
         self._settle_names()
         resolve_enumerations(self._model, {self._model.name: self._model})
+        self._check_calls()
         self._check_sizes()
         if self._problems:
             raise Refusal(self._problems)
@@ -339,6 +340,22 @@ class _Builder:
         elif wanted.explicit:
             self._notes += missing
 
+    def _check_calls(self):
+        """Try_ and Async_ stand before methods and before the names of reads and writes alike."""
+        taken = {"GetAll": "the read of all properties"} if self._model.properties else {}
+        for prop in self._model.properties:
+            taken["Get_" + prop.cpp_name] = f"the read of property '{prop.name}'"
+            if prop.writable:
+                taken["Set_" + prop.cpp_name] = f"the write of property '{prop.name}'"
+        for method in self._model.methods:
+            if method.cpp_name in taken:
+                self._refuse(
+                    method.line,
+                    f"method '{method.name}' becomes 'Try_{method.cpp_name}' and "
+                    f"'Async_{method.cpp_name}', which are {taken[method.cpp_name]}; "
+                    f"give it another name by {NAME}",
+                )
+
     def _check_sizes(self):
         model = self._model
         self._check_size(model, model.properties)
@@ -367,8 +384,10 @@ class _Builder:
         for number, prop in enumerate(model.by_name):
             prop.number = number
         _settle_members(model.class_name, model.properties, names.CACHE_PREFIXES)
+        _settle_results(model.properties)
         for method in model.methods:
             _settle_params(method.ins + method.outs)
+            _settle_results(method.outs)
         for signal in model.signals:
             self._settle_signal(signal)
             _settle_members(signal.class_name, signal.args, ("Get_",))
@@ -397,7 +416,7 @@ class _Builder:
         if model.has_direct:
             taken |= names.DIRECT_MEMBERS | names.DIRECT_WORDS
             taken |= {a + one.cpp_name for a in names.DIRECT_PREFIXES for one in model.properties}
-            taken |= {"Call_" + one.cpp_name for one in model.methods}
+            taken |= {a + one.cpp_name for a in names.METHOD_PREFIXES for one in model.methods}
         return name in taken
 
     def _settle_properties(self):
@@ -433,6 +452,13 @@ def _settle_members(class_name, items, prefixes):
         item.flag = names.free_name(item.cpp_name + _FLAG, taken)
         taken |= {item.field, item.flag}
     _settle_params(items)
+
+
+def _settle_results(items):
+    taken = set()
+    for item in items:
+        item.member = names.scope_name(item.cpp_name, taken)
+        taken.add(item.member)
 
 
 def _settle_params(items):

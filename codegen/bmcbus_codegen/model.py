@@ -39,6 +39,7 @@ class Argument:
     name: str  # on the bus; made up where an argument has none
     type: object  # cpp, signature, kind ("basic", "array", "dict", "struct"), parts (the types inside)
     line: int
+    member: str = ""  # a member of a result: the name itself wherever C++ allows it
     param: str = ""  # a function parameter, "<name>_"
     field: str = ""  # the private member for the value, "<name>_"
     flag: str = ""  # and the one that tells whether it was set, "<name>_is_set"
@@ -75,6 +76,17 @@ class Method:
     @property
     def ins_signature(self):
         return "".join(arg.signature for arg in self.ins)
+
+    @property
+    def result(self):
+        """The type of what it gives, inside its class."""
+        if not self.outs:
+            return "void"
+        return self.outs[0].type.cpp if len(self.outs) == 1 else "Result_" + self.cpp_name
+
+    @property
+    def reply_signature(self):
+        return "".join(out.signature for out in self.outs)
 
 
 @dataclass

@@ -82,17 +82,21 @@ CACHE_MEMBERS = frozenset(
 SIGNAL_MEMBERS = frozenset((_REGISTRY + " ObjectCallback match").split())
 DIRECT_MEMBERS = frozenset(
     """
-    Variant Service Path GetByName GetByNameLocked SetByName SetByNameLocked target
+    Values AllProperties Try_GetAll Async_GetAll Variant Service Path GetByName GetByNameLocked SetByName SetByNameLocked target
     """.split()
 )
 
 # Parameters, of templates too, which would hide the class.
 SIGNAL_WORDS = frozenset("at callback user_data".split())
 CACHE_WORDS = SIGNAL_WORDS | frozenset("owner async Text Other".split())
-DIRECT_WORDS = frozenset(["Text"])
+DIRECT_WORDS = frozenset("Text Then then options bus".split())
 
 CACHE_PREFIXES = ("Get_", "Set_", "SetLocked_")
-DIRECT_PREFIXES = ("Get_", "GetLocked_", "Set_", "SetLocked_")
+CALL_PREFIXES = ("Try_", "Async_")
+DIRECT_PREFIXES = ("Get_", "GetLocked_", "Set_", "SetLocked_") + tuple(
+    call + access for call in CALL_PREFIXES for access in ("Get_", "Set_")
+)
+METHOD_PREFIXES = ("Call_", "Result_") + CALL_PREFIXES
 
 
 def member_problem(name):

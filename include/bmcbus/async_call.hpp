@@ -14,7 +14,6 @@
 
 #include <coroutine>
 #include <cstddef>
-#include <memory>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -163,8 +162,7 @@ class [[nodiscard]] AsyncCall : private detail::PendingCall
         }
         else
         {
-            self.result = Unexpected(
-                CallError(CallFailure::Cancelled, error_name::cancelled, "The call was given up"));
+            self.result = Unexpected(detail::CancelledError());
         }
         if (self.early != nullptr)
         {

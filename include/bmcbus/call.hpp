@@ -32,11 +32,10 @@
 #include <bmcbus/call_options.hpp>
 #include <bmcbus/export.h>
 #include <bmcbus/refs.hpp>
+#include <bmcbus/reply_type.hpp>
 #include <bmcbus/result.hpp>
 
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <type_traits>
 #include <utility>
@@ -51,19 +50,6 @@ namespace detail
 
 struct Hub;
 struct PendingCall;
-
-/** How to read the body of a reply. */
-struct ReplyType
-{
-    /** What the body must begin with; inside a variant where `property` is set. */
-    const char* signature;
-    /** Whether the value comes in a variant of that very type. */
-    bool property;
-    /** Reads it into the result's value. Throws `bmcbus::Error`. */
-    void (*read)(sd_bus_message* reply, void* value, const void* how);
-    /** Handed to `read`. */
-    const void* how;
-};
 
 /** How a call ended: the reply, positioned at its start, or the error, to be moved from. */
 struct Outcome
@@ -99,7 +85,7 @@ struct PendingCall
      */
     using Finish = void (*)(PendingCall& call, const Outcome* outcome);
 
-    explicit PendingCall(Finish done) noexcept : finish(done) {}
+    BMCBUS_EXPORT explicit PendingCall(Finish done) noexcept;
     PendingCall(const PendingCall&) = delete;
     PendingCall& operator=(const PendingCall&) = delete;
 
@@ -138,6 +124,9 @@ struct PendingCall
     PendingCall** link = nullptr;
 };
 
+/** What an awaited call ends with when its proxy goes. */
+BMCBUS_EXPORT CallError CancelledError() noexcept;
+
 /** Reads a reply into @p value; false with @p error filled when it is not of that type. */
 BMCBUS_EXPORT bool Decode(sd_bus_message* reply, const ReplyType& type, void* value,
                           CallError& error) noexcept;
@@ -164,27 +153,67 @@ Result<T> ResultOf(const Outcome& outcome, const ReplyType& type)
     return result;
 }
 
+/** Sends @p call and waits for its end; false with @p error filled when there is no value. */
+BMCBUS_EXPORT bool Exchange(MessageRef call, const CallOptions& options, const ReplyType& type,
+                            void* value, CallError& error) noexcept;
+
+/** The blocking form of a call. */
+template <class T>
+Result<T> TryCall(MessageRef call, CallError* refusal, const CallOptions& options,
+                  const ReplyType& type)
+{
+    if (!call)
+    {
+        return Result<T>(unexpect, std::move(*refusal));
+    }
+    CallError error;
+    Result<T> result;
+    void* value = nullptr;
+    if constexpr (!std::is_void_v<T>)
+    {
+        value = std::addressof(*result);
+    }
+    if (!Exchange(std::move(call), options, type, value, error))
+    {
+        result = Unexpected(std::move(error));
+    }
+    return result;
+}
+
+/** One that is told how to read its reply when it is started. */
+struct TypedCall : PendingCall
+{
+    using PendingCall::PendingCall;
+
+    const ReplyType* type = nullptr;
+};
+
 /** A call with a completion of the user's. Frees itself. */
 template <class T, class Completion>
-struct CallbackCall : PendingCall
+struct CallbackCall : TypedCall
 {
     template <class C>
-    CallbackCall(C&& then, const ReplyType& reply) :
-        PendingCall(End), type(&reply), completion(std::forward<C>(then))
+    explicit CallbackCall(C&& then) : TypedCall(End), completion(std::forward<C>(then))
     {
     }
 
     static void End(PendingCall& base, const Outcome* outcome)
     {
-        const std::unique_ptr<CallbackCall> self(static_cast<CallbackCall*>(&base));
+        const Freed freed{static_cast<CallbackCall*>(&base)};
         if (outcome != nullptr)
         {
-            std::invoke(self->completion, ResultOf<T>(*outcome, *self->type));
+            freed.self->completion(ResultOf<T>(*outcome, *freed.self->type));
         }
     }
 
-    const ReplyType* type;
     Completion completion;
+
+  private:
+    struct Freed
+    {
+        CallbackCall* self;
+        ~Freed() { delete self; }
+    };
 };
 
 } // namespace detail
@@ -230,23 +259,9 @@ namespace detail
 {
 
 /** Sends @p message, or tells of @p refusal when there is none. */
-template <class T, class Completion>
-Call StartCall(MessageRef message, CallError* refusal, const ReplyType& type,
-               const CallOptions& options, CallOwner* owner, Completion&& completion)
-{
-    using Pending = CallbackCall<T, std::decay_t<Completion>>;
-    auto* pending = new Pending(std::forward<Completion>(completion), type);
-    Call call(*pending);
-    if (message)
-    {
-        pending->Start(std::move(message), options, owner);
-    }
-    else
-    {
-        pending->Refuse(std::move(*refusal));
-    }
-    return call;
-}
+BMCBUS_EXPORT Call Launch(TypedCall& call, const ReplyType& type, MessageRef message,
+                          CallError& refusal, const CallOptions& options,
+                          CallOwner* owner) noexcept;
 
 } // namespace detail
 

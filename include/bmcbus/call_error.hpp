@@ -21,7 +21,8 @@ enum class CallFailure : uint8_t
     Disconnected, /**< the connection ended, or was none; the service may have done it */
     Cancelled,    /**< given up here, for example by destroying its proxy */
     Refused,      /**< never sent */
-    ReplyTypes    /**< answered, with other types than the description's */
+    ReplyTypes,   /**< answered, with other types than the description's */
+    OutOfMemory   /**< answered, but there was no memory for the value */
 };
 
 /** Names of the errors that come from this process, not from the bus. */
@@ -33,6 +34,7 @@ inline constexpr const char* disconnected = "bmcbus.Error.Disconnected";
 inline constexpr const char* cancelled = "bmcbus.Error.Cancelled";
 inline constexpr const char* refused = "bmcbus.Error.Refused";
 inline constexpr const char* replyTypes = "bmcbus.Error.ReplyTypes";
+inline constexpr const char* outOfMemory = "bmcbus.Error.OutOfMemory";
 /** @} */
 } // namespace error_name
 
@@ -41,7 +43,8 @@ inline constexpr const char* replyTypes = "bmcbus.Error.ReplyTypes";
  *
  * A peer that vanished shows as the bus's `org.freedesktop.DBus.Error.NoReply`, an unknown service
  * as its `…ServiceUnknown`: both are `Remote`. A time that ran out here is `Timeout`, by whatever
- * name libsystemd would call it. Compare names, not texts: texts are for people.
+ * name libsystemd would call it. Compare names, not texts: texts are for people. Where memory is
+ * too short for a name, the name is empty and `kind` still right.
  */
 struct BMCBUS_EXPORT CallError
 {

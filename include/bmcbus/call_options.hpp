@@ -7,9 +7,9 @@
 
 #include <bmcbus/export.h>
 
-#include <chrono>
 #include <cstdint>
 #include <limits>
+#include <mutex> // for durations and their literals: <chrono> takes long to compile
 #include <type_traits>
 
 namespace bmcbus

@@ -11,6 +11,7 @@
 #include <bmcbus/wire.hpp>
 
 #include <concepts>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -40,6 +41,15 @@ struct Replied<>
     using type = void;
 };
 
+/** Where a call goes; each text ends in a zero byte. */
+struct Destination
+{
+    std::string_view service;
+    std::string_view path;
+    std::string_view interface;
+    std::string_view member;
+};
+
 template <class... Out>
 inline constexpr auto bodySignature = client::Join(client::Wire<Out>::signature...);
 
@@ -63,33 +73,6 @@ inline constexpr ReplyType bodyOf = {.signature = bodySignature<Out...>.c_str(),
                                      .property = false,
                                      .read = ReadBody<Out...>,
                                      .how = nullptr};
-
-/** Sends @p call and waits for its end; false with @p error filled when there is no value. */
-BMCBUS_EXPORT bool Exchange(MessageRef call, const CallOptions& options, const ReplyType& type,
-                            void* value, CallError& error) noexcept;
-
-/** The blocking form of a call. */
-template <class T>
-Result<T> TryCall(MessageRef call, CallError* refusal, const CallOptions& options,
-                  const ReplyType& type)
-{
-    if (!call)
-    {
-        return Result<T>(unexpect, std::move(*refusal));
-    }
-    CallError error;
-    Result<T> result;
-    void* value = nullptr;
-    if constexpr (!std::is_void_v<T>)
-    {
-        value = std::addressof(*result);
-    }
-    if (!Exchange(std::move(call), options, type, value, error))
-    {
-        result = Unexpected(std::move(error));
-    }
-    return result;
-}
 
 } // namespace detail
 
@@ -146,8 +129,7 @@ class BMCBUS_EXPORT Request
     template <class... Out>
     Result<typename detail::Replied<Out...>::type> Try(const CallOptions& options = {})
     {
-        return detail::TryCall<typename detail::Replied<Out...>::type>(
-            std::move(message), Why(), options, detail::bodyOf<Out...>);
+        return TryAs<typename detail::Replied<Out...>::type>(detail::bodyOf<Out...>, options);
     }
 
     /** Sends it; @p completion is called with the result. */
@@ -155,17 +137,51 @@ class BMCBUS_EXPORT Request
     requires std::invocable<Completion&, Result<typename detail::Replied<Out...>::type>>
         Call Async(Completion&& completion, const CallOptions& options = {})
     {
-        return detail::StartCall<typename detail::Replied<Out...>::type>(
-            std::move(message), Why(), detail::bodyOf<Out...>, options, nullptr,
-            std::forward<Completion>(completion));
+        return AsyncAs<typename detail::Replied<Out...>::type>(
+            detail::bodyOf<Out...>, std::forward<Completion>(completion), options);
     }
 
     /** To be awaited. */
     template <class... Out>
     AsyncCall<typename detail::Replied<Out...>::type> Async(const CallOptions& options = {})
     {
-        return {std::move(message), Why(), detail::bodyOf<Out...>, options, nullptr};
+        return AsyncAs<typename detail::Replied<Out...>::type>(detail::bodyOf<Out...>, options);
     }
+
+    /// @cond internal
+    Request(sd_bus* bus, const detail::Destination& to) noexcept;
+
+    // Adds what `write` appends to a message; what it throws shows in the result.
+    template <class Write>
+    Request&& Written(const Write& write) &&
+    {
+        Append([](sd_bus_message* call, const void* writer)
+               { (*static_cast<const Write*>(writer))(call); },
+               &write);
+        return std::move(*this);
+    }
+
+    // The same with a reader of the reply's own.
+    template <class T>
+    Result<T> TryAs(const detail::ReplyType& type, const CallOptions& options)
+    {
+        return detail::TryCall<T>(std::move(message), Why(), options, type);
+    }
+    template <class T, class Completion>
+    requires std::invocable<Completion&, Result<T>> Call AsyncAs(const detail::ReplyType& type,
+                                                                 Completion&& completion,
+                                                                 const CallOptions& options)
+    {
+        using Pending = detail::CallbackCall<T, std::decay_t<Completion>>;
+        return detail::Launch(*new Pending(std::forward<Completion>(completion)), type,
+                              std::move(message), *Why(), options, nullptr);
+    }
+    template <class T>
+    AsyncCall<T> AsyncAs(const detail::ReplyType& type, const CallOptions& options)
+    {
+        return {std::move(message), Why(), type, options, nullptr};
+    }
+    /// @endcond
 
   private:
     template <class T>
@@ -191,6 +207,7 @@ class BMCBUS_EXPORT Request
 
     CallError refusal; // before the message, whose making may fill it
     MessageRef message;
+    uint64_t size = 0; // of the message so far
 };
 
 } // namespace bmcbus

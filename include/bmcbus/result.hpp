@@ -13,9 +13,8 @@
 #include <bmcbus/call_error.hpp>
 
 #include <exception>
-#include <functional>
 #include <initializer_list>
-#include <memory>
+#include <optional> // for std::construct_at and its like: <memory> takes long to compile
 #include <type_traits>
 #include <utility>
 
@@ -107,6 +106,25 @@ template <class E>
 inline constexpr bool isUnexpected<Unexpected<E>> = true;
 
 // What a Result<void> holds in place of a value.
+// std::invoke for one argument at most; <functional> takes long to compile.
+template <class F, class... Arg>
+constexpr decltype(auto) Invoke(F&& function, Arg&&... argument)
+{
+    using Plain = std::remove_cvref_t<F>;
+    if constexpr (std::is_member_function_pointer_v<Plain>)
+    {
+        return ((std::forward<Arg>(argument).*function)(), ...);
+    }
+    else if constexpr (std::is_member_object_pointer_v<Plain>)
+    {
+        return ((std::forward<Arg>(argument).*function), ...);
+    }
+    else
+    {
+        return std::forward<F>(function)(std::forward<Arg>(argument)...);
+    }
+}
+
 struct Nothing
 {
     friend constexpr bool operator==(Nothing, Nothing) { return true; }
@@ -543,11 +561,11 @@ class [[nodiscard]] Result
     {
         if constexpr (empty)
         {
-            return std::invoke(std::forward<F>(f));
+            return detail::Invoke(std::forward<F>(f));
         }
         else
         {
-            return std::invoke(std::forward<F>(f), *std::forward<Self>(self));
+            return detail::Invoke(std::forward<F>(f), *std::forward<Self>(self));
         }
     }
     template <class Self, class F>
@@ -564,7 +582,7 @@ class [[nodiscard]] Result
         using Next = std::remove_cvref_t<std::invoke_result_t<F, decltype(self.error())>>;
         if (!self)
         {
-            return std::invoke(std::forward<F>(next), std::forward<Self>(self).error());
+            return detail::Invoke(std::forward<F>(next), std::forward<Self>(self).error());
         }
         if constexpr (empty)
         {
@@ -602,8 +620,8 @@ class [[nodiscard]] Result
             std::invoke_result_t<F, decltype(std::forward<Self>(self).error())>>;
         if (!self)
         {
-            return Result<T, Changed>(
-                unexpect, std::invoke(std::forward<F>(change), std::forward<Self>(self).error()));
+            return Result<T, Changed>(unexpect, detail::Invoke(std::forward<F>(change),
+                                                               std::forward<Self>(self).error()));
         }
         if constexpr (empty)
         {

@@ -25,6 +25,29 @@ namespace detail
 /** Logs what a coroutine threw that nobody waits for. */
 BMCBUS_EXPORT void ReportUnawaited(const std::exception_ptr& thrown) noexcept;
 
+/** Says that the compiler made a wrong frame, and ends the process. */
+[[noreturn]] BMCBUS_EXPORT void ReportWrongFrame() noexcept;
+
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ < 13
+// g++ 12.2 gives a coroutine with `co_await` in a condition a frame that cannot be resumed, unless
+// it has a variable at its outermost level (GCC bug 106188). That shows before it first waits.
+struct AtStart
+{
+    std::coroutine_handle<> right;
+
+    bool await_ready() const noexcept { return false; }
+    bool await_suspend(std::coroutine_handle<> given) const noexcept
+    {
+        if (given != right)
+        {
+            ReportWrongFrame();
+        }
+        return false;
+    }
+    void await_resume() const noexcept {}
+};
+#endif
+
 // What the promises of all tasks have in common: who waits for it, and whether it may be destroyed.
 //
 // A frame may be destroyed while it is suspended only. One that is destroyed from within, by code
@@ -37,8 +60,21 @@ class TaskPromise
     TaskPromise(const TaskPromise&) = delete;
     TaskPromise& operator=(const TaskPromise&) = delete;
 
-    std::suspend_never initial_suspend() noexcept { return {}; }
-    void unhandled_exception() noexcept { thrown = std::current_exception(); }
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ < 13
+    AtStart initial_suspend() noexcept
+    {
+        return {self};
+    }
+#else
+    std::suspend_never initial_suspend() noexcept
+    {
+        return {};
+    }
+#endif
+    void unhandled_exception() noexcept
+    {
+        thrown = std::current_exception();
+    }
 
     // At a point where it would wait: false when it was destroyed instead.
     bool Suspends()
@@ -51,13 +87,19 @@ class TaskPromise
         }
         return true;
     }
-    void GoesOn() { running = true; }
+    void GoesOn()
+    {
+        running = true;
+    }
 
   protected:
     template <class T>
     friend class bmcbus::Task;
 
-    bool Running() const { return running || (inner != nullptr && inner->Running()); }
+    bool Running() const
+    {
+        return running || (inner != nullptr && inner->Running());
+    }
 
     // The outermost one that was given up, of this and those that wait for it.
     TaskPromise* Abandoned()
@@ -136,7 +178,10 @@ class TaskPromise
     bool abandoned = false;
 
   public:
-    AtEnd final_suspend() noexcept { return {}; }
+    AtEnd final_suspend() noexcept
+    {
+        return {};
+    }
 };
 
 template <class T>
@@ -183,6 +228,10 @@ class ValuePromise<void> : public TaskPromise
  * The object owns it: destroying it while it waits ends it there, with everything it waits for,
  * down to the call under way. From within it ends at the next point where it would wait. `co_await`
  * of a task gives what it returns, or throws what it threw; what nobody awaits is logged.
+ *
+ * With g++ 12 do not write `co_await` into the condition of `if`, `while` or `for` in a coroutine
+ * that has no variable at its outermost level: the compiler gets its frame wrong (GCC bug 106188).
+ * Such a coroutine ends the process where it starts, with a line of level 1 that says why.
  *
  * It goes on inside the dispatch of the connection that it waits for: no thread is involved.
  * Awaited on that thread, once.

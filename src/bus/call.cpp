@@ -113,6 +113,24 @@ void TakeBack(sd_bus_slot* slot)
 
 } // namespace
 
+PendingCall::PendingCall(Finish done) noexcept : finish(done) {}
+
+Call Launch(TypedCall& call, const ReplyType& type, MessageRef message, CallError& refusal,
+            const CallOptions& options, CallOwner* owner) noexcept
+{
+    call.type = &type;
+    Call handle(call);
+    if (message)
+    {
+        call.Start(std::move(message), options, owner);
+    }
+    else
+    {
+        call.Refuse(std::move(refusal));
+    }
+    return handle;
+}
+
 void PendingCall::Start(MessageRef message, const CallOptions& options, CallOwner* list) noexcept
 {
     sd_bus* bus = sd_bus_message_get_bus(message.get());
@@ -253,19 +271,13 @@ CallOwner::~CallOwner()
 namespace
 {
 
-CallError WrongTypes(const char* expected, const std::string& found)
-{
-    return {CallFailure::ReplyTypes, error_name::replyTypes,
-            "The reply has the types \"" + found + "\", not \"" + expected + "\""};
-}
-
 // Types after the expected ones are ignored, as everywhere: services grow.
 bool ReadReply(sd_bus_message* reply, const ReplyType& type, void* value, CallError& error)
 {
     const char* found = sd_bus_message_get_signature(reply, 1);
     if (!std::string_view(found).starts_with(type.property ? "v" : type.signature))
     {
-        error = WrongTypes(type.property ? "v" : type.signature, found);
+        error = TypesError(type.property ? "v" : type.signature, found);
         return false;
     }
     if (type.property)
@@ -275,7 +287,7 @@ bool ReadReply(sd_bus_message* reply, const ReplyType& type, void* value, CallEr
         if (sd_bus_message_peek_type(reply, &variant, &inside) < 0 ||
             std::string_view(inside) != type.signature)
         {
-            error = WrongTypes(type.signature, inside != nullptr ? inside : "");
+            error = TypesError(type.signature, inside);
             return false;
         }
         sd_bus_message_enter_container(reply, SD_BUS_TYPE_VARIANT, type.signature);
@@ -294,7 +306,7 @@ bool Decode(sd_bus_message* reply, const ReplyType& type, void* value, CallError
     }
     catch (const std::exception& failure)
     {
-        error = {CallFailure::ReplyTypes, error_name::replyTypes, failure.what()};
+        error = ReadError(failure);
     }
     return false;
 }

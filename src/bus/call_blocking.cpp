@@ -1,4 +1,4 @@
-#include <bmcbus/request.hpp>
+#include <bmcbus/call.hpp>
 
 #include "bus/bus.hpp"
 #include "bus/call_errors.hpp"
@@ -31,7 +31,7 @@ CallError WaitError(sd_bus_message* call, int result, const sd_bus_error& error,
     {
         return DisconnectedError();
     }
-    return {CallFailure::Remote, error.name, error.message != nullptr ? error.message : ""};
+    return RemoteError(error);
 }
 
 // The reply, or null with `error` filled.

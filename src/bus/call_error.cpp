@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
+#include <new>
 #include <utility>
 
 namespace bmcbus
@@ -34,9 +36,27 @@ bool IsLocal(sd_bus_message* reply)
     return sd_bus_message_get_cookie(reply, &cookie) >= 0 && cookie == localCookie;
 }
 
-std::string Text(const char* text)
+// What fits into a string without memory of its own.
+constexpr const char* noMemory = "out of memory";
+
+CallError Make(CallFailure kind, const char* name,
+               std::initializer_list<const char*> texts) noexcept
 {
-    return text != nullptr ? text : "";
+    CallError error;
+    error.kind = kind;
+    try
+    {
+        for (const char* text : texts)
+        {
+            error.message += text != nullptr ? text : "";
+        }
+        error.name = name != nullptr ? name : "";
+    }
+    catch (const std::bad_alloc&)
+    {
+        error.message = noMemory;
+    }
+    return error;
 }
 
 bool SaysDisconnected(int result)
@@ -47,30 +67,56 @@ bool SaysDisconnected(int result)
 
 } // namespace
 
-CallError TimeoutError()
+CallError TimeoutError() noexcept
 {
-    return {CallFailure::Timeout, error_name::timeout, "No reply came in time"};
+    return Make(CallFailure::Timeout, error_name::timeout, {"No reply came in time"});
 }
 
-CallError DisconnectedError()
+CallError DisconnectedError() noexcept
 {
-    return {CallFailure::Disconnected, error_name::disconnected, "The connection to the bus ended"};
+    return Make(CallFailure::Disconnected, error_name::disconnected,
+                {"The connection to the bus ended"});
 }
 
-CallError CancelledError()
+CallError CancelledError() noexcept
 {
-    return {CallFailure::Cancelled, error_name::cancelled, "The call was given up"};
+    return Make(CallFailure::Cancelled, error_name::cancelled, {"The call was given up"});
 }
 
-CallError StepError(int result, const char* step)
+CallError RefusedError(const char* text, const char* more) noexcept
+{
+    return Make(CallFailure::Refused, error_name::refused, {text, more});
+}
+
+CallError TypesError(const char* expected, const char* found) noexcept
+{
+    return Make(CallFailure::ReplyTypes, error_name::replyTypes,
+                {"The reply has the types \"", found, "\", not \"", expected, "\""});
+}
+
+CallError ReadError(const std::exception& failure) noexcept
+{
+    if (dynamic_cast<const std::bad_alloc*>(&failure) != nullptr)
+    {
+        return Make(CallFailure::OutOfMemory, error_name::outOfMemory, {noMemory});
+    }
+    return Make(CallFailure::ReplyTypes, error_name::replyTypes, {failure.what()});
+}
+
+CallError StepError(int result, const char* step) noexcept
 {
     const bool disconnected = SaysDisconnected(result);
-    return {disconnected ? CallFailure::Disconnected : CallFailure::Refused,
-            disconnected ? error_name::disconnected : error_name::refused,
-            std::string(step) + ": " + std::strerror(-result)};
+    return Make(disconnected ? CallFailure::Disconnected : CallFailure::Refused,
+                disconnected ? error_name::disconnected : error_name::refused,
+                {step, ": ", std::strerror(-result)});
 }
 
-CallError ReplyError(sd_bus_message* reply, bool overdue)
+CallError RemoteError(const sd_bus_error& error) noexcept
+{
+    return Make(CallFailure::Remote, error.name, {error.message});
+}
+
+CallError ReplyError(sd_bus_message* reply, bool overdue) noexcept
 {
     if (IsLocal(reply))
     {
@@ -83,8 +129,7 @@ CallError ReplyError(sd_bus_message* reply, bool overdue)
             return TimeoutError();
         }
     }
-    const sd_bus_error* error = sd_bus_message_get_error(reply);
-    return {CallFailure::Remote, Text(error->name), Text(error->message)};
+    return RemoteError(*sd_bus_message_get_error(reply));
 }
 
 } // namespace detail

@@ -31,17 +31,38 @@ BusRef Take(sd_bus* bus)
     return BusRef(raw);
 }
 
-std::string Describe(const Destination& to)
+bool IsWhole(std::string_view name)
 {
-    return " (" + to.service + " " + to.path + " " + to.interface + "." + to.member + ")";
+    return name.find('\0') == std::string_view::npos;
 }
 
 // What a step threw, as the result of a call that was never sent.
-CallError Refusal(const Error& error)
+CallError Refusal(const std::exception& thrown) noexcept
 {
-    CallError refusal = StepError(-error.get_errno(), "");
-    refusal.message = error.what();
+    const auto* error = dynamic_cast<const Error*>(&thrown);
+    CallError refusal = RefusedError(thrown.what());
+    if (error != nullptr)
+    {
+        refusal = StepError(-error->get_errno(), "");
+        refusal.message = RefusedError(error->what()).message;
+    }
     return refusal;
+}
+
+// Whom it was for, as far as there is memory for that.
+void Describe(const Destination& to, CallError& refusal) noexcept
+{
+    try
+    {
+        std::string text = refusal.message;
+        text.append(" (").append(to.service).append(" ").append(to.path).append(" ");
+        text.append(to.interface).append(".").append(to.member).append(")");
+        refusal.message = std::move(text);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return;
+    }
 }
 
 } // namespace
@@ -50,17 +71,17 @@ MessageRef NewRequest(sd_bus* bus, const Destination& to, CallError& refusal) no
 {
     try
     {
+        const bool whole =
+            IsWhole(to.service) && IsWhole(to.path) && IsWhole(to.interface) && IsWhole(to.member);
+        Require(whole ? 0 : -EINVAL, "sd_bus_message_new_method_call");
         const BusRef on = Take(bus);
-        return NewCall(on.get(), to.service, to.path, to.interface.c_str(), to.member.c_str());
-    }
-    catch (const Error& error)
-    {
-        refusal = Refusal(error);
-        refusal.message += Describe(to);
+        return NewCall(on.get(), to.service.data(), to.path.data(), to.interface.data(),
+                       to.member.data());
     }
     catch (const std::exception& error)
     {
-        refusal = CallError(CallFailure::Refused, error_name::refused, error.what());
+        refusal = Refusal(error);
+        Describe(to, refusal);
     }
     return nullptr;
 }
@@ -73,13 +94,9 @@ bool AppendTo(sd_bus_message* call, void (*append)(sd_bus_message* call, const v
         append(call, value);
         return true;
     }
-    catch (const Error& error)
-    {
-        refusal = Refusal(error);
-    }
     catch (const std::exception& error)
     {
-        refusal = CallError(CallFailure::Refused, error_name::refused, error.what());
+        refusal = Refusal(error);
     }
     return false;
 }

@@ -4,19 +4,12 @@
 
 #include <bmcbus/call_error.hpp>
 #include <bmcbus/refs.hpp>
+#include <bmcbus/request.hpp>
 
-#include <string>
+#include <cstdint>
 
 namespace bmcbus::detail
 {
-
-struct Destination
-{
-    const std::string& service;
-    const std::string& path;
-    const std::string& interface;
-    const std::string& member;
-};
 
 // A call on `bus`, on the thread's default connection when that is null. Does not wait until the
 // connection is up. Null with `refusal` filled when it cannot be made.

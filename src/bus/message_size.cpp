@@ -41,6 +41,16 @@ void StartMessage(const sd_bus_message* message, uint64_t names)
     growing = {message, (header + names + 7) / 8 * 8};
 }
 
+uint64_t MessageSize()
+{
+    return growing.bytes;
+}
+
+void ContinueMessage(const sd_bus_message* message, uint64_t size)
+{
+    growing = {message, size};
+}
+
 int Grow(const sd_bus_message* message, size_t alignment, uint64_t bytes)
 {
     if (growing.message != message)

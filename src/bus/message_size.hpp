@@ -15,6 +15,10 @@ namespace bmcbus
 // others are not counted.
 void StartMessage(const sd_bus_message* message, uint64_t names);
 
+// How large the message of this thread has become; goes on with one that was left at a size.
+uint64_t MessageSize();
+void ContinueMessage(const sd_bus_message* message, uint64_t size);
+
 // Before so many bytes are appended at a multiple of `alignment`: -EMSGSIZE when the message would
 // become larger than the bus takes.
 int Grow(const sd_bus_message* message, size_t alignment, uint64_t bytes);

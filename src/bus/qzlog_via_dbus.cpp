@@ -2,12 +2,11 @@
 
 #include "bus/bus.hpp"
 #include "bus/deadline.hpp"
+#include "bus/event_log_wire.hpp"
 #include "log.hpp"
 
 #include <bmcbus/wire.hpp>
 
-#include <algorithm>
-#include <array>
 #include <cstdint>
 #include <exception>
 #include <string_view>
@@ -18,19 +17,7 @@ namespace
 {
 
 using bmcbus::client::Append;
-
-constexpr const char* daemonService = "com.tamm.ovrik.wharfd.wharfd";
-constexpr const char* daemonPath = "/com/tamm/ovrik/wharfd/wharfd";
-constexpr const char* daemonInterface = "com.tamm.ovrik.wharfd.wharfd";
-constexpr const char* daemonMethod = "NQRCE_REQ_TYPE_LOG_QZL_EVENT";
-
-// The optional parts of a request travel as (tag, text) pairs.
-enum class Tag : uint16_t
-{
-    message = 2,
-    fqdd = 3,
-    arguments = 6
-};
+using namespace bmcbus::event_log;
 
 struct Tagged
 {
@@ -67,34 +54,17 @@ void LogEntry(const Entry& entry)
     }
 }
 
-void AppendHex(std::string& block, unsigned char byte)
+std::string EncodeForCaller(const std::vector<std::string>& args)
 {
-    constexpr const char* digits = "0123456789abcdef";
-    block += digits[byte >> 4U];
-    block += digits[byte & 0xFU];
-}
-
-// Each argument's bytes and its terminating zero, then one more zero, in hexadecimal digits.
-std::string Encode(const std::vector<std::string>& args)
-{
-    std::string block;
-    size_t bytes = 1;
-    for (const std::string& arg : args)
-    {
-        bytes += arg.size() + 1;
-    }
-    block.reserve(2 * bytes);
     for (const std::string& arg : args)
     {
         LOG_FOR_CALLER(info, "arg=[%s]", arg.c_str());
         for (const char c : arg)
         {
             LOG_FOR_CALLER(info, "c=[%c]", c);
-            AppendHex(block, static_cast<unsigned char>(c));
         }
-        AppendHex(block, 0);
     }
-    AppendHex(block, 0);
+    std::string block = Encode(args);
     LOG_FOR_CALLER(info, "margs=[%s]", block.c_str());
     return block;
 }
@@ -115,7 +85,7 @@ std::vector<Tagged> TaggedItems(const Entry& entry, std::string& block)
     }
     if (!entry.args.empty())
     {
-        block = Encode(entry.args);
+        block = EncodeForCaller(entry.args);
         items.push_back({Tag::arguments, &block});
     }
     return items;
@@ -150,45 +120,9 @@ bmcbus::MessageRef Request(sd_bus* bus, const Entry& entry, const std::vector<Ta
     return call;
 }
 
-// How errors begin that do not come from the called service: the bus's own, and sd-bus's about a
-// reply. Names that services use as well are followed by the text.
-struct ForeignError
-{
-    std::string_view name;
-    std::string_view text;
-};
-
-constexpr std::array foreignErrors = {
-    ForeignError{"org.freedesktop.DBus.Error.ServiceUnknown", ""},
-    ForeignError{"org.freedesktop.DBus.Error.NameHasNoOwner", ""},
-    ForeignError{"org.freedesktop.DBus.Error.Spawn.", ""},
-    ForeignError{"org.freedesktop.DBus.Error.TimedOut", ""}, // while being started
-    ForeignError{"org.freedesktop.systemd1.", ""},           // asked to start it
-    ForeignError{"org.freedesktop.DBus.Error.NoReply", "Message recipient disconnected"},
-    ForeignError{"org.freedesktop.DBus.Error.NoReply", "Message did not receive a reply"},
-    ForeignError{"org.freedesktop.DBus.Error.NoReply", "Remote peer disconnected"},
-    ForeignError{"org.freedesktop.DBus.Error.AccessDenied", "Rejected "},
-    ForeignError{"org.freedesktop.DBus.Error.AccessDenied", "An AppArmor policy prevents"},
-    ForeignError{"org.freedesktop.DBus.Error.AccessDenied", "An SELinux policy prevents"},
-    ForeignError{"org.freedesktop.DBus.Error.AccessDenied", "Sender is not authorized"},
-    ForeignError{"org.freedesktop.DBus.Error.LimitsExceeded", "Rejected: "},
-    ForeignError{"org.freedesktop.DBus.Error.LimitsExceeded", "The maximum number of "},
-    ForeignError{"org.freedesktop.DBus.Error.InconsistentMessage", "Reply message contained file"},
-    ForeignError{"System.Error.ELOOP", ""}, // the service is on the caller's own connection
-};
-
 std::string_view View(const char* text)
 {
     return text == nullptr ? std::string_view() : text;
-}
-
-bool IsForeign(const sd_bus_error& error)
-{
-    return std::any_of(foreignErrors.begin(), foreignErrors.end(),
-                       [&](const ForeignError& f) {
-                           return View(error.name).starts_with(f.name) &&
-                                  View(error.message).starts_with(f.text);
-                       });
 }
 
 // Whether a failed call was answered by the service it went to. sd-bus keeps the sender of an error
@@ -206,7 +140,7 @@ bool WasAnswered(sd_bus* bus, sd_bus_message* call, const sd_bus_error& error,
     {
         return !deadline.Passed();
     }
-    return !IsForeign(error);
+    return !IsForeign(View(error.name), View(error.message));
 }
 
 // Sends the request. Null for an answer that is an error; throws Error when there is no answer.

@@ -6,6 +6,7 @@
 #include "client/member_log.hpp"
 #include "client/value.hpp"
 
+#include <bmcbus/mapper.hpp>
 #include <object_mapper.hpp>
 
 #include <optional>
@@ -32,6 +33,26 @@ struct Operation
     const char* getter() const { return access.lock ? "Get_" : "GetLocked_"; }
     const char* setter() const { return access.lock ? "Set_" : "SetLocked_"; }
 };
+
+BusRef BusOf(const Target& target)
+{
+    return target.bus ? BusRef(sd_bus_ref(target.bus.get())) : DefaultBus();
+}
+
+// Leaves the service empty when there is none.
+void FindService(Target& target)
+{
+    if (!target.bus)
+    {
+        ObjectMapper::Wrappers::PathAndInterfaceToService(target.path, target.interface->name,
+                                                          target.service);
+    }
+    else if (auto found =
+                 mapper::Try_Service(target.path, target.interface->name, {}, target.bus.get()))
+    {
+        target.service = *std::move(found);
+    }
+}
 
 void Report(bool* ok, bool value)
 {
@@ -68,7 +89,7 @@ std::optional<size_t> ReadProperty(const Operation& operation, Value& value)
 {
     try
     {
-        const BusRef bus = DefaultBus();
+        const BusRef bus = BusOf(operation.target);
         const MessageRef call = PropertyCall(bus.get(), operation, "Get");
         const MessageRef reply =
             Exchange(bus.get(), call.get(), operation.label(), "GetLocked_", operation.name());
@@ -112,7 +133,7 @@ void WriteProperty(const Operation& operation, ConstRef value)
         {
             throw std::bad_variant_access();
         }
-        const BusRef bus = DefaultBus();
+        const BusRef bus = BusOf(operation.target);
         const MessageRef call = PropertyCall(bus.get(), operation, "Set");
         Open(call.get(), SD_BUS_TYPE_VARIANT, value.type->signature);
         value.type->append(call.get(), value.value);
@@ -168,8 +189,7 @@ void Construct(Target& target)
     {
         try
         {
-            ObjectMapper::Wrappers::PathAndInterfaceToService(target.path, interface.name,
-                                                              target.service);
+            FindService(target);
             if (target.service.empty())
             {
                 CLIENT_LOG(trace, interface.label, name, "no service found");
@@ -257,7 +277,7 @@ void Call(Target& target, const char* member, bool& ok, std::span<const ConstRef
     ok = false;
     try
     {
-        const BusRef bus = DefaultBus();
+        const BusRef bus = BusOf(target);
         const MessageRef call =
             NewCall(bus.get(), target.service, target.path, interface.name, member);
         for (const ConstRef& argument : in)

@@ -115,4 +115,29 @@ TEST_F(Tasks, GoOnInPlaceWhenNothingIsSent)
     EXPECT_EQ(failures, 10'000);
 }
 
+bmcbus::Task<> RetryInACondition(sd_bus* on, int& failures)
+{
+    while (failures < 3 && !co_await Update(on).Async<int32_t>())
+    {
+        ++failures;
+    }
+}
+
+// g++ 12.2 makes a frame that cannot be resumed: that is said, not left to chance.
+TEST_F(Tasks, AreNotStartedInAWrongFrame)
+{
+    const auto run = [&]
+    {
+        sd_bus_close(connection.get());
+        int failures = 0;
+        const bmcbus::Task<> task = RetryInACondition(connection.get(), failures);
+        std::_Exit(failures == 3 ? 0 : 1);
+    };
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ < 13
+    EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT), "");
+#else
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+#endif
+}
+
 } // namespace

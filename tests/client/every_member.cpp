@@ -2,104 +2,13 @@
 // the same for all.
 
 #include "every_member.hpp"
-
-#include "log_recorder.hpp"
 #include "no_bus.hpp"
-
-#include <bmcbus/testing/fake_service.hpp>
-#include <bmcbus/testing/private_bus.hpp>
-
-#include <gtest/gtest.h>
+#include "samples.hpp"
 
 namespace
 {
 
 using namespace every_member;
-
-template <class T>
-T Number(unsigned int index)
-{
-    // The upper byte is taken, too, and signed types are negative every other time.
-    const T value = static_cast<T>((T{1} << (8 * sizeof(T) - 3)) + static_cast<T>(index));
-    return std::is_signed_v<T> && index % 2 == 1 ? static_cast<T>(-value) : value;
-}
-
-// Enough for booleans to differ between any two members.
-constexpr unsigned int rounds = 8;
-
-// The value number `index` of a type, in `round`. Never that of a new object, except for booleans.
-kit::Value Sample(const std::string& type, unsigned int index, unsigned int round = 0)
-{
-    const unsigned int number = index + 1000 * round;
-    switch (type.at(0))
-    {
-        case 'b':
-            return ((index >> round) & 1U) != 0;
-        case 'y':
-            return static_cast<uint8_t>(1 + (index + 97 * round) % 255);
-        case 'n':
-            return Number<int16_t>(number);
-        case 'q':
-            return Number<uint16_t>(number);
-        case 'i':
-            return Number<int32_t>(number);
-        case 'u':
-            return Number<uint32_t>(number);
-        case 'x':
-            return Number<int64_t>(number);
-        case 't':
-            return Number<uint64_t>(number);
-        case 'd':
-            return number + 0.25;
-        case 's':
-            // Of one length, so that the order of keys is that of the numbers.
-            return "text " + std::to_string(round) + "/" + std::to_string(1000 + index) + " \u00e9";
-        case '(':
-        {
-            Values fields;
-            for (const std::string& field : kit::SplitSignature(type.substr(1, type.size() - 2)))
-            {
-                fields.push_back(Sample(field, index++, round));
-            }
-            return kit::Value::Struct(fields);
-        }
-        default:
-            break;
-    }
-    if (type.starts_with("a{"))
-    {
-        const auto parts = kit::SplitSignature(type.substr(2, type.size() - 3));
-        return kit::Value::Dictionary(
-            parts[0], parts[1],
-            {{Sample(parts[0], index, round), Sample(parts[1], index, round)},
-             {Sample(parts[0], index + 1, round), Sample(parts[1], index + 7, round)}});
-    }
-    const std::string element = type.substr(1);
-    return kit::Value::Array(element,
-                             {Sample(element, index, round), Sample(element, index + 1, round),
-                              Sample(element, index + 101, round)});
-}
-
-Values Samples(const std::vector<std::string>& types, unsigned int index)
-{
-    Values values;
-    for (const std::string& type : types)
-    {
-        values.push_back(Sample(type, index++));
-    }
-    return values;
-}
-
-// One for each member, in their order.
-kit::NamedValues Samples(const Members& members, unsigned int round)
-{
-    kit::NamedValues values;
-    for (unsigned int index = 1; const auto& member : members)
-    {
-        values.emplace_back(member->name, Sample(member->signature, index++, round));
-    }
-    return values;
-}
 
 // How many lines of an error's level were written by `function` with `text`.
 size_t Errors(const std::string& function, const std::string& text)
@@ -111,27 +20,6 @@ void ExpectErrors(size_t number)
 {
     EXPECT_EQ(test::Log(2).size(), number) << test::Describe(test::Log(2));
 }
-
-const char* const broken = "com.example.Error.Broken";
-const std::string brokenLine = "EXCEPTION sd_bus_call: com.example.Error.Broken: so there";
-
-// A bus, an object with the class's interface, and a connection that stays.
-struct Setting
-{
-    explicit Setting(const std::string& interface) : object(service, path, {interface})
-    {
-        object.Manage(path);
-        sd_bus_default_system(&own);
-        test::ClearLog();
-    }
-    ~Setting() { sd_bus_flush_close_unref(own); }
-    Setting(const Setting&) = delete;
-    Setting& operator=(const Setting&) = delete;
-
-    kit::PrivateBus bus;
-    kit::FakeService object;
-    sd_bus* own = nullptr;
-};
 
 class Kept : public testing::TestWithParam<const KeptClass*>
 {

@@ -245,6 +245,9 @@ struct Method
     void (*call)(void* object, bool& ok, const Values& in, Values& out);
 };
 
+// An operation with a result; see every_result.hpp.
+struct Operation;
+
 // A direct proxy class.
 struct DirectClass
 {
@@ -254,6 +257,7 @@ struct DirectClass
     Members properties;
     std::vector<std::string> alternatives;
     std::vector<Method> methods;
+    std::vector<std::shared_ptr<const Operation>> operations;
     std::shared_ptr<void> (*make)();
 };
 

@@ -1,80 +1,18 @@
 // Every allocation of the handlers fails in turn: one line says so, nothing is kept, no lock is
 // held, and the next message is handled as if nothing had been.
 
+#include "failing_memory.hpp"
 #include "fixture.hpp"
 
 #include <async_ops.hpp>
 #include <com/tamm/bmc/power/PowerReporting/client_cache.hpp>
 #include <object_mapper.hpp>
 
-#include <cstdlib>
-#include <new>
-
 namespace
 {
 
-// The number of this thread's allocation that fails, counted from one; 0 for none.
-thread_local size_t failing = 0;
-thread_local size_t live = 0;
-
-// Gives memory, or does not.
-void* Allocate(size_t size)
-{
-    if (failing > 0 && --failing == 0)
-    {
-        throw std::bad_alloc();
-    }
-    void* const memory = std::malloc(size);
-    if (memory == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    ++live;
-    return memory;
-}
-
-void Free(void* memory)
-{
-    live -= memory != nullptr ? 1 : 0;
-    std::free(memory);
-}
-
-} // namespace
-
-void* operator new(size_t size)
-{
-    return Allocate(size);
-}
-void* operator new[](size_t size)
-{
-    return Allocate(size);
-}
-// Whoever asks like this can do without, as sorting does.
-void* operator new(size_t size, const std::nothrow_t&) noexcept
-{
-    void* const memory = std::malloc(size);
-    live += memory != nullptr ? 1 : 0;
-    return memory;
-}
-void operator delete(void* memory) noexcept
-{
-    Free(memory);
-}
-void operator delete[](void* memory) noexcept
-{
-    Free(memory);
-}
-void operator delete(void* memory, size_t) noexcept
-{
-    Free(memory);
-}
-void operator delete[](void* memory, size_t) noexcept
-{
-    Free(memory);
-}
-
-namespace
-{
+using test::failing;
+using test::live;
 
 using Power = ClientCache::com::tamm::bmc::power::PowerReporting;
 const std::string powerInterface = "com.tamm.bmc.power.PowerReporting";

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <optional>
 #include <utility>
 
@@ -131,5 +132,19 @@ class ProcessLoop
 
 using AttachedLoops = ::testing::Types<SdEventLoop, AsioLoop, ZLoop, PollLoop>;
 using BusLoops = ::testing::Types<SdEventLoop, AsioLoop, ZLoop, PollLoop, ProcessLoop>;
+
+using RunLoop = std::function<bool(const Condition& done)>;
+
+// Calls `work` once for each kind of loop, with the connection attached to it.
+inline void InEveryLoop(sd_bus* bus, const std::function<void(const RunLoop& run)>& work)
+{
+    const auto in = [&](auto&& loop)
+    { work([&](const Condition& done) { return loop.Run(done); }); };
+    in(SdEventLoop(bus));
+    in(AsioLoop(bus));
+    in(ZLoop(bus));
+    in(PollLoop(bus));
+    in(ProcessLoop(bus));
+}
 
 } // namespace test

@@ -25,8 +25,8 @@ namespace bmcbus::attach
  * Has an `io_context` dispatch a connection, for as long as this object lives.
  *
  * Make and destroy it on the thread that runs the context, and destroy it before the context. While
- * it lives the context's `run` does not return. Keeps the connection. Not for one that sdbusplus's
- * asio classes have opened: they dispatch it themselves.
+ * it lives the context's `run` does not return. Keeps the connection. One that sdbusplus's asio
+ * classes have opened they dispatch themselves; it needs this only for calls with deadlines.
  *
  * After `fork()` a child that keeps the context tells it (`notify_fork`) before it destroys this.
  *

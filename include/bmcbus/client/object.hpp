@@ -11,6 +11,7 @@
 #include <bmcbus/client/anchor.hpp>
 #include <bmcbus/client/registry.hpp>
 #include <bmcbus/client/type.hpp>
+#include <bmcbus/reply_type.hpp>
 
 #include <mutex>
 #include <new>
@@ -81,6 +82,31 @@ struct Position
     bool is_property; ///< and that one has this very name
 };
 
+/** One value of a result, and where in it; a null type ends a list of them. */
+struct OutValue
+{
+    const Type* type = nullptr;
+    size_t offset = 0;
+};
+
+/** A method as its calls with results see it. */
+struct Method
+{
+    const char* name;
+    std::span<const Type* const> in;
+    bmcbus::detail::ReplyType reply;
+};
+
+/** Where the result of reading all properties keeps them. */
+struct AllProperties
+{
+    bmcbus::detail::ReplyType reply;
+    /** By the property's number: gives the value a place in the result, and the place. */
+    void* (*const* emplace)(void* all);
+    /** The same in the result's map by name. */
+    void* (*entry)(void* all, const char* name);
+};
+
 /** One interface of the catalogue. */
 struct Interface
 {
@@ -97,6 +123,9 @@ struct Interface
     /** Names of properties that the service has and the classes do not, each with its end; or null.
      */
     const char* left_out = nullptr;
+    std::span<const Method> methods{};                    ///< of the direct proxy, as the next two
+    std::span<const bmcbus::detail::ReplyType> replies{}; ///< to reads of a property, by its type
+    const AllProperties* all = nullptr;
 
     constexpr const char* NameOf(const Property& property) const
     {

@@ -5,7 +5,9 @@
  * What an object of a direct proxy keeps. For generated headers, which include next to nothing.
  */
 
+#include <bmcbus/call.hpp>
 #include <bmcbus/client/fork_mutex.hpp>
+#include <bmcbus/refs.hpp>
 
 #include <string>
 
@@ -21,6 +23,8 @@ struct Target
     ForkMutex mutex;
     std::string service;
     std::string path;
+    BusRef bus{};                      ///< null: the calling thread's default connection
+    bmcbus::detail::CallOwner calls{}; ///< last: pending calls end before all else goes
 };
 
 } // namespace bmcbus::client

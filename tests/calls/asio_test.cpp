@@ -1,0 +1,68 @@
+// Calls awaited by asio's completion tokens.
+
+#include <bmcbus/asio.hpp>
+
+#include "fixture.hpp"
+#include "run_until.hpp"
+
+#include <bmcbus/attach/asio.hpp>
+
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/bind_executor.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/use_awaitable.hpp>
+
+namespace
+{
+
+using namespace test;
+using boost::asio::use_awaitable;
+
+using Results = std::vector<Result<int32_t>>;
+
+boost::asio::awaitable<void> Ask(sd_bus* on, kit::FakeService& fans, Results& results)
+{
+    const auto await = [on](const bmcbus::CallOptions& options)
+    { return bmcbus::Await(Update(on).Async<int32_t>(options), use_awaitable); };
+    results.push_back(co_await await({}));
+    fans.On("updateFanPWMData").NoReply();
+    results.push_back(co_await await({.timeout = 20ms}));
+    results.push_back(co_await await({.timeout = -1s})); // ends before it is sent
+}
+
+struct Asio : testing::Test, Fans
+{
+    bmcbus::BusRef connection = Connect();
+    boost::asio::io_context io;
+    bmcbus::attach::Asio attached{io, connection.get()};
+};
+
+TEST_F(Asio, AwaitsWithTheResult)
+{
+    service_.On("updateFanPWMData").Reply({int32_t{42}});
+    Results results;
+    boost::asio::co_spawn(io, Ask(connection.get(), service_, results), boost::asio::detached);
+    ASSERT_TRUE(RunUntil(io, [&] { return results.size() == 3; }));
+    EXPECT_EQ(results[0], 42);
+    for (size_t i = 1; i < 3; ++i)
+    {
+        ASSERT_FALSE(results[i]);
+        EXPECT_EQ(results[i].error().name, bmcbus::error_name::timeout);
+    }
+}
+
+TEST_F(Asio, RunsNoHandlerInsideTheFunctionThatStarts)
+{
+    size_t told = 0;
+    for (const auto timeout : {20s, -1s})
+    {
+        bmcbus::Await(
+            Update(connection.get()).Async<int32_t>({.timeout = timeout}),
+            boost::asio::bind_executor(io.get_executor(), [&](const Result<int32_t>&) { ++told; }));
+    }
+    EXPECT_EQ(told, 0U);
+    EXPECT_TRUE(RunUntil(io, [&] { return told == 2; }));
+}
+
+} // namespace
