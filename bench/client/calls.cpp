@@ -9,15 +9,10 @@
 //   first        a cached object, on a connection that is opened and closed for it
 
 #include "fans.hpp"
+#include "service.hpp"
 
 #include <com/tamm/bmc/Thermal/FanReporting/client_cache.hpp>
 #include <cost.hpp>
-
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
 
 using Fans = ClientEdge::com::tamm::bmc::Thermal::FanReporting;
 using Cached = ClientCache::com::tamm::bmc::Thermal::FanReporting;
@@ -27,41 +22,6 @@ namespace
 
 using namespace bench;
 using namespace bench::fans;
-
-int Update(sd_bus_message* call, void*, sd_bus_error*)
-{
-    return sd_bus_reply_method_return(call, "i", 0);
-}
-
-int Count(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
-          sd_bus_error*)
-{
-    return sd_bus_message_append(reply, "y", fans::present);
-}
-
-// Runs until its parent is gone.
-[[noreturn]] void Serve(int ready)
-{
-    static const sd_bus_vtable table[] = {
-        SD_BUS_VTABLE_START(0),
-        SD_BUS_METHOD("updateFanPWMData", "sy", "i", Update, SD_BUS_VTABLE_UNPRIVILEGED),
-        SD_BUS_PROPERTY("fanCount", "y", Count, 0, 0),
-        SD_BUS_VTABLE_END,
-    };
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    sd_bus* bus = nullptr;
-    Check(sd_bus_open_system(&bus), "sd_bus_open_system");
-    Check(sd_bus_add_object_vtable(bus, nullptr, path, interface, table, nullptr), "vtable");
-    Check(sd_bus_request_name(bus, service, 0), "sd_bus_request_name");
-    Check(write(ready, "", 1) == 1, "write");
-    while (true)
-    {
-        if (sd_bus_process(bus, nullptr) == 0)
-        {
-            sd_bus_wait(bus, UINT64_MAX);
-        }
-    }
-}
 
 uint8_t GetByHand(sd_bus* bus)
 {
@@ -197,15 +157,7 @@ int main(int argc, char** argv)
         static_cast<void>(std::fprintf(stderr, "usage: %s WHO WHAT COUNT\n", argv[0]));
         return 2;
     }
-    int ready[2];
-    Check(pipe(ready), "pipe");
-    const pid_t child = fork();
-    if (child == 0)
-    {
-        Serve(ready[1]);
-    }
-    char byte = 0;
-    Check(read(ready[0], &byte, 1) == 1, "service");
+    const ServiceProcess process;
     const Work work = Contender(argv[1], argv[2]);
     const long count = std::stol(argv[3]);
     work();
@@ -215,7 +167,5 @@ int main(int argc, char** argv)
         work();
     }
     stopwatch.Print(count);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
     return 0;
 }

@@ -38,6 +38,10 @@ inline void Check(bool right, const char* what)
 Work SdbusCpp(const std::string& what);
 Work GDBus(const std::string& what);
 
+// The same for `count` asynchronous calls, some in flight at a time.
+void SdbusCppCalls(long count);
+void GDBusCalls(long count);
+
 // Ends the process when there is no such contender.
 inline Work Peer([[maybe_unused]] const std::string& who, [[maybe_unused]] const std::string& what)
 {
@@ -53,6 +57,23 @@ inline Work Peer([[maybe_unused]] const std::string& who, [[maybe_unused]] const
         std::exit(notBuiltIn);
     }
     return work;
+}
+
+inline void PeerCalls([[maybe_unused]] const std::string& who, [[maybe_unused]] long count)
+{
+#ifdef BENCH_SDBUSCPP
+    if (who == "sdbus-c++")
+    {
+        return SdbusCppCalls(count);
+    }
+#endif
+#ifdef BENCH_GDBUS
+    if (who == "gdbus")
+    {
+        return GDBusCalls(count);
+    }
+#endif
+    std::exit(notBuiltIn);
 }
 
 } // namespace bench

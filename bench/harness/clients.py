@@ -32,6 +32,10 @@ def counted(count, report):
         row(f"GetAll of 55 properties{said}", 1.3, "client/bench-decode", "all" + order, 100, 300)
         row(f"PropertiesChanged of 55{said}", 1.25, "client/bench-decode", "changed" + order, 100, 300)
     row("signal of 70 arguments", 1.1, "client/bench-decode", "notify", 100, 300)
+    row("call with a result, 20 in flight", 1.1, "client/bench-results", "async", 200, 1000)
+    row("a coroutine for each, to a completion", 1.05, "client/bench-results", "frames", 200, 1000)
+    row("a coroutine for all, to a completion", 1.0, "client/bench-results", "frame", 200, 1000)
+    row("blocking call with a result", 1.05, "client/bench-results", "try", 200, 1000)
     for name, what in CONNECTIONS:
         if what != "get":  # counted above
             row(name, None, "client/bench-calls", what, 50, 150)
@@ -79,7 +83,18 @@ def waiting(times, report):
     report.plain("")
 
 
+def waits(times, report):
+    def milliseconds(what, count):
+        return median(times.rounds("client/bench-waits", ["library"], what, count)["library"], 1) / 1e6
+
+    report.limit("100 calls at once that take 10 ms each", milliseconds("parallel", 10), "ms", 15)
+    for loop in ("sd-event", "poll", "process"):
+        report.limit(f"a timeout of 10 ms, {loop}", milliseconds("late-" + loop, 20), "ms", 15)
+    report.plain("")
+
+
 def uncounted(times, report):
     heap(times.folder, times.environment, report)
     report.plain("")
+    waits(times, report)
     waiting(times, report)
