@@ -17,6 +17,9 @@ inline constexpr const char* introspectableInterface = "org.freedesktop.DBus.Int
 inline constexpr const char* peerInterface = "org.freedesktop.DBus.Peer";
 inline constexpr const char* managerInterface = "org.freedesktop.DBus.ObjectManager";
 
+// Answers with an error in any case: with the reason where this one may not travel.
+void AnswerFailure(sd_bus_message* call, const std::string& name, const std::string& text);
+
 class Service::Link
 {
   public:
@@ -29,6 +32,8 @@ class Service::Link
     sd_bus* Bus() const;
     void Send(const std::string& path, const std::string& interface, const std::string& member,
               const std::vector<Value>& arguments);
+    // Asks the bus for a name; throws when it is refused.
+    void Ask(const std::string& name, uint64_t flags);
     // Returns when the bus has handed on every signal so far.
     void Settle() noexcept;
 
