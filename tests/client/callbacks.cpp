@@ -177,42 +177,6 @@ TEST_F(Callbacks, MayReleaseAnotherObjectWhoseTurnIsNext)
     EXPECT_EQ(left->Get_fanCount(), 6);
 }
 
-TEST_F(Callbacks, MayCleanUp)
-{
-    for (int i = 0; i < 5; ++i)
-    {
-        Fan::Create(fanPath, fanService, Act, &journal)->AddCallback(Write, &one);
-    }
-    size_t runs = 0;
-    journal.act = [&](Fan*)
-    {
-        ++runs;
-        Fan::Cleanup();
-        EXPECT_EQ(Fan::Lookup(fanPath), nullptr);
-    };
-    Change({});
-    EXPECT_EQ(runs, 1U);
-    EXPECT_THAT(journal.entries, IsEmpty());
-}
-
-TEST_F(Callbacks, MayReplaceTheObjectByANewOne)
-{
-    Fan* fresh = nullptr;
-    journal.act = [&](Fan* own)
-    {
-        Fan::Release(own);
-        fresh = Fan::Create(fanPath, fanService, Write, &one);
-    };
-    Fan::Create(fanPath, fanService, Act, &journal)->AddCallback(Write, &two);
-    Change({{"fanCount", uint8_t{7}}});
-    ASSERT_NE(fresh, nullptr);
-    EXPECT_EQ(fresh->Get_fanCount(), 2) << "read when it was made";
-    Change({{"fanCount", uint8_t{8}}});
-    EXPECT_EQ(fresh->Get_fanCount(), 8);
-    EXPECT_EQ(fresh->SignalCount(), 1U);
-    EXPECT_THAT(journal.entries, ElementsAre("one"));
-}
-
 // A handler called by hand from inside a callback: the object goes while two rounds are under way.
 TEST_F(Callbacks, MayReleaseFromARoundWithinARound)
 {
@@ -334,32 +298,6 @@ TEST_F(Pending, EveryRequestIsAnswered)
     Deliver();
     EXPECT_TRUE(fan.Ready());
     EXPECT_EQ(test::CountLog(9, 127, "GetPropertiesAsyncCallback", "success=1"), 3U);
-}
-
-TEST_F(Pending, TheConnectionEnds)
-{
-    mapper.On("GetObject").NoReply();
-    fans.On("GetAll").NoReply();
-    Fan looking(fanPath, true);
-    Fan reading(fanPath, fanService, true);
-    ASSERT_TRUE(mapper.WaitForCalls("GetObject") && fans.WaitForCalls("GetAll"));
-    bus.Kill();
-    // Handling the end of a connection is what tells the pending requests.
-    EXPECT_TRUE(kit::Dispatch(
-        connection,
-        []
-        {
-            return test::CountLog(9, 127, "GetServiceAsyncCallback", "success=0") == 1 &&
-                   test::CountLog(9, 127, "GetPropertiesAsyncCallback", "success=0") == 1;
-        }));
-    for (Fan* fan : {&looking, &reading})
-    {
-        EXPECT_FALSE(fan->Ready());
-        fan->Set_fanCount(4);
-        EXPECT_EQ(fan->Get_fanCount(), 4);
-        fan->InitialGetAll();
-        EXPECT_FALSE(fan->Ready());
-    }
 }
 
 TEST_F(Pending, TheConnectionIsClosedHere)

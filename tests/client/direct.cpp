@@ -4,9 +4,6 @@
 
 #include <bmcbus/wire.hpp>
 
-#include <com/tamm/bmc/Cpu/cpu/client_cache.hpp>
-#include <com/tamm/bmc/cpumetrics/CpuTelemetryPkg/client_cache.hpp>
-#include <com/tamm/bmc/Memory/Dimm/client_cache.hpp>
 #include <com/tamm/bmc/Thermal/SystemInformation/client_cache.hpp>
 
 #include <sys/socket.h>
@@ -183,49 +180,6 @@ TEST_F(Direct, WritesWhatTheVariantHolds)
     edge.SetByName("Key", System::Variant("text"));
     EXPECT_EQ(test::CountLog(2, 127, "SetByName", "invalid property_name=[Key]"), 1U);
     EXPECT_EQ(service.Calls("Set").size(), 1U);
-}
-
-TEST_F(Direct, MethodsReadWhatIsThere)
-{
-    const std::string interface = "com.tamm.bmc.cpumetrics.CpuTelemetryPkg";
-    kit::FakeService cpu("com.example.Cpu", "/cpu", {interface});
-    ClientEdge::com::tamm::bmc::cpumetrics::CpuTelemetryPkg edge("com.example.Cpu", "/cpu");
-    std::array<uint32_t, 30> out{};
-    bool ok = true;
-    const auto call = [&](const std::vector<Value>& reply)
-    {
-        cpu.On("GetCpuTelemetryData").Once().Reply(reply);
-        out.fill(7);
-        std::apply([&](auto&... each) { edge.Call_GetCpuTelemetryData(ok, uint8_t{1}, each...); },
-                   out);
-    };
-    std::vector<Value> reply(29, Value(uint32_t{5}));
-    call(reply);
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(std::count(out.begin(), out.end(), 5U), 29);
-    EXPECT_EQ(out[29], 7U);
-    reply.push_back(uint32_t{5});
-    reply[4] = 0.5;
-    call(reply);
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(std::count(out.begin(), out.end(), 5U), 4);
-    EXPECT_EQ(out[4], 7U);
-}
-
-TEST_F(Direct, EmptyArgumentsTravel)
-{
-    FanEdge edge(fanService, fanPath);
-    bool ok = false;
-    int32_t out = 9;
-    edge.Call_updateFanPWMData(ok, "", uint8_t{0}, out);
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(out, 0);
-    EXPECT_EQ(fans.Calls().at(0).Arguments(), "sy \"\" 0");
-    kit::FakeService dimm("com.example.Dimm", "/dimm", {"com.tamm.bmc.Memory.Dimm"});
-    ClientEdge::com::tamm::bmc::Memory::Dimm memory("com.example.Dimm", "/dimm");
-    memory.Call_MemoryCmdHandler(ok, {}, out);
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(dimm.Calls().at(0).Arguments(), "ay 0");
 }
 
 // The plain forms run one at a time; the others and the methods do not wait for them.

@@ -6,9 +6,6 @@
 
 #include <com/tamm/bmc/debug/dataorigin/client_cache.hpp>
 
-#include <malloc.h>
-
-#include <filesystem>
 #include <thread>
 
 using testing::ElementsAre;
@@ -314,53 +311,6 @@ TEST_F(Failures, NoDescriptorIsLeft)
                               "sd_bus_default_system: System.Error.EMFILE: Too many open files")));
     EXPECT_EQ(edge.Get_fanCount(), 2);
     ASSERT_GE(sd_bus_default_system(&connection), 0);
-}
-
-// --- what is left behind ------------------------------------------------------------------------
-
-size_t OpenDescriptors()
-{
-    using Folder = std::filesystem::directory_iterator;
-    return static_cast<size_t>(std::distance(Folder("/proc/self/fd"), Folder()));
-}
-
-TEST_F(Failures, CallsLeaveNothingBehind)
-{
-    test::SetLogThreshold(0);
-    FanEdge edge(fanService, fanPath);
-    FanEdge nowhere("com.example.Nobody", fanPath);
-    fans.On("Get", "fanPWMData").ReplyError("com.example.Error.Broken");
-    const auto call = [&](int times)
-    {
-        for (int i = 0; i < times; ++i)
-        {
-            bool ok = false;
-            int32_t out = 0;
-            edge.Get_fanCount();
-            edge.Get_fanPWMData();
-            edge.Call_updateFanPWMData(ok, "fan1", uint8_t{1}, out);
-            nowhere.Get_fanCount();
-            Fan fan(fanPath, fanService);
-            FanSignal signal(fanPath);
-            fans.ClearCalls();
-        }
-    };
-    const auto flat = [&](int times)
-    {
-        call(50);
-        const size_t descriptors = OpenDescriptors();
-        const size_t memory = mallinfo2().uordblks;
-        call(times);
-        EXPECT_EQ(OpenDescriptors(), descriptors);
-        EXPECT_LT(mallinfo2().uordblks, memory + 20'000);
-    };
-    flat(500);
-    // Without a connection that stays, every operation makes its own.
-    sd_bus_flush_close_unref(connection);
-    connection = nullptr;
-    flat(50);
-    ASSERT_GE(sd_bus_default_system(&connection), 0);
-    test::SetLogThreshold(1000);
 }
 
 } // namespace

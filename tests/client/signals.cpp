@@ -2,11 +2,8 @@
 
 #include "fixture.hpp"
 
-#include <com/tamm/bmc/power/PowerReporting/client_cache.hpp>
-
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 namespace
 {
@@ -199,21 +196,6 @@ TEST_F(Signals, InterfacesAddedWithoutTheInterface)
     EXPECT_EQ(fan.Get_fanCount(), 2);
 }
 
-TEST_F(Signals, InterfacesAddedWithFiftyInterfaces)
-{
-    std::vector<std::pair<std::string, kit::NamedValues>> interfaces;
-    for (int i = 50; i > 0; --i)
-    {
-        interfaces.push_back({"com.example.I" + std::to_string(i),
-                              {{"value", i}, {"list", std::vector<Value>{i, "text", FanMap()}}}});
-    }
-    interfaces[20] = {fanInterface, {{"fanCount", uint8_t{50}}}};
-    Add(interfaces);
-    EXPECT_EQ(fan.Get_fanCount(), 50);
-    EXPECT_EQ(test::LogOf("%s.%d.%s: interface_name=[%s]").size(), 50U);
-    EXPECT_THAT(LoggedErrors(), IsEmpty());
-}
-
 TEST_F(Signals, ThePathInTheMessageIsOnlyLogged)
 {
     const std::string manager = "org.freedesktop.DBus.ObjectManager";
@@ -303,53 +285,6 @@ TEST_F(Signals, ReadAgainWhenTheServiceComesBack)
     EXPECT_TRUE(fan.Ready());
     EXPECT_EQ(fan.Get_fanCount(), 12);
     EXPECT_TRUE(HasService());
-}
-
-TEST_F(Signals, ArraysOfAMegabyte)
-{
-    using Power = ClientCache::com::tamm::bmc::power::PowerReporting;
-    const char* const interface = "com.tamm.bmc.power.PowerReporting";
-    std::vector<uint8_t> bytes(1U << 20U);
-    std::vector<double> numbers(bytes.size() / sizeof(double));
-    for (size_t i = 0; i < bytes.size(); ++i)
-    {
-        bytes[i] = static_cast<uint8_t>(i * 7 + i / 256);
-        numbers[i % numbers.size()] = static_cast<double>(i) / 3;
-    }
-    kit::FakeService power("com.example.Power", "/power", {interface});
-    Power object("/power", "com.example.Power");
-    // The arrays go into the message whole, since the kit's values take their time.
-    sd_bus_message* raw = nullptr;
-    ASSERT_GE(sd_bus_message_new_signal(connection, &raw, "/power",
-                                        "org.freedesktop.DBus.Properties", "PropertiesChanged"),
-              0);
-    const bmcbus::MessageRef message(raw);
-    ASSERT_GE(sd_bus_message_append(raw, "s", interface), 0);
-    ASSERT_GE(sd_bus_message_open_container(raw, 'a', "{sv}"), 0);
-    const auto append = [&](const char* name, char type, const auto& values)
-    {
-        const char signature[] = {'a', type, '\0'};
-        EXPECT_GE(sd_bus_message_open_container(raw, 'e', "sv"), 0);
-        EXPECT_GE(sd_bus_message_append(raw, "s", name), 0);
-        EXPECT_GE(sd_bus_message_open_container(raw, 'v', signature), 0);
-        EXPECT_GE(sd_bus_message_append_array(raw, type, values.data(),
-                                              values.size() * sizeof(values.front())),
-                  0);
-        EXPECT_GE(sd_bus_message_close_container(raw), 0);
-        EXPECT_GE(sd_bus_message_close_container(raw), 0);
-    };
-    append("CPUActiveUnits", 'y', bytes);
-    append("PSURPMReading", 'd', numbers);
-    ASSERT_GE(sd_bus_message_close_container(raw), 0);
-    ASSERT_GE(sd_bus_message_append(raw, "as", 0), 0);
-    ASSERT_GE(sd_bus_send(connection, raw, nullptr), 0);
-    Deliver();
-    EXPECT_EQ(object.SignalCount(), 1U);
-    EXPECT_TRUE(object.Get_CPUActiveUnits() == bytes);
-    EXPECT_TRUE(object.Get_PSURPMReading() == numbers);
-    power->Set("CPUActiveUnits", std::vector<uint8_t>());
-    Deliver();
-    EXPECT_THAT(object.Get_CPUActiveUnits(), SizeIs(0));
 }
 
 } // namespace

@@ -20,37 +20,6 @@ class Subscribers : public ClientTest
     }
 };
 
-TEST_F(Subscribers, ReadWholeSignals)
-{
-    size_t calls = 0;
-    FanSignal signal(fanPath, Count, &calls);
-    EXPECT_THAT(Logged(), IsEmpty());
-    EXPECT_FALSE(signal.Ready());
-    bool is_set = true;
-    uint8_t count = 9;
-    signal.Get_fanCount(is_set, count);
-    EXPECT_FALSE(is_set);
-    EXPECT_EQ(count, 0);
-
-    Emit({uint8_t{3}, twoFans});
-    EXPECT_TRUE(signal.Ready());
-    EXPECT_EQ(signal.SignalCount(), 1U);
-    EXPECT_EQ(calls, 1U);
-    FanMap map;
-    signal.Get(count, map);
-    EXPECT_EQ(count, 3);
-    EXPECT_EQ(map, twoFans);
-    EXPECT_THAT(Logged(), ElementsAre(Trace("ObjectCallback", "enter notifyFanReportingData"),
-                                      Trace("ObjectCallback", "leave notifyFanReportingData")));
-
-    Emit({uint8_t{0}, FanMap{{"fan3", {1, 2, 3, true}}}, "more than is read"});
-    EXPECT_EQ(signal.Get_fanCount(), 0);
-    EXPECT_EQ(signal.Get_fanPWMData().size(), 1U) << "replaced, not merged";
-    Emit({uint8_t{0}, FanMap()});
-    EXPECT_EQ(signal.Get_fanPWMData(), FanMap());
-    EXPECT_EQ(calls, 3U);
-}
-
 TEST_F(Subscribers, ClearWhatASignalDoesNotBring)
 {
     size_t calls = 0;

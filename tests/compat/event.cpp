@@ -2,13 +2,11 @@
 
 #include "thrower.hpp"
 
-#include <function2/function2.hpp>
 #include <gtest/gtest.h>
 #include <sdeventplus/event.hpp>
 #include <sdeventplus/exception.hpp>
 #include <sdeventplus/source/io.hpp>
 #include <sys/epoll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -59,40 +57,6 @@ class EventTest : public testing::Test
     int pipes[2] = {-1, -1};
     sd_event* loop = nullptr;
 };
-
-TEST_F(EventTest, CallsWithDescriptorAndEvents)
-{
-    Event event(loop);
-    int seenFd = -1;
-    uint32_t seenEvents = 0;
-    IO io(event, pipes[0], EPOLLIN,
-          [&](IO&, int fd, uint32_t events)
-          {
-              seenFd = fd;
-              seenEvents = events;
-              Read();
-          });
-    EXPECT_TRUE(Round());
-    EXPECT_EQ(seenFd, pipes[0]);
-    EXPECT_EQ(seenEvents, static_cast<uint32_t>(EPOLLIN));
-    EXPECT_FALSE(Round());
-}
-
-TEST_F(EventTest, KeepsTheLoop)
-{
-    sd_event* own = nullptr;
-    ASSERT_GE(sd_event_new(&own), 0);
-    int count = 0;
-    std::optional<IO> io;
-    {
-        Event adopted(own, std::false_type());
-        Event copy(adopted);
-        EXPECT_EQ(copy.get(), own);
-        io.emplace(copy, pipes[0], EPOLLIN, [&](IO&, int, uint32_t) { ++count; });
-    }
-    EXPECT_GT(sd_event_run(own, 0), 0);
-    EXPECT_EQ(count, 1);
-}
 
 TEST_F(EventTest, RefusalsSayWhy)
 {
@@ -148,16 +112,6 @@ TEST_F(EventTest, ExceptionsArePrintedAndTheWatchStays)
     EXPECT_EQ(text, "sdeventplus: ioCallback: broken\nsdeventplus: ioCallback: Unknown error\n");
 }
 
-TEST_F(EventTest, AnEmptyCallbackIsPrinted)
-{
-    Event event(loop);
-    IO io(event, pipes[0], EPOLLIN, std::function<void(IO&, int, uint32_t)>());
-    testing::internal::CaptureStderr();
-    EXPECT_TRUE(Round());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "sdeventplus: ioCallback: bad_function_call\n");
-}
-
 TEST_F(EventTest, CopiesKeepTheWatchAndTheLastOneEndsIt)
 {
     Event event(loop);
@@ -194,56 +148,6 @@ TEST_F(EventTest, AWatchMayGoInItsOwnCallback)
     EXPECT_FALSE(Round());
     EXPECT_EQ(*kept, 1);
     EXPECT_EQ(kept.use_count(), 1);
-}
-
-TEST_F(EventTest, AChildLeavesTheParentsWatchAlone)
-{
-    Event event(loop);
-    int count = 0;
-    std::optional<IO> io(std::in_place, event, pipes[0], EPOLLIN,
-                         [&](IO&, int, uint32_t) { ++count; });
-    const pid_t child = fork();
-    if (child == 0)
-    {
-        io.reset();
-        _exit(0);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-    EXPECT_TRUE(Round());
-    EXPECT_EQ(count, 1);
-}
-
-int Twice(int value)
-{
-    return 2 * value;
-}
-
-TEST(UniqueFunction, TakesWhatCanBeCalled)
-{
-    using Function = fu2::unique_function<int(int)>;
-    static_assert(!std::is_copy_constructible_v<Function>);
-    auto owned = std::make_unique<int>(5);
-    Function lambda([owned = std::move(owned)](int value) { return *owned + value; });
-    EXPECT_EQ(lambda(1), 6);
-    Function moved(std::move(lambda));
-    EXPECT_EQ(moved(2), 7);
-    moved = Function(std::bind(&Twice, std::placeholders::_1));
-    EXPECT_EQ(moved(2), 4);
-    EXPECT_EQ(Function(&Twice)(3), 6);
-    EXPECT_EQ(Function(std::function<int(int)>(&Twice))(4), 8);
-}
-
-TEST(UniqueFunction, IsEmptyWhenMadeFromNothing)
-{
-    using Function = fu2::unique_function<int(int)>;
-    EXPECT_FALSE(static_cast<bool>(Function()));
-    EXPECT_FALSE(static_cast<bool>(Function(nullptr)));
-    EXPECT_FALSE(static_cast<bool>(Function(std::function<int(int)>())));
-    EXPECT_TRUE(static_cast<bool>(Function(&Twice)));
-    Function empty;
-    EXPECT_THROW(empty(1), std::bad_function_call);
 }
 
 } // namespace

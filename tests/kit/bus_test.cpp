@@ -188,44 +188,6 @@ TEST(PrivateBusTest, KillLosesConnectionsAndRestartTakesNewOnes)
     EXPECT_TRUE(Until([&] { return !service.Connected(); }));
 }
 
-TEST(PrivateBusTest, LimitsAreThoseAskedFor)
-{
-    const auto rules = [](sd_bus* client, unsigned int most)
-    {
-        for (unsigned int i = 0; i < most; ++i)
-        {
-            const std::string rule = "type='signal',member='M" + std::to_string(i) + "'";
-            if (const int result =
-                    sd_bus_add_match(client, nullptr, rule.c_str(), nullptr, nullptr);
-                result < 0)
-            {
-                return std::pair<unsigned int, int>(i, result);
-            }
-        }
-        return std::pair<unsigned int, int>(most, 0);
-    };
-    {
-        const PrivateBus bus(BusLimits::Stock());
-        const Client client;
-        EXPECT_EQ(rules(client, 600), std::make_pair(512U, -ENOBUFS));
-    }
-    {
-        BusLimits few;
-        few.matchRulesPerConnection = 3;
-        few.connectionsPerUser = 2;
-        const PrivateBus bus(few);
-        const Client client;
-        EXPECT_EQ(rules(client, 600), std::make_pair(3U, -ENOBUFS));
-        const Client second;
-        EXPECT_NE(second.UniqueName(), "");
-        const Client third;
-        EXPECT_EQ(third.UniqueName(), "");
-    }
-    const PrivateBus bus;
-    const Client client;
-    EXPECT_EQ(rules(client, 600), std::make_pair(600U, 0));
-}
-
 TEST(WaitTest, UntilStopsAtTheBound)
 {
     int asked = 0;

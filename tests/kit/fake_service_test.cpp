@@ -90,40 +90,6 @@ TEST_F(FakeServiceTest, WritesAreCheckedSeenAndAnnounced)
                                      originInterface + R"(" 1 "debugproperty" s "new" 0)"));
 }
 
-TEST_F(FakeServiceTest, SignalsCarryWhatTheTestSays)
-{
-    std::vector<std::string> signals;
-    client.Collect("type='signal',path_namespace='/com'", signals);
-    const std::string at = std::string(path) + " ";
-    fans.Manage("/com");
-
-    fans->Set({{"fanCount", 5}, {"fanPWMData", FanData()}});
-    fans->SetQuietly({{"fanCount", 6}});
-    fans->Emit("notifyFanReportingData", 7, FanData{{"f", {1, 2, 3, false}}});
-    fans->EmitRaw("com.example.Any", "Thing", {Value(std::vector<Value>{1, "two"})});
-    fans->EmitPropertiesChanged(fanInterface, {{"fanCount", "no"}, {"fanCount", 9}, {"odd", true}},
-                                {"fanPWMData"});
-    fans->Invalidate({{"originstring", "later"}, {"fanCount", 8}});
-    EXPECT_EQ(fans->Get("fanCount"), Value(uint8_t{8}));
-    fans->RemoveInterface(dimmInterface);
-    fans->AddInterface(dimmInterface);
-    EXPECT_TRUE(DispatchPending(client));
-    EXPECT_THAT(
-        signals,
-        ElementsAre(
-            at +
-                R"(PropertiesChanged sa{sv}as "com.tamm.bmc.Thermal.FanReporting" 2 "fanCount" y 5 )" +
-                R"("fanPWMData" a{s(yyyb)} 0 0)",
-            at + R"(notifyFanReportingData ya{s(yyyb)} 7 1 "f" 1 2 3 false)",
-            at + R"(Thing av 2 i 1 s "two")",
-            at + R"(PropertiesChanged sa{sv}as "com.tamm.bmc.Thermal.FanReporting" 3 )" +
-                R"("fanCount" s "no" "fanCount" i 9 "odd" b true 1 "fanPWMData")",
-            at + R"(PropertiesChanged sa{sv}as "com.tamm.bmc.Thermal.FanReporting" 0 1 "fanCount")",
-            at + R"(PropertiesChanged sa{sv}as "com.tamm.bmc.debug.dataorigin" 0 1 "originstring")",
-            R"(/com InterfacesRemoved oas "/com/example/fans" 1 "com.tamm.bmc.Memory.Dimm")",
-            R"(/com InterfacesAdded oa{sa{sv}} "/com/example/fans" 1 "com.tamm.bmc.Memory.Dimm" 0)"));
-}
-
 TEST_F(FakeServiceTest, ChangesAreAnnouncedAsAnnotated)
 {
     const auto annotated = [](const std::string& how)
@@ -153,23 +119,6 @@ TEST_F(FakeServiceTest, ChangesAreAnnouncedAsAnnotated)
     EXPECT_EQ(changes(""), start + R"(2 "Plain" i 1 "Sent" i 2 1 "Named")");
     EXPECT_EQ(changes(annotated("invalidates")), start + R"(1 "Sent" i 2 2 "Plain" "Named")");
     EXPECT_EQ(changes(annotated("false")), start + R"(1 "Sent" i 2 1 "Named")");
-}
-
-TEST_F(FakeServiceTest, AMatchAddedAfterwardsSeesNothing)
-{
-    std::vector<std::string> signals;
-    for (int round = 0; round < 50; ++round)
-    {
-        fans->Set("fanCount", round);
-        Client late;
-        late.Collect("type='signal'", signals);
-        EXPECT_TRUE(DispatchPending(late));
-    }
-    EXPECT_THAT(signals, Not(ElementsAre(HasSubstr("PropertiesChanged"))));
-    for (const std::string& signal : signals)
-    {
-        EXPECT_THAT(signal, Not(HasSubstr("fanCount")));
-    }
 }
 
 TEST_F(FakeServiceTest, MethodsAnswerDefaultsHandlersAndErrors)
@@ -259,36 +208,6 @@ TEST_F(FakeServiceTest, MisuseIsRefusedByName)
     EXPECT_THROW(FakeService({name}), std::system_error);
 }
 
-TEST_F(FakeServiceTest, FaultsHitTheNamedCallsAsOftenAsSaid)
-{
-    fans.On("GetAll").Once().ReplyError("com.example.Broken");
-    EXPECT_EQ(GetAll(), "com.example.Broken");
-    EXPECT_THAT(GetAll(), HasSubstr("a{sv}"));
-
-    fans.On("GetAll").Times(2).Reply({"text", 1});
-    EXPECT_EQ(GetAll(), R"(si "text" 1)");
-    EXPECT_EQ(GetAll(), R"(si "text" 1)");
-    EXPECT_THAT(GetAll(), HasSubstr("a{sv}"));
-
-    fans.On("GetAll").Reply({AsPropertyMap({{"fanCount", uint8_t{1}}, {"fanCount", uint8_t{2}}})});
-    EXPECT_EQ(GetAll(), R"(a{sv} 2 "fanCount" y 1 "fanCount" y 2)");
-    fans.On("GetAll").Reply({AsPropertyMap({})});
-    EXPECT_EQ(GetAll(), "a{sv} 0");
-    fans.On("GetAll").Reply({});
-    EXPECT_EQ(GetAll(), "");
-
-    fans.On("Get", "fanCount").Reply({Value::Variant("wrong")});
-    EXPECT_EQ(Get(fanInterface, "fanCount"), R"(v s "wrong")");
-    EXPECT_EQ(Get(fanInterface, "fanPWMData"), "v a{s(yyyb)} 0");
-    fans.Heal("GetAll");
-    EXPECT_THAT(GetAll(), HasSubstr("y 4"));
-    EXPECT_EQ(Get(fanInterface, "fanCount"), R"(v s "wrong")");
-    fans.On("*").ReplyError("com.example.All");
-    EXPECT_EQ(client.Call(name, path, dimmInterface, "getDbusStatus").Text(), "com.example.All");
-    fans.Heal();
-    EXPECT_EQ(Get(fanInterface, "fanCount"), "v y 4");
-}
-
 TEST_F(FakeServiceTest, WhatMayNotTravelIsAnsweredWithTheReason)
 {
     const std::string connection = fans.UniqueName();
@@ -325,126 +244,6 @@ TEST_F(FakeServiceTest, WhatMayNotTravelIsAnsweredWithTheReason)
         });
     EXPECT_EQ(reason(), R"(no error name: "Broken")");
     EXPECT_EQ(fans.UniqueName(), connection);
-}
-
-TEST_F(FakeServiceTest, SilentLateAndHeldAnswers)
-{
-    fans.On("GetAll").Once().NoReply();
-    const auto unanswered =
-        client.Call(name, path, "org.freedesktop.DBus.Properties", "GetAll", {fanInterface}, 20000);
-    EXPECT_EQ(unanswered.error, "org.freedesktop.DBus.Error.Timeout");
-
-    fans.On("GetAll").Hold();
-    std::string answer;
-    std::thread caller(
-        [&]
-        {
-            Client other;
-            answer = other.Properties(name, path, "GetAll", {fanInterface}).Text();
-        });
-    EXPECT_TRUE(fans.WaitForHeld());
-    fans->Set("fanCount", 77);
-    fans.Release();
-    caller.join();
-    EXPECT_THAT(answer, HasSubstr("y 77"));
-
-    fans.On("GetAll").Delay(std::chrono::milliseconds(5));
-    EXPECT_THAT(GetAll(), HasSubstr("y 77"));
-}
-
-TEST_F(FakeServiceTest, CrashStopAndComeBack)
-{
-    const auto owned = [&]
-    {
-        return client
-            .Call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                  "NameHasOwner", {name})
-            .Text();
-    };
-    const std::string before = fans.UniqueName();
-    fans.On("GetAll").Once().Crash();
-    EXPECT_EQ(GetAll(), "org.freedesktop.DBus.Error.NoReply");
-    EXPECT_FALSE(fans.Connected());
-    EXPECT_EQ(fans.UniqueName(), "");
-    EXPECT_EQ(owned(), "b false");
-    fans->Set("fanCount", 9); // stored, nobody hears of it
-    EXPECT_THROW(fans->Emit("debugsignal", "x"), std::system_error);
-    fans.Start();
-    EXPECT_NE(fans.UniqueName(), before);
-    EXPECT_THAT(GetAll(), HasSubstr("y 9"));
-
-    // A call on hold dies with the connection that it came over.
-    fans.On("GetAll").Once().Hold();
-    std::string answer;
-    std::thread caller(
-        [&]
-        {
-            Client other;
-            answer = other.Properties(name, path, "GetAll", {fanInterface}).Text();
-        });
-    EXPECT_TRUE(fans.WaitForHeld());
-    fans.Stop();
-    caller.join();
-    EXPECT_EQ(answer, "org.freedesktop.DBus.Error.NoReply");
-    fans.Start();
-    fans.Release();
-    EXPECT_THAT(GetAll(), HasSubstr("y 9"));
-
-    fans.ReleaseName(name);
-    EXPECT_EQ(owned(), "b false");
-    fans.RequestName(name);
-    EXPECT_EQ(owned(), "b true");
-}
-
-TEST_F(FakeServiceTest, CallsAreRemembered)
-{
-    GetAll();
-    client.Call(name, path, dimmInterface, "MemoryCmdHandler", {std::vector<uint8_t>{7, 8}});
-    EXPECT_TRUE(fans.WaitForCalls("MemoryCmdHandler"));
-    const Call call = fans.Calls("MemoryCmdHandler").front();
-    EXPECT_EQ(call.Arguments(), "ay 2 7 8");
-    EXPECT_EQ(call.interface, dimmInterface);
-    EXPECT_EQ(call.path, path);
-    EXPECT_EQ(call.sender, client.UniqueName());
-    EXPECT_EQ(fans.Calls().size(), 2U);
-    fans.ClearCalls();
-    EXPECT_THAT(fans.Calls(), IsEmpty());
-    client.Properties(name, path, "GetAll", {fanInterface});
-    const Waited waited = fans.WaitForCalls("GetAll", 2, std::chrono::milliseconds(1));
-    EXPECT_FALSE(waited);
-    EXPECT_EQ(waited.Instead(), "1 of 2 calls of GetAll came, of all calls:\n"
-                                "  /com/example/fans org.freedesktop.DBus.Properties.GetAll s "
-                                "\"com.tamm.bmc.Thermal.FanReporting\"");
-}
-
-TEST_F(FakeServiceTest, ManyThreadsMayUseOneService)
-{
-    std::atomic<int> wrong = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-    {
-        threads.emplace_back(
-            [&, t]
-            {
-                Client own;
-                for (int i = 0; i < 30; ++i)
-                {
-                    fans->Set("fanCount", t);
-                    fans.On("getDbusStatus").ReplyError("com.example.E");
-                    wrong +=
-                        own.Call(name, path, dimmInterface, "getDbusStatus").error.empty() ? 1 : 0;
-                    wrong +=
-                        own.Properties(name, path, "GetAll", {fanInterface}).error.empty() ? 0 : 1;
-                    wrong += fans.Calls().empty() ? 1 : 0;
-                }
-            });
-    }
-    for (std::thread& thread : threads)
-    {
-        thread.join();
-    }
-    EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(fans.Calls("GetAll").size(), 120U);
 }
 
 TEST_F(FakeServiceTest, TheNearestManagerAnnouncesAndLists)
@@ -490,20 +289,6 @@ TEST_F(FakeServiceTest, TheNearestManagerAnnouncesAndLists)
     EXPECT_THAT(listed("/com/example/inner"), HasSubstr(R"(} 1 "/com/example/inner/a" 1 )"));
     fans.Unmanage("/com");
     EXPECT_EQ(listed("/com"), "org.freedesktop.DBus.Error.UnknownMethod");
-}
-
-TEST_F(FakeServiceTest, TheTreeIsVisible)
-{
-    FakeService other({"com.example.Other", "com.example.Second"});
-    other.AddObject("/a/b", {fanInterface});
-    const auto introspect = [&](const char* service, const char* at) {
-        return client.Call(service, at, "org.freedesktop.DBus.Introspectable", "Introspect").Text();
-    };
-    EXPECT_THAT(introspect(name, "/"), HasSubstr(R"(<node name=\"com\"/>)"));
-    EXPECT_THAT(introspect(name, path), HasSubstr("fanPWMData"));
-    EXPECT_THAT(introspect("com.example.Second", "/a"), HasSubstr(R"(<node name=\"b\"/>)"));
-    EXPECT_EQ(introspect(name, "/none"), "org.freedesktop.DBus.Error.UnknownObject");
-    EXPECT_EQ(client.Call(name, path, "org.freedesktop.DBus.Peer", "Ping").Text(), "");
 }
 
 TEST_F(FakeServiceTest, ANameIsTakenOverInOneStep)

@@ -84,37 +84,6 @@ TEST(MonitorTest, SeesMatchRulesAndTheBusesEnd)
     EXPECT_THROW(Monitor(bus.Address()), std::system_error);
 }
 
-TEST(PeersTest, MessagesReachDecodersAndTheOtherEnd)
-{
-    const Peers peers;
-    const std::vector<Value> body{std::map<std::string, std::vector<int>>{{"k", {1, 2}}}, "tail"};
-    const MessagePtr message = peers.Message(body, "com.example.I", "M", "/p");
-    EXPECT_THAT(sd_bus_message_get_signature(message.get(), 1), StrEq("a{sai}s"));
-    EXPECT_EQ(Value::ReadAll(message.get()), body);
-    sd_bus_message_rewind(message.get(), 1);
-    EXPECT_EQ(Value::Read(message.get()), body.front());
-
-    // A call over the pair, answered by hand.
-    std::string reply;
-    const auto answer = [](sd_bus_message* call, void*, sd_bus_error*)
-    {
-        Service::Reply(call, {Value::ReadAll(call).front(), 7});
-        return 1;
-    };
-    const auto keep = [](sd_bus_message* m, void* text, sd_bus_error*)
-    {
-        *static_cast<std::string*>(text) = TextOf(Value::ReadAll(m));
-        return 1;
-    };
-    ASSERT_GE(sd_bus_add_object(peers.Server(), nullptr, "/p", answer, nullptr), 0);
-    ASSERT_GE(sd_bus_call_method_async(peers.Client(), nullptr, nullptr, "/p", "com.example.I",
-                                       "Echo", keep, &reply, "s", "hello"),
-              0);
-    EXPECT_TRUE(peers.Pump([&] { return !reply.empty(); }));
-    EXPECT_EQ(reply, R"(si "hello" 7)");
-    EXPECT_FALSE(peers.Pump([] { return false; })) << "ends when nothing is left";
-}
-
 TEST(PeersTest, TruncatedReadsAreRefused)
 {
     const Peers peers;

@@ -250,19 +250,6 @@ TEST_F(MapperAsync, TimeoutsAreToldApart)
     }
 }
 
-TEST_F(MapperAsync, MapperThatGoesAwayIsNoTimeout)
-{
-    for (const Request& request : requests)
-    {
-        mapper.On("GetObject").Crash();
-        ExpectFailure(request, false);
-        ExpectFailure(request, false); // nobody there
-        EXPECT_THAT(Logged(), testing::HasSubstr("[org.freedesktop.DBus.Error.ServiceUnknown]"));
-        mapper.Start();
-        mapper.Heal();
-    }
-}
-
 TEST_F(MapperAsync, AnswersOfOtherTypesAreFailures)
 {
     for (const auto& values :

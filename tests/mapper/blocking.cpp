@@ -1,7 +1,6 @@
 #include "fixture.hpp"
 #include "no_descriptors.hpp"
 
-#include <filesystem>
 #include <thread>
 
 using namespace ObjectMapper::Wrappers;
@@ -257,30 +256,6 @@ TEST_F(Mapper, BusThatGoesAwayIsAnError)
     EXPECT_TRUE(GetAssociations("/p").empty());
 }
 
-size_t OpenDescriptors()
-{
-    const auto entries = std::filesystem::directory_iterator("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
-
-TEST_F(Mapper, CallsLeaveNothingBehind)
-{
-    connection = sd_bus_flush_close_unref(connection); // every call connects anew
-    mapper.Add("/p", "a.svc", {"x.I"});
-    const size_t descriptors = OpenDescriptors();
-    const size_t peers = bus.Connections().size();
-    for (int i = 0; i < 50; ++i)
-    {
-        std::string service;
-        PathAndInterfaceToService("/p", "x.I", service);
-        ASSERT_EQ(service, "a.svc");
-        PathAndInterfaceToService("/q", "x.I", service);
-        ASSERT_EQ(service, "");
-    }
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-    EXPECT_TRUE(bmcbus::testing::Until([&] { return bus.Connections().size() == peers; }));
-}
-
 TEST_F(Mapper, RunningOutOfDescriptorsIsAnError)
 {
     connection = sd_bus_flush_close_unref(connection);
@@ -294,30 +269,6 @@ TEST_F(Mapper, RunningOutOfDescriptorsIsAnError)
     mapper.Add("/p", "a.svc", {"x.I"});
     PathAndInterfaceToService("/p", "x.I", service);
     EXPECT_EQ(service, "a.svc");
-}
-
-TEST_F(Mapper, ThreadsAskOnConnectionsOfTheirOwn)
-{
-    mapper.Add("/p", "a.svc", {"x.I"});
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-    {
-        threads.emplace_back(
-            []
-            {
-                for (int i = 0; i < 20; ++i)
-                {
-                    std::string service;
-                    PathAndInterfaceToService("/p", "x.I", service);
-                    EXPECT_EQ(service, "a.svc");
-                }
-            });
-    }
-    for (std::thread& thread : threads)
-    {
-        thread.join();
-    }
-    EXPECT_EQ(Logged(), "");
 }
 
 } // namespace

@@ -22,46 +22,6 @@ using Owners = std::map<std::string, Names>;
 constexpr const char* notFound = "xyz.openbmc_project.Common.Error.ResourceNotFound";
 const Names noFilter;
 
-TEST_F(SimulatorTest, EveryInterfaceHasAnObjectThatDescribesIt)
-{
-    // Each with one of its objects.
-    const std::map<std::string, std::string> examples = {
-        {"com.tamm.bmc.Cpu.cpu", "/com/tamm/bmc/cpu/cpu1"},
-        {"com.tamm.bmc.Memory.Dimm", "/com/tamm/bmc/memory/dimm/B4"},
-        {fanReporting, "/com/tamm/bmc/thermal/fans/supplies"},
-        {"com.tamm.bmc.Thermal.SystemInformation", "/com/tamm/bmc/thermal/system"},
-        {"com.tamm.bmc.Thermal.TeleMetrics", "/com/tamm/bmc/thermal/telemetry"},
-        {"com.tamm.bmc.cpumetrics.CpuTelemetryPkg", "/com/tamm/bmc/cpu/telemetry"},
-        {"com.tamm.bmc.debug.dataorigin", "/com/tamm/bmc/debug"},
-        {"com.tamm.bmc.power.PowerReporting", "/com/tamm/bmc/power/system"},
-        {"com.tamm.ovrik.wharfd.OSLogicalNetworkInterface", "/com/tamm/ovrik/wharfd/network/eth1"},
-        {"com.tamm.ovrik.wharfd.OSLogicalNetworkInterfaces", network},
-    };
-    for (const auto& example : examples)
-    {
-        const std::string& interface = example.first;
-        const std::string& path = example.second;
-        const auto owners = Ask("GetObject", {path, Names{interface}});
-        ASSERT_EQ(owners.error, "") << path;
-        const auto services = owners.values.at(0).Get<Owners>();
-        ASSERT_EQ(services.size(), 1U) << path;
-        const std::string xml = client
-                                    .Call(services.begin()->first, path,
-                                          "org.freedesktop.DBus.Introspectable", "Introspect")
-                                    .values.at(0)
-                                    .Get<std::string>();
-        const auto known = bmcbus::testing::FindInterface(interface);
-        const auto served = bmcbus::testing::ParseDescription(xml, path);
-        const auto same = [&](const auto& each)
-        {
-            return each.name == interface && each.properties.size() == known.properties.size() &&
-                   each.methods.size() == known.methods.size() &&
-                   each.signals.size() == known.signals.size();
-        };
-        EXPECT_TRUE(std::any_of(served.begin(), served.end(), same)) << xml;
-    }
-}
-
 TEST_F(SimulatorTest, MapperFindsServicesAndPaths)
 {
     EXPECT_EQ(Ask("GetSubTreePaths", {"/", 0, Names{fanReporting}}).Text(),

@@ -22,20 +22,6 @@ struct Case
     std::string out;
 };
 
-TEST(PathOps, NormalizesSlashes)
-{
-    for (const Case& c : std::initializer_list<Case>{{"", ""},
-                                                     {"/", ""},
-                                                     {"//", ""},
-                                                     {"a/", "a"},
-                                                     {"///a", "/a"},
-                                                     {"/a//b///", "/a/b"},
-                                                     {"a//\0//b"s, "a/\0/b"s}})
-    {
-        EXPECT_EQ(DBU_normalize_slashes(c.in), c.out) << c.in;
-    }
-}
-
 TEST(PathOps, ClassifiesEveryByteAsAscii)
 {
     // A locale in which some of the upper half are letters must make no difference.
@@ -89,20 +75,6 @@ TEST(PathOps, ConvertsStandardKeys)
         EXPECT_EQ(DBU_std_key_to_dbus_path_fragment(c.in), c.out) << c.in;
     }
     EXPECT_EQ(DBU_std_key_to_dbus_path_fragment("A:B"), "b/a");
-}
-
-TEST(PathOps, ConvertsManagerKeys)
-{
-    for (const Case& c : std::initializer_list<Case>{{"", ""},
-                                                     {"Foo#Bar.Baz", "foo/bar_baz"},
-                                                     {"#A##B#", "/a/b"},
-                                                     {"###", ""},
-                                                     {"a|b:c/d", "a_b_c_d"},
-                                                     {"A\0B"s, "a"}})
-    {
-        EXPECT_EQ(DBU_std_key_to_dbus_path_fragment_cfgmgr(c.in), c.out) << c.in;
-        EXPECT_EQ(DBU_std_key_to_dbus_path_fragment_cfgmgr_char(c.in.c_str()), c.out) << c.in;
-    }
 }
 
 TEST(PathOps, InsertsBeforeTheLastComponent)

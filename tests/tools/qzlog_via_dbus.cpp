@@ -9,7 +9,6 @@
 #include <optional>
 #include <thread>
 
-using bmcbus::testing::BusLimits;
 using bmcbus::testing::FakeEventLog;
 using bmcbus::testing::PrivateBus;
 using bmcbus::testing::Value;
@@ -44,7 +43,7 @@ std::string Information(std::initializer_list<std::string> texts)
 class EventLog : public testing::Test
 {
   protected:
-    explicit EventLog(const BusLimits& limits = BusLimits::Roomy()) : bus(limits)
+    EventLog()
     {
         sd_bus_default_system(&connection);
         wrapped.emplace(connection);
@@ -182,27 +181,6 @@ TEST_F(EventLog, TellsWhenThereIsNoDaemon)
     EXPECT_TRUE(Works());
 }
 
-TEST_F(EventLog, TellsWhenTheDaemonLeaves)
-{
-    daemon.On(method).Crash();
-    EXPECT_THAT(Failure(),
-                HasSubstr("exception: sd_bus_call: org.freedesktop.DBus.Error.NoReply: "));
-    daemon.Start();
-    daemon.Heal();
-    EXPECT_TRUE(Works());
-}
-
-TEST_F(EventLog, TellsWhenTheDaemonIsSilent)
-{
-    daemon.On(method).NoReply();
-    sd_bus_set_method_call_timeout(connection, 50'000);
-    EXPECT_EQ(Failure(), Line(1, "exception: sd_bus_call: org.freedesktop.DBus.Error.Timeout: "
-                                 "Connection timed out\n"));
-    sd_bus_set_method_call_timeout(connection, 0);
-    daemon.Heal();
-    EXPECT_TRUE(Works());
-}
-
 TEST_F(EventLog, TellsWhenTheConnectionIsLost)
 {
     daemon.On(method).Hold();
@@ -259,26 +237,6 @@ TEST_F(EventLog, CarriesLongTexts)
     EXPECT_EQ(block.size(), 1000 * (2 * text.size() + 2) + 2);
     EXPECT_THAT(block, EndsWith("78780000"));
     EXPECT_EQ(block.find_first_not_of("780"), std::string::npos);
-}
-
-class EventLogOnANarrowBus : public EventLog
-{
-  protected:
-    EventLogOnANarrowBus() : EventLog({.pendingRepliesPerConnection = 1}) {}
-};
-
-TEST_F(EventLogOnANarrowBus, TellsWhenTheBusRefuses)
-{
-    daemon.On("Introspect").NoReply();
-    sd_bus_slot* pending = nullptr;
-    sd_bus_call_method_async(connection, &pending, name, path,
-                             "org.freedesktop.DBus.Introspectable", "Introspect", nullptr, nullptr,
-                             nullptr);
-    sd_bus_flush(connection);
-    EXPECT_TRUE(daemon.WaitForCalls("Introspect"));
-    EXPECT_THAT(Failure(),
-                HasSubstr("exception: sd_bus_call: org.freedesktop.DBus.Error.LimitsExceeded: "));
-    sd_bus_slot_unref(pending);
 }
 
 } // namespace
