@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <utility>
 
+#include <span>
+
 namespace bmcbus::client
 {
 
@@ -160,7 +162,9 @@ void RunCallbacks(Anchor& anchor, const char* function, const CallbackList& call
     const Description& about = anchor.about();
     void* const object = anchor.object();
     const Anchor::Running running(anchor);
-    for (const Callback& callback : callbacks ? *callbacks : std::vector<Callback>())
+    const std::span<const Callback> list =
+        callbacks ? std::span<const Callback>(*callbacks) : std::span<const Callback>();
+    for (const Callback& callback : list)
     {
         try
         {
