@@ -200,6 +200,11 @@ void FakeMapper::Add(const std::string& path, const std::string& service,
                      const std::vector<std::string>& interfaces)
 {
     Run([&] { table->Add(path, service, interfaces); });
+    if (Connected())
+    {
+        EmitRaw(mapperPath, std::string(mapperName) + ".Private", "IntrospectionComplete",
+                {service});
+    }
 }
 
 void FakeMapper::Remove(const std::string& service, const std::string& path)

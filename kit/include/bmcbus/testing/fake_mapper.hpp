@@ -68,7 +68,10 @@ class FakeMapper : public FakeService
     /** Connects as Service does. */
     FakeMapper();
 
-    /** See MapperTable::Add(). Any thread. */
+    /**
+     * See MapperTable::Add(). Says "IntrospectionComplete" then, as the real one does when it has
+     * looked at a service. Any thread.
+     */
     void Add(const std::string& path, const std::string& service,
              const std::vector<std::string>& interfaces);
 
