@@ -9,3 +9,5 @@
  */
 
 #include <bmcbus/live/object.hpp>
+#include <bmcbus/live/set.hpp>
+#include <bmcbus/live/signal.hpp>

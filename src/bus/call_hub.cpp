@@ -5,6 +5,7 @@
 
 #include <bmcbus/refs.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <new>
@@ -149,9 +150,65 @@ void Hub::Remove(PendingCall& call)
 void Hub::Arm()
 {
     FollowLoop();
-    if (first != nullptr && first->deadline < armed)
+    const uint64_t due = Next();
+    if (due < armed)
     {
-        SetTimers(first->deadline);
+        SetTimers(due);
+    }
+    else if (alarms != nullptr && source != nullptr)
+    {
+        // One that is off is not asked before each wait, and would not see a closed connection.
+        sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
+    }
+}
+
+uint64_t Hub::Next() const
+{
+    uint64_t due = first != nullptr ? first->deadline : never;
+    for (const Alarm* alarm = alarms; alarm != nullptr; alarm = alarm->next)
+    {
+        due = std::min(due, alarm->at);
+    }
+    return due;
+}
+
+void Hub::Add(Alarm& alarm)
+{
+    alarm.next = std::exchange(alarms, &alarm);
+    Arm();
+}
+
+void Hub::Remove(Alarm& alarm)
+{
+    for (Alarm** link = &alarms; *link != nullptr; link = &(*link)->next)
+    {
+        if (*link == &alarm)
+        {
+            *link = std::exchange(alarm.next, nullptr);
+            return;
+        }
+    }
+}
+
+void Hub::Set(Alarm& alarm, uint64_t at)
+{
+    alarm.at = at;
+    Arm();
+}
+
+// Whoever rings may come, go and be set anew meanwhile.
+void Hub::RingAlarms(uint64_t now)
+{
+    for (Alarm* alarm = alarms; alarm != nullptr;)
+    {
+        if (alarm->at > now)
+        {
+            alarm = alarm->next;
+            continue;
+        }
+        alarm->at = never;
+        alarm->ring(alarm->data);
+        alarm = alarms;
     }
 }
 
@@ -164,8 +221,9 @@ void Hub::Ring()
 void Hub::RingIfQueued()
 {
     uint64_t until = never;
-    if (descriptor >= 0 && sd_bus_get_timeout(bus.load(std::memory_order_relaxed), &until) > 0 &&
-        until == 0)
+    sd_bus* const connection = bus.load(std::memory_order_relaxed);
+    const bool closed = alarms != nullptr && sd_bus_is_open(connection) == 0;
+    if (descriptor >= 0 && (closed || (sd_bus_get_timeout(connection, &until) > 0 && until == 0)))
     {
         SetTimers(0);
     }
@@ -254,7 +312,8 @@ int Hub::OnTime(sd_event_source* /*source*/, uint64_t /*when*/, void* self)
 int Hub::OnPrepare(sd_event_source* own, void* self)
 {
     auto& hub = *static_cast<Hub*>(self);
-    if (hub.first != nullptr && sd_bus_is_open(hub.bus.load(std::memory_order_relaxed)) == 0)
+    if ((hub.first != nullptr || hub.alarms != nullptr) &&
+        sd_bus_is_open(hub.bus.load(std::memory_order_relaxed)) == 0)
     {
         sd_event_source_set_time(own, 0);
     }
@@ -283,9 +342,19 @@ void Hub::Expire()
 {
     const BusRef keep(sd_bus_ref(bus.load(std::memory_order_relaxed)));
     armed = never;
+    if (source != nullptr)
+    {
+        sd_event_source_set_time(source, never);
+    }
     if (sd_bus_is_open(keep.get()) == 0)
     {
         FailAll();
+        while (alarms != nullptr)
+        {
+            Alarm& alarm = *alarms;
+            Remove(alarm);
+            alarm.ring(alarm.data);
+        }
         return;
     }
     const uint64_t now = Now();
@@ -295,6 +364,7 @@ void Hub::Expire()
         call.Withdraw();
         call.Fail(TimeoutError());
     }
+    RingAlarms(now);
     Arm();
 }
 

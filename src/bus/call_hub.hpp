@@ -27,6 +27,16 @@ uint64_t Now();
 // When a call that is sent on `bus` now must have ended.
 uint64_t DeadlineOf(sd_bus* bus, const CallOptions& options, uint64_t now);
 
+// Something beside calls that waits for a moment of the connection, and learns when it was closed.
+// Belongs to whoever made it, on the connection's thread; takes itself out before it ends.
+struct Alarm
+{
+    void (*ring)(void* data); // the moment has come, or the connection is closed
+    void* data;
+    uint64_t at = never;
+    Alarm* next = nullptr; // in its hub's list
+};
+
 struct Hub
 {
     Hub(const Hub&) = delete;
@@ -45,6 +55,14 @@ struct Hub
 
     void Add(PendingCall& call);
     void Remove(PendingCall& call);
+
+    void Add(Alarm& alarm);
+    void Remove(Alarm& alarm);
+    void Set(Alarm& alarm, uint64_t at);
+
+    // Whether a loop looks at the hub's timer. Without one only what sd-bus itself waits for
+    // counts.
+    bool Watched() const { return source != nullptr || descriptor >= 0; }
 
     // Ends what is overdue; everything, when the connection is closed. May free the hub.
     void Expire();
@@ -71,6 +89,8 @@ struct Hub
     static int OnPrepare(sd_event_source* source, void* hub);
 
     void Arm();
+    uint64_t Next() const;
+    void RingAlarms(uint64_t now);
     void SetTimers(uint64_t when);
     void FollowLoop();
     void DropSource();
@@ -81,8 +101,9 @@ struct Hub
 
     std::atomic<sd_bus*> bus;     // null once it is freed
     PendingCall* first = nullptr; // the heap's root
-    Hub* next = nullptr;          // in its thread's list
-    sd_event* loop = nullptr;     // the timer's, borrowed
+    Alarm* alarms = nullptr;
+    Hub* next = nullptr;      // in its thread's list
+    sd_event* loop = nullptr; // the timer's, borrowed
     sd_event_source* source = nullptr;
     int descriptor = -1;
     uint64_t armed = never;

@@ -19,13 +19,14 @@ constexpr size_t fewAgain = 8;  // below, a service goes back to them
 
 bool Hub::WantsMany(const Peer& peer) const
 {
-    const size_t size = peer.entries.size();
+    const size_t size = peer.entries.size() - peer.signals;
     if (peer.many)
     {
         return size >= fewAgain || paths_ + size > fewOfAll;
     }
     const auto bare = static_cast<size_t>(std::ranges::count_if(
-        peer.entries, [](const Entry* entry) { return entry->changes_rule == nullptr; }));
+        peer.entries, [](const Entry* entry)
+        { return entry->changes_rule == nullptr && entry->signal == nullptr; }));
     return size > fewOfOne || paths_ + bare > fewOfAll;
 }
 
@@ -33,9 +34,12 @@ bool Hub::UsePathRules(Entry& entry)
 {
     if (entry.changes_rule == nullptr)
     {
-        entry.changes_rule = rules_.Use(PathChangesRule(entry.path()));
+        entry.changes_rule =
+            rules_.Use(entry.signal != nullptr
+                           ? SignalRule(entry.path(), entry.interface(), entry.signal->member)
+                           : PathChangesRule(entry.path()));
         entry.manager_rule = rules_.Use(PathManagerRule(entry.path()));
-        ++paths_;
+        paths_ += entry.signal != nullptr ? 0 : 1;
     }
     return entry.changes_rule->installed() && entry.manager_rule->installed();
 }
@@ -46,7 +50,7 @@ void Hub::Uncover(Entry& entry)
     {
         rules_.Drop(entry.changes_rule);
         rules_.Drop(entry.manager_rule);
-        --paths_;
+        paths_ -= entry.signal != nullptr ? 0 : 1;
     }
 }
 
@@ -58,6 +62,10 @@ void Hub::UseServiceRules(Peer& peer)
     }
     for (const Entry* entry : peer.entries)
     {
+        if (entry->signal != nullptr)
+        {
+            continue;
+        }
         Rule*& rule = peer.changes_rules[entry->interface()];
         if (rule == nullptr)
         {
@@ -89,12 +97,19 @@ void Hub::Cover(Peer& peer)
     if (many)
     {
         UseServiceRules(peer);
-        peer.switching = !peer.manager_rule->installed() ||
-                         std::ranges::any_of(peer.changes_rules,
-                                             [](auto& each) { return !each.second->installed(); });
-        if (!peer.switching)
+        const auto pending = [](const auto& each) { return !each.second->installed(); };
+        peer.switching =
+            !peer.manager_rule->installed() || std::ranges::any_of(peer.changes_rules, pending);
+        for (Entry* entry : peer.entries)
         {
-            std::ranges::for_each(peer.entries, [&](Entry* entry) { Uncover(*entry); });
+            if (entry->signal != nullptr)
+            {
+                UsePathRules(*entry);
+            }
+            else if (!peer.switching)
+            {
+                Uncover(*entry);
+            }
         }
         return;
     }

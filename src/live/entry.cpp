@@ -12,17 +12,57 @@ int64_t Now()
     return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1'000;
 }
 
-Entry::Entry(const client::CachedClass& description, std::string& path,
-             std::shared_ptr<Hooks> callables) :
-    about(description), object(description.make(path)), hooks(std::move(callables)), since(Now())
+Entry::Entry(const client::Description& description, const client::CachedClass* cached,
+             const client::SignalClass* sent, void* made, std::shared_ptr<Hooks> callables) :
+    about(description),
+    properties(cached),
+    signal(sent),
+    object(made),
+    hooks(std::move(callables)),
+    since(Now())
 {
-    const size_t size = about.interface->properties.size();
-    prints = std::make_unique<uint64_t[]>(size);
+}
+
+std::unique_ptr<Entry> Entry::Make(const client::CachedClass& about, std::string path,
+                                   std::shared_ptr<Hooks> hooks)
+{
+    const size_t prints = about.interface->properties.size();
+    std::unique_ptr<void, void (*)(void*)> object(about.make(std::move(path)), about.destroy);
+    std::unique_ptr<Entry> entry(new (prints)
+                                     Entry(about, &about, nullptr, object.get(), std::move(hooks)));
+    object.release();
+    std::uninitialized_fill_n(entry->prints(), prints, 0);
+    return entry;
+}
+
+std::unique_ptr<Entry> Entry::Make(const client::SignalClass& about, std::string path,
+                                   std::shared_ptr<Hooks> hooks)
+{
+    std::unique_ptr<void, void (*)(void*)> object(about.make(std::move(path)), about.destroy);
+    std::unique_ptr<Entry> entry(new (size_t{0})
+                                     Entry(about, nullptr, &about, object.get(), std::move(hooks)));
+    object.release();
+    return entry;
+}
+
+void* Entry::operator new(size_t size, size_t prints)
+{
+    return ::operator new(size + prints * sizeof(uint64_t));
+}
+
+void Entry::operator delete(void* at, size_t /*prints*/)
+{
+    ::operator delete(at);
+}
+
+void Entry::operator delete(void* at)
+{
+    ::operator delete(at);
 }
 
 Entry::~Entry()
 {
-    about.destroy(object);
+    signal != nullptr ? signal->destroy(object) : properties->destroy(object);
 }
 
 const std::string& Entry::path() const
@@ -52,7 +92,10 @@ bool Entry::Enter(LiveState to)
     {
         stale_since = 0;
     }
-    about.ready(object) = to == LiveState::Live;
+    if (signal == nullptr)
+    {
+        about.ready(object) = to == LiveState::Live;
+    }
     state_.store(to, std::memory_order_release);
     return true;
 }

@@ -14,6 +14,7 @@ namespace bmcbus::live
 {
 
 class Hub;
+class Set;
 struct Peer;
 class Rule;
 struct Read;
@@ -41,14 +42,23 @@ enum class Awaits : uint8_t
 class Entry
 {
   public:
-    Entry(const client::CachedClass& about, std::string& path, std::shared_ptr<Hooks> hooks);
+    // An object with properties, and one that sends a signal.
+    static std::unique_ptr<Entry> Make(const client::CachedClass& about, std::string path,
+                                       std::shared_ptr<Hooks> hooks);
+    static std::unique_ptr<Entry> Make(const client::SignalClass& about, std::string path,
+                                       std::shared_ptr<Hooks> hooks);
     ~Entry();
     Entry(const Entry&) = delete;
     Entry& operator=(const Entry&) = delete;
 
     const std::string& path() const;
-    const char* interface() const { return about.interface->name; }
+    const char* interface() const
+    {
+        return signal != nullptr ? signal->interface : properties->interface->name;
+    }
     std::mutex& mutex() const;
+    // A fingerprint of each value, behind the entry: one piece of memory less.
+    uint64_t* prints() { return reinterpret_cast<uint64_t*>(this + 1); }
     bool once_live() const { return stale_since >= 0; }
     LiveState state() const { return state_.load(std::memory_order_acquire); }
 
@@ -57,7 +67,9 @@ class Entry
     // The state of an object that is not there.
     LiveState Gone() const { return once_live() ? LiveState::Lost : LiveState::Absent; }
 
-    const client::CachedClass& about;
+    const client::Description& about;
+    const client::CachedClass* const properties; // null for a signal
+    const client::SignalClass* const signal;     // null for an object with properties
     void* const object;
     std::shared_ptr<Hooks> hooks;
     Hub* hub = nullptr; // null once the handle has ended
@@ -70,8 +82,8 @@ class Entry
     Peer* peer = nullptr;
     bool by_mapper = false;
     bool searched = false; // the mapper is to be asked who has it
-    bool in_set = false;
-    bool added = false;           // of a set: its on_add has run
+    Set* set = nullptr;
+    bool added = false;           // of a set: its on_add has run, or is about to
     Rule* changes_rule = nullptr; // its own rules, while its peer has few objects
     Rule* manager_rule = nullptr;
 
@@ -81,7 +93,6 @@ class Entry
     uint8_t failures = 0; // in a row
     int64_t due = 0;      // end of the pause
     Read* read = nullptr;
-    std::unique_ptr<uint64_t[]> prints;                 // a fingerprint of each value
     std::unique_ptr<std::vector<uint16_t>> invalidated; // unset, and not told yet
 
     // The account.
@@ -91,10 +102,19 @@ class Entry
     uint32_t signals = 0;
     uint32_t strangers = 0;
     uint32_t refused = 0;
+    uint32_t missed = 0;
     int64_t slowest = 0;
     std::unique_ptr<Failure> failure;
 
   private:
+    Entry(const client::Description& about, const client::CachedClass* properties,
+          const client::SignalClass* signal, void* object, std::shared_ptr<Hooks> hooks);
+
+    static void* operator new(size_t size, size_t prints);
+    static void operator delete(void* at, size_t prints);
+    static void operator delete(void* at);
+    friend std::default_delete<Entry>;
+
     std::atomic<LiveState> state_{LiveState::Absent};
 };
 

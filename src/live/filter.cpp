@@ -4,6 +4,7 @@
 #include "bus/object_mapper_internal.hpp"
 #include "client/signal.hpp"
 #include "live/anchor.hpp"
+#include "live/set.hpp"
 #include "live/store.hpp"
 #include "log.hpp"
 
@@ -70,13 +71,17 @@ void Hub::Signal(sd_bus_message* message, const char* interface)
         }
         else if (std::strcmp(rest, ".Local") == 0 && IsMember(message, "Disconnected"))
         {
-            Ended({"org.freedesktop.DBus.Error.Disconnected", "the connection has ended"});
+            Ended(true);
             return;
         }
     }
     else if (std::strcmp(interface, "xyz.openbmc_project.ObjectMapper.Private") == 0)
     {
-        Hint();
+        MapperLearned();
+    }
+    else if (signals_ > 0)
+    {
+        Argued(message, interface);
     }
     CheckDue();
     if (!tick_ && flush_)
@@ -95,7 +100,8 @@ void Hub::PropertiesChanged(sd_bus_message* message)
     index_.ForEach(sd_bus_message_get_path(message),
                    [&](Entry& entry)
                    {
-                       if (std::strcmp(entry.interface(), interface) != 0)
+                       if (entry.signal != nullptr ||
+                           std::strcmp(entry.interface(), interface) != 0)
                        {
                            return;
                        }
@@ -158,8 +164,9 @@ void Hub::ApplyChanges(Entry& entry, sd_bus_message* message)
     }
     Decoder decoder;
     decoder.Read(message, entry);
+    decoder.ReadInvalidated(message, entry);
     NoteChanges(entry, decoder.Store(entry, false));
-    if (Invalidate(message, entry))
+    if (decoder.invalidates())
     {
         WantRead(entry);
         Tick();
@@ -196,13 +203,19 @@ void Hub::ObjectManager(sd_bus_message* message)
                            hint = hint || (entry.searched && added);
                        }
                    });
-    if (hint)
-    {
-        Hint();
-    }
     if (!theirs.empty())
     {
         added ? InterfacesAdded(message, theirs) : InterfacesRemoved(message, theirs);
+    }
+    if (added && !sets_.empty())
+    {
+        Require(sd_bus_message_rewind(message, 1), "sd_bus_message_rewind");
+        Require(sd_bus_message_skip(message, "o"), "sd_bus_message_skip");
+        hint = MembersAdded(message, path) || hint;
+    }
+    if (hint)
+    {
+        Hint();
     }
 }
 
@@ -233,7 +246,7 @@ void Hub::InterfacesAdded(sd_bus_message* message, const std::vector<Entry*>& en
 void Hub::Announced(Entry& entry, sd_bus_message* values)
 {
     ++entry.signals;
-    if (entry.state() != LiveState::Live)
+    if (entry.state() != LiveState::Live || entry.signal != nullptr)
     {
         WantRead(entry);
         Tick();
@@ -270,7 +283,7 @@ void Hub::NameOwnerChanged(sd_bus_message* message)
     Require(sd_bus_message_read(message, "sss", &name, &before, &now), "sd_bus_message_read");
     if (std::strcmp(name, ObjectMapper::internal::mapperService) == 0 && *now != '\0')
     {
-        Hint();
+        MapperLearned();
     }
     const auto found = peers_.find(name);
     if (found != peers_.end())
@@ -278,18 +291,83 @@ void Hub::NameOwnerChanged(sd_bus_message* message)
         OwnerIs(found->second, now);
         flush_ = true;
     }
-    else if (!searched_.empty() && *name != ':' && *now != '\0')
+}
+
+// A signal that carries data.
+void Hub::Argued(sd_bus_message* message, const char* interface)
+{
+    const char* path = sd_bus_message_get_path(message);
+    index_.ForEach(path,
+                   [&](Entry& entry)
+                   {
+                       if (entry.signal == nullptr || !IsMember(message, entry.signal->member) ||
+                           std::strcmp(entry.interface(), interface) != 0)
+                       {
+                           return;
+                       }
+                       if (entry.peer == nullptr || !From(message, entry.peer->owner))
+                       {
+                           ++entry.strangers;
+                           return;
+                       }
+                       sd_bus_message_rewind(message, 1);
+                       Guard([&] { ApplyArguments(entry, message); });
+                   });
+}
+
+// All arguments or none: the last ones stay where these have other types.
+void Hub::ApplyArguments(Entry& entry, sd_bus_message* message)
+{
+    std::string wanted;
+    for (const client::Field& field : entry.about.fields.list)
     {
-        Hint();
+        wanted += entry.about.fields.TypeOf(field).signature;
     }
+    const char* got = sd_bus_message_get_signature(message, 1);
+    if (wanted != got)
+    {
+        ++entry.refused;
+        ++entry.missed;
+        BMCBUS_LOG(error, "refused %s.%s at %s: types %s instead of %s", entry.interface(),
+                   entry.signal->member, entry.path().c_str(), got, wanted.c_str());
+        Note(entry, What::Missed);
+        return;
+    }
+    std::vector<client::Value> values(entry.about.fields.list.size());
+    for (size_t i = 0; i < values.size(); ++i)
+    {
+        const client::Type& type = entry.about.fields.TypeOf(entry.about.fields.list[i]);
+        type.read(message, values[i].Emplace(type));
+    }
+    ++entry.signals;
+    {
+        const std::lock_guard lock(entry.mutex());
+        for (size_t i = 0; i < values.size(); ++i)
+        {
+            const client::Field& field = entry.about.fields.list[i];
+            entry.about.fields.TypeOf(field).move(client::Place(entry.object, field.value_offset),
+                                                  values[i].get());
+            field.is_set(entry.object) = true;
+        }
+        entry.about.ready(entry.object) = true;
+        client::CountSignal(entry.about.signal_count(entry.object));
+    }
+    Note(entry, What::Arrived);
 }
 
 // Everything is lost, once; what still waits for an answer never gets it. The objects keep their
 // hub until their handles end, so that they can tell.
-void Hub::Ended(const Failure& reason)
+void Hub::Ended(bool in_filter)
 {
+    const Failure reason = {"org.freedesktop.DBus.Error.Disconnected", "the connection has ended"};
     BMCBUS_LOG(error, "%s", reason.text.c_str());
     searched_.clear();
+    for (const auto& set : sets_)
+    {
+        set->added_rule = nullptr;
+        set->searched = set->listed = false;
+    }
+    mapper_rules_.clear();
     index_.ForAll(
         [&](Entry& entry)
         {
@@ -306,10 +384,9 @@ void Hub::Ended(const Failure& reason)
         peer.owner_rule = peer.manager_rule = nullptr;
         peer.changes_rules.clear();
     }
-    name_rules_.clear();
     paths_ = 0;
     rules_.Forget();
-    Retire(true);
+    Retire(in_filter);
     bus_.reset();
 }
 

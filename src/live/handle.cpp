@@ -3,6 +3,7 @@
 #include "bus/bus.hpp"
 #include "live/hub.hpp"
 #include "live/reporting.hpp"
+#include "live/set.hpp"
 
 #include <bmcbus/sdbusplus.hpp>
 
@@ -31,17 +32,34 @@ void Check(const std::string& path, const std::string& service)
 } // namespace
 
 Hooks::~Hooks() = default;
+void Hooks::Change(void* /*object*/, const Changes& /*changes*/) {}
+void Hooks::State(void* /*object*/, LiveState /*state*/) {}
+void Hooks::Presence(void* /*object*/, bool /*there*/) {}
+void Hooks::Arrived(void* /*object*/) {}
+void Hooks::Missed(void* /*object*/) {}
 
-Handle::Handle(sd_bus* bus, const client::CachedClass& about, std::string path, std::string service,
-               std::shared_ptr<Hooks> hooks)
+template <class About>
+void Handle::Follow(sd_bus* bus, const About& about, std::string& path, const std::string& service,
+                    std::shared_ptr<Hooks>& hooks)
 {
     Check(path, service);
     Hub& hub = Hub::Of(bus);
     const Hub::Scope scope(hub);
-    auto entry = std::make_unique<Entry>(about, path, std::move(hooks));
+    auto entry = Entry::Make(about, std::move(path), std::move(hooks));
     object_ = entry->object;
-    entry_ = entry.get();
-    hub.Add(std::move(entry), service);
+    entry_ = &hub.Add(std::move(entry), service);
+}
+
+Handle::Handle(sd_bus* bus, const client::CachedClass& about, std::string path, std::string service,
+               std::shared_ptr<Hooks> hooks)
+{
+    Follow(bus, about, path, service, hooks);
+}
+
+Handle::Handle(sd_bus* bus, const client::SignalClass& about, std::string path, std::string service,
+               std::shared_ptr<Hooks> hooks)
+{
+    Follow(bus, about, path, service, hooks);
 }
 
 Handle& Handle::operator=(Handle&& other) noexcept
@@ -77,6 +95,47 @@ std::optional<std::chrono::microseconds> Handle::Age() const
 LiveReport Handle::Report() const
 {
     return ReportOf(*entry_);
+}
+
+SetHandle::SetHandle(sd_bus* bus, const client::CachedClass& about, std::string root,
+                     std::string service, std::shared_ptr<Hooks> hooks)
+{
+    Check(root, service);
+    Hub& hub = Hub::Of(bus);
+    const Hub::Scope scope(hub);
+    auto set = std::make_unique<Set>(about, std::move(root), std::move(hooks));
+    set_ = set.get();
+    hub.Add(std::move(set), service);
+}
+
+SetHandle::~SetHandle()
+{
+    if (set_ != nullptr)
+    {
+        set_->hub->Remove(*set_);
+    }
+}
+
+size_t SetHandle::size() const
+{
+    return set_->there.size();
+}
+
+void* SetHandle::At(size_t index) const
+{
+    return set_->there[index]->object;
+}
+
+void* SetHandle::Find(std::string_view path) const
+{
+    const Entry* const entry = set_->Find(path);
+    return entry != nullptr && entry->added ? entry->object : nullptr;
+}
+
+std::optional<LiveReport> SetHandle::Report(std::string_view path) const
+{
+    const Entry* const entry = set_->Find(path);
+    return entry != nullptr ? std::optional(ReportOf(*entry)) : std::nullopt;
 }
 
 } // namespace bmcbus::live

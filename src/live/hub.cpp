@@ -2,6 +2,7 @@
 
 #include "bus/bus.hpp"
 #include "live/anchor.hpp"
+#include "live/set.hpp"
 #include "log.hpp"
 
 #include <algorithm>
@@ -28,14 +29,18 @@ void Hub::LogException(const std::exception& error)
 }
 
 // The filter's place in sd-bus: it outlives the hub where it cannot be taken away at once.
-Hub::Hub(sd_bus* bus) : bus_(sd_bus_ref(bus))
+Hub::Hub(sd_bus* bus) : bus_(sd_bus_ref(bus)), alarm_{.ring = OnAlarm, .data = this}
 {
+    int result = 0;
+    detail::Hub* const calls = detail::Hub::Get(bus, result);
+    Require(result, "sd_bus_add_match");
     auto anchor = std::make_unique<Anchor>(Anchor{this});
     sd_bus_slot* slot = nullptr;
     Require(sd_bus_add_filter(bus, &slot, OnMessage, anchor.get()), "sd_bus_add_filter");
     filter_.reset(slot);
     sd_bus_slot_set_destroy_callback(slot, [](void* held) { delete static_cast<Anchor*>(held); });
     anchor_ = anchor.release();
+    calls->Add(alarm_);
     next_ = std::exchange(firstHub, this);
 }
 
@@ -49,7 +54,6 @@ Hub::~Hub()
             break;
         }
     }
-    sd_event_source_disable_unref(timer_);
 }
 
 Hub& Hub::Of(sd_bus* given)
@@ -85,7 +89,10 @@ void Hub::Retire(bool in_filter)
     tick_.reset();
     silence_.reset();
     search_.reset();
-    timer_ = sd_event_source_disable_unref(timer_);
+    if (detail::Hub* const calls = detail::Hub::Find(bus()))
+    {
+        calls->Remove(alarm_);
+    }
     for (auto& [name, peer] : peers_)
     {
         peer.question.reset();
@@ -116,21 +123,23 @@ Hub::Scope::~Scope()
         return;
     }
     hub_.ended_.clear();
+    hub_.ended_sets_.clear();
     hub_.DropUnusedPeers();
     const bool in_filter = std::exchange(hub_.in_filter_, false);
-    if (hub_.index_.size() == 0)
+    if (hub_.Unused())
     {
-        hub_.FollowNames(false);
+        hub_.FollowMapper(false);
         hub_.Retire(in_filter);
         delete &hub_;
     }
 }
 
-void Hub::Add(std::unique_ptr<Entry> owned, const std::string& service)
+Entry& Hub::Add(std::unique_ptr<Entry> owned, const std::string& service)
 {
     Entry& entry = *owned;
     entry.hub = this;
     index_.Add(*owned.release());
+    signals_ += entry.signal != nullptr ? 1 : 0;
     if (service.empty())
     {
         entry.by_mapper = true;
@@ -140,25 +149,43 @@ void Hub::Add(std::unique_ptr<Entry> owned, const std::string& service)
     {
         Attach(entry, PeerOf(service));
     }
+    return entry;
 }
 
 void Hub::Remove(Entry& entry)
 {
     const Scope scope(*this);
+    entry.hooks.reset(); // while one of them runs, whoever runs it keeps it
+    End(entry);
+}
+
+// Takes it out of everything. It stays until the outermost scope ends.
+void Hub::End(Entry& entry)
+{
     ended_.emplace_back(&entry); // first, so that nothing is lost when memory is short
     CancelRead(entry);
     Detach(entry);
     Uncover(entry);
     EndSearch(entry);
     index_.Remove(entry);
+    signals_ -= entry.signal != nullptr ? 1 : 0;
     entry.hub = nullptr;
 }
 
 void Hub::NoteState(Entry& entry, LiveState state)
 {
-    if (entry.hooks)
+    if (entry.set == nullptr || entry.added)
     {
-        notes_.push_back({&entry, true, state, 0, 0});
+        if (entry.hooks)
+        {
+            notes_.push_back({&entry, What::State, state});
+        }
+    }
+    else if (state == LiveState::Live)
+    {
+        entry.added = true;
+        entry.set->Came(entry);
+        Note(entry, What::Came);
     }
 }
 
@@ -169,7 +196,15 @@ void Hub::NoteChanges(Entry& entry, std::span<const uint16_t> which)
         const auto first = static_cast<uint32_t>(names_.size());
         names_.insert(names_.end(), which.begin(), which.end());
         notes_.push_back(
-            {&entry, false, entry.state(), first, static_cast<uint32_t>(which.size())});
+            {&entry, What::Changes, entry.state(), first, static_cast<uint32_t>(which.size())});
+    }
+}
+
+void Hub::Note(Entry& entry, What what)
+{
+    if (entry.hooks)
+    {
+        notes_.push_back({&entry, what, entry.state()});
     }
 }
 
@@ -179,14 +214,14 @@ void Hub::Deliver()
     {
         return;
     }
-    std::vector<Note> notes = std::exchange(notes_, {});
+    std::vector<Telling> notes = std::exchange(notes_, {});
     std::vector<uint16_t> names = std::exchange(names_, {});
     ++depth_; // what ends meanwhile stays until the last note was looked at
-    for (const Note& note : notes)
+    for (const Telling& telling : notes)
     {
-        if (note.entry->hub != nullptr)
+        if (telling.entry->hooks)
         {
-            Tell(note, std::span(names).subspan(note.first, note.count));
+            Tell(telling, std::span(names).subspan(telling.first, telling.count));
         }
     }
     --depth_;
@@ -200,23 +235,31 @@ void Hub::Deliver()
     }
 }
 
-void Hub::Tell(const Note& note, std::span<const uint16_t> names)
+void Hub::Tell(const Telling& telling, std::span<const uint16_t> names)
 {
-    const std::shared_ptr<Hooks> hooks = note.entry->hooks;
+    Entry& entry = *telling.entry;
+    const std::shared_ptr<Hooks> hooks = entry.hooks;
     const int64_t before = Now();
     Guard(
         [&]
         {
-            if (note.is_state)
+            switch (telling.what)
             {
-                hooks->State(note.entry->object, note.state);
-            }
-            else
-            {
-                hooks->Change(note.entry->object, Changes(*note.entry->about.interface, names));
+                case What::State:
+                    return hooks->State(entry.object, telling.state);
+                case What::Changes:
+                    return hooks->Change(entry.object,
+                                         Changes(*entry.properties->interface, names));
+                case What::Came:
+                case What::Went:
+                    return hooks->Presence(entry.object, telling.what == What::Came);
+                case What::Arrived:
+                    return hooks->Arrived(entry.object);
+                case What::Missed:
+                    return hooks->Missed(entry.object);
             }
         });
-    note.entry->slowest = std::max(note.entry->slowest, Now() - before);
+    entry.slowest = std::max(entry.slowest, Now() - before);
 }
 
 void Hub::SetState(Entry& entry, LiveState state)
@@ -232,6 +275,17 @@ void Hub::ObjectGone(Entry& entry)
 {
     CancelRead(entry);
     entry.invalidated.reset();
+    const bool owned = entry.peer != nullptr && !entry.peer->owner.empty();
+    if (entry.set != nullptr && owned)
+    {
+        RemoveMember(entry);
+        return;
+    }
+    if (entry.signal != nullptr && entry.state() == LiveState::Live)
+    {
+        ++entry.missed;
+        Note(entry, What::Missed);
+    }
     SetState(entry, entry.Gone());
     if (entry.by_mapper)
     {

@@ -19,6 +19,8 @@
 #include "live/peer.hpp"
 #include "live/rules.hpp"
 
+#include "bus/call_hub.hpp"
+
 #include <bmcbus/refs.hpp>
 
 #include <functional>
@@ -45,6 +47,9 @@ struct Read
 class Hub
 {
   public:
+    // What a GetSubTree answers.
+    using Tree = std::map<std::string, std::map<std::string, std::vector<std::string>>>;
+
     // The hub of a connection, made where there is none. Throws Error.
     static Hub& Of(sd_bus* bus);
     // Null where there is none.
@@ -82,12 +87,24 @@ class Hub
     bool usable() const { return bus_ != nullptr; }
 
     // Handles.
-    void Add(std::unique_ptr<Entry> entry, const std::string& service);
+    Entry& Add(std::unique_ptr<Entry> entry, const std::string& service);
     void Remove(Entry& entry);
+    void Add(std::unique_ptr<Set> set, const std::string& service);
+    void Remove(Set& set);
 
     // What is to be told, in order.
     void NoteState(Entry& entry, LiveState state);
     void NoteChanges(Entry& entry, std::span<const uint16_t> which);
+    enum class What : uint8_t
+    {
+        State,
+        Changes,
+        Came,
+        Went,
+        Arrived,
+        Missed
+    };
+    void Note(Entry& entry, What what);
     void Deliver();
 
     // States and what they bring.
@@ -100,6 +117,18 @@ class Hub
     void Attach(Entry& entry, Peer& peer);
     void Detach(Entry& entry);
     void OwnerIs(Peer& peer, const char* owner);
+
+    // Sets (sets.cpp).
+    void Member(Set& set, const char* path, Peer& peer);
+    void RemoveMember(Entry& entry);
+    void ListSets(Peer& peer);
+    bool MembersAdded(sd_bus_message* message, const char* path);
+    void MembersFound(const Tree& tree);
+    void WantSetSearch(Set& set);
+    void Listed(Peer& peer, const char* path, sd_bus_message* message);
+    void SetsListed(Peer& peer, bool asked);
+    bool WantsSetList(const Peer& peer) const;
+    void MapperLearned();
 
     // Which rules (coverage.cpp).
     void Cover(Peer& peer);
@@ -126,31 +155,37 @@ class Hub
   private:
     friend class Scope;
     struct Anchor;
-    struct Note
+    struct Telling
     {
         Entry* entry;
-        bool is_state;
+        What what;
         LiveState state;
-        uint32_t first; // of its names in names_
-        uint32_t count;
+        uint32_t first = 0; // of its names in names_
+        uint32_t count = 0;
     };
 
     explicit Hub(sd_bus* bus);
     ~Hub();
+    Hub(const Hub&) = delete;
+    Hub& operator=(const Hub&) = delete;
     void Retire(bool in_filter);
-    void Tell(const Note& note, std::span<const uint16_t> names);
+    void Tell(const Telling& telling, std::span<const uint16_t> names);
+    void End(Entry& entry);
+    bool Unused() const { return index_.size() == 0 && sets_.empty(); }
 
     // The filter (filter.cpp).
     static int OnMessage(sd_bus_message* message, void* anchor, sd_bus_error* error) noexcept;
     void Signal(sd_bus_message* message, const char* interface);
     void PropertiesChanged(sd_bus_message* message);
     void ApplyChanges(Entry& entry, sd_bus_message* message);
+    void Argued(sd_bus_message* message, const char* interface);
+    void ApplyArguments(Entry& entry, sd_bus_message* message);
     void ObjectManager(sd_bus_message* message);
     void InterfacesAdded(sd_bus_message* message, const std::vector<Entry*>& entries);
     void InterfacesRemoved(sd_bus_message* message, const std::vector<Entry*>& entries);
     void Announced(Entry& entry, sd_bus_message* values);
     void NameOwnerChanged(sd_bus_message* message);
-    void Ended(const Failure& reason);
+    void Ended(bool in_filter);
 
     bool AskOwner(Peer& peer);
     static int OnNameOwner(sd_bus_message* answer, void* peer, sd_bus_error* error) noexcept;
@@ -171,6 +206,8 @@ class Hub
 
     // All objects of a service at once (listing.cpp).
     bool List(Peer& peer);
+    std::string NextGuess(Peer& peer) const;
+    std::string FirstPath(const Peer& peer) const;
     bool AskManager(Peer& peer, const std::string& manager);
     bool AskMapperForManager(Peer& peer);
     void ReadList(Peer& peer, sd_bus_message* answer);
@@ -184,13 +221,14 @@ class Hub
     void Pause(Entry& entry);
     void Arm();
     void CheckDue();
-    static int OnTimer(sd_event_source* source, uint64_t when, void* hub) noexcept;
+    static void OnAlarm(void* hub) noexcept;
     static int OnSilence(sd_bus_message* answer, void* hub, sd_bus_error* error) noexcept;
 
-    using Tree = std::map<std::string, std::map<std::string, std::vector<std::string>>>;
     void Search();
+    bool SearchesSets() const;
+    bool Searching() const { return !searched_.empty() || SearchesSets(); }
     void EndSearch(Entry& entry);
-    void FollowNames(bool follow);
+    void FollowMapper(bool follow);
     void TakeManager(Peer& peer, const Tree& tree);
     static int OnSearch(sd_bus_message* answer, void* hub, sd_bus_error* error) noexcept;
     void Found(sd_bus_message* answer);
@@ -208,17 +246,20 @@ class Hub
     std::map<std::string, Peer> peers_;
     size_t paths_ = 0; // objects with rules of their own
     std::vector<std::unique_ptr<Entry>> ended_;
-    std::vector<Note> notes_;
+    std::vector<std::unique_ptr<Set>> sets_;
+    std::vector<std::unique_ptr<Set>> ended_sets_;
+    std::vector<Telling> notes_;
     std::vector<uint16_t> names_;
 
     Slot tick_;
     size_t in_flight_ = 0;
     std::vector<Entry*> pausing_;
-    sd_event_source* timer_ = nullptr;
+    detail::Alarm alarm_;
     Slot silence_;
     int64_t timer_due_ = 0;
     bool unused_ = false; // a peer may have nobody left
     bool flush_ = false;  // something waits to be sent when the message was handled
+    size_t signals_ = 0;  // entries that are signals
     size_t many_ = 0;     // services with rules of their own
     uint64_t needless_ = 0;
 
@@ -228,8 +269,7 @@ class Hub
     uint8_t searches_ = 0;
     int64_t search_due_ = 0;
     std::string asked_; // the one object that the search is for; empty: all
-    bool names_followed_ = false;
-    std::vector<Rule*> name_rules_;
+    std::vector<Rule*> mapper_rules_;
 };
 
 } // namespace bmcbus::live

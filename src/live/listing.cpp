@@ -1,9 +1,10 @@
 // All objects of a service with one GetManagedObjects. Where its manager stands, one of its signals
-// or the object mapper has told; else there are two guesses.
+// or the object mapper has told; else it is guessed.
 
 #include "bus/bus.hpp"
 #include "bus/object_mapper_internal.hpp"
 #include "live/hub.hpp"
+#include "live/set.hpp"
 
 #include <algorithm>
 
@@ -14,10 +15,9 @@ namespace
 
 constexpr const char* managerInterface = "org.freedesktop.DBus.ObjectManager";
 
-// The longest path that all of them are at or below.
-std::string CommonPath(const std::vector<Entry*>& entries)
+// The longest path that all of them are at or below; `common` is below it, too.
+std::string CommonPath(std::string common, const std::vector<Entry*>& entries)
 {
-    std::string common = entries.front()->path();
     for (const Entry* entry : entries)
     {
         while (common != "/" && entry->path() != common && !entry->path().starts_with(common + "/"))
@@ -31,13 +31,50 @@ std::string CommonPath(const std::vector<Entry*>& entries)
 
 } // namespace
 
+// One of the paths that a manager is wanted for.
+std::string Hub::FirstPath(const Peer& peer) const
+{
+    for (const auto& set : sets_)
+    {
+        if (set->peer == &peer && set->listed)
+        {
+            return set->root;
+        }
+    }
+    return !peer.queue.empty()     ? peer.queue.front()->path()
+           : !peer.entries.empty() ? peer.entries.front()->path()
+                                   : "/";
+}
+
+// Where the manager may stand; empty: nowhere else. The objects of a set that no mapper can name
+// are found by their manager or not at all, so it is looked for on every ancestor.
+std::string Hub::NextGuess(Peer& peer) const
+{
+    std::string path = CommonPath(FirstPath(peer), peer.queue);
+    if (peer.guesses > 0 && peer.no_mapper && WantsSetList(peer))
+    {
+        for (int i = 0; i < peer.guesses; ++i)
+        {
+            if (path == "/")
+            {
+                return {};
+            }
+            path.resize(std::max<size_t>(path.rfind('/'), 1));
+        }
+    }
+    else if (peer.guesses > 0)
+    {
+        path = peer.guesses == 1 && path != "/" ? "/" : "";
+    }
+    if (!path.empty())
+    {
+        ++peer.guesses;
+    }
+    return path;
+}
+
 bool Hub::List(Peer& peer)
 {
-    constexpr uint8_t guesses = 2;
-    if (in_flight_ >= 64)
-    {
-        return false;
-    }
     if (!peer.manager.empty())
     {
         return AskManager(peer, peer.manager);
@@ -46,14 +83,10 @@ bool Hub::List(Peer& peer)
     {
         return true;
     }
-    while (peer.guesses < guesses)
+    const std::string guess = NextGuess(peer);
+    if (!guess.empty() && AskManager(peer, guess))
     {
-        const std::string common = CommonPath(peer.queue);
-        const std::string guess = peer.guesses++ == 0 ? common : "/";
-        if ((guess != common || peer.guesses == 1) && AskManager(peer, guess))
-        {
-            return true;
-        }
+        return true;
     }
     peer.singly = true;
     return false;
@@ -120,6 +153,10 @@ int Hub::OnListing(sd_bus_message* answer, void* user_data, sd_bus_error* /*erro
             }
             // What it did not bring is asked for anew: elsewhere if it brought nothing at all.
             peer.singly = peer.manager == peer.asked;
+            if (peer.singly)
+            {
+                hub->SetsListed(peer, true);
+            }
             std::vector<Entry*> missing = peer.listed;
             std::erase_if(missing, [](Entry* entry) { return entry->awaits != Awaits::Listing; });
             hub->EndListing(peer);
@@ -153,13 +190,23 @@ void Hub::ReadObject(Peer& peer, sd_bus_message* answer)
                    [&](const Entry& entry) {
                        wanted = wanted || (entry.peer == &peer && entry.awaits == Awaits::Listing);
                    });
-    if (!wanted)
+    if (wanted)
     {
-        Require(sd_bus_message_skip(answer, "a{sa{sv}}"), "sd_bus_message_skip");
+        peer.manager = peer.asked;
+        ReadInterfaces(peer, path, answer);
+        if (!WantsSetList(peer))
+        {
+            return;
+        }
+        Require(sd_bus_message_rewind(answer, 0), "sd_bus_message_rewind");
+        Require(sd_bus_message_skip(answer, "o"), "sd_bus_message_skip");
+    }
+    if (WantsSetList(peer))
+    {
+        Listed(peer, path, answer);
         return;
     }
-    peer.manager = peer.asked;
-    ReadInterfaces(peer, path, answer);
+    Require(sd_bus_message_skip(answer, "a{sa{sv}}"), "sd_bus_message_skip");
 }
 
 void Hub::ReadInterfaces(Peer& peer, const char* path, sd_bus_message* answer)
@@ -225,7 +272,11 @@ int Hub::OnManagers(sd_bus_message* answer, void* user_data, sd_bus_error* /*err
     hub->Guard(
         [&]
         {
-            if (sd_bus_message_get_error(answer) == nullptr)
+            const sd_bus_error* const error = sd_bus_message_get_error(answer);
+            peer.no_mapper = error != nullptr &&
+                             (sd_bus_error_has_name(error, SD_BUS_ERROR_SERVICE_UNKNOWN) != 0 ||
+                              sd_bus_error_has_name(error, SD_BUS_ERROR_NAME_HAS_NO_OWNER) != 0);
+            if (error == nullptr)
             {
                 Tree tree;
                 client::Read(answer, tree);

@@ -83,6 +83,7 @@ void Hub::Attach(Entry& entry, Peer& peer)
     entry.peer = &peer;
     peer.entries.push_back(&entry);
     peer.uncovered = true;
+    peer.signals += entry.signal != nullptr ? 1 : 0;
     if (!peer.question)
     {
         // Known already. What is asked for until the tick goes together.
@@ -99,6 +100,7 @@ void Hub::Detach(Entry& entry)
     if (Peer* const peer = std::exchange(entry.peer, nullptr))
     {
         std::erase(peer->entries, &entry);
+        peer->signals -= entry.signal != nullptr ? 1 : 0;
         peer->uncovered = peer->uncovered || peer->many;
         unused_ = unused_ || peer->entries.empty();
     }
@@ -123,7 +125,7 @@ void Hub::OwnerIs(Peer& peer, const char* owner)
     Deliver(); // each sees its loss before what comes next
     peer.owner = owner;
     peer.guesses = 0;
-    peer.asked_mapper = false;
+    peer.asked_mapper = peer.no_mapper = false;
     peer.singly = false;
     if (!peer.owner.empty())
     {
@@ -132,6 +134,7 @@ void Hub::OwnerIs(Peer& peer, const char* owner)
             entry->failures = 0;
             WantRead(*entry);
         }
+        ListSets(peer);
     }
 }
 

@@ -30,11 +30,12 @@ void Hub::Pause(Entry& entry)
     Arm();
 }
 
-// sd-event has timers; other loops learn from the connection when it wants to be processed. So
-// there a call that nobody answers waits in it: one to ourselves.
+// The timer of the connection's calls, where a loop looks at it. A loop that does nothing but
+// process and wait learns from sd-bus alone when it wants to be called: there a call that nobody
+// answers waits, one to ourselves.
 void Hub::Arm()
 {
-    int64_t due = search_due_;
+    int64_t due = search_ ? 0 : search_due_; // one that is under way sees to the next
     for (const Entry* entry : pausing_)
     {
         due = due == 0 ? entry->due : std::min(due, entry->due);
@@ -44,13 +45,14 @@ void Hub::Arm()
         return;
     }
     timer_due_ = due;
-    timer_ = sd_event_source_disable_unref(timer_);
     silence_.reset();
-    if (sd_event* const loop = sd_bus_get_event(bus()))
+    if (detail::Hub* const calls = detail::Hub::Find(bus()))
     {
-        static_cast<void>(sd_event_add_time(loop, &timer_, CLOCK_MONOTONIC,
-                                            static_cast<uint64_t>(due), 1'000, OnTimer, this));
-        return;
+        calls->Set(alarm_, static_cast<uint64_t>(due));
+        if (calls->Watched())
+        {
+            return;
+        }
     }
     const char* self = nullptr;
     sd_bus_message* call = nullptr;
@@ -61,8 +63,9 @@ void Hub::Arm()
     }
     const MessageRef owned(call);
     sd_bus_slot* slot = nullptr;
-    static_cast<void>(sd_bus_call_async(bus(), &slot, call, OnSilence, this,
-                                        static_cast<uint64_t>(std::max<int64_t>(due - Now(), 1))));
+    static_cast<void>(
+        sd_bus_call_async(bus(), &slot, call, OnSilence, this,
+                          static_cast<uint64_t>(std::max<int64_t>(due - Now(), 1'000))));
     silence_.reset(slot);
 }
 
@@ -89,17 +92,21 @@ void Hub::CheckDue()
     Arm();
 }
 
-int Hub::OnTimer(sd_event_source* /*source*/, uint64_t /*when*/, void* user_data) noexcept
+void Hub::OnAlarm(void* user_data) noexcept
 {
     Hub& hub = *static_cast<Hub*>(user_data);
     const Scope scope(hub);
     hub.Guard(
         [&]
         {
+            if (sd_bus_is_open(hub.bus()) == 0)
+            {
+                hub.Ended(false); // somebody closed it, and it will not say so
+                return;
+            }
             hub.CheckDue();
             hub.Flush();
         });
-    return 0;
 }
 
 int Hub::OnSilence(sd_bus_message* /*answer*/, void* user_data, sd_bus_error* /*error*/) noexcept

@@ -23,7 +23,8 @@ struct Peer
     Slot question; // GetNameOwner
 
     std::vector<Entry*> entries;
-    size_t others = 0; // live signals that follow it
+    size_t signals = 0; // entries that are signals
+    size_t others = 0;  // sets that follow it
 
     // Rules of the whole service, once it has many objects. While `switching` the objects keep
     // their own.
@@ -40,6 +41,8 @@ struct Peer
     std::string manager;        // path of the object manager; empty: not known
     std::string asked;          // path of the one that is being asked
     bool asked_mapper = false;
+    bool no_mapper = false;                          // there was none to ask
+    std::vector<std::pair<Set*, std::string>> found; // new members of sets, so far
     uint8_t guesses = 0;
     bool singly = false; // the objects in the queue are not to be had at once
 };

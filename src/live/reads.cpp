@@ -45,6 +45,12 @@ void Hub::WantRead(Entry& entry)
     }
     CancelRead(entry);
     EndSearch(entry);
+    if (entry.signal != nullptr)
+    {
+        // Nothing is read; what is sent from now on arrives.
+        SetState(entry, LiveState::Live);
+        return;
+    }
     entry.awaits = Awaits::Turn;
     entry.peer->queue.push_back(&entry);
     if (entry.state() != LiveState::Live)
@@ -104,9 +110,14 @@ void Hub::FlushPeer(Peer& peer)
     {
         return;
     }
-    if (peer.queue.size() > worthListing && !peer.singly && List(peer))
+    const bool sets = WantsSetList(peer);
+    if (!peer.owner.empty() && (sets || (peer.queue.size() > worthListing && !peer.singly)))
     {
-        return;
+        if (in_flight_ >= window || List(peer))
+        {
+            return;
+        }
+        SetsListed(peer, false);
     }
     while (!peer.queue.empty() && in_flight_ < window)
     {
@@ -197,7 +208,7 @@ void Hub::Take(Entry& entry, sd_bus_message* values)
         ReadFailed(entry, {"org.freedesktop.DBus.Error.InvalidSignature", decoder.refusal()});
         return;
     }
-    if (decoder.empty() && !entry.about.interface->properties.empty())
+    if (decoder.empty() && !entry.properties->interface->properties.empty())
     {
         ReadFailed(entry, {"com.tamm.bmc.Live.Error.Empty", "a read brought no property"});
         return;
@@ -207,8 +218,12 @@ void Hub::Take(Entry& entry, sd_bus_message* values)
     entry.again = false;
     entry.failure.reset();
     const std::span<const uint16_t> changed = decoder.Store(entry, true);
+    const bool fresh = entry.set != nullptr && !entry.added;
     SetState(entry, LiveState::Live);
-    NoteChanges(entry, changed);
+    if (!fresh)
+    {
+        NoteChanges(entry, changed);
+    }
 }
 
 void Hub::ReadFailed(Entry& entry, Failure failure)
@@ -235,6 +250,10 @@ void Hub::ReadFailed(Entry& entry, Failure failure)
     if (gone)
     {
         ObjectGone(entry);
+        if (entry.hub == nullptr)
+        {
+            return; // it was a member of a set
+        }
         // Where there is a manager it will say when the object comes.
         if (!entry.peer->manager.empty() && IsBelow(entry.path(), entry.peer->manager))
         {

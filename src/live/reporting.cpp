@@ -17,6 +17,10 @@ LiveReport ReportOf(const Entry& entry)
     LiveReport report;
     report.path = entry.path();
     report.interface = entry.interface();
+    if (entry.signal != nullptr)
+    {
+        report.interface += std::string(".") + entry.signal->member;
+    }
     report.state = entry.state();
     report.since = std::chrono::microseconds(Now() - entry.since);
     if (entry.peer != nullptr)
@@ -33,6 +37,7 @@ LiveReport ReportOf(const Entry& entry)
     report.signals = entry.signals;
     report.strangers = entry.strangers;
     report.refused = entry.refused;
+    report.missed = entry.missed;
     report.slowest_callback = std::chrono::microseconds(entry.slowest);
     return report;
 }

@@ -28,6 +28,12 @@ std::string PathChangesRule(const std::string& path)
     return properties + ("path='" + path + "'");
 }
 
+std::string SignalRule(const std::string& path, const char* interface, const char* member)
+{
+    return std::string("type='signal',interface='") + interface + "',member='" + member +
+           "',path='" + path + "'";
+}
+
 std::string PathManagerRule(const std::string& path)
 {
     return manager + ("arg0path='" + path + "'");

@@ -1,11 +1,12 @@
 // Who has an object: asked of the object mapper, for all that are searched at once. It may know
 // late, so a question that found nothing is repeated a few times, and again whenever something
-// happens that may have told the mapper more: a name, a signal of the object, the mapper itself.
+// happens that may have told the mapper more: a signal of the object, the mapper itself.
 // Between, nothing.
 
 #include "bus/bus.hpp"
 #include "bus/object_mapper_internal.hpp"
 #include "live/hub.hpp"
+#include "live/set.hpp"
 
 #include <algorithm>
 #include <set>
@@ -20,6 +21,13 @@ using namespace ObjectMapper::internal;
 constexpr const char* managerInterface = "org.freedesktop.DBus.ObjectManager";
 constexpr uint8_t repetitions = 8; // within half a minute
 constexpr size_t withRules = 16;   // objects nobody has yet that get rules of their own
+
+// What the mapper sends when it has looked at a new service.
+std::string LearnedRule()
+{
+    return "type='signal',interface='xyz.openbmc_project.ObjectMapper.Private',sender='" +
+           std::string(mapperService) + "'";
+}
 
 MessageRef Question(sd_bus* bus, const std::set<std::string>& interfaces, const Entry* only)
 {
@@ -60,7 +68,7 @@ void Hub::EndSearch(Entry& entry)
 
 void Hub::Hint()
 {
-    if (searched_.empty())
+    if (!Searching())
     {
         return;
     }
@@ -72,10 +80,10 @@ void Hub::Hint()
 
 void Hub::Search()
 {
-    if (searched_.empty())
+    if (!Searching())
     {
         search_due_ = 0;
-        FollowNames(false);
+        FollowMapper(false);
         return;
     }
     if (search_ || search_due_ == 0 || Now() < search_due_)
@@ -88,7 +96,16 @@ void Hub::Search()
     {
         interfaces.insert(entry->interface());
     }
-    const Entry* const only = searched_.size() == 1 ? searched_.front() : nullptr;
+    bool sets = false;
+    for (const auto& set : sets_)
+    {
+        if (set->searched)
+        {
+            sets = true;
+            interfaces.insert(set->about.interface->name);
+        }
+    }
+    const Entry* const only = searched_.size() == 1 && !sets ? searched_.front() : nullptr;
     asked_ = only != nullptr ? only->path() : "";
     if (only == nullptr)
     {
@@ -124,6 +141,7 @@ void Hub::Found(sd_bus_message* answer)
     if (asked_.empty())
     {
         client::Read(answer, tree);
+        MembersFound(tree);
     }
     else
     {
@@ -166,11 +184,7 @@ void Hub::Found(sd_bus_message* answer)
 // The deepest manager of the service that its first object is at or below.
 void Hub::TakeManager(Peer& peer, const Tree& tree)
 {
-    if (peer.entries.empty())
-    {
-        return;
-    }
-    const std::string& first = peer.entries.front()->path();
+    const std::string first = FirstPath(peer);
     for (const auto& [path, services] : tree)
     {
         const auto found = services.find(peer.name);
@@ -188,14 +202,14 @@ void Hub::SearchAgain()
     // Whose name is being asked for may be there.
     const auto undecided = [](const Entry* entry)
     { return entry->peer == nullptr || !entry->peer->question; };
-    if (std::ranges::none_of(searched_, undecided))
+    if (std::ranges::none_of(searched_, undecided) && !SearchesSets())
     {
         return;
     }
-    if (!std::exchange(names_followed_, true))
+    if (mapper_rules_.empty())
     {
         // Once more at once: something may have come before the rules that tell of it.
-        FollowNames(true);
+        FollowMapper(true);
         search_due_ = 1;
     }
     else if (std::exchange(search_again_, false))
@@ -219,25 +233,37 @@ void Hub::SearchAgain()
     }
 }
 
-// New names, and what the mapper says when it has learned of one.
-void Hub::FollowNames(bool follow)
+bool Hub::SearchesSets() const
 {
-    if (follow)
+    return std::ranges::any_of(sets_, [](const auto& set) { return set->searched; });
+}
+
+// The mapper's coming, and what it says when it has learned of a service, are heard while something
+// is searched, and always for sets: only it tells of objects without a manager. Every new name of
+// the bus would be too many.
+void Hub::FollowMapper(bool follow)
+{
+    if (follow && mapper_rules_.empty())
     {
-        name_rules_ = {
-            rules_.Use("type='signal',interface='org.freedesktop.DBus',"
-                       "member='NameOwnerChanged',sender='org.freedesktop.DBus'"),
-            rules_.Use(
-                "type='signal',interface='xyz.openbmc_project.ObjectMapper.Private',sender='" +
-                std::string(mapperService) + "'")};
-        return;
+        mapper_rules_ = {rules_.Use(OwnerRule(mapperService)), rules_.Use(LearnedRule())};
     }
-    names_followed_ = false;
-    for (Rule*& rule : name_rules_)
+    if (!follow && std::ranges::none_of(sets_, [](const auto& set) { return set->by_mapper; }))
     {
-        rules_.Drop(rule);
+        for (Rule*& rule : mapper_rules_)
+        {
+            rules_.Drop(rule);
+        }
+        mapper_rules_.clear();
     }
-    name_rules_.clear();
+}
+
+void Hub::MapperLearned()
+{
+    for (const auto& set : sets_)
+    {
+        set->searched = set->searched || set->by_mapper;
+    }
+    Hint();
 }
 
 } // namespace bmcbus::live

@@ -32,6 +32,7 @@ void Unset(Entry& entry, uint16_t property)
 void Decoder::Read(sd_bus_message* message, Entry& entry)
 {
     values_.clear();
+    invalidated_.clear();
     refusal_.clear();
     Require(sd_bus_message_enter_container(message, 'a', "{sv}"), enter);
     while (Require(sd_bus_message_enter_container(message, 'e', "sv"), enter) > 0)
@@ -44,7 +45,7 @@ void Decoder::Read(sd_bus_message* message, Entry& entry)
 
 void Decoder::ReadOne(sd_bus_message* message, Entry& entry)
 {
-    const client::Interface& interface = *entry.about.interface;
+    const client::Interface& interface = *entry.properties->interface;
     const char* name = nullptr;
     Require(sd_bus_message_read_basic(message, 's', &name), "sd_bus_message_read_basic");
     const client::Position found = interface.PositionOf(name);
@@ -82,22 +83,26 @@ void Decoder::Refuse(Entry& entry, const char* name, const char* got, const char
 
 std::span<const uint16_t> Decoder::Store(Entry& entry, bool whole)
 {
-    const size_t size = entry.about.interface->properties.size();
+    const size_t size = entry.properties->interface->properties.size();
     changed_.clear();
     const std::unique_ptr<std::vector<uint16_t>> untold =
         whole ? std::move(entry.invalidated) : nullptr;
+    if (invalidates() && !entry.invalidated)
+    {
+        entry.invalidated = std::make_unique<std::vector<uint16_t>>();
+    }
     const std::lock_guard lock(entry.mutex());
     for (Decoded& decoded : values_)
     {
         const client::Field& field = entry.about.fields.list[decoded.property];
         bool& is_set = field.is_set(entry.object);
-        if (!is_set || entry.prints[decoded.property] != decoded.print)
+        if (!is_set || entry.prints()[decoded.property] != decoded.print)
         {
             changed_.push_back(decoded.property);
         }
         entry.about.fields.TypeOf(field).move(ValueOf(entry, field), decoded.value.get());
         is_set = true;
-        entry.prints[decoded.property] = decoded.print;
+        entry.prints()[decoded.property] = decoded.print;
     }
     const auto brought = [&](uint16_t property)
     {
@@ -114,33 +119,28 @@ std::span<const uint16_t> Decoder::Store(Entry& entry, bool whole)
             changed_.push_back(i);
         }
     }
+    for (const uint16_t property : invalidated_)
+    {
+        Unset(entry, property);
+        entry.invalidated->push_back(property);
+    }
     std::ranges::sort(changed_);
     return changed_;
 }
 
-bool Invalidate(sd_bus_message* message, Entry& entry)
+void Decoder::ReadInvalidated(sd_bus_message* message, const Entry& entry)
 {
     Require(sd_bus_message_enter_container(message, 'a', "s"), enter);
     const char* name = nullptr;
-    bool any = false;
     while (Require(sd_bus_message_read_basic(message, 's', &name), "sd_bus_message_read_basic") > 0)
     {
-        const client::Position found = entry.about.interface->PositionOf(name);
-        if (!found.is_property)
+        const client::Position found = entry.properties->interface->PositionOf(name);
+        if (found.is_property)
         {
-            continue;
+            invalidated_.push_back(found.number);
         }
-        any = true;
-        if (!entry.invalidated)
-        {
-            entry.invalidated = std::make_unique<std::vector<uint16_t>>();
-        }
-        const std::lock_guard lock(entry.mutex());
-        Unset(entry, found.number);
-        entry.invalidated->push_back(found.number);
     }
     Require(sd_bus_message_exit_container(message), leave);
-    return any;
 }
 
 } // namespace bmcbus::live

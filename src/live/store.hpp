@@ -16,13 +16,18 @@ class Decoder
     // logged; what the description does not know is skipped. Throws Error.
     void Read(sd_bus_message* message, Entry& entry);
 
+    // Reads an as: what the service has other values of, which it did not send.
+    void ReadInvalidated(sd_bus_message* message, const Entry& entry);
+    bool invalidates() const { return !invalidated_.empty(); }
+
     // How many properties of the description it brought, of whatever type.
     bool empty() const { return values_.empty() && refusal_.empty(); }
     // What was refused last, for people.
     const std::string& refusal() const { return refusal_; }
 
-    // Stores them; of a whole read what it did not bring becomes unset. Gives the properties that
-    // changed, in their order, valid until the next call.
+    // Stores them and unsets the invalidated ones, in one step for readers; of a whole read what it
+    // did not bring becomes unset. Gives the properties that changed, in their order, valid until
+    // the next call; the invalidated ones are told with the read that follows.
     std::span<const uint16_t> Store(Entry& entry, bool whole);
 
   private:
@@ -38,10 +43,8 @@ class Decoder
 
     std::vector<Decoded> values_;
     std::vector<uint16_t> changed_;
+    std::vector<uint16_t> invalidated_;
     std::string refusal_;
 };
-
-// Unsets the properties of the as that comes next; gives whether there was one of the description.
-bool Invalidate(sd_bus_message* message, Entry& entry);
 
 } // namespace bmcbus::live

@@ -45,6 +45,33 @@ TYPED_TEST(LiveLoops, AHandleMadeAfterABlockingCall)
     EXPECT_TRUE(this->Run([&] { return live.State() == LiveState::Live; }));
 }
 
+// sd-bus itself tells nobody.
+TYPED_TEST(LiveLoops, ACallbackClosesTheConnection)
+{
+    this->StartFans();
+    const bmcbus::Live<Fans> live(this->connection, fanPath,
+                                  {.service = fanService,
+                                   .on_state = [this](Fans&, LiveState state)
+                                   {
+                                       if (state == LiveState::Live)
+                                       {
+                                           sd_bus_close(this->connection);
+                                       }
+                                   }});
+    EXPECT_TRUE(this->Run([&] { return live.State() == LiveState::Lost; }));
+    EXPECT_EQ(live.Report().error, "org.freedesktop.DBus.Error.Disconnected");
+}
+
+// Nothing else happens on the bus then.
+TYPED_TEST(LiveLoops, AFailedReadIsRepeated)
+{
+    this->StartFans();
+    this->fans->On("GetAll").Once().ReplyError("com.example.Error.Busy");
+    const bmcbus::Live<Fans> live = this->Follow();
+    EXPECT_TRUE(this->Run([&] { return live.State() == LiveState::Live; }));
+    EXPECT_EQ(live.Report().reads, 2U);
+}
+
 TYPED_TEST(LiveLoops, TheConnectionEnds)
 {
     this->StartFans();

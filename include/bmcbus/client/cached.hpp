@@ -25,7 +25,7 @@ struct CachedParts
     Member<Slot> interfaces_removed_match;
     Member<std::string> service;
     Member<const bool> use_async;
-    void* (*make)(std::string& path); ///< an object that is on no bus
+    void* (*make)(std::string path); ///< an object that is on no bus
     void (*destroy)(void* object);
 };
 

@@ -18,6 +18,8 @@ struct SignalParts
     const char* member;
     const char* enter; ///< format of the handler's first line
     Member<Slot> match;
+    void* (*make)(std::string path); ///< an object that is on no bus
+    void (*destroy)(void* object);
 };
 
 /** A signal subscriber class. Its fields are in the order of the signal's arguments. */

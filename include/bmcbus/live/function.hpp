@@ -7,6 +7,7 @@
 
 #include <concepts>
 #include <memory>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -16,7 +17,8 @@ namespace bmcbus::live
 /**
  * Owns a callable that takes @p A, also one that can only be moved; empty without one.
  *
- * What @p A refers to is given as it is; the callable's result is ignored.
+ * What @p A refers to is given as it is; the callable's result is ignored. A callable that captures
+ * a pointer or less takes no memory of its own.
  */
 template <class... A>
 class Function
@@ -27,26 +29,74 @@ class Function
 
     template <class Callable>
     requires(!std::same_as<std::remove_cvref_t<Callable>, Function> &&
-             std::invocable<std::remove_cvref_t<Callable>&, A...>) Function(Callable&& callable) :
-        // NOLINT(google-explicit-constructor)
-        held_(new std::remove_cvref_t<Callable>(std::forward<Callable>(callable)),
-              [](void* held) { delete static_cast<std::remove_cvref_t<Callable>*>(held); }),
-        call_(
-            [](void* held, A... arguments)
-            {
-                static_cast<void>((*static_cast<std::remove_cvref_t<Callable>*>(held))(
-                    std::forward<A>(arguments)...));
-            })
+             std::invocable<std::remove_cvref_t<Callable>&, A...>)
+        Function(Callable&& callable) // NOLINT(google-explicit-constructor)
     {
+        using Held = std::remove_cvref_t<Callable>;
+        if constexpr (isSmall<Held>)
+        {
+            ::new (&held_) Held(std::forward<Callable>(callable));
+        }
+        else
+        {
+            held_ = new Held(std::forward<Callable>(callable));
+        }
+        kind_ = &kindOf<Held>;
     }
 
-    explicit operator bool() const { return held_ != nullptr; }
+    Function(Function&& other) noexcept :
+        held_(other.held_), kind_(std::exchange(other.kind_, nullptr))
+    {
+    }
+    Function& operator=(Function&& other) noexcept
+    {
+        std::swap(held_, other.held_);
+        std::swap(kind_, other.kind_);
+        return *this;
+    }
+    ~Function()
+    {
+        if (kind_ != nullptr && kind_->drop != nullptr)
+        {
+            kind_->drop(held_);
+        }
+    }
 
-    void operator()(A... arguments) const { call_(held_.get(), std::forward<A>(arguments)...); }
+    explicit operator bool() const { return kind_ != nullptr; }
+
+    void operator()(A... arguments) const
+    {
+        kind_->call(const_cast<void**>(&held_), std::forward<A>(arguments)...);
+    }
 
   private:
-    std::unique_ptr<void, void (*)(void*)> held_{nullptr, nullptr};
-    void (*call_)(void* held, A... arguments) = nullptr;
+    struct Kind
+    {
+        void (*call)(void** held, A... arguments);
+        void (*drop)(void* held); // null: nothing to do
+    };
+
+    template <class Held>
+    static constexpr bool
+        isSmall = sizeof(Held) <= sizeof(void*) &&
+                  alignof(Held) <= alignof(void*) && std::is_trivially_copyable_v<Held>;
+
+    template <class Held>
+    static void Call(void** held, A... arguments)
+    {
+        void* const at = isSmall<Held> ? static_cast<void*>(held) : *held;
+        static_cast<void>((*std::launder(static_cast<Held*>(at)))(std::forward<A>(arguments)...));
+    }
+    template <class Held>
+    static void Drop(void* held)
+    {
+        delete static_cast<Held*>(held);
+    }
+    template <class Held>
+    static constexpr Kind kindOf = {Call<Held>, isSmall<Held> ? nullptr : Drop<Held>};
+
+    void* held_ = nullptr; // the callable, or where it is
+    const Kind* kind_ = nullptr;
 };
 
 } // namespace bmcbus::live
