@@ -22,17 +22,32 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Con
 @contextlib.contextmanager
 def private_bus():
     """Gives the environment of programs that use it and keep their log to themselves."""
+    with configured_bus() as (environment, _):
+        yield environment
+
+
+@contextlib.contextmanager
+def configured_bus(under=(), report_end=False):
+    """The same, with a daemon that runs under a tool; also gives a function that ends the daemon
+    where asked to, and says what the tool wrote."""
     with tempfile.TemporaryDirectory() as folder:
         config = Path(folder, "bus.conf")
         config.write_text(CONFIGURATION.format(folder), encoding="utf-8")
         daemon = subprocess.Popen(
-            ["dbus-daemon", f"--config-file={config}", "--nofork", "--print-address"],
-            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+            [*under, "dbus-daemon", f"--config-file={config}", "--nofork", "--print-address"],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE if report_end else subprocess.DEVNULL,
+            text=True,
         )
+
+        def said():
+            daemon.terminate()
+            return daemon.communicate()[1]
+
         try:
             yield {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": daemon.stdout.readline().strip(),
-                   "DLOG_LEVEL": "0"}
+                   "DLOG_LEVEL": "0"}, said
         finally:
-            daemon.kill()
-            daemon.wait()
-            daemon.stdout.close()
+            if daemon.returncode is None:
+                daemon.kill()
+                daemon.wait()
+                daemon.stdout.close()
