@@ -25,8 +25,8 @@ void Fail(Report& report);
 // How long a call takes.
 void Measure(Report& report);
 
-// Cached proxies and subscribers follow what happens, for about `seconds`; a picture where standard
-// output is a terminal.
+// Cached proxies, subscribers and live objects follow what happens, for about `seconds`; a picture
+// where standard output is a terminal.
 void Live(Report& report, unsigned int seconds);
 
 // An entry in the event log; `simulatorOutput` is the file into which the simulator prints it.

@@ -1,8 +1,10 @@
-// Following: cached proxies and signal subscribers on an event loop.
+// Following: cached proxies, signal subscribers and live objects on an event loop.
 
 #include "acts.hpp"
 #include "picture.hpp"
 
+#include <bmcbus/live.hpp>
+#include <com/tamm/bmc/Memory/Dimm/client_cache.hpp>
 #include <com/tamm/bmc/power/PowerReporting/client_cache.hpp>
 #include <com/tamm/bmc/Thermal/FanReporting/client_cache.hpp>
 
@@ -12,6 +14,7 @@
 #include <chrono>
 #include <csignal>
 #include <functional>
+#include <sstream>
 
 namespace demo
 {
@@ -22,6 +25,7 @@ namespace Cache = ClientCache::com::tamm::bmc;
 using Fans = Cache::Thermal::FanReporting;
 using Power = Cache::power::PowerReporting;
 using FanData = ClientCache::FanReporting::notifyFanReportingData;
+using DimmPower = ClientCache::Dimm::DIMMPowerTelemetry;
 using PowerData = ClientCache::PowerReporting::NotifyPwrReportingData;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -139,6 +143,12 @@ class Follower
         scene.powerReady = power->Ready();
         scene.fanSignals = static_cast<unsigned int>(fans->SignalCount());
         scene.powerSignals = static_cast<unsigned int>(power->SignalCount());
+        scene.live.clear();
+        std::istringstream table(bmcbus::ReportLiveTable());
+        for (std::string line; std::getline(table, line);)
+        {
+            scene.live.push_back(line);
+        }
         picture->Draw(scene);
     }
 
@@ -146,6 +156,9 @@ class Follower
     FanData* fanData = nullptr;
     Power* power = nullptr;
     PowerData* powerData = nullptr;
+    bmcbus::Live<Fans> liveFans{nullptr, chassisFans};
+    bmcbus::LiveSignal<DimmPower> dimm{
+        nullptr, "/com/tamm/bmc/memory/dimm/A1", {.service = "com.tamm.bmc.Memory"}};
     Scene scene;
 
   private:
@@ -185,6 +198,10 @@ struct Outcome
     bool failedMeanwhile = false;
     bool cameBack = false;
     bool followedAgain = false;
+    bool unplugged = false;
+    bool plugged = false;
+    bool crashed = false;
+    bool returned = false;
     Scene last;
 };
 
@@ -211,6 +228,29 @@ void LoseAndFind(Loop& loop, Follower& follower, Outcome& outcome)
         loop.RunUntil([&] { return follower.fanData->SignalCount() > before + 2; });
 }
 
+// A memory module goes and comes; the service of the fans crashes, with no word to anybody, and
+// returns. Live objects notice both.
+void UnplugAndCrash(Loop& loop, Follower& follower, Outcome& outcome)
+{
+    using bmcbus::LiveState;
+    const auto becomes = [&](const auto& live, LiveState state)
+    { return loop.RunUntil([&] { return live.State() == state; }); };
+    becomes(follower.dimm, LiveState::Live);
+    becomes(follower.liveFans, LiveState::Live);
+    outcome.unplugged = loop.Tell("UnplugDimm", "A1") && becomes(follower.dimm, LiveState::Lost);
+    follower.Show("memory module A1 is unplugged");
+    outcome.plugged = loop.Tell("PlugDimm", "A1") && becomes(follower.dimm, LiveState::Live);
+    follower.Show("memory module A1 is plugged again");
+    outcome.crashed =
+        loop.Tell("CrashService", fanService) && becomes(follower.liveFans, LiveState::Lost);
+    follower.Show("the service of the fans has crashed");
+    const auto until = steady_clock::now() + milliseconds(500);
+    loop.RunUntil([&] { return steady_clock::now() > until; });
+    outcome.returned =
+        loop.Tell("StartService", fanService) && becomes(follower.liveFans, LiveState::Live);
+    follower.Show("the service of the fans has returned");
+}
+
 Outcome Follow(unsigned int seconds)
 {
     Outcome outcome;
@@ -234,6 +274,7 @@ Outcome Follow(unsigned int seconds)
         },
         milliseconds(seconds * 500) + bound);
     LoseAndFind(loop, follower, outcome);
+    UnplugAndCrash(loop, follower, outcome);
     follower.Show("values as they arrive, again");
     const auto end = begin + milliseconds(seconds * 1000);
     loop.RunUntil([&] { return steady_clock::now() > end; }, milliseconds(seconds * 1000));
@@ -246,7 +287,7 @@ Outcome Follow(unsigned int seconds)
 
 void Live(Report& report, unsigned int seconds)
 {
-    report.Title("Cached proxies and signal subscribers on an sd-event loop");
+    report.Title("Cached proxies, signal subscribers and live objects on an sd-event loop");
     const Outcome outcome = Follow(seconds);
     const Scene& last = outcome.last;
     report.Expect("a proxy created in one blocking step has its values", outcome.blockingReady);
@@ -261,6 +302,10 @@ void Live(Report& report, unsigned int seconds)
     report.Expect("a direct call to it failed meanwhile", outcome.failedMeanwhile);
     report.Expect("it came back, and the values with it", outcome.cameBack && last.fansReady);
     report.Expect("its signals arrive again", outcome.followedAgain);
+    report.Expect("a memory module was unplugged: its live signal was lost", outcome.unplugged);
+    report.Expect("it was plugged again: live again", outcome.plugged);
+    report.Expect("a service crashed without a word: its live object was lost", outcome.crashed);
+    report.Expect("it returned: live again, read anew", outcome.returned);
 }
 
 } // namespace demo

@@ -51,6 +51,10 @@ class Lines : public Picture
         {
             shown = scene.happening;
             std::cout << "   - " << shown << '\n';
+            for (const std::string& each : scene.live)
+            {
+                std::cout << "     " << each << '\n';
+            }
         }
         std::cout << line.str() << std::endl;
     }
@@ -94,6 +98,11 @@ class Screen : public Picture
         DrawFans(scene);
         ++row;
         DrawPower(scene);
+        ++row;
+        for (const std::string& line : scene.live)
+        {
+            Put(line);
+        }
         ++row;
         Put("last lines of the library's log");
         std::istringstream log(LastLog(static_cast<size_t>(std::max(0, LINES - row))));

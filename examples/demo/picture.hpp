@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <tuple>
+#include <vector>
 
 namespace demo
 {
@@ -21,8 +22,9 @@ struct Scene
     bool powerReady = false;
     unsigned int fanSignals = 0;
     unsigned int powerSignals = 0;
-    unsigned int dataSignals = 0; // of the subscribers
-    std::string happening;        // what the demo is about to show
+    unsigned int dataSignals = 0;  // of the subscribers
+    std::vector<std::string> live; // the account of the live objects, a table
+    std::string happening;         // what the demo is about to show
 };
 
 class Picture
