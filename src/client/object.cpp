@@ -7,9 +7,8 @@
 #include "client/signal.hpp"
 
 #include <cstdio>
-#include <utility>
-
 #include <span>
+#include <utility>
 
 namespace bmcbus::client
 {
