@@ -107,7 +107,8 @@ Anchor::~Anchor()
 
 void Anchor::Await(Slot request)
 {
-    pending_ = new Request{std::move(request), pending_};
+    auto* const latest = new Request{std::move(request), pending_};
+    pending_ = latest;
 }
 
 void Anchor::Answered()
