@@ -91,9 +91,8 @@ class Model : public LiveTest
         for (int step = 0; step < steps && !HasFailure(); ++step)
         {
             Step();
-            if (Chance(4))
+            while (!Chance(2) && sd_bus_process(connection, nullptr) >= 0)
             {
-                sd_bus_process(connection, nullptr);
             }
             if (Chance(12))
             {

@@ -48,7 +48,8 @@ TEST_F(LiveObject, ASignalBeforeTheReadMakesNothingLive)
     Deliver();
     EXPECT_EQ(live.State(), LiveState::Reading);
     EXPECT_FALSE(live->Ready());
-    Seen();
+    EXPECT_EQ(live->Get_fanCount(), 0);
+    EXPECT_THAT(Seen(), ElementsAre("Reading"));
     // The answer is of a later moment than the signal, whatever the signal said.
     (*fans)->SetQuietly({{"fanCount", uint8_t{8}}});
     fans->Release();

@@ -175,7 +175,8 @@ constexpr Field MakeField(Member<T> value, Member<bool> is_set, Alternatives typ
 {
     for (size_t index = 0; index < types.size() && index <= UINT8_MAX; ++index)
     {
-        if (types[index] == &typeOf<T>)
+        // By their signatures: a sanitizer keeps compilers from comparing the addresses.
+        if (std::string_view(types[index]->signature) == typeOf<T>.signature)
         {
             return {.value_offset = value.offset(),
                     .type_index = static_cast<uint8_t>(index),
