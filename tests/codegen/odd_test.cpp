@@ -4,12 +4,17 @@
 #include "odd.hpp"
 #include "part.hpp"
 
+#include <bmcbus/live.hpp>
 #include <bmcbus/testing.hpp>
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <limits>
 
 using bmcbus::Signature;
 using bmcbus::UnixFd;
@@ -163,6 +168,134 @@ TEST_F(Odd, EnumerationsKeepUnknownText)
     EXPECT_FALSE(direct.Get_Color(color));
     EXPECT_EQ(direct.Get_Color(), "com.example.test.Odd.Color.Mauve");
     EXPECT_EQ(color, Color::default_);
+}
+
+TEST_F(Odd, EnumerationsStandInSetsAndSignals)
+{
+    const std::vector<std::string> colors = {bmcbus::ToText(Color::Red), "Mauve"};
+    direct.Set_colors(colors);
+    EXPECT_EQ(direct.Get_colors(), colors);
+    ClientCache::Odd_::Painted painted(path);
+    service->Emit("Painted", colors.front());
+    ASSERT_TRUE(Dispatch([&] { return painted.Ready(); }));
+    Color color = Color::EOF_;
+    EXPECT_TRUE(painted.Get_Color(color));
+    EXPECT_EQ(color, Color::Red);
+}
+
+TEST_F(Odd, LiveObjectsHaveEveryType)
+{
+    service->Set("file", Value::Descriptor(ends[1]));
+    direct.Set_any(Variant(options));
+    direct.Set_type(Signature("ai"));
+    bmcbus::testing::ClearLog();
+    bmcbus::Live<Cached> live(nullptr, path, {.service = service_name});
+    ASSERT_TRUE(Dispatch([&] { return live.State() == bmcbus::LiveState::Live; }));
+    EXPECT_EQ(live->Get_any(), Variant(options));
+    EXPECT_EQ(live->Get_type().str(), "ai");
+    EXPECT_TRUE(Leads(live->Get_file()));
+    direct.Set_objects({{"com.example.A", options}});
+    direct.Set_many({Variant("a"), Variant::MakeNested(2.5)});
+    direct.Set_Color(Color::default_);
+    EXPECT_TRUE(Dispatch([&] { return !live->Get_Color().empty(); }));
+    EXPECT_EQ(live->Get_objects(), direct.Get_objects());
+    EXPECT_EQ(live->Get_many(), direct.Get_many());
+    EXPECT_TRUE(bmcbus::testing::Log(2).empty()) << Describe(bmcbus::testing::Log(2));
+}
+
+TEST_F(Odd, CallsWithResultsCarryEveryType)
+{
+    const Cached holder(path, service_name); // keeps the thread's connection
+    service->Set("file", Value::Descriptor(ends[1]));
+    service->OnCall(
+        "Scale",
+        [](const Call& call)
+        {
+            std::vector<Value> answer = call.arguments;
+            answer.push_back(std::map<std::string, bmcbus::testing::TypeSignature>{{"k", {"v"}}});
+            return answer;
+        });
+    EXPECT_TRUE(direct.Try_Set_any(Variant(options)));
+    EXPECT_EQ(direct.Try_Get_any().value(), Variant(options));
+    EXPECT_TRUE(Leads(direct.Try_Get_file().value()));
+    EXPECT_TRUE(direct.Try_Set_type(Signature("ai")));
+    const auto scaled = direct.Try_Scale(Variant(options), UnixFd(ends[1]));
+    ASSERT_TRUE(scaled) << scaled.error().message;
+    EXPECT_EQ(scaled->value, Variant(options));
+    EXPECT_TRUE(Leads(scaled->new_));
+    EXPECT_EQ(scaled->default_.at("k").str(), "v");
+    std::string type;
+    const bmcbus::Call asked =
+        direct.Async_Get_type([&](bmcbus::Result<Signature> got) { type = got.value().str(); });
+    EXPECT_TRUE(Dispatch([&] { return type == "ai"; }));
+}
+
+// What busctl prints of the property `any`, without the line's end.
+std::string Busctl()
+{
+    const std::string command = std::string("busctl get-property ") + service_name + " " + path +
+                                " com.example.test.Odd any 2>&1";
+    std::string said;
+    FILE* const pipe = popen(command.c_str(), "r");
+    std::array<char, 4096> part{};
+    while (pipe != nullptr && fgets(part.data(), int{part.size()}, pipe) != nullptr)
+    {
+        said += part.data();
+    }
+    const int status = pipe != nullptr ? pclose(pipe) : -1;
+    return status == 0 ? said.substr(0, said.find_last_not_of('\n') + 1) : "";
+}
+
+TEST_F(Odd, TextIsWhatBusctlPrints)
+{
+    const auto same = [&](const Variant& value)
+    {
+        direct.Set_any(value);
+        const std::string printed = Busctl();
+        if (!printed.empty())
+        {
+            EXPECT_EQ("v " + value.Text(), printed);
+        }
+        return !printed.empty();
+    };
+    if (!same(Variant(true)))
+    {
+        GTEST_SKIP() << "no busctl";
+    }
+    for (const Variant& value :
+         std::vector<Variant>{uint8_t{200},
+                              std::numeric_limits<int16_t>::min(),
+                              uint16_t{65535},
+                              std::numeric_limits<int32_t>::min(),
+                              4000000000U,
+                              std::numeric_limits<int64_t>::min(),
+                              std::numeric_limits<uint64_t>::max(),
+                              0.1,
+                              1e300,
+                              -2.5e-9,
+                              std::numeric_limits<double>::infinity(),
+                              100000000.0,
+                              "",
+                              "plain",
+                              "tab\t line\n \"quoted\" back\\slash 'single' \x01\x7f",
+                              "Größe",
+                              bmcbus::ObjectPath(std::string("/a/b")),
+                              Signature("a{sv}"),
+                              Signature(),
+                              std::vector<uint8_t>{0, 255},
+                              std::vector<bool>{true, false},
+                              std::vector<std::string>(),
+                              std::vector<std::string>{"a b", ""},
+                              std::vector<double>{0.5},
+                              options,
+                              std::map<uint16_t, std::tuple<bool, std::string>>{{1, {true, "x"}}},
+                              std::tuple<std::string, std::vector<int32_t>>{"x", {-1}},
+                              Variant::MakeNested(Variant(1U)),
+                              std::vector<Variant>{1U, "x"},
+                              std::vector<std::map<std::string, Variant>>{{}, options}})
+    {
+        EXPECT_TRUE(same(value)) << value.Text();
+    }
 }
 
 TEST_F(Odd, WhatIsLeftOutIsPassedOver)
