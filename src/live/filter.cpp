@@ -5,7 +5,6 @@
 #include "client/signal.hpp"
 #include "live/anchor.hpp"
 #include "live/set.hpp"
-#include "live/store.hpp"
 #include "log.hpp"
 
 #include <algorithm>
@@ -162,11 +161,10 @@ void Hub::ApplyChanges(Entry& entry, sd_bus_message* message)
         }
         return;
     }
-    Decoder decoder;
-    decoder.Read(message, entry);
-    decoder.ReadInvalidated(message, entry);
-    NoteChanges(entry, decoder.Store(entry, false));
-    if (decoder.invalidates())
+    decoder_.Read(message, entry);
+    decoder_.ReadInvalidated(message, entry);
+    NoteChanges(entry, decoder_.Store(entry, false));
+    if (decoder_.invalidates())
     {
         WantRead(entry);
         Tick();
@@ -252,9 +250,8 @@ void Hub::Announced(Entry& entry, sd_bus_message* values)
         Tick();
         return;
     }
-    Decoder decoder;
-    decoder.Read(values, entry);
-    NoteChanges(entry, decoder.Store(entry, false));
+    decoder_.Read(values, entry);
+    NoteChanges(entry, decoder_.Store(entry, false));
 }
 
 void Hub::InterfacesRemoved(sd_bus_message* message, const std::vector<Entry*>& entries)

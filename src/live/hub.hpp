@@ -18,6 +18,7 @@
 #include "live/index.hpp"
 #include "live/peer.hpp"
 #include "live/rules.hpp"
+#include "live/store.hpp"
 
 #include "bus/call_hub.hpp"
 
@@ -248,6 +249,7 @@ class Hub
     std::vector<std::unique_ptr<Entry>> ended_;
     std::vector<std::unique_ptr<Set>> sets_;
     std::vector<std::unique_ptr<Set>> ended_sets_;
+    Decoder decoder_; // keeps its memory from message to message
     std::vector<Telling> notes_;
     std::vector<uint16_t> names_;
 

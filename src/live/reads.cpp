@@ -3,7 +3,6 @@
 
 #include "bus/bus.hpp"
 #include "live/hub.hpp"
-#include "live/store.hpp"
 #include "log.hpp"
 
 #include <algorithm>
@@ -188,27 +187,26 @@ void Hub::Take(Entry& entry, sd_bus_message* values)
         ReadFailed(entry, rule->failure());
         return;
     }
-    Decoder decoder;
     try
     {
-        decoder.Read(values, entry);
+        decoder_.Read(values, entry);
     }
     catch (const std::exception& error)
     {
         ReadFailed(entry, {"org.freedesktop.DBus.Error.InvalidSignature", error.what()});
         return;
     }
-    if (!decoder.refusal().empty())
+    if (!decoder_.refusal().empty())
     {
         // Of a live object the rest is as good as a signal; what was refused stays as it was.
         if (entry.state() == LiveState::Live)
         {
-            NoteChanges(entry, decoder.Store(entry, false));
+            NoteChanges(entry, decoder_.Store(entry, false));
         }
-        ReadFailed(entry, {"org.freedesktop.DBus.Error.InvalidSignature", decoder.refusal()});
+        ReadFailed(entry, {"org.freedesktop.DBus.Error.InvalidSignature", decoder_.refusal()});
         return;
     }
-    if (decoder.empty() && !entry.properties->interface->properties.empty())
+    if (decoder_.empty() && !entry.properties->interface->properties.empty())
     {
         ReadFailed(entry, {"com.tamm.bmc.Live.Error.Empty", "a read brought no property"});
         return;
@@ -217,7 +215,7 @@ void Hub::Take(Entry& entry, sd_bus_message* values)
     entry.failures = 0;
     entry.again = false;
     entry.failure.reset();
-    const std::span<const uint16_t> changed = decoder.Store(entry, true);
+    const std::span<const uint16_t> changed = decoder_.Store(entry, true);
     const bool fresh = entry.set != nullptr && !entry.added;
     SetState(entry, LiveState::Live);
     if (!fresh)

@@ -124,6 +124,7 @@ std::span<const uint16_t> Decoder::Store(Entry& entry, bool whole)
         Unset(entry, property);
         entry.invalidated->push_back(property);
     }
+    values_.clear();
     std::ranges::sort(changed_);
     return changed_;
 }
