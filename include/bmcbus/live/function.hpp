@@ -24,8 +24,8 @@ template <class... A>
 class Function
 {
   public:
-    Function() = default;
-    Function(std::nullptr_t) {} // NOLINT(google-explicit-constructor)
+    Function() noexcept {} // not defaulted: g++ 12 fails at initialisers of members that need it
+    Function(std::nullptr_t) noexcept {} // NOLINT(google-explicit-constructor)
 
     template <class Callable>
     requires(!std::same_as<std::remove_cvref_t<Callable>, Function> &&
