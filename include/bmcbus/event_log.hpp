@@ -35,6 +35,7 @@ namespace bmcbus::event_log
  */
 struct Entry
 {
+    /** Any thread. */
     Entry(uint16_t agent, uint16_t kind, uint16_t gravity, std::string id, std::string text = {},
           std::string object = {}, std::vector<std::string> arguments = {}) :
         agentID(agent),

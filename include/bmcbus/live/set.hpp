@@ -54,6 +54,7 @@ template <class T>
 class LiveSet
 {
   public:
+    /** What its construction takes. */
     using Options = LiveSetOptions<T>;
 
     /** Follows the objects below @p root, not the one at it; otherwise as the constructor of
@@ -64,13 +65,16 @@ class LiveSet
     {
     }
 
+    /** Takes the objects; the set moved from follows none. @{ */
     LiveSet(LiveSet&&) noexcept = default;
     LiveSet& operator=(LiveSet&&) noexcept = default;
+    /** @} */
 
     /** Walks over the objects in the order of their paths. */
     class Iterator
     {
       public:
+        /** As the standard's algorithms want it. @{ */
         using value_type = T;
         using difference_type = std::ptrdiff_t;
 
@@ -90,16 +94,19 @@ class LiveSet
             return before;
         }
         bool operator==(const Iterator& other) const { return at_ == other.at_; }
+        /** @} */
 
       private:
         const live::SetHandle* set_ = nullptr;
         size_t at_ = 0;
     };
 
+    /** The objects as a range. @{ */
     Iterator begin() const { return {&handle_, 0}; }
     Iterator end() const { return {&handle_, handle_.size()}; }
     size_t size() const { return handle_.size(); }
     bool empty() const { return handle_.size() == 0; }
+    /** @} */
 
     /** The object at @p path, null where there is none. */
     T* Find(std::string_view path) const { return static_cast<T*>(handle_.Find(path)); }

@@ -40,6 +40,7 @@ template <class T>
 class LiveSignal
 {
   public:
+    /** What its construction takes. */
     using Options = LiveSignalOptions<T>;
 
     /** Follows the signal at @p path; otherwise as the constructor of `Live`. */
@@ -49,11 +50,14 @@ class LiveSignal
     {
     }
 
+    /** Takes the signal; the handle moved from follows none. @{ */
     LiveSignal(LiveSignal&&) noexcept = default;
     LiveSignal& operator=(LiveSignal&&) noexcept = default;
+    /** @} */
 
     /** The last arguments, with their getters. Not after the handle was moved from. */
     T& operator*() const { return *static_cast<T*>(handle_.object()); }
+    /** The same. */
     T* operator->() const { return static_cast<T*>(handle_.object()); }
 
     /** Whether signals are heard; any thread. */
