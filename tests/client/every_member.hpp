@@ -162,7 +162,11 @@ struct Remote : Property<Class, T>
 
     Remote(Argument<Class, T> getters, Flagged a, Flagged b, Plain c, Plain d,
            Setters<Class, T> how = {}) :
-        Property<Class, T>(std::move(getters), how), flagged{a, b}, plain{c, d}
+        Property<Class, T>(std::move(getters), how),
+        flagged(a),
+        flaggedLocked(b),
+        plain(c),
+        plainLocked(d)
     {
         this->writable = how.set != nullptr;
     }
@@ -178,12 +182,16 @@ struct Remote : Property<Class, T>
         switch (way)
         {
             case 3:
+                (at.*flagged)(flag, held);
+                break;
             case 4:
-                (at.*flagged[way - 3])(flag, held);
+                (at.*flaggedLocked)(flag, held);
                 break;
             case 5:
+                (at.*plain)(held);
+                break;
             case 6:
-                (at.*plain[way - 5])(held);
+                (at.*plainLocked)(held);
                 break;
             case 7:
                 at.GetByName(this->name, held);
@@ -194,8 +202,10 @@ struct Remote : Property<Class, T>
         return Convert<Variant>::To(held);
     }
 
-    Flagged flagged[2];
-    Plain plain[2];
+    Flagged flagged;
+    Flagged flaggedLocked;
+    Plain plain;
+    Plain plainLocked;
 };
 
 // A cached proxy class or a subscriber class.

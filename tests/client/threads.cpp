@@ -74,7 +74,7 @@ TEST_F(Threads, ReleaseTheirOwnObjects)
             const std::string path = "/thread/" + std::to_string(number);
             for (int i = 0; i < rounds; ++i)
             {
-                Fan::Create(path, fanService, true);
+                Fan::Create(path, fanService);
                 FanSignal::Create(path);
             }
             Fan::CleanupThread();

@@ -90,7 +90,11 @@ class NothingLeft : public testing::EmptyTestEventListener
 // Listeners can be added only once the framework is set up.
 class Add : public testing::Environment
 {
-    void SetUp() override { testing::UnitTest::GetInstance()->listeners().Append(new NothingLeft); }
+    void SetUp() override
+    {
+        std::thread([] {}).join(); // a sanitizer's own thread comes with the first
+        testing::UnitTest::GetInstance()->listeners().Append(new NothingLeft);
+    }
 };
 
 [[maybe_unused]] const auto* const added = testing::AddGlobalTestEnvironment(new Add);
