@@ -30,16 +30,6 @@ void Send(sd_bus_message* call, const std::vector<kit::Value>& arguments)
     sd_bus_message_unref(message);
 }
 
-std::string SignatureOf(const std::vector<kit::Value>& values)
-{
-    std::string all;
-    for (const kit::Value& value : values)
-    {
-        all += value.Signature();
-    }
-    return all;
-}
-
 // Starts a call, answers it with these, and gives what it ended with.
 template <class T, class Start>
 bmcbus::Result<T> Ended(const Start& start, const std::vector<kit::Value>& reply)
@@ -139,8 +129,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                         .Async<std::string, std::vector<std::tuple<int32_t, std::string>>, double>(
                             then);
                 };
-                Compare<Mixed>(Ended<Mixed>(ask, reply), SignatureOf(reply).starts_with("sa(is)d"),
-                               reply);
+                Compare<Mixed>(Ended<Mixed>(ask, reply),
+                               kit::SignatureOf(reply).starts_with("sa(is)d"), reply);
             }
         }
     }
