@@ -11,10 +11,10 @@
  */
 
 #include <bmcbus/call_error.hpp>
+#include <bmcbus/result/storage.hpp>
+#include <bmcbus/result/unexpected.hpp>
 
-#include <exception>
 #include <initializer_list>
-#include <optional> // for std::construct_at and its like: <memory> takes long to compile
 #include <type_traits>
 #include <utility>
 
@@ -23,75 +23,6 @@ namespace bmcbus
 
 template <class T, class E = CallError>
 class Result;
-
-/** An error on its way into a `Result`. */
-template <class E>
-class Unexpected
-{
-  public:
-    /** Takes the error. */
-    template <class Error = E>
-    requires(!std::is_same_v<std::remove_cvref_t<Error>, Unexpected> &&
-             std::is_constructible_v<E, Error>) constexpr explicit Unexpected(Error&& error) :
-        error_(std::forward<Error>(error))
-    {
-    }
-
-    /** The error. @{ */
-    constexpr const E& error() const& noexcept { return error_; }
-    constexpr E& error() & noexcept { return error_; }
-    constexpr E&& error() && noexcept { return std::move(error_); }
-    /** @} */
-
-    /** By the errors. */
-    template <class Other>
-    friend constexpr bool operator==(const Unexpected& left, const Unexpected<Other>& right)
-    {
-        return left.error() == right.error();
-    }
-
-  private:
-    E error_;
-};
-
-/** The error's own type. */
-template <class E>
-Unexpected(E) -> Unexpected<E>;
-
-/** Constructs the error of a `Result` in place. */
-struct Unexpect
-{
-    explicit Unexpect() = default;
-};
-/** The one value of its type. */
-inline constexpr Unexpect unexpect{};
-
-/** Thrown by `Result::value()` where there is an error; carries it. */
-template <class E>
-class BadResultAccess : public std::exception
-{
-  public:
-    /** Takes the error. */
-    explicit BadResultAccess(E error) : error_(std::move(error)) {}
-
-    /** The error's message, where it has one. */
-    const char* what() const noexcept override
-    {
-        if constexpr (requires { error_.message.c_str(); })
-        {
-            return error_.message.c_str();
-        }
-        return "the result is an error";
-    }
-    /** The error. @{ */
-    const E& error() const& noexcept { return error_; }
-    E& error() & noexcept { return error_; }
-    E&& error() && noexcept { return std::move(error_); }
-    /** @} */
-
-  private:
-    E error_;
-};
 
 namespace detail
 {
@@ -105,7 +36,6 @@ inline constexpr bool isUnexpected = false;
 template <class E>
 inline constexpr bool isUnexpected<Unexpected<E>> = true;
 
-// What a Result<void> holds in place of a value.
 // std::invoke for one argument at most; <functional> takes long to compile.
 template <class F, class... Arg>
 constexpr decltype(auto) Invoke(F&& function, Arg&&... argument)
@@ -124,151 +54,6 @@ constexpr decltype(auto) Invoke(F&& function, Arg&&... argument)
         return std::forward<F>(function)(std::forward<Arg>(argument)...);
     }
 }
-
-struct Nothing
-{
-    friend constexpr bool operator==(Nothing, Nothing) { return true; }
-};
-
-// The storage and life of a value or an error; the public class adds what one can ask.
-template <class T, class E>
-class ResultStorage
-{
-    static_assert(std::is_nothrow_move_constructible_v<E>, "errors move without throwing");
-
-  public:
-    constexpr ResultStorage() noexcept(std::is_nothrow_default_constructible_v<T>) :
-        value_(), has_(true)
-    {
-    }
-    template <class... Args>
-    constexpr explicit ResultStorage(std::in_place_t, Args&&... args) :
-        value_(std::forward<Args>(args)...), has_(true)
-    {
-    }
-    template <class... Args>
-    constexpr explicit ResultStorage(Unexpect, Args&&... args) :
-        error_(std::forward<Args>(args)...), has_(false)
-    {
-    }
-    constexpr ResultStorage(const ResultStorage& other) : has_(other.has_) { Construct(other); }
-    constexpr ResultStorage(ResultStorage&& other) noexcept(
-        std::is_nothrow_move_constructible_v<T>) :
-        has_(other.has_)
-    {
-        Construct(std::move(other));
-    }
-    constexpr ResultStorage& operator=(const ResultStorage& other)
-    {
-        Assign(other);
-        return *this;
-    }
-    constexpr ResultStorage& operator=(ResultStorage&& other) noexcept(
-        std::is_nothrow_move_constructible_v<T>&& std::is_nothrow_move_assignable_v<T>)
-    {
-        Assign(std::move(other));
-        return *this;
-    }
-    constexpr ~ResultStorage() { Destroy(); }
-
-    constexpr bool Has() const noexcept { return has_; }
-    constexpr T& Value() noexcept { return value_; }
-    constexpr const T& Value() const noexcept { return value_; }
-    constexpr E& Error() noexcept { return error_; }
-    constexpr const E& Error() const noexcept { return error_; }
-
-    template <class Arg>
-    constexpr void SetValue(Arg&& arg)
-    {
-        if (has_)
-        {
-            value_ = std::forward<Arg>(arg);
-            return;
-        }
-        T next(std::forward<Arg>(arg)); // what may throw comes before the error is given up
-        E kept(std::move(error_));
-        std::destroy_at(std::addressof(error_));
-        Replace(value_, std::move(next), error_, kept);
-        has_ = true;
-    }
-    template <class Arg>
-    constexpr void SetError(Arg&& arg)
-    {
-        if (!has_)
-        {
-            error_ = std::forward<Arg>(arg);
-            return;
-        }
-        E next(std::forward<Arg>(arg));
-        std::destroy_at(std::addressof(value_));
-        std::construct_at(std::addressof(error_), std::move(next));
-        has_ = false;
-    }
-
-  private:
-    template <class Other>
-    constexpr void Construct(Other&& other)
-    {
-        if (has_)
-        {
-            std::construct_at(std::addressof(value_), std::forward<Other>(other).value_);
-        }
-        else
-        {
-            std::construct_at(std::addressof(error_), std::forward<Other>(other).error_);
-        }
-    }
-    template <class Other>
-    constexpr void Assign(Other&& other)
-    {
-        if (other.has_)
-        {
-            SetValue(std::forward<Other>(other).value_);
-        }
-        else
-        {
-            SetError(std::forward<Other>(other).error_);
-        }
-    }
-    // Puts `next` where nothing is now; the error comes back when that throws.
-    static constexpr void Replace(T& place, T&& next, E& error, E& kept)
-    {
-        if constexpr (std::is_nothrow_move_constructible_v<T>)
-        {
-            std::construct_at(std::addressof(place), std::move(next));
-        }
-        else
-        {
-            try
-            {
-                std::construct_at(std::addressof(place), std::move(next));
-            }
-            catch (...)
-            {
-                std::construct_at(std::addressof(error), std::move(kept));
-                throw;
-            }
-        }
-    }
-    constexpr void Destroy()
-    {
-        if (has_)
-        {
-            std::destroy_at(std::addressof(value_));
-        }
-        else
-        {
-            std::destroy_at(std::addressof(error_));
-        }
-    }
-
-    union
-    {
-        T value_;
-        E error_;
-    };
-    bool has_;
-};
 
 } // namespace detail
 

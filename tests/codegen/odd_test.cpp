@@ -57,6 +57,19 @@ class Odd : public ::testing::Test
         return write(fd.get(), "x", 1) == 1 && read(ends[0], &got, 1) == 1 && got == 'x';
     }
 
+    // Scale gives back what it gets, and one more.
+    void AnswerScale()
+    {
+        service->OnCall("Scale",
+                        [](const Call& call)
+                        {
+                            std::vector<Value> answer = call.arguments;
+                            answer.push_back(std::map<std::string, bmcbus::testing::TypeSignature>{
+                                {"k", {"v"}}});
+                            return answer;
+                        });
+    }
+
     int ends[2] = {-1, -1};
     PrivateBus bus;
     FakeService service{service_name, path, {"com.example.test.Odd"}};
@@ -108,14 +121,7 @@ TEST_F(Odd, DescriptorsBelongToTheirHolders)
 
 TEST_F(Odd, MethodsTakeWhatCppNamesAlike)
 {
-    service->OnCall(
-        "Scale",
-        [](const Call& call)
-        {
-            std::vector<Value> answer = call.arguments;
-            answer.push_back(std::map<std::string, bmcbus::testing::TypeSignature>{{"k", {"v"}}});
-            return answer;
-        });
+    AnswerScale();
     bool ok = false;
     Variant out;
     UnixFd file;
@@ -207,14 +213,7 @@ TEST_F(Odd, CallsWithResultsCarryEveryType)
 {
     const Cached holder(path, service_name); // keeps the thread's connection
     service->Set("file", Value::Descriptor(ends[1]));
-    service->OnCall(
-        "Scale",
-        [](const Call& call)
-        {
-            std::vector<Value> answer = call.arguments;
-            answer.push_back(std::map<std::string, bmcbus::testing::TypeSignature>{{"k", {"v"}}});
-            return answer;
-        });
+    AnswerScale();
     EXPECT_TRUE(direct.Try_Set_any(Variant(options)));
     EXPECT_EQ(direct.Try_Get_any().value(), Variant(options));
     EXPECT_TRUE(Leads(direct.Try_Get_file().value()));

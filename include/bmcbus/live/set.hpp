@@ -6,6 +6,7 @@
  */
 
 #include <bmcbus/live/handle.hpp>
+#include <bmcbus/live/stepper.hpp>
 
 namespace bmcbus
 {
@@ -71,7 +72,7 @@ class LiveSet
     /** @} */
 
     /** Walks over the objects in the order of their paths. */
-    class Iterator
+    class Iterator : public live::Stepper<Iterator, size_t>
     {
       public:
         /** As the standard's algorithms want it. @{ */
@@ -79,26 +80,16 @@ class LiveSet
         using difference_type = std::ptrdiff_t;
 
         Iterator() = default;
-        Iterator(const live::SetHandle* set, size_t at) : set_(set), at_(at) {}
-        T& operator*() const { return *static_cast<T*>(set_->At(at_)); }
-        T* operator->() const { return static_cast<T*>(set_->At(at_)); }
-        Iterator& operator++()
+        Iterator(const live::SetHandle* set, size_t at) :
+            live::Stepper<Iterator, size_t>(at), set_(set)
         {
-            ++at_;
-            return *this;
         }
-        Iterator operator++(int)
-        {
-            Iterator before = *this;
-            ++at_;
-            return before;
-        }
-        bool operator==(const Iterator& other) const { return at_ == other.at_; }
+        T& operator*() const { return *static_cast<T*>(set_->At(this->at_)); }
+        T* operator->() const { return static_cast<T*>(set_->At(this->at_)); }
         /** @} */
 
       private:
         const live::SetHandle* set_ = nullptr;
-        size_t at_ = 0;
     };
 
     /** The objects as a range. @{ */

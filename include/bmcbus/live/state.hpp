@@ -6,6 +6,7 @@
  */
 
 #include <bmcbus/client/cached.hpp>
+#include <bmcbus/live/stepper.hpp>
 
 #include <algorithm>
 #include <chrono>
@@ -47,7 +48,7 @@ class Changes
     }
 
     /** Walks over the names. */
-    class Iterator
+    class Iterator : public live::Stepper<Iterator, const uint16_t*>
     {
       public:
         /** As the standard's algorithms want it. @{ */
@@ -56,30 +57,17 @@ class Changes
 
         Iterator() = default;
         Iterator(const client::Interface* interface, const uint16_t* at) :
-            interface_(interface), at_(at)
+            live::Stepper<Iterator, const uint16_t*>(at), interface_(interface)
         {
         }
         std::string_view operator*() const
         {
             return interface_->NameOf(interface_->properties[*at_]);
         }
-        Iterator& operator++()
-        {
-            ++at_;
-            return *this;
-        }
-        Iterator operator++(int)
-        {
-            Iterator before = *this;
-            ++at_;
-            return before;
-        }
-        bool operator==(const Iterator& other) const { return at_ == other.at_; }
         /** @} */
 
       private:
         const client::Interface* interface_ = nullptr;
-        const uint16_t* at_ = nullptr;
     };
 
     /** The names as a range. @{ */

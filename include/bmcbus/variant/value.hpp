@@ -76,10 +76,10 @@ concept Storable = requires(const T& value)
 class BMCBUS_EXPORT Variant
 {
   public:
-    /** Elements of an array of anything but numbers; `signature` is the type of each. */
-    struct Array
+    /** A view of values in a row, as long as the variant lives and keeps its value. */
+    struct Sequence
     {
-        /** A view, as long as the variant lives and keeps its value. @{ */
+        /** The values and their type. @{ */
         std::string_view signature;
         std::span<const Variant> items;
 
@@ -90,18 +90,14 @@ class BMCBUS_EXPORT Variant
         /** @} */
     };
 
-    /** The fields of a struct, at least one; `signature` is that of all fields, e.g. "sv". */
-    struct Struct
+    /** Elements of an array of anything but numbers; `signature` is the type of each. */
+    struct Array : Sequence
     {
-        /** A view, as long as the variant lives and keeps its value. @{ */
-        std::string_view signature;
-        std::span<const Variant> items;
+    };
 
-        size_t size() const { return items.size(); }
-        auto begin() const { return items.begin(); }
-        auto end() const { return items.end(); }
-        const Variant& operator[](size_t index) const { return items[index]; }
-        /** @} */
+    /** The fields of a struct, at least one; `signature` is that of all fields, e.g. "sv". */
+    struct Struct : Sequence
+    {
     };
 
     /** A dictionary in ascending order of its keys; `signature` is that of an entry, e.g. "sv". */
@@ -348,7 +344,7 @@ decltype(auto) Variant::Visit(Visitor&& visitor) const
             return visitor(Items().front());
         case '(':
             return visitor(static_cast<const Struct&>(
-                Struct{NodeSignature().substr(1, NodeSignature().size() - 2), Items()}));
+                Struct{{NodeSignature().substr(1, NodeSignature().size() - 2), Items()}}));
         case 'a':
             break;
         default:
@@ -377,7 +373,7 @@ decltype(auto) Variant::Visit(Visitor&& visitor) const
             return visitor(static_cast<const Dictionary&>(
                 Dictionary{element.substr(1, element.size() - 2), Items()}));
         default:
-            return visitor(static_cast<const Array&>(Array{element, Items()}));
+            return visitor(static_cast<const Array&>(Array{{element, Items()}}));
     }
 }
 
