@@ -4,6 +4,8 @@ from dataclasses import dataclass
 
 _LONGEST = 255
 _DEEPEST = 32
+# D-Bus allows 32 here, too; the time that compilers take for a std::vector doubles with each level.
+_DEEPEST_ARRAY = 16
 
 # Type code -> C++ type.
 BASIC = {
@@ -85,8 +87,8 @@ class _Parser:
         raise SignatureError(f"unknown type code '{code}'")
 
     def _array(self, arrays, structs):
-        if arrays > _DEEPEST:
-            raise SignatureError(f"arrays are nested more than {_DEEPEST} deep")
+        if arrays > _DEEPEST_ARRAY:
+            raise SignatureError(f"arrays are nested more than {_DEEPEST_ARRAY} deep")
         if self._peek() in (None, ")", "}"):
             raise SignatureError("an array has no element type")
         if self._peek() == "{":

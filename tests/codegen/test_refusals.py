@@ -117,7 +117,7 @@ class Depth(GeneratorTest):
         self.assertRefused(self.generate("--strict", file), file, problem)
 
     def test_too_deep_or_long(self):
-        self.check("a" * 33 + "s", "arrays are nested more than 32 deep")
+        self.check("a" * 17 + "s", "arrays are nested more than 16 deep")
         structs = "structs and dict entries are nested more than 32 deep"
         self.check("(" * 33 + "s" + ")" * 33, structs)
         self.check("(" * 32 + "a{ss}" + ")" * 32, structs)
@@ -125,7 +125,7 @@ class Depth(GeneratorTest):
         self.check("(" * 255, structs)
 
     def test_just_within(self):
-        types = ("a" * 32 + "s", "(" * 32 + "as" + ")" * 32, "(" + "s" * 253 + ")")
+        types = ("a" * 16 + "s", "(" * 32 + "as" + ")" * 32, "(" + "s" * 253 + ")")
         self.assertGenerated(
             self.generate(
                 self.interface(
