@@ -328,6 +328,14 @@ class Model : public LiveTest
         return owners[Home(object)].running && owners[Home(object)].objects[object].there;
     }
 
+    static bool Shows(Fans& fans, uint8_t expected)
+    {
+        bool set_ = false;
+        uint8_t count = 0;
+        fans.Get_fanCount(set_, count);
+        return set_ && count == expected && fans.Get_fanPWMData() == FanOf(expected);
+    }
+
     bool Settled()
     {
         for (int i = 0; i < objects; ++i)
@@ -337,15 +345,9 @@ class Model : public LiveTest
             {
                 return false;
             }
-            if (live)
+            if (live && !Shows(*lives[static_cast<size_t>(i)], owners[Home(i)].objects[i].count))
             {
-                bool set_ = false;
-                uint8_t count = 0;
-                lives[static_cast<size_t>(i)]->Get_fanCount(set_, count);
-                if (!set_ || count != owners[Home(i)].objects[i].count)
-                {
-                    return false;
-                }
+                return false;
             }
             if (Home(i) == 0 && owners[0].running &&
                 ((set->State(Path(i)) == LiveState::Live) != There(i) ||
@@ -367,17 +369,23 @@ class Model : public LiveTest
                 owner.service->Heal();
             }
         }
-        EXPECT_TRUE(Until([&] { return Settled(); })) << bmcbus::ReportLiveTable(connection);
-        Deliver();
-        EXPECT_TRUE(Settled()) << bmcbus::ReportLiveTable(connection);
-        for (int i = 0; i < objects; ++i)
+        EXPECT_TRUE(Rests()) << bmcbus::ReportLiveTable(connection);
+    }
+
+    // An invalidation may come behind the answer that already had the new values: what was settled
+    // is read once more. It rests when it is as the model says and nothing that comes changes it.
+    bool Rests()
+    {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (std::chrono::steady_clock::now() < end && Until([&] { return Settled(); }))
         {
-            if (There(i))
+            Deliver();
+            if (Settled())
             {
-                EXPECT_EQ(lives[static_cast<size_t>(i)]->Get_fanPWMData(),
-                          FanOf(owners[Home(i)].objects[i].count));
+                return true;
             }
         }
+        return false;
     }
 
     std::mt19937 random;
