@@ -19,6 +19,20 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Con
 """
 
 
+class Daemon:
+    def __init__(self, process):
+        self._process = process
+
+    def end(self):
+        """Gives what the tool that it ran under wrote."""
+        self._process.terminate()
+        return self._process.communicate()[1]
+
+    def processor_time(self):
+        """Nanoseconds, those of the kernel included."""
+        return int(Path(f"/proc/{self._process.pid}/schedstat").read_text(encoding="ascii").split()[0])
+
+
 @contextlib.contextmanager
 def private_bus():
     """Gives the environment of programs that use it and keep their log to themselves."""
@@ -28,8 +42,7 @@ def private_bus():
 
 @contextlib.contextmanager
 def configured_bus(under=(), report_end=False):
-    """The same, with a daemon that runs under a tool; also gives a function that ends the daemon
-    where asked to, and says what the tool wrote."""
+    """The same, with a daemon that runs under a tool; also gives the daemon."""
     with tempfile.TemporaryDirectory() as folder:
         config = Path(folder, "bus.conf")
         config.write_text(CONFIGURATION.format(folder), encoding="utf-8")
@@ -38,14 +51,9 @@ def configured_bus(under=(), report_end=False):
             stdout=subprocess.PIPE, stderr=subprocess.PIPE if report_end else subprocess.DEVNULL,
             text=True,
         )
-
-        def said():
-            daemon.terminate()
-            return daemon.communicate()[1]
-
         try:
             yield {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": daemon.stdout.readline().strip(),
-                   "DLOG_LEVEL": "0"}, said
+                   "DLOG_LEVEL": "0"}, Daemon(daemon)
         finally:
             if daemon.returncode is None:
                 daemon.kill()

@@ -34,6 +34,9 @@ uint64_t MixBytes(uint64_t hash, const void* data, size_t size)
     return Mix(hash, rest);
 }
 
+// Of everything from the read position to the end of the container.
+uint64_t All(sd_bus_message* message);
+
 uint64_t Basic(sd_bus_message* message, char type)
 {
     union
@@ -76,15 +79,13 @@ uint64_t Container(sd_bus_message* message, char type, const char* contents)
     }
     else
     {
-        hash = Mix(hash, Fingerprint(message));
+        hash = Mix(hash, All(message));
     }
     Require(sd_bus_message_exit_container(message), "sd_bus_message_exit_container");
     return hash;
 }
 
-} // namespace
-
-uint64_t Fingerprint(sd_bus_message* message)
+uint64_t All(sd_bus_message* message)
 {
     uint64_t hash = 0;
     char type = 0;
@@ -96,6 +97,15 @@ uint64_t Fingerprint(sd_bus_message* message)
                    contents != nullptr ? Container(message, type, contents) : Basic(message, type));
     }
     return hash;
+}
+
+} // namespace
+
+uint64_t Fingerprint(sd_bus_message* message, const char* type)
+{
+    // Most properties are one number or text: sd-bus need not be asked for what is known.
+    const bool basic = type[1] == '\0' && *type != 'v';
+    return basic ? Mix(0, Basic(message, *type)) : All(message);
 }
 
 } // namespace bmcbus::live

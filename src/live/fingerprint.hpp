@@ -10,8 +10,8 @@
 namespace bmcbus::live
 {
 
-// Of everything from the read position to the end of the container. The order of the entries of a
-// dictionary does not matter. Throws Error.
-uint64_t Fingerprint(sd_bus_message* message);
+// Of the value of this type that the variant holds in which the message stands. The order of the
+// entries of a dictionary does not matter. Throws Error.
+uint64_t Fingerprint(sd_bus_message* message, const char* type);
 
 } // namespace bmcbus::live

@@ -66,7 +66,8 @@ void Decoder::ReadOne(sd_bus_message* message, Entry& entry)
         return;
     }
     Require(sd_bus_message_enter_container(message, 'v', contents), enter);
-    Decoded& decoded = values_.emplace_back(Decoded{found.number, Fingerprint(message), {}});
+    Decoded& decoded =
+        values_.emplace_back(Decoded{found.number, Fingerprint(message, contents), {}});
     Require(sd_bus_message_rewind(message, 0), "sd_bus_message_rewind");
     type.read(message, decoded.value.Emplace(type));
     Require(sd_bus_message_exit_container(message), leave);
