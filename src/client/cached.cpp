@@ -5,6 +5,7 @@
 
 #include "bus/bus.hpp"
 #include "bus/match.hpp"
+#include "client/argument_order.hpp"
 #include "client/cached_object.hpp"
 #include "client/member_log.hpp"
 #include "client/signal.hpp"
@@ -163,6 +164,7 @@ void Construct(Anchor& anchor, const Callback& first)
     const char* const label = object.label();
     const char* const name = object.interface().short_name;
     CLIENT_LOG_FORMAT(trace, label, name, object.interface().enter);
+    LogIfSwapped(object.interface(), Family::cached, object.path(), object.service());
     try
     {
         AddCallback(anchor, first);

@@ -3,6 +3,7 @@
 #include <bmcbus/client/direct.hpp>
 
 #include "bus/bus.hpp"
+#include "client/argument_order.hpp"
 #include "client/member_log.hpp"
 #include "client/value.hpp"
 
@@ -185,6 +186,7 @@ void Construct(Target& target)
     const Interface& interface = *target.interface;
     const char* name = interface.short_name;
     CLIENT_LOG_FORMAT(trace, interface.label, name, interface.enter);
+    LogIfSwapped(interface, Family::direct, target.path, target.service);
     if (target.service.empty())
     {
         try

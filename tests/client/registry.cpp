@@ -10,6 +10,7 @@
 
 #include <concepts>
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -110,6 +111,24 @@ class Construction : public ClientTest
     static constexpr Way knowsLater{0, 1, false};
     size_t calls = 0;
 };
+
+TEST_F(Construction, SaysThatArgumentsAreSwapped)
+{
+    const auto swapped = [](const std::string& given, const std::string& takes)
+    {
+        const std::string format = "swapped arguments [%s], [%s]: %s::%s takes (%s)";
+        return Error("FanReporting", format, "swapped arguments " + given + ": " + takes);
+    };
+    const Fan cached(fanService, fanPath, true);
+    EXPECT_THAT(LoggedErrors(),
+                Contains(swapped("[com.example.Fans], [/com/example/fans]",
+                                 "ClientCache::FanReporting takes (path, service)")));
+    test::ClearLog();
+    const FanEdge direct(fanPath, fanService);
+    EXPECT_THAT(LoggedErrors(),
+                ElementsAre(swapped("[/com/example/fans], [com.example.Fans]",
+                                    "ClientEdge::FanReporting takes (service, path)")));
+}
 
 TEST_F(Construction, EveryConstructorMeansWhatItSays)
 {

@@ -35,6 +35,34 @@ sys.path.insert(0, str(SOURCE / "tests" / "support"))
 from staged import Stage, run  # noqa: E402
 
 
+# Each line between the marks has a path and a service in one another's place.
+SWAPPED = """
+#include <com/tamm/bmc/Thermal/FanReporting/client_cache.hpp>
+using Cached = ClientCache::com::tamm::bmc::Thermal::FanReporting;
+using Direct = ClientEdge::com::tamm::bmc::Thermal::FanReporting;
+struct Settings { char path[32]; };
+void right(const Settings& settings, std::string text, Cached::Callback call, sd_bus* bus)
+{
+    const char path[] = "/fans";
+    static const char service[] = "a.b";
+    Cached a(path, service), b(settings.path, text), c("/fans", text, call), d(text, "a.b", call, nullptr);
+    Cached e("/fans", nullptr), f("/fans", {}, call, nullptr, true), g("/fans", "", [](Cached*, void*) {}), h(path, "a.b", true);
+    Cached i("/fans", "a.b", nullptr, 0, false);
+    Cached::Create("/fans", service, nullptr, nullptr);
+    Direct k("a.b", path), l("", text), m(text, settings.path), n(bus, "a.b", "/fans"), o({}, "/fans");
+}
+#ifdef WRONG
+constexpr const char* named = "/fans";
+void w1() { Cached("a.b", "/fans"); } // wrong
+void w2(std::string path) { Cached("a.b", path, nullptr, nullptr, true); } // wrong
+void w3(std::string service) { Cached::Create(service, named, true); } // wrong
+void w4(Cached::Callback call) { Cached::Create("a.b", named, call, nullptr); } // wrong
+void w5() { Direct(named, "a.b"); } // wrong
+void w6(std::string path, sd_bus* bus) { Direct(bus, path, "a.b"); } // wrong
+void w7(std::string service) { Direct("/fans", service); } // wrong
+#endif
+"""
+
 LINKED = """
 #include <cstdio>
 #include <object_mapper.hpp>
@@ -145,14 +173,14 @@ class Headers(InstallTest):
             if name.parts[0] != "compat":
                 yield str(name)
 
-    def compile(self, compiler, language, standard, *names, before=()):
-        source = "".join(f"#include <{name}>\n" for name in names) + "extern int something;\n"
+    def compile(self, compiler, language, standard, *names, before=("-fsyntax-only",), source=""):
+        source = source or "".join(f"#include <{name}>\n" for name in names) + "extern int something;\n"
         flags = list(before) + [
             # Headers of others may give warnings of their own.
             flag if str(self.stage.prefix) in flag else re.sub("^-I", "-isystem", flag)
             for flag in self.stage.pkg_config("--cflags", "bmcbus", "bmcbus-testing", "glib-2.0")
         ]
-        run(*compiler, "-x", language, f"-std={standard}", "-fsyntax-only", "-Wall", "-Wextra",
+        run(*compiler, "-x", language, f"-std={standard}", "-Wall", "-Wextra",
             "-Wpedantic", "-Werror", *flags, "-", input=source)
 
     def standards(self, compiler):
@@ -179,7 +207,22 @@ class Headers(InstallTest):
         for compiler, language, standard in ((CC, "c", "c11"), (CXX, "c++", "c++20")):
             self.compile(compiler, language, standard, "scoped_timer.h")
             with self.assertRaisesRegex(AssertionError, "another -D_TIME_BITS than libbmcbus"):
-                self.compile(compiler, language, standard, "scoped_timer.h", before=[f"-I{self.folder}"])
+                self.compile(compiler, language, standard, "scoped_timer.h", before=["-fsyntax-only", f"-I{self.folder}"])
+
+    def test_swapped_literals(self):
+        """A path in place of a service does not compile; whatever stands where it should does."""
+        wrong = {number for number, line in enumerate(SWAPPED.splitlines(), 1) if "// wrong" in line}
+        for compiler, mode in (("g++", "-O1"), ("g++", "-Os"), ("clang++", "-fsyntax-only")):
+            standard = next(self.standards([compiler]), None) if shutil.which(compiler) else None
+            if standard is None:
+                continue
+            flags = [mode, "-S", "-o", os.devnull]
+            self.compile([compiler], "c++", standard, before=flags, source=SWAPPED)
+            with self.assertRaises(AssertionError) as caught:
+                self.compile([compiler], "c++", standard, before=["-DWRONG", *flags], source=SWAPPED)
+            said = str(caught.exception)
+            self.assertIn("a path begins with '/', a service never does", said)
+            self.assertEqual({int(line) for line in re.findall(r"<stdin>:(\d+)", said)}, wrong, said)
 
     def test_alone(self):
         names = list(self.headers())

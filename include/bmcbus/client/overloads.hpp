@@ -2,11 +2,13 @@
 
 /**
  * @file
- * How the overloads of the generated classes tell text and flags apart. For generated headers.
+ * How the overloads of the generated classes tell text and flags apart, and a path from a service.
+ * For generated headers.
  */
 
 #include <concepts>
 #include <string>
+#include <utility>
 
 namespace bmcbus::client
 {
@@ -26,9 +28,87 @@ inline std::string TextOf(const char* text)
 template <class T>
 concept TextPointer = std::same_as<T, const char*> || std::same_as<T, char*>;
 
+/** Text as the overloads that look at it take it. */
+template <class T>
+concept Text = TextPointer<T> || std::same_as<T, std::string>;
+
 /** What would turn into a `bool` without being one, and is not @p Meant for another parameter. */
 template <class T, class... Meant>
 concept NoFlag = std::convertible_to<T, bool> && !std::same_as<T, bool> &&
                  !(std::convertible_to<T, Meant> || ...);
+
+/** Whether @p Class has a `Create` for a path, a service and @p More. */
+template <class Class, class... More>
+concept CreatableFrom = requires(std::string text, More... more)
+{
+    Class::Create(text, text, more...);
+};
+
+/** @name Whether text that is known while compiling stands in the wrong place. @{ */
+constexpr bool IsNoPath(const char* path)
+{
+    return path != nullptr && *path != '\0' && *path != '/';
+}
+constexpr bool IsNoService(const char* service)
+{
+    return service != nullptr && *service == '/';
+}
+constexpr bool IsNoPath(const std::string& /*path*/)
+{
+    return false;
+}
+constexpr bool IsNoService(const std::string& /*service*/)
+{
+    return false;
+}
+/** @} */
+
+/**
+ * Cached classes take a path and a service, direct classes a service and a path. A literal that is
+ * in the other's place does not compile: always with clang, whose front end compares them, and from
+ * -O1 with g++, which sees what is left when the functions below are inlined. Other text is looked
+ * at while the program runs, and logged.
+ */
+#define BMCBUS_SWAPPED                                                                             \
+    "a path begins with '/', a service never does: "                                               \
+    "cached classes take (path, service), direct classes (service, path)"
+#ifdef __clang__
+#define BMCBUS_IN_ORDER(path, service)                                                             \
+    _Pragma("clang diagnostic push") _Pragma("clang diagnostic ignored \"-Wgcc-compat\"")          \
+        __attribute__((diagnose_if(bmcbus::client::IsNoPath(path), BMCBUS_SWAPPED, "error"),       \
+                       diagnose_if(bmcbus::client::IsNoService(service), BMCBUS_SWAPPED,           \
+                                   "error"))) _Pragma("clang diagnostic pop")
+inline void Swapped() {}
+#else
+#define BMCBUS_IN_ORDER(path, service)
+[[gnu::error(BMCBUS_SWAPPED)]] void Swapped();
+#endif
+
+/** A path and a service for the constructor; null means no service. @{ */
+[[gnu::always_inline]] inline std::string PathOf(const char* path)
+{
+    if (__builtin_constant_p(*path) && *path != '\0' && *path != '/')
+    {
+        Swapped();
+    }
+    return path;
+}
+[[gnu::always_inline]] inline std::string ServiceOf(const char* service)
+{
+    if (__builtin_constant_p(*service) && *service == '/')
+    {
+        Swapped();
+    }
+    return TextOf(service);
+}
+inline std::string PathOf(std::string&& path)
+{
+    return std::move(path);
+}
+inline std::string ServiceOf(std::string&& service)
+{
+    return std::move(service);
+}
+/** @} */
 
 } // namespace bmcbus::client

@@ -1,0 +1,25 @@
+// Swapped arguments compile where they are no literals, and then fail in places that say nothing of
+// the cause.
+
+#include "client/argument_order.hpp"
+
+#include "client/member_log.hpp"
+
+namespace bmcbus::client
+{
+
+void LogIfSwapped(const Interface& interface, Family family, const std::string& path,
+                  const std::string& service)
+{
+    if (!service.starts_with('/') || path.starts_with('/'))
+    {
+        return;
+    }
+    const bool cached = family == Family::cached;
+    CLIENT_LOG(error, interface.label, interface.short_name,
+               "swapped arguments [%s], [%s]: %s::%s takes (%s)", (cached ? path : service).c_str(),
+               (cached ? service : path).c_str(), cached ? "ClientCache" : "ClientEdge",
+               interface.short_name, cached ? "path, service" : "service, path");
+}
+
+} // namespace bmcbus::client
