@@ -148,14 +148,6 @@ Anchor::Running::~Running()
     *link = next_;
 }
 
-void CountSignal(uint32_t& count)
-{
-    if (++count == 0)
-    {
-        count = 1;
-    }
-}
-
 void RunCallbacks(Anchor& anchor, const char* function, const CallbackList& callbacks)
 {
     // The object may be gone after a callback.

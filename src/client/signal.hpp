@@ -4,6 +4,7 @@
 
 #include <bmcbus/client/object.hpp>
 
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -25,7 +26,22 @@ class Callbacks
 CallbackList CopyCallbacks(Anchor& anchor);
 
 // Counts one signal; the counter is never 0 again after the first.
-void CountSignal(uint32_t& count);
+constexpr void CountSignal(uint32_t& count)
+{
+    if (++count == 0)
+    {
+        count = 1;
+    }
+}
+
+// No test lives to see the last number.
+static_assert(
+    []
+    {
+        uint32_t last = UINT32_MAX;
+        CountSignal(last);
+        return last;
+    }() == 1);
 
 // Runs `callbacks` until one releases the object, and logs the handler's last line.
 void RunCallbacks(Anchor& anchor, const char* function, const CallbackList& callbacks);

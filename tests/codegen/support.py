@@ -15,6 +15,8 @@ PROGRAM = os.environ.get("BMCBUS_CODEGEN", str(SOURCE / "codegen" / "bmcbus-code
 
 sys.path.insert(0, str(SOURCE / "codegen"))
 
+GOLDEN = HERE / "golden"
+UPDATE = "--update" in sys.argv
 OUTPUT = ("client_cache.cpp", "client_cache.hpp")
 
 
@@ -66,3 +68,15 @@ class GeneratorTest(unittest.TestCase):
         expected = "".join(f"{file}:{line}: {reason}\n" for line, reason in problems)
         self.assertEqual((done.stderr, done.stdout, done.returncode), (expected, "", 1))
         self.assertEqual(self.written(), ())
+
+    def assertGolden(self, name, text):
+        """What is in the file of that name, or will be from now on."""
+        file = GOLDEN / (name + ".golden")
+        if UPDATE:
+            file.write_text(text, encoding="utf-8")
+        with self.subTest(name=name):
+            self.assertEqual(file.read_text(encoding="utf-8"), text)
+
+
+def main():
+    unittest.main(argv=[one for one in sys.argv if one != "--update"])

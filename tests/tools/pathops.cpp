@@ -1,13 +1,9 @@
-#include "pathops_model.hpp"
-
 #include <pathops.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
 #include <clocale>
-#include <random>
 #include <stdexcept>
 #include <string>
 
@@ -124,35 +120,6 @@ TEST(PathOps, TakesLongRunsOfSeparators)
         EXPECT_EQ(DBU_std_key_to_dbus_path_fragment_cfgmgr(key).size(), c == '#' ? 0 : length) << c;
         EXPECT_EQ(DBU_normalize_slashes(key).size(), c == '/' ? 0 : length) << c;
         EXPECT_EQ(DBU_insert_key(key, key).size(), length + underscores.size() + 1) << c;
-    }
-}
-
-TEST(PathOps, AgreesWithTheModelOnRandomKeys)
-{
-    constexpr std::array letters = {'a', 'B', '7', '|', ':', '#', '/', '_', '.', ' ', '\0', '\xC3'};
-    std::mt19937 random(20241124);
-    std::uniform_int_distribution<size_t> length(0, 24);
-    std::uniform_int_distribution<size_t> letter(0, letters.size() - 1);
-    const auto text = [&]
-    {
-        std::string s(length(random), ' ');
-        for (char& c : s)
-        {
-            c = letters[letter(random)];
-        }
-        return s;
-    };
-    for (int i = 0; i < 20000 && !HasFailure(); ++i)
-    {
-        const std::string key = text();
-        const std::string path = text();
-        SCOPED_TRACE(testing::PrintToString(path) + " " + testing::PrintToString(key));
-        EXPECT_EQ(DBU_normalize_slashes(key), model::NormalizeSlashes(key));
-        EXPECT_EQ(DBU_make_lower_case(key), model::LowerCase(key));
-        EXPECT_EQ(DBU_replace_with_underscore(key), model::Underscores(key));
-        EXPECT_EQ(DBU_std_key_to_dbus_path_fragment(key), model::StandardKey(key));
-        EXPECT_EQ(DBU_std_key_to_dbus_path_fragment_cfgmgr(key), model::ManagerKey(key));
-        EXPECT_EQ(DBU_insert_key(path, key), model::InsertKey(path, key));
     }
 }
 
