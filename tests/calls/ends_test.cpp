@@ -119,9 +119,14 @@ TYPED_TEST(NotUp, ConnectionsTimeOutToo)
     this->Pause();
     const bmcbus::BusRef connection = Connect();
     TypeParam loop(connection.get());
+    Told later;
     Told told;
-    const bmcbus::Call call =
-        Update(connection.get()).template Async<int32_t>(told.Listener(), {.timeout = 30ms});
+    const auto start = [&](Told& to, std::chrono::milliseconds timeout) {
+        return Update(connection.get())
+            .template Async<int32_t>(to.Listener(), {.timeout = timeout});
+    };
+    const bmcbus::Call first = start(later, 10min);
+    const bmcbus::Call call = start(told, 30ms);
     EXPECT_TRUE(loop.Run([&] { return told.Once(); }));
     EXPECT_EQ(told.Kind(), CallFailure::Timeout);
     this->Resume();

@@ -210,6 +210,17 @@ TEST(Variant, RefusesWhatIsNoValue)
     EXPECT_EQ(Refusal([] { Variant::MakeDictionary("v", "s", {}); }),
               R"(no complete D-Bus type: "a{vs}")");
     EXPECT_EQ(Refusal([] { Variant::MakeStruct({}); }), R"-(no complete D-Bus type: "()")-");
+    EXPECT_EQ(Variant::MakeStruct({1, "x"}), Variant(std::make_tuple(1, std::string("x"))));
+    // A `v` counts beside the array that it stands in.
+    const auto nest = [](int levels)
+    {
+        for (Variant list = 1; levels > 0; --levels)
+        {
+            list = Variant::MakeArray("v", {list});
+        }
+    };
+    EXPECT_EQ(Refusal([&] { nest(32); }), "none");
+    EXPECT_EQ(Refusal([&] { nest(33); }), "containers are nested more than 64 deep");
     Variant deep = 1;
     EXPECT_EQ(Refusal(
                   [&]
@@ -256,7 +267,7 @@ TEST(Variant, TravelsAsTheKitWritesAndReadsIt)
         bmcbus::testing::TypeSignature{"(ii)a{sv}"},
         std::vector<uint16_t>{1, 2},
         std::vector<bool>{true},
-        std::vector<std::string>{},
+        std::vector<std::vector<std::string>>{{"a"}, {}},
         std::map<std::string, std::tuple<uint8_t, Value>>{{"k", {1, "x"}}},
         Value::Variant(Value::Variant(std::vector<Value>{"a", 1U})),
         std::vector<std::map<std::string, Value>>{{{"k", std::vector<double>{0.5}}}, {}},

@@ -12,8 +12,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdio>
 #include <limits>
 
 using bmcbus::Signature;
@@ -232,17 +230,11 @@ TEST_F(Odd, CallsWithResultsCarryEveryType)
 // What busctl prints of the property `any`, without the line's end.
 std::string Busctl()
 {
-    const std::string command = std::string("busctl get-property ") + service_name + " " + path +
-                                " com.example.test.Odd any 2>&1";
-    std::string said;
-    FILE* const pipe = popen(command.c_str(), "r");
-    std::array<char, 4096> part{};
-    while (pipe != nullptr && fgets(part.data(), int{part.size()}, pipe) != nullptr)
-    {
-        said += part.data();
-    }
-    const int status = pipe != nullptr ? pclose(pipe) : -1;
-    return status == 0 ? said.substr(0, said.find_last_not_of('\n') + 1) : "";
+    bmcbus::testing::Process busctl({"sh", "-c",
+                                     std::string("busctl get-property ") + service_name + " " +
+                                         path + " com.example.test.Odd any"});
+    const std::string said = busctl.Wait() == 0 ? busctl.Output() : "";
+    return said.substr(0, said.find_last_not_of('\n') + 1);
 }
 
 TEST_F(Odd, TextIsWhatBusctlPrints)

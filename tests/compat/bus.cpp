@@ -1,21 +1,14 @@
-// Connections, calls and subscriptions.
+// Connections and calls.
+
+#include "in_child.hpp"
 
 #include <bmcbus/sdbusplus.hpp>
 #include <bmcbus/testing.hpp>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#ifdef MATCH_COMPILES
-#include <sdbusplus/bus/match.hpp>
-#endif
 
-#include <cstdlib>
-#include <functional>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace
 {
@@ -159,23 +152,20 @@ TEST_F(BusTest, ADeadConnectionIsRefusedAndDropped)
 TEST_F(BusTest, AForkedChildCannotUseTheConnection)
 {
     Bus bus = sdbusplus::bus::new_default_system();
-    const pid_t child = fork();
-    if (child == 0)
-    {
-        int code = 1;
-        try
-        {
-            const Bus inherited(Connection(bus));
-        }
-        catch (const std::logic_error&)
-        {
-            code = 0;
-        }
-        _exit(code);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(test::ExitOfChild(
+                  [&]
+                  {
+                      try
+                      {
+                          const Bus inherited(Connection(bus));
+                          return 1;
+                      }
+                      catch (const std::logic_error&)
+                      {
+                          return 0;
+                      }
+                  }),
+              0);
     Emit(bus, "still usable");
 }
 
@@ -186,126 +176,5 @@ TEST_F(BusTest, NoConnectionAtAll)
               "sd_bus_message_new_method_call: System.Error.ENOTCONN: "
               "Transport endpoint is not connected");
 }
-
-#ifdef MATCH_COMPILES
-
-using Match = sdbusplus::bus::match_t;
-namespace rules = sdbusplus::bus::match::rules;
-
-std::string Rule()
-{
-    return rules::type::signal() + rules::path("/path") + rules::interface(interface) +
-           rules::member("debugsignal");
-}
-
-TEST(Rules, EndWithACommaAndEscapeNothing)
-{
-    EXPECT_EQ(Rule(), "type='signal',path='/path',"
-                      "interface='com.tamm.bmc.debug.dataorigin',member='debugsignal',");
-    EXPECT_EQ(rules::path("a'b"), "path='a'b',");
-}
-
-TEST_F(BusTest, EveryMatchingHandlerSeesTheWholeBody)
-{
-    Bus bus = sdbusplus::bus::new_default_system();
-    std::vector<std::string> seen;
-    const auto handler = [&](Message& m)
-    {
-        std::string text;
-        m.read(text);
-        seen.push_back(text);
-    };
-    Match first(bus, Rule(), handler);
-    std::optional<Match> second(std::in_place, bus, Rule().c_str(), handler);
-    Match third(
-        bus, Rule(),
-        [](sd_bus_message* m, void* context, sd_bus_error*)
-        {
-            const char* text = nullptr;
-            sd_bus_message_read(m, "s", &text);
-            static_cast<std::vector<std::string>*>(context)->push_back(text);
-            return 0;
-        },
-        &seen);
-    Match other(bus, rules::type::signal() + rules::member("Other"),
-                [&](Message&) { seen.push_back("other"); });
-    Emit(bus, "a");
-    EXPECT_EQ(seen, (std::vector<std::string>{"a", "a", "a"}));
-    second.reset();
-    Match moved(std::move(first));
-    Emit(bus, "b");
-    EXPECT_EQ(seen, (std::vector<std::string>{"a", "a", "a", "b", "b"}));
-}
-
-TEST_F(BusTest, AMatchKeepsTheConnection)
-{
-    bool ended = false;
-    std::optional<Match> match;
-    int count = 0;
-    sd_bus* raw = nullptr;
-    {
-        Bus bus = sdbusplus::bus::new_default_system();
-        raw = Connection(bus);
-        NoteEnd(raw, ended);
-        match.emplace(bus, Rule(), [&](Message&) { ++count; });
-    }
-    EXPECT_FALSE(ended);
-    {
-        Bus again(raw);
-        Emit(again, "x");
-    }
-    EXPECT_EQ(count, 1);
-    match.reset();
-    EXPECT_TRUE(ended);
-}
-
-TEST_F(BusTest, AMatchMayGoInItsOwnHandler)
-{
-    Bus bus = sdbusplus::bus::new_default_system();
-    static std::optional<Match> match;
-    static int count;
-    count = 0;
-    const auto once = [](sd_bus_message*, void*, sd_bus_error*)
-    {
-        ++count;
-        match.reset();
-        return 0;
-    };
-    match.emplace(bus, Rule(), +once);
-    Emit(bus, "first");
-    Emit(bus, "second");
-    EXPECT_EQ(count, 1);
-
-    // The function goes with the match: it must not use what it captured afterwards.
-    match.emplace(bus, Rule(),
-                  [](Message& m)
-                  {
-                      match.reset();
-                      std::string text;
-                      m.read(text);
-                      count += text == "third" ? 10 : 100;
-                  });
-    Emit(bus, "third");
-    Emit(bus, "fourth");
-    EXPECT_EQ(count, 11);
-}
-
-TEST_F(BusTest, ARefusedRuleDoesNotHarmTheConnection)
-{
-    Bus bus = sdbusplus::bus::new_default_system();
-    try
-    {
-        // Older generations leave an empty subscription, newer ones throw.
-        Match match(bus, rules::type::signal() + rules::path("refused"), [](Message&) {});
-    }
-    catch (const Error& e)
-    {
-        EXPECT_STREQ(e.what(), "sd_bus_match: org.freedesktop.DBus.Error.InvalidArgs: "
-                               "Invalid argument");
-    }
-    Emit(bus, "still usable");
-}
-
-#endif
 
 } // namespace

@@ -76,9 +76,17 @@ TEST_F(LiveObject, ChangesAreThoseThatChanged)
         {{"fanPWMData", Value::Dictionary("s", "(yyyb)", {{"fan2", two}, {"fan1", one}})}});
     Deliver();
     EXPECT_THAT(Seen(), IsEmpty());
-    (*fans)->Set("fanPWMData", FanMap{{"fan1", {30, 31, 33, true}}});
+    for (const char* const name : {"fan1", "fan3"})
+    {
+        (*fans)->Set("fanPWMData", FanMap{{name, {30, 31, 33, true}}});
+        Deliver();
+        EXPECT_THAT(Seen(), ElementsAre("fanPWMData"));
+    }
+    fans->Manage("/com/example");
+    (*fans)->SetQuietly({{"fanCount", uint8_t{4}}});
+    (*fans)->EmitInterfacesAdded();
     Deliver();
-    EXPECT_THAT(Seen(), ElementsAre("fanPWMData"));
+    EXPECT_THAT(Seen(), ElementsAre("fanCount=4"));
 }
 
 TEST_F(LiveObject, ACrashAndAReturn)
