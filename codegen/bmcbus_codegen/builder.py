@@ -14,6 +14,7 @@ from .model import (
     Interface,
     Method,
     Naming,
+    Place,
     Property,
     Signal,
     Wanted,
@@ -33,7 +34,8 @@ ENUM = _OWN + "Enum"
 ERROR = _OWN + "Error"
 PATH = _OWN + "Path"
 SERVICE = _OWN + "Service"
-_KNOWN = (USE_DATACACHE, NAME, CLASS, NAMESPACE, TYPE, ENUM, ERROR, PATH, SERVICE)
+AT = _OWN + "At"
+_KNOWN = (USE_DATACACHE, NAME, CLASS, NAMESPACE, TYPE, ENUM, ERROR, PATH, SERVICE, AT)
 EMITS_CHANGED = "org.freedesktop.DBus.Property.EmitsChangedSignal"
 DOC = ("org.gtk.GDBus.DocString", "org.freedesktop.DBus.DocString")
 _STANDARD = "org.freedesktop.DBus."
@@ -75,6 +77,7 @@ class _Builder:
             model.methods = self._members("method", self._method)
         if wanted.signals:
             model.signals = self._members("signal", self._signal)
+        self._describe_arguments()
         self._check_kinds()
         if self._problems:
             raise Refusal(self._problems)
@@ -102,6 +105,7 @@ class _Builder:
     def _read_annotations(self):
         readers = {ENUM: self._enumeration, ERROR: self._error, PATH: self._path}
         readers[SERVICE] = self._service
+        readers[AT] = self._place
         self._model.doc = _doc(self._element)
         for one in self._element.all("annotation"):
             name, value = one.attributes["name"], one.attributes["value"]
@@ -113,6 +117,14 @@ class _Builder:
                 readers[name](one, value)
             elif name.startswith(_OWN) and name not in _KNOWN:
                 self._note(one.line, f"unknown annotation {name} is passed over")
+
+    def _place(self, element, text):
+        """`com.example.Doors /com/example/doors/front`: a service and an object of it."""
+        words = text.split()
+        if len(words) != 2 or not words[1].startswith("/"):
+            self._note(element.line, f"place '{text}' is not a service and a path; left out")
+        else:
+            self._model.places.append(Place(*words))
 
     def _enumeration(self, element, text):
         """`Color: Red Green`; values are text on the bus, so they may be anything without blanks."""
@@ -296,6 +308,13 @@ class _Builder:
             args.append(self._argument(one, what, f"arg{len(args) + 1}", args))
         class_name = names.identifier(_annotation(element, NAME) or name)
         return Signal(name, element.line, args, class_name, _doc(element))
+
+    def _describe_arguments(self):
+        """An argument that says nothing is what the property of the same name is."""
+        docs = {prop.name: prop.doc for prop in self._model.properties}
+        for signal in self._model.signals:
+            for arg in signal.args:
+                arg.doc = arg.doc or docs.get(arg.name, "")
 
     def _argument(self, element, what, made_up, named=None):
         """Accessors are named by the arguments in `named`, which this one stands behind."""

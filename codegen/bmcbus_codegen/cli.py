@@ -10,7 +10,7 @@ from . import __version__
 from .builder import build, choose, own_interfaces, resolve_enumerations
 from .model import Naming, Wanted
 from .refusal import Problem, Refusal
-from .render import render, write, write_dependencies
+from .render import render, render_page, write, write_dependencies
 from .signature import BASIC
 from .source import read
 
@@ -97,6 +97,13 @@ def _parser():
         "DIR/<its/name/with/slashes>/NAME.hpp and NAME.cpp",
     )
     parser.add_argument(
+        "--page",
+        metavar="NAME",
+        type=_basename,
+        help="take many files, with all interfaces in them, and write one page in Markdown about them, "
+        "with their descriptions, to NAME instead of classes",
+    )
+    parser.add_argument(
         "--output-dir",
         metavar="DIR",
         default=".",
@@ -165,7 +172,8 @@ class _Run:
             _say(file, sorted(set(notes)), "note: ")
 
     def _chosen(self, root):
-        if self._options.tree is None or self._options.interface is not None:
+        many = self._options.tree is not None or self._options.page is not None
+        if not many or self._options.interface is not None:
             return [choose(root, self._options.interface)]
         return own_interfaces(root)
 
@@ -174,20 +182,25 @@ class _Run:
         models = {}
         for _, model in self._models:
             models.setdefault(model.name, model)
+        if self._options.page is not None:
+            page = {self._options.page: render_page([model for _, model in self._models])}
+            self._write_files(page, self._options.output_dir)
+            return
         for file, model in self._models:
             notes = resolve_enumerations(model, models)
             if self._options.tree is not None:
                 _say(file, notes, "note: ")
-            folder = self._folder(model)
-            files = render(model)
-            try:
-                if self._options.tree is not None:
-                    os.makedirs(folder, exist_ok=True)
-                write(files, folder)
-            except OSError as error:
-                self.failed = bool(_fail(f"{folder}: {error.strerror}"))
-            else:
-                self._outputs += [Path(folder, name) for name in files]
+            self._write_files(render(model), self._folder(model))
+
+    def _write_files(self, files, folder):
+        try:
+            if self._options.tree is not None:
+                os.makedirs(folder, exist_ok=True)
+            write(files, folder)
+        except OSError as error:
+            self.failed = bool(_fail(f"{folder}: {error.strerror}"))
+        else:
+            self._outputs += [Path(folder, name) for name in files]
 
     def _folder(self, model):
         if self._options.tree is None:
@@ -226,8 +239,10 @@ class _Run:
 
 
 def _misuse(options):
-    if options.tree is None and len(options.files) > 1:
-        return "several files need -o DIR"
+    if options.tree is not None and options.page is not None:
+        return "--page and -o are two things to make"
+    if options.tree is None and options.page is None and len(options.files) > 1:
+        return "several files need -o DIR or --page NAME"
     if options.tree is not None and (options.namespace or options.class_name):
         if len(options.files) > 1:
             return "--namespace and --class are for one interface"

@@ -74,6 +74,12 @@ class Method:
     doc: str = ""
 
     @property
+    def text(self):
+        """All that the description says, a paragraph each."""
+        said = [f"- `{arg.name}`: {arg.doc}" for arg in self.ins + self.outs if arg.doc]
+        return "\n\n".join(filter(None, [self.doc, *said]))
+
+    @property
     def ins_signature(self):
         return "".join(arg.signature for arg in self.ins)
 
@@ -120,6 +126,14 @@ class Constant:
 
     name: str
     value: str
+
+
+@dataclass(frozen=True)
+class Place:
+    """Where an object with the interface is found."""
+
+    service: str
+    path: str
 
 
 @dataclass(frozen=True)
@@ -196,6 +210,7 @@ class Interface:
     errors: list = field(default_factory=list)
     paths: list = field(default_factory=list)
     services: list = field(default_factory=list)
+    places: list = field(default_factory=list)  # where objects are found
     left_out: list = field(default_factory=list)  # properties that are not served
     neighbours: list = field(default_factory=list)  # the interfaces whose enumerations it uses
     doc: str = ""
@@ -231,6 +246,16 @@ class Interface:
         """The namespace of the tables: sources that are compiled as one do not share it."""
         own = "of_" + re.sub(r"\W", "_", self.basename)
         return "::".join(["bmcbus_tables", *self.namespace, self.class_name, own])
+
+    @property
+    def text(self):
+        """What the description says of the whole, a paragraph each."""
+        return "\n\n".join(filter(None, [self.doc, self.where]))
+
+    @property
+    def where(self):
+        places = ", ".join(f"`{one.path}` of `{one.service}`" for one in self.places)
+        return places and f"Found at {places}."
 
     @property
     def header(self):

@@ -24,6 +24,8 @@ def _environment():
         keep_trailing_newline=True,
     )
     environment.filters["comment"] = comment
+    environment.filters["prose"] = prose
+    environment.filters["anchor"] = anchor
     return environment
 
 
@@ -35,6 +37,21 @@ def comment(text, indent=0):
     for paragraph in re.split(r"\n\s*\n", text.strip()):
         lines += textwrap.wrap(" ".join(paragraph.split()), 97 - indent) + [""]
     return "\n".join(f"{' ' * indent} * {line}".rstrip() for line in lines[:-1])
+
+
+def prose(text):
+    """A description as one line of Markdown, also inside a table."""
+    return re.sub(r"([\\`*_<>|\[\]])", r"\\\1", " ".join(text.split()))
+
+
+def anchor(heading):
+    """What links to a heading, as Markdown's readers make it."""
+    return re.sub(r"[^a-z0-9_ -]", "", heading.lower()).replace(" ", "-")
+
+
+def render_page(interfaces):
+    """Gives a page in Markdown about the interfaces."""
+    return _environment().get_template("page.md.j2").render(interfaces=interfaces)
 
 
 def render(interface):

@@ -27,11 +27,16 @@ def summary(model):
 class Catalogue(GeneratorTest):
     def test_members_and_places(self):
         lines = []
+        page = (SOURCE / "docs" / "catalogue.md").read_text(encoding="utf-8")
         for file in sorted((SOURCE / "com").rglob("*.xml")):
             root, notes = parse(file.read_bytes())
             model, more = build(choose(root, None))
             self.assertEqual(notes + more, [])
             self.assertEqual(str(file.relative_to(SOURCE)), "/".join(model.parts) + f"/{model.name}.xml")
+            # The page for readers has a place of each.
+            rows = [f"| `{one.service}` | `{one.path}` |" for one in model.places]
+            listed = [line for line in page.splitlines() if line.startswith(f"| `{model.name}` |")]
+            self.assertTrue([line for line in listed if line.endswith(tuple(rows))], model.name)
             lines += summary(model)
         self.assertGolden("catalogue", "\n".join(lines) + "\n")
 

@@ -10,6 +10,7 @@ from support import GOLDEN, GeneratorTest, main
 class Golden(GeneratorTest):
     def test_output(self):
         done = self.generate(GOLDEN / "com.example.Door.xml")
+        self.generate("--page", "page.md", GOLDEN / "com.example.Door.xml")
         self.assertGolden("notes", done.stderr.replace(f"{GOLDEN}/", ""))
         for name in self.written():
             self.assertGolden(name, (self.output / name).read_text(encoding="utf-8"))

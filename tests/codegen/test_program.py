@@ -61,7 +61,7 @@ class CommandLine(GeneratorTest):
         for arguments, said in (
             ((), "the following arguments are required: FILE"),
             (("--cach", file), "unrecognized arguments: --cach"),
-            ((file, file), "several files need -o DIR"),
+            ((file, file), "several files need -o DIR or --page NAME"),
             (("--output-dir",), "expected one argument"),
             (("--basename", "a/b", file), "'a/b' is not a plain file name"),
             (("--basename", "", file), "'' is not a plain file name"),

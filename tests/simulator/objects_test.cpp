@@ -6,7 +6,11 @@
 #include <gmock/gmock.h>
 
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <map>
+#include <regex>
+#include <sstream>
 
 namespace test
 {
@@ -46,6 +50,27 @@ TEST_F(SimulatorTest, MapperFindsServicesAndPaths)
     EXPECT_EQ(Ask("GetObject", {"/nowhere", noFilter}).error, notFound);
     EXPECT_EQ(Ask("GetObject", {chassisFans, Names{"com.tamm.bmc.Cpu.cpu"}}).error, notFound);
     EXPECT_EQ(Ask("GetSubTree", {"/nowhere", 0, noFilter}).error, notFound);
+}
+
+// Where the descriptions say that objects are found.
+TEST_F(SimulatorTest, ServesThePlacesOfTheDescriptions)
+{
+    const std::regex place(R"re(com\.tamm\.bmcbus\.At" value="(\S+) ([^"]+)")re");
+    std::istringstream files(BMCBUS_DESCRIPTIONS);
+    for (std::string file; files >> file;)
+    {
+        std::ifstream stream(file);
+        const std::string text(std::istreambuf_iterator<char>(stream), {});
+        const std::string interface = std::filesystem::path(file).stem().string();
+        size_t places = 0;
+        for (std::sregex_iterator at(text.begin(), text.end(), place), end; at != end;
+             ++at, ++places)
+        {
+            const std::string owners = Ask("GetObject", {(*at)[2].str(), Names{interface}}).Text();
+            EXPECT_THAT(owners, HasSubstr('"' + (*at)[1].str() + "\" ")) << (*at)[2];
+        }
+        EXPECT_GT(places, 0U) << file;
+    }
 }
 
 TEST_F(SimulatorTest, MapperForgetsAServiceThatLeft)
