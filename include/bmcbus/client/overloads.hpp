@@ -28,10 +28,6 @@ inline std::string TextOf(const char* text)
 template <class T>
 concept TextPointer = std::same_as<T, const char*> || std::same_as<T, char*>;
 
-/** Text as the overloads that look at it take it. */
-template <class T>
-concept Text = TextPointer<T> || std::same_as<T, std::string>;
-
 /** What would turn into a `bool` without being one, and is not @p Meant for another parameter. */
 template <class T, class... Meant>
 concept NoFlag = std::convertible_to<T, bool> && !std::same_as<T, bool> &&
@@ -44,30 +40,25 @@ concept CreatableFrom = requires(std::string text, More... more)
     Class::Create(text, text, more...);
 };
 
-/** @name Whether text that is known while compiling stands in the wrong place. @{ */
-constexpr bool IsNoPath(const char* path)
+/** Whether a path and a service stand in one another's place. @{ */
+[[gnu::always_inline]] constexpr bool AreSwapped(const char* path, const char* service)
 {
-    return path != nullptr && *path != '\0' && *path != '/';
+    return path != nullptr && service != nullptr && *path != '\0' && *path != '/' &&
+           *service == '/';
 }
-constexpr bool IsNoService(const char* service)
-{
-    return service != nullptr && *service == '/';
-}
-constexpr bool IsNoPath(const std::string& /*path*/)
-{
-    return false;
-}
-constexpr bool IsNoService(const std::string& /*service*/)
+// clang asks before it looks at what a template requires.
+template <class At, class Owner>
+constexpr bool AreSwapped(const At& /*path*/, const Owner& /*service*/)
 {
     return false;
 }
 /** @} */
 
 /**
- * Cached classes take a path and a service, direct classes a service and a path. A literal that is
- * in the other's place does not compile: always with clang, whose front end compares them, and from
+ * Cached classes take a path and a service, direct classes a service and a path. Two literals in
+ * one another's place do not compile: always with clang, whose front end compares them, and from
  * -O1 with g++, which sees what is left when the functions below are inlined. Other text is looked
- * at while the program runs, and logged.
+ * at while the program runs, and logged. One that is wrong by itself is refused where it is used.
  */
 #define BMCBUS_SWAPPED                                                                             \
     "a path begins with '/', a service never does: "                                               \
@@ -75,8 +66,7 @@ constexpr bool IsNoService(const std::string& /*service*/)
 #ifdef __clang__
 #define BMCBUS_IN_ORDER(path, service)                                                             \
     _Pragma("clang diagnostic push") _Pragma("clang diagnostic ignored \"-Wgcc-compat\"")          \
-        __attribute__((diagnose_if(bmcbus::client::IsNoPath(path), BMCBUS_SWAPPED, "error"),       \
-                       diagnose_if(bmcbus::client::IsNoService(service), BMCBUS_SWAPPED,           \
+        __attribute__((diagnose_if(bmcbus::client::AreSwapped(path, service), BMCBUS_SWAPPED,      \
                                    "error"))) _Pragma("clang diagnostic pop")
 inline void Swapped() {}
 #else
@@ -84,31 +74,14 @@ inline void Swapped() {}
 [[gnu::error(BMCBUS_SWAPPED)]] void Swapped();
 #endif
 
-/** A path and a service for the constructor; null means no service. @{ */
-[[gnu::always_inline]] inline std::string PathOf(const char* path)
+/** The path for the constructor, looked at together with the service. */
+[[gnu::always_inline]] inline std::string PathOf(const char* path, const char* service)
 {
-    if (__builtin_constant_p(*path) && *path != '\0' && *path != '/')
+    if (__builtin_constant_p(*path) && __builtin_constant_p(*service) && AreSwapped(path, service))
     {
         Swapped();
     }
     return path;
 }
-[[gnu::always_inline]] inline std::string ServiceOf(const char* service)
-{
-    if (__builtin_constant_p(*service) && *service == '/')
-    {
-        Swapped();
-    }
-    return TextOf(service);
-}
-inline std::string PathOf(std::string&& path)
-{
-    return std::move(path);
-}
-inline std::string ServiceOf(std::string&& service)
-{
-    return std::move(service);
-}
-/** @} */
 
 } // namespace bmcbus::client
