@@ -1,3 +1,3 @@
 """Proxy classes in C++ from D-Bus introspection XML: parser, checked model, templates."""
 
-__version__ = "0.1.0"
+__version__ = "0.2.0"

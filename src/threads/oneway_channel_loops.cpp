@@ -9,6 +9,11 @@
 
 #include <algorithm>
 
+// The library does not bring CZMQ: who has a zloop has linked it, and in all other programs these
+// are null.
+#pragma weak zloop_poller
+#pragma weak zloop_poller_end
+
 namespace infrautils
 {
 
@@ -65,8 +70,12 @@ int OneWayChannel::RegisterZLoop(zloop_t* loop, void* context, Function function
         return _ReturnAlreadyRegistered();
     }
     zmq_pollitem_t item = PollItem(pipeFds[0]);
-    zloop_poller_end(loop, &item); // left by a registration that another loop took the place of
-    const int result = zloop_poller(loop, &item, _OneWayChannelZLoopFunctionHandler, this);
+    int result = -1;
+    if (zloop_poller != nullptr && zloop_poller_end != nullptr)
+    {
+        zloop_poller_end(loop, &item); // left by a registration that another loop took the place of
+        result = zloop_poller(loop, &item, _OneWayChannelZLoopFunctionHandler, this);
+    }
     if (result != 0)
     {
         CHANNEL_LOG(error, "Registering pipe to poller failed : %d", result);

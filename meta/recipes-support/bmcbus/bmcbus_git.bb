@@ -7,13 +7,14 @@ LIC_FILES_CHKSUM = "file://LICENSE;md5=3b83ef96387f14655fc854ddc3c6bd57"
 # Where your copy is, and the commit of the release that you take.
 SRC_URI = "git://git.example.com/libbmcbus.git;protocol=https;branch=main"
 SRCREV = "0000000000000000000000000000000000000000"
-PV = "0.1.0+git${SRCPV}"
+PV = "0.2.0+git${SRCPV}"
 S = "${WORKDIR}/git"
 
 inherit meson pkgconfig python3native
 
 # The generator runs while the library is built, on the build machine.
-DEPENDS = "python3-jinja2-native"
+DEPENDS = "python3-jinja2-native python3-pyyaml-native"
+# Of CZMQ only the headers: it comes into an image with the programs that have a zloop.
 DEPENDS:append:class-target = " boost czmq systemd"
 
 EXTRA_OEMESON:class-target = "-Dwerror=false -Dtests=disabled -Dexamples=disabled"
@@ -41,4 +42,4 @@ PACKAGE_BEFORE_PN = "${PN}-simulator"
 FILES:${PN}-simulator = "${bindir}/bmcbus-simulator ${systemd_system_unitdir} ${datadir}/doc/bmcbus"
 FILES:${PN}-dev += "${bindir}/bmcbus-codegen ${datadir}/bmcbus ${datadir}/dbus-1/interfaces \
                     ${libdir}/bmcbus ${libdir}/cmake"
-RDEPENDS:${PN}-dev += "python3-core python3-jinja2"
+RDEPENDS:${PN}-dev += "python3-core python3-jinja2 python3-pyyaml"
