@@ -59,6 +59,7 @@ class Model : public LiveTest
     struct Owner
     {
         std::unique_ptr<kit::FakeService> service;
+        std::unique_ptr<kit::FakeService> former;
         std::map<int, Object> objects;
         bool running = false;
     };
@@ -156,6 +157,7 @@ class Model : public LiveTest
                      [this](Fans& now, const bmcbus::Changes& what)
                  {
                      EXPECT_FALSE(what.empty());
+                     EXPECT_TRUE(now.Ready());
                      Check(now);
                  },
                  .on_state =
@@ -195,7 +197,41 @@ class Model : public LiveTest
                 Plug(object);
             }
         }
-        owner.service->RequestName(ServiceName(i));
+        owner.service->TakeName(ServiceName(i));
+    }
+
+    // A successor takes the name; what it takes it from runs on for a while, as a stranger.
+    void Replace(int i)
+    {
+        Owner& owner = owners[i];
+        owner.former = std::move(owner.service);
+        StartService(i);
+        if (Chance(2))
+        {
+            owner.former.reset();
+        }
+        else
+        {
+            owner.former->EmitRaw(Path(i), "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                                  {fanInterface, kit::AsPropertyMap({{"fanCount", uint8_t{0}}}),
+                                   std::vector<std::string>()});
+        }
+    }
+
+    // A crash, sometimes with a successor at once; or a successor that does not wait for that.
+    void EndService(int i)
+    {
+        if (Chance(3))
+        {
+            Replace(i);
+            return;
+        }
+        owners[i].service.reset();
+        owners[i].running = false;
+        if (Chance(2))
+        {
+            StartService(i);
+        }
     }
 
     void Plug(int object)
@@ -255,13 +291,7 @@ class Model : public LiveTest
         }
         else if (what == 9)
         {
-            // A crash, sometimes with a successor at once.
-            owner.service.reset();
-            owner.running = false;
-            if (Chance(2))
-            {
-                StartService(Home(object));
-            }
+            EndService(Home(object));
         }
         else if (what == 10)
         {
