@@ -154,7 +154,7 @@ Result<T> ResultOf(const Outcome& outcome, const ReplyType& type)
 }
 
 /** Sends @p call and waits for its end; false with @p error filled when there is no value. */
-BMCBUS_EXPORT bool Exchange(MessageRef call, const CallOptions& options, const ReplyType& type,
+BMCBUS_EXPORT bool Exchange(sd_bus_message* call, const CallOptions& options, const ReplyType& type,
                             void* value, CallError& error) noexcept;
 
 /** The blocking form of a call. */
@@ -173,7 +173,7 @@ Result<T> TryCall(MessageRef call, CallError* refusal, const CallOptions& option
     {
         value = std::addressof(*result);
     }
-    if (!Exchange(std::move(call), options, type, value, error))
+    if (!Exchange(call.get(), options, type, value, error))
     {
         result = Unexpected(std::move(error));
     }

@@ -26,7 +26,8 @@ constexpr uint64_t many = 10'000; // messages in the queue
 // The connection that a thread made its last call on.
 struct Seen
 {
-    char name[32] = ""; // a bus gives none twice
+    const sd_bus* bus = nullptr; // only to be compared: another may have its place by now
+    char name[32] = "";          // a bus gives none twice
     uint64_t cookie = 0;
     uint64_t kept = 0; // messages that were looked at and left
     bool ours = false; // whether nothing but our calls was sent
@@ -35,18 +36,28 @@ struct Seen
 
 thread_local constinit Seen seen;
 
-// Follows the cookies of the connection.
-void Follow(const char* name, uint64_t cookie)
+bool IsSeen(sd_bus* bus)
 {
-    if (std::strcmp(seen.name, name) != 0)
+    const char* name = nullptr;
+    return sd_bus_get_unique_name(bus, &name) >= 0 && std::strcmp(seen.name, name) == 0;
+}
+
+// Another connection, or one that somebody else sent something on.
+void Look(sd_bus* bus, uint64_t cookie)
+{
+    if (bus == seen.bus && IsSeen(bus))
     {
-        seen = {};
-        seen.cookie = hello;
-        seen.ours = std::strlen(name) < sizeof(seen.name);
+        seen.ours = false;
+        return;
+    }
+    seen = {};
+    seen.bus = bus;
+    const char* name = nullptr;
+    if (sd_bus_get_unique_name(bus, &name) >= 0)
+    {
+        seen.ours = cookie == hello + 1 && std::strlen(name) < sizeof(seen.name);
         static_cast<void>(std::snprintf(seen.name, sizeof(seen.name), "%s", name));
     }
-    seen.ours = seen.ours && cookie == seen.cookie + 1;
-    seen.cookie = cookie;
 }
 
 // Comes before every other filter of the connection. Calls are left for objects that may be there.
@@ -80,22 +91,17 @@ void Drop(sd_bus* bus, uint64_t queued)
     seen.ours = result >= 0; // inside a handler after all, or the end of the connection
 }
 
-} // namespace
-
-void LookAtBacklog(sd_bus* bus, sd_bus_message* call)
+// So many wait.
+void Sort(sd_bus* bus, uint64_t queued)
 {
-    const char* name = nullptr;
-    uint64_t cookie = 0;
-    uint64_t queued = 0;
-    if (sd_bus_get_unique_name(bus, &name) < 0 || sd_bus_message_get_cookie(call, &cookie) < 0 ||
-        sd_bus_get_n_queued_read(bus, &queued) < 0)
-    {
-        return;
-    }
-    Follow(name, cookie);
     if (seen.ours && queued > seen.kept && sd_bus_get_event(bus) == nullptr)
     {
-        Drop(bus, queued);
+        // A new connection in the place of the old one can go on with its cookies by chance.
+        seen.ours = IsSeen(bus);
+        if (seen.ours)
+        {
+            Drop(bus, queued);
+        }
     }
     else if (queued > many && !seen.told)
     {
@@ -105,6 +111,28 @@ void LookAtBacklog(sd_bus* bus, sd_bus_message* call)
                    "bmcbus::ProcessQueue()",
                    queued);
     }
+}
+
+} // namespace
+
+uint64_t LookAtBacklog(sd_bus* bus, sd_bus_message* call)
+{
+    uint64_t cookie = 0;
+    uint64_t queued = 0;
+    if (sd_bus_message_get_cookie(call, &cookie) < 0 || sd_bus_get_n_queued_read(bus, &queued) < 0)
+    {
+        return 0;
+    }
+    if (bus != seen.bus || cookie != seen.cookie + 1)
+    {
+        Look(bus, cookie);
+    }
+    seen.cookie = cookie;
+    if (queued != 0)
+    {
+        Sort(bus, queued);
+    }
+    return queued;
 }
 
 int ProcessQueue(sd_bus* bus)

@@ -13,13 +13,9 @@
 namespace bmcbus
 {
 
-int Require(int result, const char* step)
+void Fail(int result, const char* step)
 {
-    if (result < 0)
-    {
-        throw Error(-result, step);
-    }
-    return result;
+    throw Error(-result, step);
 }
 
 int AwaitReady(sd_bus* bus, const Deadline& deadline)
@@ -61,51 +57,63 @@ BusRef DefaultBus(const Deadline& deadline)
     return bus;
 }
 
+namespace
+{
+
+inline MessageRef MakeCall(sd_bus* bus, const char* service, std::string_view path,
+                           const char* interface, const char* member)
+{
+    sd_bus_message* raw = nullptr;
+    Require(sd_bus_message_new_method_call(bus, &raw, service, path.data(), interface, member),
+            "sd_bus_message_new_method_call");
+    MessageRef call(raw);
+    Require(StartMessage(raw, path.size()), "sd_bus_message_new_method_call");
+    return call;
+}
+
+inline void RequireWhole(std::string_view service, std::string_view path)
+{
+    const bool whole =
+        std::strlen(service.data()) == service.size() && std::strlen(path.data()) == path.size();
+    Require(whole ? 0 : -EINVAL, "sd_bus_message_new_method_call");
+}
+
+} // namespace
+
 MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const char* interface,
                    const char* member)
 {
-    sd_bus_message* raw = nullptr;
-    Require(sd_bus_message_new_method_call(bus, &raw, service, path, interface, member),
-            "sd_bus_message_new_method_call");
-    MessageRef call(raw);
-    uint64_t names = 0;
-    for (const char* const name : {service, path, interface, member})
-    {
-        names += name == nullptr ? 0 : std::strlen(name);
-    }
-    StartMessage(raw, names);
-    if (!Fits(names))
-    {
-        throw Error(EMSGSIZE, "sd_bus_message_new_method_call");
-    }
-    return call;
+    return MakeCall(bus, service, path, interface, member);
 }
 
 MessageRef NewCall(sd_bus* bus, const std::string& service, const std::string& path,
                    const char* interface, const char* member)
 {
-    const bool whole =
-        service.find('\0') == std::string::npos && path.find('\0') == std::string::npos;
-    if (!whole)
+    RequireWhole(service, path);
+    return MakeCall(bus, service.c_str(), path, interface, member);
+}
+
+MessageRef NewCallOn(sd_bus* bus, std::string_view service, std::string_view path,
+                     const char* interface, const char* member)
+{
+    // Under a connection that is being freed nothing may be looked up, least of all itself.
+    if (detail::Hub::Freeing(bus))
     {
-        throw Error(EINVAL, "sd_bus_message_new_method_call");
+        throw Error(ENOTCONN, "sd_bus_default_system");
     }
-    return NewCall(bus, service.c_str(), path.c_str(), interface, member);
+    BusRef held;
+    if (bus == nullptr)
+    {
+        Require(sd_bus_default_system(&bus), "sd_bus_default_system");
+        held.reset(bus);
+    }
+    RequireWhole(service, path);
+    return MakeCall(bus, service.data(), path, interface, member);
 }
 
 int Exchange(sd_bus* bus, sd_bus_message* call, sd_bus_error& error, MessageRef& reply,
-             const Deadline& deadline)
+             uint64_t timeout)
 {
-    uint64_t timeout = 0; // the connection's default
-    if (deadline.IsSet())
-    {
-        const int ready = AwaitReady(bus, deadline);
-        timeout = deadline.Left();
-        if (ready < 0 || timeout == 0)
-        {
-            return sd_bus_error_set_errno(&error, ready < 0 ? ready : -ETIMEDOUT);
-        }
-    }
     sd_bus_message* raw = nullptr;
     const int result = [&]
     {
@@ -116,16 +124,18 @@ int Exchange(sd_bus* bus, sd_bus_message* call, sd_bus_error& error, MessageRef&
     {
         reply.reset(raw);
     }
-    LookAtBacklog(bus, call);
-    detail::RingForQueued(bus);
+    if (LookAtBacklog(bus, call) != 0 || result < 0)
+    {
+        detail::RingForQueued(bus);
+    }
     return result;
 }
 
-MessageRef ReplyTo(sd_bus* bus, sd_bus_message* call, const Deadline& deadline)
+MessageRef ReplyTo(sd_bus* bus, sd_bus_message* call)
 {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     MessageRef reply;
-    if (Exchange(bus, call, error, reply, deadline) < 0)
+    if (Exchange(bus, call, error, reply) < 0)
     {
         throw Error(&error, "sd_bus_call");
     }

@@ -18,12 +18,23 @@
 #include <systemd/sd-bus.h>
 
 #include <string>
+#include <string_view>
 
 namespace bmcbus
 {
 
-// Throws Error(-result, step) for a negative result, else gives it back.
-int Require(int result, const char* step);
+// Throws Error(-result, step).
+[[noreturn]] void Fail(int result, const char* step);
+
+// Does so for a negative result, else gives it back.
+inline int Require(int result, const char* step)
+{
+    if (result < 0) [[unlikely]]
+    {
+        Fail(result, step);
+    }
+    return result;
+}
 
 // Waits until the connection is up; negative when it is dead or inherited, -ETIMEDOUT when the
 // deadline passed first. libsystemd by itself knows no deadline before a connection is up.
@@ -42,16 +53,21 @@ MessageRef NewCall(sd_bus* bus, const char* service, const char* path, const cha
 MessageRef NewCall(sd_bus* bus, const std::string& service, const std::string& path,
                    const char* interface, const char* member);
 
-// Sends `call` once and waits for its reply, until the deadline or, when that is not set, for the
-// connection's default timeout. The deadline holds for a connection that is not up yet, too; when
-// it has passed already, nothing is sent. Works inside handlers of the connection.
+// The same, without waiting for the connection; the thread's default one where `bus` is null. Each
+// name ends in a zero byte.
+MessageRef NewCallOn(sd_bus* bus, std::string_view service, std::string_view path,
+                     const char* interface, const char* member);
+
+// Sends `call` once and waits for its reply, for so many microseconds or, when that is zero, for
+// the connection's default timeout. On a connection that is not up yet libsystemd does not count:
+// see AwaitReady. Works inside handlers of the connection.
 //
 // Negative with `error` filled, for an error reply as well; release it with sd_bus_error_free.
 // Never throws.
 int Exchange(sd_bus* bus, sd_bus_message* call, sd_bus_error& error, MessageRef& reply,
-             const Deadline& deadline = {});
+             uint64_t timeout = 0);
 
 // The same; throws Error made from the error reply or the failure, with the prefix "sd_bus_call".
-MessageRef ReplyTo(sd_bus* bus, sd_bus_message* call, const Deadline& deadline = {});
+MessageRef ReplyTo(sd_bus* bus, sd_bus_message* call);
 
 } // namespace bmcbus

@@ -4,6 +4,8 @@
 #include "bus/call_hub.hpp"
 #include "log.hpp"
 
+#include <bmcbus/wire.hpp>
+
 #include <algorithm>
 #include <utility>
 
@@ -272,28 +274,33 @@ namespace
 {
 
 // Types after the expected ones are ignored, as everywhere: services grow.
-bool ReadReply(sd_bus_message* reply, const ReplyType& type, void* value, CallError& error)
+void ReadReply(sd_bus_message* reply, const ReplyType& type, void* value)
 {
-    const char* found = sd_bus_message_get_signature(reply, 1);
-    if (!std::string_view(found).starts_with(type.property ? "v" : type.signature))
-    {
-        error = TypesError(type.property ? "v" : type.signature, found);
-        return false;
-    }
     if (type.property)
     {
-        const char* inside = nullptr;
-        char variant = 0;
-        if (sd_bus_message_peek_type(reply, &variant, &inside) < 0 ||
-            std::string_view(inside) != type.signature)
-        {
-            error = TypesError(type.signature, inside);
-            return false;
-        }
-        sd_bus_message_enter_container(reply, SD_BUS_TYPE_VARIANT, type.signature);
+        client::Enter(reply, SD_BUS_TYPE_VARIANT, type.signature, client::step::enterVariant);
     }
     type.read(reply, value, type.how);
-    return true;
+}
+
+// Of a reply that could not be read, mostly because it has other types.
+CallError WhyNot(sd_bus_message* reply, const ReplyType& type,
+                 const std::exception& failure) noexcept
+{
+    const char* expected = type.property ? "v" : type.signature;
+    const char* found = sd_bus_message_get_signature(reply, 1);
+    if (!std::string_view(found).starts_with(expected))
+    {
+        return TypesError(expected, found);
+    }
+    char variant = 0;
+    if (type.property && (sd_bus_message_rewind(reply, 1) < 0 ||
+                          sd_bus_message_peek_type(reply, &variant, &found) < 0 ||
+                          found == nullptr || std::string_view(found) != type.signature))
+    {
+        return TypesError(type.signature, found);
+    }
+    return ReadError(failure);
 }
 
 } // namespace
@@ -302,11 +309,12 @@ bool Decode(sd_bus_message* reply, const ReplyType& type, void* value, CallError
 {
     try
     {
-        return ReadReply(reply, type, value, error);
+        ReadReply(reply, type, value);
+        return true;
     }
     catch (const std::exception& failure)
     {
-        error = ReadError(failure);
+        error = WhyNot(reply, type, failure);
     }
     return false;
 }

@@ -28,17 +28,9 @@ int IgnoreSignal(sd_bus_message*, void*, sd_bus_error*)
     return 0;
 }
 
-thread_local const sd_bus* freeing = nullptr;
+thread_local constinit const sd_bus* freeing = nullptr;
 
 } // namespace
-
-uint64_t Now()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 +
-           static_cast<uint64_t>(now.tv_nsec) / 1'000;
-}
 
 // The hubs of one thread. One whose connection is gone is taken out by the next look.
 struct HubList
@@ -80,7 +72,9 @@ namespace
 thread_local HubList hubs;
 } // namespace
 
-bool Hub::Freeing(const sd_bus* bus)
+constinit std::atomic<int> Hub::dying = 0;
+
+bool Hub::FreeingHere(const sd_bus* bus)
 {
     return freeing != nullptr && (bus == nullptr || bus == freeing);
 }
@@ -406,7 +400,9 @@ void Hub::Die()
         return;
     }
     const sd_bus* outer = std::exchange(freeing, bus.load(std::memory_order_relaxed));
+    dying.fetch_add(1, std::memory_order_relaxed);
     FailAll();
+    dying.fetch_sub(1, std::memory_order_relaxed);
     freeing = outer;
 }
 

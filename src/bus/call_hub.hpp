@@ -7,6 +7,8 @@
 // alive. A connection that is freed frees its slots, which is how a hub learns of it; a connection
 // that was only closed tells nobody, so the timer looks.
 
+#include "bus/deadline.hpp"
+
 #include <bmcbus/call.hpp>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
@@ -20,9 +22,6 @@ namespace bmcbus::detail
 {
 
 inline constexpr uint64_t never = std::numeric_limits<uint64_t>::max();
-
-// Microseconds of the monotonic clock.
-uint64_t Now();
 
 // When a call that is sent on `bus` now must have ended.
 uint64_t DeadlineOf(sd_bus* bus, const CallOptions& options, uint64_t now);
@@ -51,7 +50,10 @@ struct Hub
 
     // Whether `bus` is being freed in this thread. For null: whether any is, as that may be the
     // default one, which must not be looked up then.
-    static bool Freeing(const sd_bus* bus);
+    static bool Freeing(const sd_bus* bus)
+    {
+        return dying.load(std::memory_order_relaxed) != 0 && FreeingHere(bus);
+    }
 
     void Add(PendingCall& call);
     void Remove(PendingCall& call);
@@ -80,7 +82,11 @@ struct Hub
   private:
     friend struct HubList;
 
+    // How many threads are freeing a connection. Few ever do, and every call asks.
+    static constinit std::atomic<int> dying;
+
     explicit Hub(sd_bus* connection) : bus(connection) {}
+    static bool FreeingHere(const sd_bus* bus);
     ~Hub();
 
     static void OnConnectionGone(void* hub);

@@ -2,12 +2,12 @@
 
 #include "bus/bus.hpp"
 #include "bus/call_errors.hpp"
-#include "bus/call_hub.hpp"
 
 #include <bmcbus/sdbusplus.hpp>
 
 #include <cerrno>
 #include <new>
+#include <string_view>
 #include <utility>
 
 namespace bmcbus::detail
@@ -15,38 +15,9 @@ namespace bmcbus::detail
 namespace
 {
 
-BusRef Take(sd_bus* bus)
-{
-    // Under a connection that is being freed nothing may be looked up, least of all itself.
-    if (Hub::Freeing(bus))
-    {
-        throw Error(ENOTCONN, "sd_bus_default_system");
-    }
-    if (bus != nullptr)
-    {
-        return BusRef(sd_bus_ref(bus));
-    }
-    sd_bus* raw = nullptr;
-    Require(sd_bus_default_system(&raw), "sd_bus_default_system");
-    return BusRef(raw);
-}
-
 bool IsWhole(std::string_view name)
 {
     return name.find('\0') == std::string_view::npos;
-}
-
-// What a step threw, as the result of a call that was never sent.
-CallError Refusal(const std::exception& thrown) noexcept
-{
-    const auto* error = dynamic_cast<const Error*>(&thrown);
-    CallError refusal = RefusedError(thrown.what());
-    if (error != nullptr)
-    {
-        refusal = StepError(-error->get_errno(), "");
-        refusal.message = RefusedError(error->what()).message;
-    }
-    return refusal;
 }
 
 // Whom it was for, as far as there is memory for that.
@@ -67,21 +38,36 @@ void Describe(const Destination& to, CallError& refusal) noexcept
 
 } // namespace
 
+CallError Refusal(const std::exception& thrown) noexcept
+{
+    const auto* error = dynamic_cast<const Error*>(&thrown);
+    CallError refusal = RefusedError(thrown.what());
+    if (error != nullptr)
+    {
+        refusal = StepError(-error->get_errno(), "");
+        refusal.message = RefusedError(error->what()).message;
+    }
+    return refusal;
+}
+
+CallError Refusal(const std::exception& thrown, const Destination& to) noexcept
+{
+    CallError refusal = Refusal(thrown);
+    Describe(to, refusal);
+    return refusal;
+}
+
 MessageRef NewRequest(sd_bus* bus, const Destination& to, CallError& refusal) noexcept
 {
     try
     {
-        const bool whole =
-            IsWhole(to.service) && IsWhole(to.path) && IsWhole(to.interface) && IsWhole(to.member);
-        Require(whole ? 0 : -EINVAL, "sd_bus_message_new_method_call");
-        const BusRef on = Take(bus);
-        return NewCall(on.get(), to.service.data(), to.path.data(), to.interface.data(),
-                       to.member.data());
+        Require(IsWhole(to.interface) && IsWhole(to.member) ? 0 : -EINVAL,
+                "sd_bus_message_new_method_call");
+        return NewCallOn(bus, to.service, to.path, to.interface.data(), to.member.data());
     }
     catch (const std::exception& error)
     {
-        refusal = Refusal(error);
-        Describe(to, refusal);
+        refusal = Refusal(error, to);
     }
     return nullptr;
 }

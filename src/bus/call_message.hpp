@@ -6,13 +6,18 @@
 #include <bmcbus/refs.hpp>
 #include <bmcbus/request.hpp>
 
-#include <cstdint>
+#include <exception>
 
 namespace bmcbus::detail
 {
 
-// A call on `bus`, on the thread's default connection when that is null. Does not wait until the
-// connection is up. Null with `refusal` filled when it cannot be made.
+// What a step threw, as the result of a call that was never sent.
+CallError Refusal(const std::exception& thrown) noexcept;
+
+// The same, and whom it was for.
+CallError Refusal(const std::exception& thrown, const Destination& to) noexcept;
+
+// A call by name; null with `refusal` filled when it cannot be made.
 MessageRef NewRequest(sd_bus* bus, const Destination& to, CallError& refusal) noexcept;
 
 // Runs a writer of arguments; false with `refusal` filled when it throws.

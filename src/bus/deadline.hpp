@@ -13,6 +13,20 @@
 namespace bmcbus
 {
 
+namespace detail
+{
+
+// Microseconds of the monotonic clock.
+inline uint64_t Now()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 +
+           static_cast<uint64_t>(now.tv_nsec) / 1'000;
+}
+
+} // namespace detail
+
 class Deadline
 {
   public:
@@ -29,36 +43,34 @@ class Deadline
         }
     }
 
+    // At a moment in microseconds of the monotonic clock.
+    static Deadline At(uint64_t moment)
+    {
+        Deadline deadline;
+        deadline.at_ = moment;
+        return deadline;
+    }
+
     // In so many microseconds from now.
     static Deadline In(uint64_t microseconds)
     {
-        Deadline deadline;
-        const uint64_t now = Now();
-        deadline.at_ = microseconds > never - now ? never : now + microseconds;
-        return deadline;
+        const uint64_t now = detail::Now();
+        return At(microseconds > never - now ? never : now + microseconds);
     }
 
     bool IsSet() const { return at_ != never; }
 
-    bool Passed() const { return IsSet() && Now() >= at_; }
+    bool Passed() const { return IsSet() && detail::Now() >= at_; }
 
     // Microseconds; 0 when it has passed, the largest number when it never does.
     uint64_t Left() const
     {
-        const uint64_t now = IsSet() ? Now() : 0;
+        const uint64_t now = IsSet() ? detail::Now() : 0;
         return IsSet() ? (at_ > now ? at_ - now : 0) : never;
     }
 
   private:
     static constexpr uint64_t never = std::numeric_limits<uint64_t>::max();
-
-    static uint64_t Now()
-    {
-        timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        return static_cast<uint64_t>(now.tv_sec) * 1'000'000 +
-               static_cast<uint64_t>(now.tv_nsec) / 1'000;
-    }
 
     uint64_t at_ = never; // microseconds
 };

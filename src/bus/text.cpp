@@ -7,7 +7,7 @@ namespace bmcbus
 namespace
 {
 
-// Length of the UTF-8 sequence at the start of `s`, 0 when there is none.
+// Length of the longer UTF-8 sequence at the start of `s`, 0 when there is none.
 size_t SequenceLength(const unsigned char* s, size_t left)
 {
     const auto continues = [&](size_t at) { return at < left && (s[at] & 0xC0U) == 0x80U; };
@@ -34,17 +34,14 @@ size_t SequenceLength(const unsigned char* s, size_t left)
 
 } // namespace
 
-bool IsBusText(std::string_view text)
+bool IsOtherBusText(std::string_view text)
 {
     const auto* s = reinterpret_cast<const unsigned char*>(text.data());
     const unsigned char* const end = s + text.size();
     while (s != end)
     {
-        if (*s == 0)
-        {
-            return false;
-        }
-        const size_t length = *s < 0x80 ? 1 : SequenceLength(s, static_cast<size_t>(end - s));
+        const bool plain = *s - 1U < 0x7F;
+        const size_t length = plain ? 1 : SequenceLength(s, static_cast<size_t>(end - s));
         if (length == 0)
         {
             return false;

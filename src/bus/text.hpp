@@ -8,7 +8,20 @@
 namespace bmcbus
 {
 
+// Whether text in which something is not ASCII, or zero, may travel.
+bool IsOtherBusText(std::string_view text);
+
 // True for text that may travel as a D-Bus string: valid UTF-8 without zero bytes.
-bool IsBusText(std::string_view text);
+inline bool IsBusText(std::string_view text)
+{
+    for (const char c : text)
+    {
+        if (static_cast<unsigned char>(c) - 1U >= 0x7F)
+        {
+            return IsOtherBusText(text);
+        }
+    }
+    return true;
+}
 
 } // namespace bmcbus

@@ -1,5 +1,6 @@
 #include <bmcbus/client/calls.hpp>
 
+#include "bus/bus.hpp"
 #include "bus/call_errors.hpp"
 #include "bus/call_message.hpp"
 #include "client/value.hpp"
@@ -18,77 +19,57 @@ namespace
 
 constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
 
-// Names of what is called, and the writer of its arguments.
-template <class Write>
-MessageRef Make(Target& target, const char* interface, const char* member, CallError& refusal,
-                const Write& write) noexcept
-{
-    if (target.service.empty())
-    {
-        refusal = bmcbus::detail::RefusedError("No service is known for ", target.path.c_str());
-        return nullptr;
-    }
-    MessageRef call = bmcbus::detail::NewRequest(
-        target.bus.get(), {target.service, target.path, interface, member}, refusal);
-    const bool made = call && bmcbus::detail::AppendTo(
-                                  call.get(),
-                                  [](sd_bus_message* message, const void* how)
-                                  { (*static_cast<const Write*>(how))(message); },
-                                  &write, refusal);
-    return made ? std::move(call) : MessageRef();
-}
-
 void AppendName(sd_bus_message* call, const char* name)
 {
     AppendBasic(call, SD_BUS_TYPE_STRING, name);
 }
 
-MessageRef GetCall(Target& target, uint16_t property, CallError& refusal) noexcept
+const char* MemberOf(const Operation& operation)
 {
-    const Interface& interface = *target.interface;
-    return Make(target, propertiesInterface, "Get", refusal,
-                [&](sd_bus_message* call)
-                {
-                    AppendName(call, interface.name);
-                    AppendName(call, interface.NameOf(interface.properties[property]));
-                });
+    switch (operation.ask)
+    {
+        case Ask::Get:
+            return "Get";
+        case Ask::Set:
+            return "Set";
+        case Ask::GetAll:
+            return "GetAll";
+        default:
+            return operation.target.interface->methods[operation.number].name;
+    }
 }
 
-MessageRef SetCall(Target& target, uint16_t property, const void* value,
-                   CallError& refusal) noexcept
+void AppendProperty(sd_bus_message* call, const Operation& operation)
 {
-    const Interface& interface = *target.interface;
-    return Make(target, propertiesInterface, "Set", refusal,
-                [&](sd_bus_message* call)
-                {
-                    const Property& written = interface.properties[property];
-                    const Type& type = interface.TypeOf(written);
-                    AppendName(call, interface.name);
-                    AppendName(call, interface.NameOf(written));
-                    Open(call, SD_BUS_TYPE_VARIANT, type.signature);
-                    type.append(call, value);
-                    Close(call);
-                });
+    const Interface& interface = *operation.target.interface;
+    AppendName(call, interface.name);
+    if (operation.ask == Ask::GetAll)
+    {
+        return;
+    }
+    const Property& property = interface.properties[operation.number];
+    AppendName(call, interface.NameOf(property));
+    if (operation.ask == Ask::Set)
+    {
+        const Type& type = interface.TypeOf(property);
+        Open(call, SD_BUS_TYPE_VARIANT, type.signature);
+        type.append(call, *operation.in);
+        Close(call);
+    }
 }
 
-MessageRef GetAllCall(Target& target, CallError& refusal) noexcept
+void AppendArguments(sd_bus_message* call, const Operation& operation)
 {
-    return Make(target, propertiesInterface, "GetAll", refusal,
-                [&](sd_bus_message* call) { AppendName(call, target.interface->name); });
-}
-
-MessageRef MethodCall(Target& target, uint16_t method, const void* const* in,
-                      CallError& refusal) noexcept
-{
-    const Method& called = target.interface->methods[method];
-    return Make(target, target.interface->name, called.name, refusal,
-                [&](sd_bus_message* call)
-                {
-                    for (const Type* type : called.in)
-                    {
-                        type->append(call, *in++);
-                    }
-                });
+    if (operation.ask != Ask::Method)
+    {
+        AppendProperty(call, operation);
+        return;
+    }
+    const void* const* in = operation.in;
+    for (const Type* type : operation.target.interface->methods[operation.number].in)
+    {
+        type->append(call, *in++);
+    }
 }
 
 constexpr bmcbus::detail::ReplyType emptyReply = {
@@ -100,21 +81,35 @@ void ReadNothing(sd_bus_message* /*reply*/, void* /*value*/, const void* /*how*/
 
 MessageRef MakeCall(const Operation& operation, CallError& refusal) noexcept
 {
-    Target& target = operation.target;
-    switch (operation.ask)
+    const Target& target = operation.target;
+    const char* const interface =
+        operation.ask == Ask::Method ? target.interface->name : propertiesInterface;
+    const char* const member = MemberOf(operation);
+    MessageRef call;
+    if (target.service.empty())
     {
-        case Ask::Get:
-            return GetCall(target, operation.number, refusal);
-        case Ask::Set:
-            return SetCall(target, operation.number, *operation.in, refusal);
-        case Ask::GetAll:
-            return GetAllCall(target, refusal);
-        default:
-            return MethodCall(target, operation.number, operation.in, refusal);
+        refusal = bmcbus::detail::RefusedError("No service is known for ", target.path.c_str());
+        return call;
     }
+    try
+    {
+        call = NewCallOn(target.bus.get(), target.service, target.path, interface, member);
+        AppendArguments(call.get(), operation);
+    }
+    catch (const std::exception& error)
+    {
+        refusal =
+            call ? bmcbus::detail::Refusal(error)
+                 : bmcbus::detail::Refusal(error, {target.service, target.path, interface, member});
+        call.reset();
+    }
+    return call;
 }
 
-const bmcbus::detail::ReplyType& ReplyOf(const Operation& operation) noexcept
+namespace
+{
+
+const bmcbus::detail::ReplyType& TypeOfReply(const Operation& operation)
 {
     const Interface& interface = *operation.target.interface;
     switch (operation.ask)
@@ -130,12 +125,19 @@ const bmcbus::detail::ReplyType& ReplyOf(const Operation& operation) noexcept
     }
 }
 
+} // namespace
+
+const bmcbus::detail::ReplyType& ReplyOf(const Operation& operation) noexcept
+{
+    return TypeOfReply(operation);
+}
+
 bool Exchange(const Operation& operation, const CallOptions& options, void* value,
               CallError& error) noexcept
 {
-    MessageRef call = MakeCall(operation, error);
+    const MessageRef call = MakeCall(operation, error);
     return call &&
-           bmcbus::detail::Exchange(std::move(call), options, ReplyOf(operation), value, error);
+           bmcbus::detail::Exchange(call.get(), options, TypeOfReply(operation), value, error);
 }
 
 bmcbus::Call Launch(const Operation& operation, const CallOptions& options,
@@ -143,8 +145,8 @@ bmcbus::Call Launch(const Operation& operation, const CallOptions& options,
 {
     CallError refusal;
     MessageRef message = MakeCall(operation, refusal);
-    return bmcbus::detail::Launch(call, ReplyOf(operation), std::move(message), refusal, options,
-                                  &operation.target.calls);
+    return bmcbus::detail::Launch(call, TypeOfReply(operation), std::move(message), refusal,
+                                  options, &operation.target.calls);
 }
 
 void ReadOut(sd_bus_message* reply, void* value, const void* how)

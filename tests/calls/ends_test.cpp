@@ -103,6 +103,16 @@ TEST_F(Ends, OfATryComesInTimeWhenServiceOrDaemonIsStopped)
     Resume();
 }
 
+TEST_F(Ends, OfATryWithoutATimeoutDoesNotComeAtTheConnectionsOwn)
+{
+    service_.On("updateFanPWMData").Delay(30ms);
+    const bmcbus::BusRef connection = Connect();
+    sd_bus_set_method_call_timeout(connection.get(), 1000);
+    EXPECT_EQ(Update(connection.get()).Try<int32_t>().error().kind, CallFailure::Timeout);
+    EXPECT_TRUE(
+        Update(connection.get()).Try<int32_t>({.timeout = std::chrono::microseconds::max()}));
+}
+
 template <class Loop>
 class NotUp : public Ends
 {
