@@ -77,4 +77,7 @@ struct CallOptions
 // g++ 12 destroys the temporaries of `co_await f({.timeout = ...})` twice.
 static_assert(std::is_trivially_destructible_v<CallOptions>);
 
+/** The connection's own timeout. One object for all calls: each would make its own otherwise. */
+inline constexpr CallOptions defaultCallOptions{};
+
 } // namespace bmcbus

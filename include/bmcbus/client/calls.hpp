@@ -109,9 +109,9 @@ struct Arguments
     const void* at[Count];
 };
 template <class... T>
-Arguments<sizeof...(T) + 1> Pass(const T&... in)
+Arguments<(sizeof...(T) > 0 ? sizeof...(T) : 1)> Pass(const T&... in)
 {
-    return {{&in..., nullptr}};
+    return {{&in...}};
 }
 
 } // namespace bmcbus::client
