@@ -15,8 +15,6 @@ namespace fuzz
 
 using Fans = ClientCache::com::tamm::bmc::Thermal::FanReporting;
 using Power = ClientCache::com::tamm::bmc::power::PowerReporting;
-using FanSignal = ClientCache::FanReporting::notifyFanReportingData;
-using PowerSignal = ClientCache::PowerReporting::NotifyPwrReportingData;
 
 // A property or argument of Class.
 template <class Class>

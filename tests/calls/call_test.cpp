@@ -30,6 +30,18 @@ class Calls : public testing::Test, public Fans
         return Update(connection.get()).template Async<int32_t>(told.Listener(), options);
     }
 
+    // Calls that the service does not answer yet.
+    std::vector<bmcbus::Call> StartAll(std::vector<Told>& told)
+    {
+        service_.On("updateFanPWMData").Hold();
+        std::vector<bmcbus::Call> calls;
+        for (Told& each : told)
+        {
+            calls.push_back(Start(each));
+        }
+        return calls;
+    }
+
     bmcbus::BusRef connection = Connect();
     Loop loop{connection.get()};
 };
@@ -155,19 +167,12 @@ TYPED_TEST(Calls, MayDoAnythingInACompletion)
 
 TYPED_TEST(Calls, AreAllToldOfADeadConnection)
 {
-    this->service_.On("updateFanPWMData").Hold();
     std::vector<Told> told(1000);
-    std::vector<bmcbus::Call> calls;
-    for (Told& each : told)
-    {
-        calls.push_back(this->Start(each));
-    }
+    const std::vector<bmcbus::Call> calls = this->StartAll(told);
     this->Settle();
     this->bus.Kill();
-    const auto done = [&]
-    { return std::all_of(told.begin(), told.end(), [](const Told& each) { return each.Once(); }); };
-    this->RunUntil(done); // some loops end with the connection
-    ASSERT_TRUE(done());
+    this->RunUntil([&] { return EachOnce(told); }); // some loops end with the connection
+    ASSERT_TRUE(EachOnce(told));
     EXPECT_EQ(told.front().Kind(), CallFailure::Disconnected);
     EXPECT_EQ(told.back().Name(), bmcbus::error_name::disconnected);
     EXPECT_FALSE(calls.front().Pending());
@@ -176,25 +181,18 @@ TYPED_TEST(Calls, AreAllToldOfADeadConnection)
 // Somebody closes the connection with calls pending; libsystemd itself tells nobody.
 TYPED_TEST(Calls, AreAllToldWhenSomebodyClosesTheConnection)
 {
-    this->service_.On("updateFanPWMData").Hold();
     std::vector<Told> told(1000);
-    std::vector<bmcbus::Call> calls;
-    for (Told& each : told)
-    {
-        calls.push_back(this->Start(each));
-    }
+    const std::vector<bmcbus::Call> calls = this->StartAll(told);
     const bmcbus::Call closing =
         Request(this->connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
                 "org.freedesktop.DBus.Peer", "Ping")
             .Async([this](const Result<void>&) { sd_bus_close(this->connection.get()); });
-    const auto done = [&]
-    { return std::all_of(told.begin(), told.end(), [](const Told& each) { return each.Once(); }); };
-    this->RunUntil(done); // some loops end with the connection
+    this->RunUntil([&] { return EachOnce(told); }); // some loops end with the connection
     if constexpr (std::is_same_v<TypeParam, ProcessLoop>)
     {
         this->connection.reset(); // as a program does when processing fails
     }
-    EXPECT_TRUE(done());
+    EXPECT_TRUE(EachOnce(told));
     EXPECT_EQ(told.front().Kind(), CallFailure::Disconnected);
 }
 
@@ -210,21 +208,12 @@ TYPED_TEST(Calls, AreAnsweredThoughABlockingCallReadTheReply)
 
 TYPED_TEST(Calls, GoOnInParallel)
 {
-    this->service_.On("updateFanPWMData").Hold();
     std::vector<Told> told(100);
-    std::vector<bmcbus::Call> calls;
-    for (Told& each : told)
-    {
-        calls.push_back(this->Start(each));
-    }
+    const std::vector<bmcbus::Call> calls = this->StartAll(told);
     ASSERT_TRUE(this->RunUntil([&] { return this->service_.WaitForHeld(100, 0ms); }));
     this->service_.Release();
-    EXPECT_TRUE(this->RunUntil(
-        [&]
-        {
-            return std::all_of(told.begin(), told.end(),
-                               [](const Told& each) { return each.Once() && *each.result == 0; });
-        }));
+    ASSERT_TRUE(this->RunUntil([&] { return EachOnce(told); }));
+    EXPECT_TRUE(std::ranges::all_of(told, [](const Told& each) { return *each.result == 0; }));
 }
 
 TYPED_TEST(Calls, TimeOutInTheOrderOfTheirDeadlines)

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <optional>
@@ -102,5 +103,10 @@ struct Told
     }
     std::string Name() const { return result && !*result ? result->error().name : ""; }
 };
+
+inline bool EachOnce(const std::vector<Told>& told)
+{
+    return std::all_of(told.begin(), told.end(), [](const Told& each) { return each.Once(); });
+}
 
 } // namespace test

@@ -1,9 +1,9 @@
 #include "bounded.hpp"
 #include "faults.h"
 #include "log_recorder.hpp"
+#include "send.hpp"
 
 #include <pthread.h>
-#include <threadfunnel.hpp>
 
 #include <cerrno>
 #include <string>
@@ -13,16 +13,9 @@ namespace
 {
 
 using test::CountLog;
+constexpr auto Runs = test::FunnelRuns;
 
 constexpr unsigned int source = 300;
-
-bool Runs()
-{
-    bool ran = false;
-    std::function<void()> work = [&] { ran = true; };
-    TF_init_and_send_work(work);
-    return ran;
-}
 
 // The lines up to level 2, one each.
 std::string Complaints()
@@ -131,8 +124,7 @@ TEST_F(FunnelFailure, Broadcasts)
     test::ClearLog();
     FailCalls(&broadcast, 0, 1, EINVAL); // of the post
     EXPECT_TRUE(Runs());
-    std::function<void()> work = [] { FailCalls(&broadcast, 0, 1, EINVAL); }; // of the completion
-    TF_init_and_send_work(work);
+    test::FunnelSend([] { FailCalls(&broadcast, 0, 1, EINVAL); }); // of the completion
     EXPECT_TRUE(Runs());
     EXPECT_EQ(CountLog(1, source, "TF_do_broadcast", "pthread_cond_broadcast irv=22"), 2U);
     EXPECT_EQ(test::Log(2).size(), 2U);

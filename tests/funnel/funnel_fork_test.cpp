@@ -2,9 +2,9 @@
 #include "faults.h"
 #include "log_recorder.hpp"
 #include "sanitizer.hpp"
+#include "send.hpp"
 
 #include <pthread.h>
-#include <threadfunnel.hpp>
 
 #include <atomic>
 #include <latch>
@@ -22,15 +22,10 @@ std::latch mayGoOn(1);
 
 bool SendRuns()
 {
-    bool ran = false;
-    pthread_t thread{};
-    std::function<void()> work = [&]
-    {
-        ran = true;
-        thread = pthread_self();
-    };
-    TF_init_and_send_work(work);
-    return ran && pthread_equal(thread, pthread_self()) == 0;
+    bool elsewhere = false;
+    test::FunnelSend([&, self = pthread_self()]
+                     { elsewhere = pthread_equal(self, pthread_self()) == 0; });
+    return elsewhere;
 }
 
 void StopRegistration(void (*)())
@@ -110,7 +105,7 @@ TEST_F(FunnelFork, ManyTimesWhileOthersSend)
     constexpr int senders = 4;
     std::atomic<bool> stop{false};
     std::atomic<int> refused{0};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < senders; ++i)
     {
         threads.emplace_back(
@@ -128,10 +123,7 @@ TEST_F(FunnelFork, ManyTimesWhileOthersSend)
         failed += InChild([] { return SendRuns() && InChild(SendRuns) && SendRuns(); }) ? 0 : 1;
     }
     stop = true;
-    for (std::thread& thread : threads)
-    {
-        thread.join();
-    }
+    threads.clear();
     EXPECT_EQ(failed, 0);
     EXPECT_EQ(refused, 0);
     EXPECT_TRUE(SendRuns());
@@ -189,22 +181,9 @@ TEST_F(FunnelFork, WithoutHandlersDuringASend)
         GTEST_SKIP() << "the sanitizer's own locks do not survive a fork without handlers";
     }
     EXPECT_TRUE(SendRuns());
-    std::latch running(1);
-    std::latch go(1);
-    std::thread sender(
-        [&]
-        {
-            std::function<void()> work = [&]
-            {
-                running.count_down();
-                go.wait();
-            };
-            TF_init_and_send_work(work);
-        });
-    running.wait();
+    test::BusyFunnel busy;
     EXPECT_TRUE(InChild([] { return SendRuns() && InChild(SendRuns); }, _Fork));
-    go.count_down();
-    sender.join();
+    busy.LetGo();
     EXPECT_TRUE(SendRuns());
 }
 
@@ -222,12 +201,7 @@ TEST_F(FunnelFork, HandlersAreRegisteredOncePerLineage)
 TEST_F(FunnelFork, InsideAnItemIsReported)
 {
     IN_FRESH_PROCESS({
-        std::thread sender(
-            []
-            {
-                std::function<void()> work = [] { InChild([] { return true; }); };
-                TF_init_and_send_work(work);
-            });
+        std::thread sender([] { test::FunnelSend([] { InChild([] { return true; }); }); });
         EXPECT_TRUE(test::Eventually(
             []
             {

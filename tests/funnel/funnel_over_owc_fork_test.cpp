@@ -4,7 +4,6 @@
 #include "sanitizer.hpp"
 
 #include <pthread.h>
-#include <threadfunnel.hpp>
 
 #include <atomic>
 #include <latch>
@@ -43,17 +42,14 @@ class Senders
     int Stop()
     {
         stop = true;
-        for (std::thread& thread : threads)
-        {
-            thread.join();
-        }
+        threads.clear();
         return refused;
     }
 
   private:
     std::atomic<bool> stop{false};
     std::atomic<int> refused{0};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
 };
 
 // In a child: no channel at first, then one of its own.

@@ -7,7 +7,6 @@
 #include <oneway_channel.hpp>
 #include <poll.h>
 #include <pthread.h>
-#include <threadfunnel.hpp>
 #include <threadfunnel_over_owc.hpp>
 #include <unistd.h>
 
@@ -185,19 +184,7 @@ TEST_P(FunnelOverChannel, ExceptionOfTheChannelReleasesTheFunnel)
 TEST_P(FunnelOverChannel, SendOfTheLoopInTheLineIsRefused)
 {
     const LoopThread loop(GetParam());
-    std::latch running(1);
-    std::latch go(1);
-    std::thread busy(
-        [&]
-        {
-            std::function<void()> work = [&]
-            {
-                running.count_down();
-                go.wait();
-            };
-            TF_init_and_send_work(work);
-        });
-    running.wait();
+    test::BusyFunnel busy;
     bool ran = false;
     std::thread first([&] { ran = Runs(); });
     EXPECT_TRUE(test::Eventually([] { return std::atomic_ref(owc_tid_valid).load(); }));
@@ -218,8 +205,7 @@ TEST_P(FunnelOverChannel, SendOfTheLoopInTheLineIsRefused)
         &sender, 0, 0);
     EXPECT_TRUE(
         test::Eventually([&] { return sender.thread != 0 && test::Sleeps(sender.thread); }));
-    go.count_down();
-    busy.join();
+    busy.LetGo();
     first.join();
     EXPECT_TRUE(ran);
     EXPECT_EQ(sender.ran, 0);
@@ -317,11 +303,7 @@ TEST_F(FunnelWithoutLoop, RefusesWhoCannotWait)
 {
     const LoopThread loop(Make<test::ZLoop>);
     test::ClearLog();
-    std::function<void()> work = []
-    {
-        EXPECT_FALSE(Runs()); // on the funnel thread
-    };
-    TF_init_and_send_work(work);
+    test::FunnelSend([] { EXPECT_FALSE(Runs()); }); // on the funnel thread
     TF_start_deadlock_protection();
     EXPECT_FALSE(Runs());
     TF_end_deadlock_protection();

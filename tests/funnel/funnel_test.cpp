@@ -1,11 +1,11 @@
 #include "bounded.hpp"
 #include "log_recorder.hpp"
+#include "send.hpp"
 #include "sleeps.hpp"
 
 #include <gmock/gmock.h>
 #include <pthread.h>
 #include <signal.h>
-#include <threadfunnel.hpp>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,6 +19,8 @@ namespace
 {
 
 using test::CountLog;
+constexpr auto Runs = test::FunnelRuns;
+constexpr auto Send = test::FunnelSend;
 
 constexpr unsigned int source = 300;
 constexpr unsigned int alternate = 4711;
@@ -32,18 +34,6 @@ const pthread_t earlyFunnelThread = []
     return thread;
 }();
 const std::vector<test::LogLine> earlyLog = test::Log();
-
-void Send(std::function<void()> work)
-{
-    TF_init_and_send_work(work);
-}
-
-bool Runs()
-{
-    bool ran = false;
-    Send([&] { ran = true; });
-    return ran;
-}
 
 std::vector<std::string> Steps(const std::vector<test::LogLine>& lines)
 {
@@ -118,8 +108,7 @@ TEST_F(Funnel, ItemThatSendsRunsDirectly)
             Send([&] { inner = pthread_equal(pthread_self(), earlyFunnelThread) != 0; });
             EXPECT_TRUE(inner);
             EXPECT_TRUE(TF_check_for_deadlock());
-            std::function<void()> throws = [] { throw std::runtime_error("direct"); };
-            TF_init_and_send_work(throws);
+            Send([] { throw std::runtime_error("direct"); });
             EXPECT_THROW(Send([] { throw 7; }), int);
             Send(nullptr);
         });
@@ -264,13 +253,13 @@ TEST_F(Funnel, CancelledSenderIsEndedOnlyAfterItsItem)
     std::thread sender(
         [&]
         {
-            std::function<void()> work = [&]
-            {
-                running.count_down();
-                cancelled.wait();
-                finished = true;
-            };
-            TF_init_and_send_work(work);
+            Send(
+                [&]
+                {
+                    running.count_down();
+                    cancelled.wait();
+                    finished = true;
+                });
             gone = finished.load();
             pthread_testcancel();
             ADD_FAILURE() << "not cancelled";
@@ -317,21 +306,9 @@ TEST_F(Funnel, ThreadLeavesSignalsToTheProgram)
 TEST_F(Funnel, SendsInTheOrderOfArrival)
 {
     constexpr int senders = 6;
-    std::latch running(1);
-    std::latch go(1);
+    test::BusyFunnel busy;
     std::vector<int> order;
-    std::vector<std::thread> threads;
-    threads.emplace_back(
-        [&]
-        {
-            Send(
-                [&]
-                {
-                    running.count_down();
-                    go.wait();
-                });
-        });
-    running.wait();
+    std::vector<std::jthread> threads;
     for (int i = 0; i < senders; ++i)
     {
         std::atomic<pid_t> thread{0};
@@ -348,11 +325,8 @@ TEST_F(Funnel, SendsInTheOrderOfArrival)
             });
         EXPECT_TRUE(test::Eventually([&] { return thread != 0 && test::Sleeps(thread); }));
     }
-    go.count_down();
-    for (std::thread& thread : threads)
-    {
-        thread.join();
-    }
+    busy.LetGo();
+    threads.clear();
     EXPECT_THAT(order, testing::ElementsAre(0, 1, 2, 4, 5));
 }
 

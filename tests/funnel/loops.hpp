@@ -3,8 +3,8 @@
 // Event loops of each kind that tells its thread, and sends over the channel.
 
 #include "channel_loops.hpp"
+#include "send.hpp"
 
-#include <threadfunnel.hpp>
 #include <threadfunnel_over_owc.hpp>
 
 #include <gtest/gtest.h>
@@ -95,14 +95,6 @@ inline bool Runs()
 {
     bool ran = false;
     Send([&] { ran = true; });
-    return ran;
-}
-
-inline bool FunnelRuns()
-{
-    bool ran = false;
-    std::function<void()> work = [&] { ran = true; };
-    TF_init_and_send_work(work);
     return ran;
 }
 

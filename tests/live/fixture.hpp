@@ -84,6 +84,15 @@ class LiveTest : public testing::Test
     {
         return Until([&] { return live.State() == state; });
     }
+    // One that is live, and what its callbacks saw until then is forgotten.
+    bmcbus::Live<Fans> Running()
+    {
+        StartFans();
+        bmcbus::Live<Fans> live = Follow();
+        EXPECT_TRUE(Becomes(live, LiveState::Live));
+        seen.clear();
+        return live;
+    }
     // Handles everything that was sent before, and what follows from it.
     void Deliver()
     {

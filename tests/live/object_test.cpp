@@ -60,10 +60,7 @@ TEST_F(LiveObject, ASignalBeforeTheReadMakesNothingLive)
 
 TEST_F(LiveObject, ChangesAreThoseThatChanged)
 {
-    StartFans();
-    const bmcbus::Live<Fans> live = Follow();
-    ASSERT_TRUE(Becomes(live, LiveState::Live));
-    Seen();
+    const bmcbus::Live<Fans> live = Running();
     (*fans)->Set({{"fanCount", uint8_t{3}}, {"fanPWMData", twoFans}});
     Deliver();
     EXPECT_THAT(Seen(), ElementsAre("fanCount=3"));
@@ -91,10 +88,7 @@ TEST_F(LiveObject, ChangesAreThoseThatChanged)
 
 TEST_F(LiveObject, ACrashAndAReturn)
 {
-    StartFans();
-    const bmcbus::Live<Fans> live = Follow();
-    ASSERT_TRUE(Becomes(live, LiveState::Live));
-    Seen();
+    const bmcbus::Live<Fans> live = Running();
     fans->Crash();
     ASSERT_TRUE(Becomes(live, LiveState::Lost));
     EXPECT_EQ(live->Get_fanCount(), 2) << "the last values remain";
@@ -112,9 +106,7 @@ TEST_F(LiveObject, ACrashAndAReturn)
 // The new owner does not serve a property that the old one had.
 TEST_F(LiveObject, ANewOwnerWithoutAPropertyUnsetsIt)
 {
-    StartFans();
-    const bmcbus::Live<Fans> live = Follow();
-    ASSERT_TRUE(Becomes(live, LiveState::Live));
+    const bmcbus::Live<Fans> live = Running();
     fans->Crash();
     ASSERT_TRUE(Becomes(live, LiveState::Lost));
     fans->On("GetAll").Reply({kit::AsPropertyMap({{"fanPWMData", twoFans}})});
@@ -154,10 +146,7 @@ TEST_F(LiveObject, ANameTakenOverDuringTheFirstRead)
 
 TEST_F(LiveObject, StrangersChangeNothing)
 {
-    StartFans();
-    const bmcbus::Live<Fans> live = Follow();
-    ASSERT_TRUE(Becomes(live, LiveState::Live));
-    Seen();
+    const bmcbus::Live<Fans> live = Running();
     kit::FakeService stranger;
     stranger.AddObject(fanPath, {fanInterface});
     stranger->EmitPropertiesChanged(fanInterface, {{"fanCount", uint8_t{66}}});
@@ -174,10 +163,7 @@ TEST_F(LiveObject, StrangersChangeNothing)
 
 TEST_F(LiveObject, InvalidatedPropertiesAreReadTogether)
 {
-    StartFans();
-    const bmcbus::Live<Fans> live = Follow();
-    ASSERT_TRUE(Becomes(live, LiveState::Live));
-    Seen();
+    const bmcbus::Live<Fans> live = Running();
     fans->ClearCalls();
     fans->On("GetAll").Hold();
     (*fans)->SetQuietly({{"fanCount", uint8_t{4}}});
@@ -198,10 +184,7 @@ TEST_F(LiveObject, InvalidatedPropertiesAreReadTogether)
 
 TEST_F(LiveObject, AWrongTypeIsRefused)
 {
-    StartFans();
-    const bmcbus::Live<Fans> live = Follow();
-    ASSERT_TRUE(Becomes(live, LiveState::Live));
-    Seen();
+    const bmcbus::Live<Fans> live = Running();
     test::ClearLog();
     (*fans)->EmitPropertiesChanged(fanInterface, {{"fanCount", "many"}, {"fanPWMData", FanMap()}});
     Deliver();
@@ -234,9 +217,7 @@ TEST_F(LiveObject, AReadWithAWrongTypeMakesNothingLive)
 // An invalidated property used to stay unset for good when the read for it brought a wrong type.
 TEST_F(LiveObject, AWrongTypeAfterAnInvalidationIsReadAgain)
 {
-    StartFans();
-    const bmcbus::Live<Fans> live = Follow();
-    ASSERT_TRUE(Becomes(live, LiveState::Live));
+    const bmcbus::Live<Fans> live = Running();
     fans->On("GetAll").Once().Reply(
         {kit::AsPropertyMap({{"fanCount", 4}, {"fanPWMData", twoFans}})});
     (*fans)->SetQuietly({{"fanCount", uint8_t{4}}});
@@ -311,10 +292,7 @@ TEST_F(LiveObject, NamesThatAreNoneAreRefused)
 
 TEST_F(LiveObject, TheConnectionEnds)
 {
-    StartFans();
-    const bmcbus::Live<Fans> live = Follow();
-    ASSERT_TRUE(Becomes(live, LiveState::Live));
-    Seen();
+    const bmcbus::Live<Fans> live = Running();
     fans.reset();
     ASSERT_TRUE(Becomes(live, LiveState::Lost));
     bus.Kill();
@@ -337,9 +315,7 @@ TEST_F(LiveObject, TheConnectionEnds)
 
 TEST_F(LiveObject, ReportsItself)
 {
-    StartFans();
-    const bmcbus::Live<Fans> live = Follow();
-    ASSERT_TRUE(Becomes(live, LiveState::Live));
+    const bmcbus::Live<Fans> live = Running();
     const bmcbus::LiveReport report = live.Report();
     EXPECT_EQ(report.service, fanService);
     EXPECT_EQ(report.owner, fans->UniqueName());

@@ -6,7 +6,6 @@
 #include <stdexcept>
 
 using namespace ObjectMapper::Wrappers;
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -178,17 +177,6 @@ TEST_F(MapperAsync, AnswersReachTheCallback)
                                       Line(5, handler2, "results service=[b.svc]") +
                                       Line(5, handler2, "results interface=[x.I]"));
     }
-}
-
-TEST_F(MapperAsync, InterfacesAreSentInOrder)
-{
-    Listener listener;
-    bmcbus::Bus wrapped = Wrapped(connection);
-    GetObjectAsync(wrapped, "/p", {"c.I", "a.I", "b.I"}, OnObject, &listener);
-    GetObjectAsync2("/p", {}, OnObject2, &listener);
-    EXPECT_TRUE(Dispatch(connection, [&] { return listener.answers.size() == 2; }));
-    EXPECT_EQ(mapper.Calls().at(0).Arguments(), R"(sas "/p" 3 "c.I" "a.I" "b.I")");
-    EXPECT_EQ(mapper.Calls().at(1).Arguments(), R"(sas "/p" 0)");
 }
 
 TEST_F(MapperAsync, ServiceWithoutANameIsPassedOver)
@@ -399,77 +387,6 @@ TEST_F(MapperAsync, ConnectionThatEndsDropsItsRequests)
         }
     }
     EXPECT_THAT(listener.answers, IsEmpty());
-}
-
-TEST_F(MapperAsync, BusThatGoesAwayIsAFailure)
-{
-    mapper.On("GetObject").Hold();
-    Listener listener;
-    for (const Request& request : requests)
-    {
-        request.queue(connection, "/p", "x.I", &listener);
-    }
-    sd_bus_flush(connection);
-    mapper.WaitForHeld(std::size(requests));
-    bus.Kill();
-    Dispatch(connection, [&] { return listener.answers.size() == std::size(requests); });
-    ASSERT_THAT(listener.answers, SizeIs(std::size(requests)));
-    for (size_t i = 0; i < std::size(requests); ++i)
-    {
-        ExpectFailure(requests[i], listener.answers.at(i), false);
-    }
-}
-
-TEST_F(MapperAsync, RequestsMayBeMadeInCallbacks)
-{
-    mapper.On("GetObject").Reply({Services{{"a.svc", {}}}});
-    std::vector<std::string> found;
-    PathAndInterfaceToServiceAsync(
-        "/p", "x.I",
-        [](bool, std::string& service, void* context)
-        {
-            static_cast<std::vector<std::string>*>(context)->push_back(service);
-            PathAndInterfaceToServiceAsync(
-                "/q", "x.I",
-                [](bool, std::string& next, void* again)
-                { static_cast<std::vector<std::string>*>(again)->push_back(next); },
-                context);
-            std::string blocking;
-            PathAndInterfaceToService("/r", "x.I", blocking);
-        },
-        &found);
-    EXPECT_TRUE(Dispatch(connection, [&] { return found.size() == 2; }));
-    EXPECT_THAT(found, ElementsAre("a.svc", "a.svc"));
-}
-
-TEST_F(MapperAsync, HandlersServeRequestsOfTheCallersOwn)
-{
-    mapper.On("GetObject").Reply({Services{{"a.svc", {"x.I"}}}});
-    Listener listener;
-    const auto call = [&](sd_bus_message_handler_t handler, void* record)
-    {
-        sd_bus_call_method_async(connection, nullptr, bmcbus::testing::mapperName,
-                                 bmcbus::testing::mapperPath, bmcbus::testing::mapperName,
-                                 "GetObject", handler, record, "sas", "/p", 0);
-    };
-    call(Internal_GetObjectAsync_Callback,
-         new CallbackRecord<GetObjectCallback>{OnObject, &listener});
-    call(Internal_GetObjectAsync_Callback2,
-         new CallbackRecord<GetObjectCallback2>{OnObject2, &listener});
-    call(Internal_GetObjectAsync_Callback,
-         new CallbackRecord<GetObjectCallback>{
-             Internal_PathAndInterfaceToServiceAsync_Callback,
-             new CallbackRecord<ServiceCallback>{OnService, &listener}});
-    EXPECT_TRUE(Dispatch(connection, [&] { return listener.answers.size() == 3; }));
-    EXPECT_EQ(listener.answers.at(0).services.size(), 1U);
-    EXPECT_EQ(listener.answers.at(1).timedOut, false);
-    EXPECT_EQ(listener.answers.at(2).service, "a.svc");
-
-    Services none;
-    Internal_PathAndInterfaceToServiceAsync_Callback2(
-        false, true, none, new CallbackRecord<ServiceCallback2>{OnService2, &listener});
-    EXPECT_EQ(listener.answers.at(3).timedOut, true);
-    EXPECT_FALSE(listener.answers.at(3).success);
 }
 
 } // namespace

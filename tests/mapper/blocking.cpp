@@ -1,5 +1,4 @@
 #include "fixture.hpp"
-#include "no_descriptors.hpp"
 
 #include <thread>
 
@@ -84,14 +83,6 @@ TEST_F(Mapper, AnswersAreReadWhole)
     EXPECT_EQ(GetAncestors("/p", {}), tree);
     EXPECT_THAT(GetSubTreePaths("/p", 1, {}), ElementsAre("/z", "/a", "/a"));
     EXPECT_EQ(Logged(), "");
-}
-
-TEST_F(Mapper, FirstOfEqualServicesStays)
-{
-    mapper.On("GetObject")
-        .Reply(
-            {Value::Dictionary("s", "as", {{"b", Names{"1"}}, {"a", Names{"2"}}, {"b", Names{}}})});
-    EXPECT_EQ(GetObject("/p", {}), (Services{{"a", {"2"}}, {"b", {"1"}}}));
 }
 
 TEST_F(Mapper, ErrorRepliesAreLoggedAndThrown)
@@ -212,28 +203,6 @@ TEST_F(Mapper, AssociationsAreNotAskedFor)
     EXPECT_EQ(Logged(), "");
 }
 
-TEST_F(Mapper, NoAnswerInTimeIsAnError)
-{
-    mapper.On("GetObject").NoReply();
-    sd_bus_set_method_call_timeout(connection, 50'000);
-    EXPECT_THAT([] { GetObject("/p", {}); },
-                ThrowsMessage<bmcbus::Error>(
-                    "sd_bus_call: org.freedesktop.DBus.Error.Timeout: Connection timed out"));
-    mapper.Heal();
-    sd_bus_set_method_call_timeout(connection, 0);
-    mapper.Add("/p", "a.svc", {"x.I"});
-    EXPECT_EQ(GetObject("/p", {}).size(), 1U);
-}
-
-TEST_F(Mapper, MapperThatGoesAwayIsAnError)
-{
-    mapper.On("GetObject").Crash();
-    EXPECT_THAT([] { GetObject("/p", {}); },
-                ThrowsMessage<bmcbus::Error>(HasSubstr("org.freedesktop.DBus.Error.NoReply")));
-    EXPECT_THAT([] { GetObject("/p", {}); }, ThrowsMessage<bmcbus::Error>(HasSubstr(
-                                                 "org.freedesktop.DBus.Error.ServiceUnknown")));
-}
-
 TEST_F(Mapper, BusThatGoesAwayIsAnError)
 {
     mapper.On("GetObject").Hold();
@@ -254,21 +223,6 @@ TEST_F(Mapper, BusThatGoesAwayIsAnError)
     EXPECT_THROW(GetAssociations("/p"), bmcbus::Error);
     bus.Restart();
     EXPECT_TRUE(GetAssociations("/p").empty());
-}
-
-TEST_F(Mapper, RunningOutOfDescriptorsIsAnError)
-{
-    connection = sd_bus_flush_close_unref(connection);
-    std::string service = "before";
-    {
-        const test::NoDescriptors exhausted;
-        EXPECT_THROW(GetObject("/p", {}), bmcbus::Error);
-        PathAndInterfaceToService("/p", "x.I", service);
-    }
-    EXPECT_EQ(service, "");
-    mapper.Add("/p", "a.svc", {"x.I"});
-    PathAndInterfaceToService("/p", "x.I", service);
-    EXPECT_EQ(service, "a.svc");
 }
 
 } // namespace

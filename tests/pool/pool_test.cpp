@@ -106,29 +106,6 @@ TEST_F(ThreadPool, OneWorkerKeepsTheOrderAndDrainsOnDestruction)
     EXPECT_EQ(order, expected);
 }
 
-TEST_F(ThreadPool, TasksOfManyThreadsAllRun)
-{
-    constexpr int producers = 4;
-    constexpr int each = 500;
-    std::atomic<int> ran{0};
-    {
-        Pool pool(4);
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < producers; ++i)
-        {
-            threads.emplace_back(
-                [&]
-                {
-                    for (int n = 0; n < each; ++n)
-                    {
-                        pool.enqueue([&] { ++ran; });
-                    }
-                });
-        }
-    }
-    EXPECT_EQ(ran, producers * each);
-}
-
 TEST_F(ThreadPool, WorkerSurvivesWhatTasksThrow)
 {
     std::set<std::thread::id> workers;

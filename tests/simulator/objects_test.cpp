@@ -5,7 +5,7 @@
 #include <bmcbus/testing/description.hpp>
 #include <gmock/gmock.h>
 
-#include <ctime>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -146,70 +146,52 @@ TEST_F(SimulatorTest, AnInterfaceIsPluggedAndUnplugged)
 
 TEST_F(SimulatorTest, MethodsActOnTheMachine)
 {
-    const auto cpu = [&](const char* method, const std::vector<Value>& arguments)
+    const auto call =
+        [&](const std::string& where, const char* method, const std::vector<Value>& arguments)
     {
-        return client
-            .Call("com.tamm.bmc.Cpu", "/com/tamm/bmc/cpu/cpu0", "com.tamm.bmc.Cpu.cpu", method,
-                  arguments)
-            .Text();
+        const std::string service = "com.tamm.bmc." + where.substr(0, where.find('/'));
+        std::string path = "/com/tamm/bmc/" + where;
+        path[14] = static_cast<char>(std::tolower(path[14]));
+        return client.Call(service, path, "", method, arguments).Text();
     };
-    const auto fan = [&](const char* name, uint8_t percent)
-    {
-        return client.Call(thermal, chassisFans, fanReporting, "updateFanPWMData", {name, percent})
-            .Text();
-    };
-    const auto memory = [&](const char* method, const std::vector<Value>& arguments)
-    {
-        return client
-            .Call("com.tamm.bmc.Memory", "/com/tamm/bmc/memory/all", "com.tamm.bmc.Memory.Dimm",
-                  method, arguments)
-            .Text();
-    };
-    EXPECT_EQ(fan("Fan2", 77), "i 0");
-    EXPECT_THAT(Read(thermal, chassisFans, fanReporting, "fanPWMData"), HasSubstr("\"Fan2\" 77 "));
-    EXPECT_EQ(fan("Fan2", 101), "i -1");
-    EXPECT_EQ(fan("Fan99", 50), "i -1");
-
     std::vector<std::string> signals;
     client.Collect("type='signal',path='/com/tamm/bmc/cpu/cpu1'", signals);
-    EXPECT_EQ(cpu("setCpuPL1", {50U}), "y 0");
-    EXPECT_EQ(cpu("setMemPL1", {8U}), "y 0");
-    EXPECT_EQ(cpu("setSysPL2", {0U}), "y 1");
-    Control("Step");
+    using Accesses = std::vector<std::tuple<uint8_t, uint8_t, uint32_t, uint32_t, uint32_t>>;
+    struct Case
+    {
+        const char* where;
+        const char* method;
+        std::vector<Value> arguments;
+        const char* answer;
+    };
+    const std::vector<Case> cases = {
+        {"Thermal/fans/chassis", "updateFanPWMData", {"Fan2", uint8_t{77}}, "i 0"},
+        {"Thermal/fans/chassis", "updateFanPWMData", {"Fan2", uint8_t{101}}, "i -1"},
+        {"Thermal/fans/chassis", "updateFanPWMData", {"Fan99", uint8_t{50}}, "i -1"},
+        {"Thermal/system", "GetSystemThermalInformation", {}, "qq 2"},
+        {"Cpu/cpu0", "setCpuPL1", {50U}, "y 0"},
+        {"Cpu/cpu0", "setMemPL1", {8U}, "y 0"},
+        {"Cpu/cpu0", "setSysPL2", {0U}, "y 1"},
+        {"Simulator", "Step", {}, ""},
+        {"Memory/all", "DimmPowerCmdHandler", {}, "iddddd 0 4 4 0 0 8"},
+        {"Memory/all", "getDbusStatus", {}, "i 0"},
+        {"Memory/all", "MemoryCmdHandler", {std::vector<uint8_t>{1, 4}}, "i 0"},
+        {"Memory/all", "MemoryCmdHandler", {std::vector<uint8_t>{9}}, "i -22"},
+        {"Cpu/cpu0", "writeRASCPCIeCfg", {Accesses{{0, 1, 2, 3, 4711}}}, "y 0"},
+        {"Cpu/cpu0", "readRASCPCIeCfg", {Accesses{{0, 1, 2, 3, 0}}}, "u 4711"},
+        {"Cpu/cpu0", "readRTC", {}, "(ty) 1"},
+        {"Debug", "debugmethod", {"hi"}, "s \"hi\""},
+        {"Cpu/telemetry", "GetCpuTelemetryData", {uint8_t{1}}, "uuuuuuuuuuuuuuuuuuuuuuuuuuuuuu "},
+        {"Cpu/telemetry", "GetCpuTelemetryData", {uint8_t{2}}, "org.freedesktop.DBus.Error.Inval"},
+    };
+    for (const Case& one : cases)
+    {
+        EXPECT_THAT(call(one.where, one.method, one.arguments), StartsWith(one.answer))
+            << one.where << " " << one.method;
+    }
+    EXPECT_THAT(Read(thermal, chassisFans, fanReporting, "fanPWMData"), HasSubstr("\"Fan2\" 77 "));
     ASSERT_TRUE(bmcbus::testing::Dispatch(client, [&] { return !signals.empty(); }));
     EXPECT_THAT(signals[0], HasSubstr(" 4 50 205 0 0 ")); // the limit of the first socket
-    EXPECT_EQ(memory("DimmPowerCmdHandler", {}), "iddddd 0 4 4 0 0 8");
-    EXPECT_EQ(memory("getDbusStatus", {}), "i 0");
-    EXPECT_EQ(memory("MemoryCmdHandler", {std::vector<uint8_t>{1, 4}}), "i 0");
-    EXPECT_EQ(memory("MemoryCmdHandler", {std::vector<uint8_t>{9}}), "i -22");
-
-    using Accesses = std::vector<std::tuple<uint8_t, uint8_t, uint32_t, uint32_t, uint32_t>>;
-    EXPECT_EQ(cpu("writeRASCPCIeCfg", {Accesses{{0, 1, 2, 3, 4711}}}), "y 0");
-    EXPECT_EQ(cpu("readRASCPCIeCfg", {Accesses{{0, 1, 2, 3, 0}}}), "u 4711");
-    const std::time_t before = std::time(nullptr);
-    const auto clock = client.Call("com.tamm.bmc.Cpu", "/com/tamm/bmc/cpu/cpu0",
-                                   "com.tamm.bmc.Cpu.cpu", "readRTC");
-    EXPECT_GE(static_cast<std::time_t>(
-                  std::get<0>(clock.values.at(0).Get<std::tuple<uint64_t, uint8_t>>())),
-              before);
-
-    EXPECT_EQ(
-        client.Call("com.tamm.bmc.Debug", "/com/tamm/bmc/debug", "", "debugmethod", {"hi"}).Text(),
-        "s \"hi\"");
-    EXPECT_EQ(client
-                  .Call("com.tamm.bmc.Cpu", "/com/tamm/bmc/cpu/telemetry", "",
-                        "GetCpuTelemetryData", {uint8_t{1}})
-                  .values.size(),
-              30U);
-    EXPECT_EQ(client
-                  .Call("com.tamm.bmc.Cpu", "/com/tamm/bmc/cpu/telemetry", "",
-                        "GetCpuTelemetryData", {uint8_t{2}})
-                  .error,
-              "org.freedesktop.DBus.Error.InvalidArgs");
-    EXPECT_THAT(
-        client.Call(thermal, "/com/tamm/bmc/thermal/system", "", "GetSystemThermalInformation")
-            .Text(),
-        StartsWith("qq 2"));
 }
 
 TEST_F(SimulatorTest, WrittenValuesStay)
@@ -242,16 +224,15 @@ TEST_F(SimulatorTest, TheInterfaceTableAndItsInterfacesAgree)
     EXPECT_THAT(rows.Text(), HasSubstr("\"renamed\""));
 
     std::vector<Value> fields = rows.Children().front().Children();
-    fields[17] = uint32_t{9000};
-    const std::string rowType = rows.Signature().substr(1);
-    EXPECT_EQ(Write(wharfd, network, table, "OSLogicalNetworkInterfaces",
-                    Value::Array(rowType, {Value::Struct(fields)})),
-              "");
+    const auto writeTable = [&](size_t field, const Value& value)
+    {
+        fields[field] = value;
+        return Write(wharfd, network, table, "OSLogicalNetworkInterfaces",
+                     Value::Array(rows.Signature().substr(1), {Value::Struct(fields)}));
+    };
+    EXPECT_EQ(writeTable(17, uint32_t{9000}), "");
     EXPECT_EQ(Read(wharfd, eth0, port, "mtuSize"), "v u 9000");
-    fields[2] = Value("eth9");
-    EXPECT_EQ(Write(wharfd, network, table, "OSLogicalNetworkInterfaces",
-                    Value::Array(rowType, {Value::Struct(fields)})),
-              "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(writeTable(2, "eth9"), "org.freedesktop.DBus.Error.InvalidArgs");
 
     // What is read may be written back, also when interfaces have other names, or the same.
     for (const char* renamed : {"/eth1", "/eth0"})

@@ -218,25 +218,4 @@ TEST_F(EventLog, SendsNoTextThatMayNotTravel)
     EXPECT_THAT(Received(), EndsWith("\"\xC3\xA9\" 2 2 \"\xE2\x82\xAC\" 3 \"\xF0\x9F\x98\x80\""));
 }
 
-TEST_F(EventLog, CarriesLongTexts)
-{
-    const std::string text(10240, 'x');
-    test::SetLogThreshold(2); // a line per byte is more than a recorder should keep
-    // Such a message takes a memory checker a while.
-    sd_bus_set_method_call_timeout(connection, 300'000'000);
-    QZLogViaDbus::Log(*wrapped, 1, 2, 3, text, text, text, std::vector<std::string>(1000, text));
-    test::SetLogThreshold(1000);
-    const auto calls = daemon.Calls(method);
-    ASSERT_FALSE(calls.empty()) << Failure();
-    const auto& arguments = calls.back().arguments;
-    EXPECT_EQ(arguments.at(5).Get<std::string>(), text);
-    const auto items = arguments.at(6).Get<std::vector<std::tuple<uint16_t, std::string>>>();
-    ASSERT_EQ(items.size(), 3U);
-    EXPECT_EQ(std::get<1>(items.at(1)), text);
-    const std::string& block = std::get<1>(items.at(2));
-    EXPECT_EQ(block.size(), 1000 * (2 * text.size() + 2) + 2);
-    EXPECT_THAT(block, EndsWith("78780000"));
-    EXPECT_EQ(block.find_first_not_of("780"), std::string::npos);
-}
-
 } // namespace
