@@ -71,4 +71,20 @@ const std::vector<Word>& Words()
     return words;
 }
 
+// Calls `round` with the rest of the input and the class that the first byte chooses.
+template <class Do>
+int ForOneOf(const uint8_t* data, size_t size, const Do& round)
+{
+    const auto run = [&]<class Class>(Class* none)
+    {
+        Input input(data + 1, size - 1, Words<Class>());
+        round(input, none);
+    };
+    if (size > 0)
+    {
+        data[0] % 2 == 0 ? run(static_cast<Fans*>(nullptr)) : run(static_cast<Power*>(nullptr));
+    }
+    return 0;
+}
+
 } // namespace fuzz

@@ -11,35 +11,19 @@ namespace
 using namespace fuzz;
 
 // A reply that is an error, or has these arguments.
-struct Reply
+struct Answer
 {
     bool error;
     std::vector<kit::Value> arguments;
 };
 
-Reply AnyReply(Input& input)
+Answer AnyAnswer(Input& input)
 {
     return {input.OnceIn(8), input.Bent({input.PropertyMap()})};
 }
 
-void Send(sd_bus_message* call, const Reply& reply)
-{
-    sd_bus_message* message = nullptr;
-    const sd_bus_error error = {"com.example.Error.Some", "text", 0};
-    Expect((reply.error ? sd_bus_message_new_method_error(call, &message, &error)
-                        : sd_bus_message_new_method_return(call, &message)) >= 0,
-           "new reply");
-    // What follows an error's text is for nobody.
-    for (const kit::Value& value : reply.arguments)
-    {
-        value.Append(message);
-    }
-    Expect(sd_bus_send(sd_bus_message_get_bus(call), message, nullptr) >= 0, "sd_bus_send");
-    sd_bus_message_unref(message);
-}
-
 // True when the reply can be read.
-bool Apply(Copy& copy, const Reply& reply)
+bool Apply(Copy& copy, const Answer& reply)
 {
     if (reply.error)
     {
@@ -60,20 +44,20 @@ bool Apply(Copy& copy, const Reply& reply)
 }
 
 // Answers what has been asked; gives the number of calls.
-size_t Answer(const Reply& reply)
+size_t Send(const Answer& reply)
 {
     size_t calls = 0;
     TheWire().Serve(
         [&](sd_bus_message* call)
         {
             ++calls;
-            Send(call, reply);
+            Reply(call, reply.arguments, reply.error);
         });
     return calls;
 }
 
 template <class Class>
-void AskPublicly(Tested<Class>& tested, const Reply& reply)
+void AskPublicly(Tested<Class>& tested, const Answer& reply)
 {
     using Variant = typename Class::Variant;
     bmcbus::Bus bus(TheWire().Default());
@@ -89,7 +73,7 @@ void AskPublicly(Tested<Class>& tested, const Reply& reply)
             Class::GetPropertiesAsyncCallback(read, values, object);
         },
         &tested.object);
-    Expect(Answer(reply) == 1, "one call is sent");
+    Expect(Send(reply) == 1, "one call is sent");
     Expect(Apply(tested.expected, reply) == success, "success is told");
     Expect(completions == 1, "one completion");
 }
@@ -105,20 +89,20 @@ void Round(Input& input)
     }
     while (input.Left())
     {
-        const Reply own = AnyReply(input);
-        Expect(Answer(own) >= 1, "the object asks");
+        const Answer own = AnyAnswer(input);
+        Expect(Send(own) >= 1, "the object asks");
         Apply(tested.expected, own);
         tested.Compare();
         if (input.OnceIn(2))
         {
-            AskPublicly(tested, AnyReply(input));
+            AskPublicly(tested, AnyAnswer(input));
             tested.Compare();
         }
         tested.object.InitialGetAll();
     }
     const Member<Class>& member = About<Class>::members.front();
-    const Reply last = {false, {kit::AsPropertyMap({{member.name, member.initial}})}};
-    Expect(Answer(last) >= 1, "the object asks");
+    const Answer last = {false, {kit::AsPropertyMap({{member.name, member.initial}})}};
+    Expect(Send(last) >= 1, "the object asks");
     Apply(tested.expected, last);
     tested.Compare();
 }
@@ -127,15 +111,5 @@ void Round(Input& input)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size > 0 && data[0] % 2 == 0)
-    {
-        Input input(data + 1, size - 1, Words<Fans>());
-        Round<Fans>(input);
-    }
-    else if (size > 0)
-    {
-        Input input(data + 1, size - 1, Words<Power>());
-        Round<Power>(input);
-    }
-    return 0;
+    return ForOneOf(data, size, []<class Class>(Input& input, Class*) { Round<Class>(input); });
 }

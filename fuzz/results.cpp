@@ -18,18 +18,6 @@ using Edge = ClientEdge::com::tamm::bmc::Thermal::FanReporting;
 using FanData = std::map<std::string, std::tuple<uint8_t, uint8_t, uint8_t, bool>>;
 using Mixed = std::tuple<std::string, std::vector<std::tuple<int32_t, std::string>>, double>;
 
-void Send(sd_bus_message* call, const std::vector<kit::Value>& arguments)
-{
-    sd_bus_message* message = nullptr;
-    Expect(sd_bus_message_new_method_return(call, &message) >= 0, "new reply");
-    for (const kit::Value& value : arguments)
-    {
-        value.Append(message);
-    }
-    Expect(sd_bus_send(sd_bus_message_get_bus(call), message, nullptr) >= 0, "sd_bus_send");
-    sd_bus_message_unref(message);
-}
-
 // Starts a call, answers it with these, and gives what it ended with.
 template <class T, class Start>
 bmcbus::Result<T> Ended(const Start& start, const std::vector<kit::Value>& reply)
@@ -42,7 +30,7 @@ bmcbus::Result<T> Ended(const Start& start, const std::vector<kit::Value>& reply
             told = std::move(result);
             ++times;
         });
-    TheWire().Serve([&](sd_bus_message* asked) { Send(asked, reply); });
+    TheWire().Serve([&](sd_bus_message* asked) { Reply(asked, reply); });
     Expect(times == 1 && !call.Pending(), "a call ends once");
     return *std::move(told);
 }

@@ -65,17 +65,8 @@ void Round(Input& input, const Kind& kind)
 
 inline int Run(const uint8_t* data, size_t size, const Kind& kind)
 {
-    if (size > 0 && data[0] % 2 == 0)
-    {
-        Input input(data + 1, size - 1, Words<Fans>());
-        Round<Fans>(input, kind);
-    }
-    else if (size > 0)
-    {
-        Input input(data + 1, size - 1, Words<Power>());
-        Round<Power>(input, kind);
-    }
-    return 0;
+    return ForOneOf(data, size,
+                    [&]<class Class>(Input& input, Class*) { Round<Class>(input, kind); });
 }
 
 } // namespace fuzz

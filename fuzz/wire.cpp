@@ -116,6 +116,21 @@ void Wire::Serve(const Answer& answer)
     }
 }
 
+void Reply(sd_bus_message* call, const std::vector<kit::Value>& arguments, bool error)
+{
+    sd_bus_message* raw = nullptr;
+    const sd_bus_error some = {"com.example.Error.Some", "text", 0};
+    Expect((error ? sd_bus_message_new_method_error(call, &raw, &some)
+                  : sd_bus_message_new_method_return(call, &raw)) >= 0,
+           "new reply");
+    const Owned reply(raw, sd_bus_message_unref);
+    for (const kit::Value& value : arguments)
+    {
+        value.Append(raw);
+    }
+    Expect(sd_bus_send(sd_bus_message_get_bus(call), raw, nullptr) >= 0, "sd_bus_send");
+}
+
 Wire& TheWire()
 {
     static Wire wire;

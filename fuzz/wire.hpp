@@ -43,6 +43,9 @@ class Wire
     std::unique_ptr<kit::Peers> peers;
 };
 
+// Answers a call with these arguments, or with an error, whose further arguments are for nobody.
+void Reply(sd_bus_message* call, const std::vector<kit::Value>& arguments, bool error = false);
+
 // One for the process.
 Wire& TheWire();
 

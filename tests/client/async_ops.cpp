@@ -190,25 +190,6 @@ TEST_F(GetAllProperties, ThrowsWhatCannotBeQueued)
     EXPECT_THAT(completions, IsEmpty());
 }
 
-TEST_F(GetAllProperties, TimesOut)
-{
-    sd_bus_set_method_call_timeout(connection, 50'000);
-    fans.On("GetAll").NoReply();
-    Ask(fanService);
-    Await(1);
-    EXPECT_EQ(completions[0], Failed());
-}
-
-TEST_F(GetAllProperties, EndsWithItsConnection)
-{
-    fans.On("GetAll").NoReply();
-    Ask(fanService);
-    ASSERT_TRUE(fans.WaitForCalls("GetAll"));
-    bus.Kill();
-    Await(1);
-    EXPECT_EQ(completions[0], Failed());
-}
-
 // Nobody is told, but nothing is kept either.
 TEST_F(GetAllProperties, EndsWithItsLastReference)
 {

@@ -64,33 +64,6 @@ TEST_F(Callbacks, RunInTheOrderAddedOnceForEverySignal)
     EXPECT_EQ(fan.SignalCount(), 3U);
 }
 
-TEST_F(Callbacks, GetTheObjectAndMayUseIt)
-{
-    Fan* seen = nullptr;
-    uint8_t count = 0;
-    std::string asked;
-    journal.act = [&](Fan* fan)
-    {
-        seen = fan;
-        count = fan->Get_fanCount();
-        fan->Set_fanCount(static_cast<uint8_t>(count + 1));
-        fan->SetByName("fanPWMData", FanMap());
-        EXPECT_TRUE(fan->Ready());
-        EXPECT_EQ(fan->SignalCount(), 1U) << "counted before";
-        EXPECT_EQ(Fan::Lookup(fanPath), fan);
-        // Blocking calls work in a handler, too.
-        EXPECT_EQ(FanEdge(fanService, fanPath).Get_fanCount(), 2);
-        asked = fan->Path();
-    };
-    Fan* const fan = Fan::Create(fanPath, fanService, Act, &journal);
-    Change({{"fanCount", uint8_t{8}}});
-    EXPECT_EQ(seen, fan);
-    EXPECT_EQ(count, 8);
-    EXPECT_EQ(fan->Get_fanCount(), 9);
-    EXPECT_EQ(asked, fanPath);
-    EXPECT_EQ(fan->SignalCount(), 1U);
-}
-
 TEST_F(Callbacks, AddedMeanwhileRunFromTheNextSignalOn)
 {
     Fan fan(fanPath, fanService, Act, &journal);
@@ -139,21 +112,6 @@ TEST_F(Callbacks, MayReleaseTheirOwnObject)
         signal();
     }
     EXPECT_THAT(journal.entries, ElementsAre("one", "one", "one")) << "the round ends";
-}
-
-TEST_F(Callbacks, MayReleaseAndThrow)
-{
-    Fan* const fan = Fan::Create(fanPath, fanService, Act, &journal);
-    fan->AddCallback(Write, &one);
-    journal.act = [](Fan* own)
-    {
-        Fan::Release(own);
-        throw std::runtime_error("gone");
-    };
-    test::ClearLog();
-    Change({});
-    EXPECT_THAT(LoggedErrors(), ElementsAre(Exception("ObjectCallbackChanged", "gone")));
-    EXPECT_THAT(journal.entries, IsEmpty());
 }
 
 TEST_F(Callbacks, MayReleaseAnotherObjectWhoseTurnIsNext)
@@ -272,32 +230,6 @@ TEST_F(Pending, AnswersDoNotReachANewObjectAtTheOldAddress)
     EXPECT_FALSE(fan->Ready());
     EXPECT_EQ(fan->Get_fanCount(), 0);
     fan->~Fan();
-}
-
-TEST_F(Pending, AnswersReachTheObjectsThatRemain)
-{
-    mapper.On("GetObject").Hold();
-    Fan* const gone = Fan::Create(fanPath, true);
-    Fan* const stays = Fan::Create(fanPath, true);
-    ASSERT_TRUE(mapper.WaitForHeld(2));
-    Fan::Release(gone);
-    mapper.Release();
-    EXPECT_TRUE(kit::Dispatch(connection, [&] { return stays->Ready(); }));
-    EXPECT_EQ(fans.Calls("GetAll").size(), 1U);
-}
-
-TEST_F(Pending, EveryRequestIsAnswered)
-{
-    fans.On("GetAll").Hold();
-    Fan fan(fanPath, fanService, true);
-    fan.InitialGetAll();
-    fan.ServiceIsSet();
-    ASSERT_TRUE(fans.WaitForHeld(3));
-    test::ClearLog();
-    fans.Release();
-    Deliver();
-    EXPECT_TRUE(fan.Ready());
-    EXPECT_EQ(test::CountLog(9, 127, "GetPropertiesAsyncCallback", "success=1"), 3U);
 }
 
 TEST_F(Pending, TheConnectionIsClosedHere)

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <latch>
 #include <thread>
 
 using testing::ElementsAre;
@@ -191,14 +192,29 @@ TEST_F(Direct, OnlyThePlainFormsWaitForEachOther)
     uint8_t second = 0;
     std::thread holding([&] { first = edge.Get_fanCount(); });
     ASSERT_TRUE(fans.WaitForHeld());
-    std::thread waiting([&] { second = edge.Get_fanCount(); });
+    std::latch connected(1);
+    std::thread waiting(
+        [&]
+        {
+            sd_bus* own = nullptr;
+            sd_bus_default_system(&own);
+            connected.count_down();
+            FanEdge::Variant value;
+            edge.Get_fanCount(value);
+            second = std::get<uint8_t>(value);
+            sd_bus_flush_close_unref(own);
+        });
+    connected.wait();
     FanEdge::Variant value;
     edge.GetLocked_fanCount(value);
     EXPECT_EQ(value, FanEdge::Variant(uint8_t{2}));
-    bool ok = false;
-    int32_t out = 0;
-    edge.Call_updateFanPWMData(ok, "fan1", uint8_t{1}, out);
-    EXPECT_TRUE(ok);
+    for (int i = 0; i < 50; ++i) // more than the other thread needs for one
+    {
+        bool ok = false;
+        int32_t out = 0;
+        edge.Call_updateFanPWMData(ok, "fan1", uint8_t{1}, out);
+        EXPECT_TRUE(ok);
+    }
     EXPECT_EQ(fans.Calls("Get").size(), 2U) << "the second plain form has sent nothing yet";
     fans->SetQuietly({{"fanCount", 6}});
     fans.Release();

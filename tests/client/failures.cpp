@@ -2,7 +2,6 @@
 
 #include "fixture.hpp"
 #include "no_bus.hpp"
-#include "no_descriptors.hpp"
 
 #include <com/tamm/bmc/debug/dataorigin/client_cache.hpp>
 
@@ -132,16 +131,6 @@ TEST_F(Failures, TheConnectionBreaksDuringACall)
     fans.Start();
     Reconnect();
     EXPECT_EQ(edge.Get_fanCount(), 2);
-}
-
-TEST_F(Failures, TheServiceDiesDuringACall)
-{
-    fans.On("GetAll").Crash();
-    Fan fan(fanPath, fanService);
-    EXPECT_FALSE(fan.Ready());
-    EXPECT_THAT(LoggedErrors(),
-                ElementsAre(StartsWith(Exception(
-                    "ServiceIsSet", "sd_bus_call: org.freedesktop.DBus.Error.NoReply: "))));
 }
 
 // One that crashes tells nobody; when it is back, objects made before it went work as they are.
@@ -286,31 +275,6 @@ TEST(WithoutABus, EverythingFailsWithItsLine)
     EXPECT_FALSE(ok);
     EXPECT_EQ(map, twoFans);
     EXPECT_THAT(LoggedErrors(), ElementsAre(Exception("GetLocked_fanPWMData", missing)));
-}
-
-TEST_F(Failures, NoDescriptorIsLeft)
-{
-    FanEdge edge(fanService, fanPath);
-    sd_bus_flush_close_unref(connection);
-    connection = nullptr;
-    {
-        const test::NoDescriptors exhausted;
-        bool ok = true;
-        uint8_t count = 5;
-        edge.Get_fanCount(ok, count);
-        EXPECT_FALSE(ok);
-        Fan fan(fanPath, fanService);
-        EXPECT_FALSE(fan.Ready());
-        EXPECT_THROW(FanSignal{fanPath}, bmcbus::Error);
-    }
-    EXPECT_THAT(
-        LoggedErrors(),
-        ElementsAre(Exception("GetLocked_fanCount",
-                              "sd_bus_default_system: System.Error.EMFILE: Too many open files"),
-                    Exception("FanReporting",
-                              "sd_bus_default_system: System.Error.EMFILE: Too many open files")));
-    EXPECT_EQ(edge.Get_fanCount(), 2);
-    ASSERT_GE(sd_bus_default_system(&connection), 0);
 }
 
 } // namespace

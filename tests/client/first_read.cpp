@@ -2,10 +2,6 @@
 
 #include "fixture.hpp"
 
-#include <property_match.hpp>
-
-#include <thread>
-
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -313,30 +309,6 @@ TEST_F(FirstRead, CompletionsCalledByHand)
 
     Fan::GetServiceAsyncCallback(true, none = otherService, &fan);
     EXPECT_THAT(LoggedErrors(), testing::SizeIs(2)) << "the new service does not exist";
-}
-
-TEST(PropertyMatch, IsAFlagOfTheCallers)
-{
-    EXPECT_FALSE(PropertyMatch_use_async);
-    PropertyMatch_use_async = true;
-    EXPECT_TRUE(PropertyMatch_use_async);
-    PropertyMatch_use_async = false;
-}
-
-// An object is dispatched with the connection that it was made on, by whichever thread.
-TEST_F(FirstRead, OfAnObjectThatAnotherThreadDispatches)
-{
-    Fan looking(fanPath, true);
-    std::thread(
-        [&]
-        {
-            EXPECT_TRUE(kit::Dispatch(connection, [&] { return looking.Ready(); }));
-            fans->SetQuietly({{"fanCount", 7}});
-            looking.InitialGetAll();
-            EXPECT_TRUE(kit::Dispatch(connection, [&] { return looking.Get_fanCount() == 7; }));
-        })
-        .join();
-    EXPECT_EQ(looking.Get_fanCount(), 7);
 }
 
 } // namespace

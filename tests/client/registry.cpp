@@ -63,7 +63,7 @@ static_assert(!std::is_polymorphic_v<Fan> && !std::is_polymorphic_v<FanSignal>);
 class Construction : public ClientTest
 {
   protected:
-    // Which way `make` took: the calls that it led to, and whether it waited for them.
+    // Which way a constructor took: the calls that it led to, and whether it waited for them.
     struct Way
     {
         size_t lookups;
@@ -72,37 +72,17 @@ class Construction : public ClientTest
         bool operator==(const Way&) const = default;
     };
 
-    template <class Make>
-    Way WayOf(Make make)
-    {
-        mapper.ClearCalls();
-        fans.ClearCalls();
-        const auto fan = make();
-        const bool waited = fan->Ready();
-        EXPECT_TRUE(kit::Dispatch(connection, [&] { return fan->Ready(); }));
-        calls = 0;
-        Change({});
-        return {mapper.Calls("GetObject").size(), fans.Calls("GetAll").size(), waited};
-    }
-
     template <class... Arguments>
     Way Constructed(Arguments... arguments)
     {
-        return WayOf([&] { return std::make_unique<Fan>(arguments...); });
-    }
-
-    template <class... Arguments>
-    Way Created(Arguments... arguments)
-    {
-        const auto release = [](Fan* fan)
-        {
-            EXPECT_EQ(Fan::active.back(), fan);
-            Fan::Release(fan);
-        };
-        return WayOf(
-            [&] {
-                return std::unique_ptr<Fan, decltype(release)>(Fan::Create(arguments...), release);
-            });
+        mapper.ClearCalls();
+        fans.ClearCalls();
+        Fan fan(arguments...);
+        const bool waited = fan.Ready();
+        EXPECT_TRUE(kit::Dispatch(connection, [&] { return fan.Ready(); }));
+        calls = 0;
+        Change({});
+        return {mapper.Calls("GetObject").size(), fans.Calls("GetAll").size(), waited};
     }
 
     static constexpr Way asks{1, 1, true};
@@ -158,28 +138,6 @@ TEST_F(Construction, EveryConstructorMeansWhatItSays)
     EXPECT_EQ(Constructed(path, false), asks);
     EXPECT_EQ(Constructed(path, std::string(), Callback(), nullptr, false), asks);
     EXPECT_EQ(nulls, 4U);
-}
-
-TEST_F(Construction, EveryFactoryMeansWhatItSays)
-{
-    const char* const path = fanPath.c_str();
-    const char* const service = fanService.c_str();
-    EXPECT_EQ(Created(path), asks);
-    EXPECT_EQ(Created(path, Count<Fan>, &calls), asks);
-    EXPECT_EQ(calls, 1U);
-    EXPECT_EQ(Created(path, service), knows);
-    EXPECT_EQ(Created(path, std::string(service)), knows);
-    EXPECT_EQ(Created(path, service, Count<Fan>, &calls), knows);
-    EXPECT_EQ(calls, 1U);
-    EXPECT_EQ(Created(path, true), asksLater);
-    EXPECT_EQ(Created(path, Count<Fan>, &calls, true), asksLater);
-    EXPECT_EQ(calls, 1U);
-    EXPECT_EQ(Created(path, service, true), knowsLater);
-    EXPECT_EQ(Created(path, service, Count<Fan>, &calls, true), knowsLater);
-    EXPECT_EQ(calls, 1U);
-    // A null pointer to text stands for no service.
-    EXPECT_EQ(Created(path, static_cast<const char*>(nullptr)), asks);
-    EXPECT_EQ(Created(path, service, nullptr, nullptr), knows);
 }
 
 TEST_F(Construction, LiteralsAreServices)

@@ -6,9 +6,7 @@
 
 #include <object_mapper.hpp>
 
-#include <boost/asio/signal_set.hpp>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -164,62 +162,6 @@ TYPED_TEST(UnixSignals, LeaveCallsFromHandlersWhole)
         &here);
     this->fans->Set("fanCount", 9);
     EXPECT_TRUE(this->loop.Run([&] { return here.ok; }));
-}
-
-using UnixSignalsInAsio = UnixSignals<test::AsioLoop>;
-
-TEST_F(UnixSignalsInAsio, ReachASignalSetAfterTheCall)
-{
-    boost::asio::io_context io;
-    boost::asio::signal_set set(io, SIGHUP);
-    int received = 0;
-    set.async_wait([&](const boost::system::error_code& error, int number)
-                   { received = error ? -1 : number; });
-    DaemonPid();
-    FanEdge edge(fanService, fanPath);
-    bool ok = false;
-    uint8_t count = 0;
-    const pthread_t self = pthread_self();
-    fans.On("Get").Once().Hold();
-    std::thread other(
-        [&]
-        {
-            EXPECT_TRUE(fans.WaitForHeld());
-            EXPECT_EQ(pthread_kill(self, SIGHUP), 0);
-            fans.Release();
-        });
-    edge.Get_fanCount(ok, count);
-    other.join();
-    EXPECT_TRUE(ok);
-    EXPECT_TRUE(test::RunUntil(io, [&] { return received != 0; }));
-    EXPECT_EQ(received, SIGHUP);
-}
-
-// A timer that measures the process's time ticks while other threads of it work.
-TEST_F(UnixSignalsInAsio, OfAProfilerLeaveCallsWhole)
-{
-    struct sigaction action = {};
-    action.sa_handler = [](int) { ++handled; };
-    struct sigaction old = {};
-    ASSERT_EQ(sigaction(SIGPROF, &action, &old), 0);
-    const itimerval tick{{0, 1000}, {0, 1000}};
-    ASSERT_EQ(setitimer(ITIMER_PROF, &tick, nullptr), 0);
-    FanEdge edge(fanService, fanPath);
-    handled = 0;
-    int failed = 0;
-    EXPECT_TRUE(kit::Until(
-        [&]
-        {
-            bool ok = false;
-            uint8_t count = 0;
-            edge.Get_fanCount(ok, count);
-            failed += ok ? 0 : 1;
-            return handled >= 5;
-        }));
-    const itimerval off{};
-    setitimer(ITIMER_PROF, &off, nullptr);
-    sigaction(SIGPROF, &old, nullptr);
-    EXPECT_EQ(failed, 0);
 }
 
 using UncaughtUnixSignals = ClientTest;

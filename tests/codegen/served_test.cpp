@@ -155,57 +155,42 @@ TEST_F(Served, SignalsOfEveryTypeArrive)
     EXPECT_TRUE(Dispatch([&] { return bare.Ready() && bare.SignalCount() == 1; }));
 }
 
+void CreateTen()
+{
+    for (int i = 0; i < 10; ++i)
+    {
+        Cached::Create("/a", service_name, true);
+    }
+}
+
 // What the first static object of the program does at its end, when the registries have been
 // emptied.
-enum class AtExit
-{
-    nothing,
-    cleanup,
-    release,
-    create
-};
-AtExit atExit = AtExit::nothing;
+void (*atExit)() = [] {};
 
 struct First
 {
-    ~First()
-    {
-        switch (atExit)
-        {
-            case AtExit::nothing:
-                break;
-            case AtExit::cleanup:
-                Cached::Cleanup();
-                break;
-            case AtExit::release:
-                Cached::Release(Cached::Lookup("/a"));
-                break;
-            case AtExit::create:
-                for (int i = 0; i < 10; ++i)
-                {
-                    Cached::Create("/a", service_name, true);
-                }
-                Cached::Release(Cached::Lookup("/a"));
-                if (Cached::active.size() != 9)
-                {
-                    _exit(1);
-                }
-                Cached::Cleanup();
-        }
-    }
+    ~First() { atExit(); }
 };
 [[gnu::init_priority(200)]] const First first;
 
 TEST_F(Served, RegistriesAreEmptyAndUsableAtTheEndOfTheProcess)
 {
-    for (const AtExit what : {AtExit::cleanup, AtExit::release, AtExit::create})
+    const auto use = []
+    {
+        CreateTen();
+        Cached::Release(Cached::Lookup("/a"));
+        if (Cached::active.size() != 9)
+        {
+            _exit(1);
+        }
+        Cached::Cleanup();
+    };
+    for (void (*what)() :
+         {+[] { Cached::Cleanup(); }, +[] { Cached::Release(Cached::Lookup("/a")); }, +use})
     {
         const auto end = [&]
         {
-            for (int i = 0; i < 10; ++i)
-            {
-                Cached::Create("/a", service_name, true);
-            }
+            CreateTen();
             // Destroyed behind the registry's back, before it is emptied; so nothing leaks.
             static std::vector<std::unique_ptr<Cached>> kept;
             for (Cached* const object : Cached::active)
