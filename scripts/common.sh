@@ -70,7 +70,7 @@ missing()
     local package purpose
     while read -r package purpose; do
         [[ $package != '#'* && " $* " == *" $purpose "* ]] || continue
-        [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] ||
+        [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed* ]] ||
             missing+=("$package")
     done <"$top/scripts/packages.txt"
 }
