@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace fuzz
@@ -71,18 +72,18 @@ const std::vector<Word>& Words()
     return words;
 }
 
-// Calls `round` with the rest of the input and the class that the first byte chooses.
+// Calls `round` with the rest of the input and, as a type, the class that the first byte chooses.
 template <class Do>
 int ForOneOf(const uint8_t* data, size_t size, const Do& round)
 {
-    const auto run = [&]<class Class>(Class* none)
+    const auto run = [&](auto class_)
     {
-        Input input(data + 1, size - 1, Words<Class>());
-        round(input, none);
+        Input input(data + 1, size - 1, Words<typename decltype(class_)::type>());
+        round(input, class_);
     };
     if (size > 0)
     {
-        data[0] % 2 == 0 ? run(static_cast<Fans*>(nullptr)) : run(static_cast<Power*>(nullptr));
+        data[0] % 2 == 0 ? run(std::type_identity<Fans>()) : run(std::type_identity<Power>());
     }
     return 0;
 }

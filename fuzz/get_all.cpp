@@ -111,5 +111,7 @@ void Round(Input& input)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    return ForOneOf(data, size, []<class Class>(Input& input, Class*) { Round<Class>(input); });
+    return ForOneOf(data, size,
+                    [](Input& input, auto class_)
+                    { Round<typename decltype(class_)::type>(input); });
 }

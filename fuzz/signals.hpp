@@ -66,7 +66,8 @@ void Round(Input& input, const Kind& kind)
 inline int Run(const uint8_t* data, size_t size, const Kind& kind)
 {
     return ForOneOf(data, size,
-                    [&]<class Class>(Input& input, Class*) { Round<Class>(input, kind); });
+                    [&](Input& input, auto class_)
+                    { Round<typename decltype(class_)::type>(input, kind); });
 }
 
 } // namespace fuzz

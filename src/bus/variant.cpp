@@ -370,7 +370,7 @@ const Variant* Variant::Dictionary::Find(const Variant& key) const
 
 uint64_t WidenedNumber(char type, const std::byte* raw)
 {
-    const auto widened = [&]<class T>(T number)
+    const auto widened = [&](auto number)
     {
         std::memcpy(&number, raw, sizeof(number));
         return static_cast<uint64_t>(number);
@@ -394,7 +394,7 @@ uint64_t WidenedNumber(char type, const std::byte* raw)
 
 void StoreNumber(char type, uint64_t bits, std::byte* raw)
 {
-    const auto store = [&]<class T>(T number) { std::memcpy(raw, &number, sizeof(number)); };
+    const auto store = [&](auto number) { std::memcpy(raw, &number, sizeof(number)); };
     switch (NumberWidth(type))
     {
         case 1:

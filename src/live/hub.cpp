@@ -149,7 +149,7 @@ Entry& Hub::Add(std::unique_ptr<Entry> owned, const std::string& service)
     {
         Attach(entry, PeerOf(service));
     }
-    return entry;
+    return entry; // cppcheck-suppress returnReference ; the index owns it
 }
 
 void Hub::Remove(Entry& entry)

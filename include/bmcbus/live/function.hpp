@@ -39,11 +39,14 @@ class Function
         }
         else
         {
+            // cppcheck-suppress noCopyConstructor ; it overlooks that there is none
             held_ = new Held(std::forward<Callable>(callable));
         }
         kind_ = &kindOf<Held>;
     }
 
+    Function(const Function&) = delete;
+    Function& operator=(const Function&) = delete;
     Function(Function&& other) noexcept :
         held_(other.held_), kind_(std::exchange(other.kind_, nullptr))
     {
@@ -84,6 +87,7 @@ class Function
     template <class Held>
     static void Call(void** held, A... arguments)
     {
+        // cppcheck-suppress legacyUninitvar ; it takes the template's arguments for comparisons
         void* const at = isSmall<Held> ? static_cast<void*>(held) : *held;
         static_cast<void>((*std::launder(static_cast<Held*>(at)))(std::forward<A>(arguments)...));
     }

@@ -52,6 +52,7 @@ class ResultStorage
     constexpr ResultStorage& operator=(ResultStorage&& other) noexcept(
         std::is_nothrow_move_constructible_v<T>&& std::is_nothrow_move_assignable_v<T>)
     {
+        // cppcheck-suppress throwInNoexceptFunction ; it does not see the condition above
         Assign(std::move(other));
         return *this;
     }
