@@ -17,26 +17,26 @@ namespace
 {
 
 using namespace test;
-using boost::asio::use_awaitable;
-
-using Results = std::vector<Result<int32_t>>;
-
-boost::asio::awaitable<void> Ask(sd_bus* on, kit::FakeService& fans, Results& results)
-{
-    const auto await = [on](const bmcbus::CallOptions& options)
-    { return bmcbus::Await(Update(on).Async<int32_t>(options), use_awaitable); };
-    results.push_back(co_await await({}));
-    fans.On("updateFanPWMData").NoReply();
-    results.push_back(co_await await({.timeout = 20ms}));
-    results.push_back(co_await await({.timeout = -1s})); // ends before it is sent
-}
-
 struct Asio : testing::Test, Fans
 {
     bmcbus::BusRef connection = Connect();
     boost::asio::io_context io;
     bmcbus::attach::Asio attached{io, connection.get()};
 };
+
+#ifdef BOOST_ASIO_HAS_CO_AWAIT // not with clang 14 and Boost 1.74
+
+using Results = std::vector<Result<int32_t>>;
+
+boost::asio::awaitable<void> Ask(sd_bus* on, kit::FakeService& fans, Results& results)
+{
+    const auto await = [on](const bmcbus::CallOptions& options)
+    { return bmcbus::Await(Update(on).Async<int32_t>(options), boost::asio::use_awaitable); };
+    results.push_back(co_await await({}));
+    fans.On("updateFanPWMData").NoReply();
+    results.push_back(co_await await({.timeout = 20ms}));
+    results.push_back(co_await await({.timeout = -1s})); // ends before it is sent
+}
 
 TEST_F(Asio, AwaitsWithTheResult)
 {
@@ -51,6 +51,8 @@ TEST_F(Asio, AwaitsWithTheResult)
         EXPECT_EQ(results[i].error().name, bmcbus::error_name::timeout);
     }
 }
+
+#endif
 
 TEST_F(Asio, RunsNoHandlerInsideTheFunctionThatStarts)
 {
