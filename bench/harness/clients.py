@@ -65,10 +65,21 @@ def heap(folder, environment, report):
         report.limit(f"heap for each of {objects} objects (by hand: {floor})", library, "bytes", 2000)
 
 
+def allocations(folder, environment, report):
+    """By operator new, beside the message; of a running coroutine the frame remains, shared by all calls."""
+    for what, most, size in (("completion", 1, 96), ("coroutine", 0.01, 5)):
+        said, _ = run([folder / "client/bench-allocations", what, 1000], environment)
+        number, beside = (float(word) for word in said.split())
+        report.limit(f"allocations of a call with a {what}", number, "", most)
+        report.limit(f"bytes of a call with a {what}", beside, "bytes", size)
+
+
 def instructions(count, report):
     report.heading("instructions per operation")
     counted(count, report)
     dispatch(count, report)
+    report.plain("")
+    allocations(count.folder, count.environment, report)
     report.plain("")
 
 
