@@ -5,13 +5,15 @@
 
 #include "client/member_log.hpp"
 
+#include <bmcbus/client/overloads.hpp>
+
 namespace bmcbus::client
 {
 
 void LogIfSwapped(const Interface& interface, Family family, const std::string& path,
                   const std::string& service)
 {
-    if (!service.starts_with('/') || path.starts_with('/'))
+    if (!AreSwapped(path.c_str(), service.c_str()))
     {
         return;
     }

@@ -106,10 +106,7 @@ MessageRef MakeCall(const Operation& operation, CallError& refusal) noexcept
     return call;
 }
 
-namespace
-{
-
-const bmcbus::detail::ReplyType& TypeOfReply(const Operation& operation)
+const bmcbus::detail::ReplyType& ReplyOf(const Operation& operation) noexcept
 {
     const Interface& interface = *operation.target.interface;
     switch (operation.ask)
@@ -125,19 +122,11 @@ const bmcbus::detail::ReplyType& TypeOfReply(const Operation& operation)
     }
 }
 
-} // namespace
-
-const bmcbus::detail::ReplyType& ReplyOf(const Operation& operation) noexcept
-{
-    return TypeOfReply(operation);
-}
-
 bool Exchange(const Operation& operation, const CallOptions& options, void* value,
               CallError& error) noexcept
 {
     const MessageRef call = MakeCall(operation, error);
-    return call &&
-           bmcbus::detail::Exchange(call.get(), options, TypeOfReply(operation), value, error);
+    return call && bmcbus::detail::Exchange(call.get(), options, ReplyOf(operation), value, error);
 }
 
 bmcbus::Call Launch(const Operation& operation, const CallOptions& options,
@@ -145,8 +134,8 @@ bmcbus::Call Launch(const Operation& operation, const CallOptions& options,
 {
     CallError refusal;
     MessageRef message = MakeCall(operation, refusal);
-    return bmcbus::detail::Launch(call, TypeOfReply(operation), std::move(message), refusal,
-                                  options, &operation.target.calls);
+    return bmcbus::detail::Launch(call, ReplyOf(operation), std::move(message), refusal, options,
+                                  &operation.target.calls);
 }
 
 void ReadOut(sd_bus_message* reply, void* value, const void* how)

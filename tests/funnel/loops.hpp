@@ -93,9 +93,7 @@ inline void Send(std::function<void()> work)
 
 inline bool Runs()
 {
-    bool ran = false;
-    Send([&] { ran = true; });
-    return ran;
+    return RunsBy(Send);
 }
 
 inline std::string KindName(const testing::TestParamInfo<MakeLoop>& info)

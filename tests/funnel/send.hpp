@@ -17,11 +17,17 @@ inline void FunnelSend(std::function<void()> work)
     TF_init_and_send_work(work);
 }
 
-inline bool FunnelRuns()
+// Whether an item runs that goes this way.
+inline bool RunsBy(void (*send)(std::function<void()> work))
 {
     bool ran = false;
-    FunnelSend([&] { ran = true; });
+    send([&] { ran = true; });
     return ran;
+}
+
+inline bool FunnelRuns()
+{
+    return RunsBy(FunnelSend);
 }
 
 // An item of another thread that runs until it is let go.

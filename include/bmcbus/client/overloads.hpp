@@ -8,7 +8,6 @@
 
 #include <concepts>
 #include <string>
-#include <utility>
 
 namespace bmcbus::client
 {
@@ -43,8 +42,7 @@ concept CreatableFrom = requires(std::string text, More... more)
 /** Whether a path and a service stand in one another's place. @{ */
 [[gnu::always_inline]] constexpr bool AreSwapped(const char* path, const char* service)
 {
-    return path != nullptr && service != nullptr && *path != '\0' && *path != '/' &&
-           *service == '/';
+    return path != nullptr && service != nullptr && *path != '/' && *service == '/';
 }
 // clang asks before it looks at what a template requires.
 template <class At, class Owner>
