@@ -1,7 +1,7 @@
 // The channel of the process and its fields: how it is made, which thread is its loop's, and what
-// becomes of it in a forked child. What goes through it is in oneway_channel_queue.cpp, the loops
-// that drive it in oneway_channel_loops.cpp and oneway_channel_asio.cpp; each of these uses those
-// named before it.
+// becomes of it in a forked child. What wakes the loop is in oneway_channel_wakeup.cpp, what goes
+// through the channel in oneway_channel_queue.cpp, the loops that drive it in
+// oneway_channel_loops.cpp and oneway_channel_asio.cpp; each of these uses those named before it.
 
 #include <oneway_channel.hpp>
 

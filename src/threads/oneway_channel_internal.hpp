@@ -1,6 +1,7 @@
 #pragma once
 
-// What the channel's sources share: how they log, their results, and access to the fields.
+// What the channel's sources share: how they log, their results, access to the fields, and what a
+// thread that drains the queue knows about it.
 
 #include "log.hpp"
 
@@ -57,6 +58,45 @@ extern unsigned int forks;
 
 // Releases a message and, if they are the channel's, its data.
 void Discard(MBMessage* message);
+
+// How many messages may wait before producers do, when triggers no longer count them: as many as a
+// pipe of the usual 64 KiB has room for. They go on when a page less is left.
+inline constexpr size_t mostQueued = 32768;
+inline constexpr size_t roomAgain = mostQueued - 2048;
+
+// A drain of the queue under way on this thread. Drains nest: a message's function may run a loop.
+class Drain
+{
+  public:
+    explicit Drain(const OneWayChannel* drained) : channel(drained), outer(current)
+    {
+        current = this;
+    }
+
+    ~Drain() { current = outer; }
+
+    Drain(const Drain&) = delete;
+    Drain& operator=(const Drain&) = delete;
+
+    // The one of this channel, or null.
+    static Drain* Of(const OneWayChannel* channel)
+    {
+        return current != nullptr && current->channel == channel && !current->Orphaned() ? current
+                                                                                         : nullptr;
+    }
+
+    // A message's function has forked, and this is the child.
+    bool Orphaned() const { return forks != channel::forks; }
+
+    bool pipeFull = false; // nobody else reads, so it stays full
+
+  private:
+    static constinit thread_local Drain* current;
+
+    const OneWayChannel* channel;
+    Drain* outer;
+    unsigned int forks = channel::forks;
+};
 
 // The thread of the loop that is registered, if one is and its thread is known. Makes no channel.
 bool LoopThread(pthread_t& tid);
