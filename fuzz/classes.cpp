@@ -1,3 +1,6 @@
+// What the generated classes keep of a value, worked out a second time and simply: of equal keys
+// in a map the first.
+
 #include "classes.hpp"
 
 #include <algorithm>

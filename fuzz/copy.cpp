@@ -1,3 +1,5 @@
+// A second, simple copy of what an object must hold after each message.
+
 #include "copy.hpp"
 
 #include <algorithm>

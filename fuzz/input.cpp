@@ -1,3 +1,5 @@
+// Makes messages out of the fuzzer's bytes: mostly such as a service may send, sometimes odd ones.
+
 #include "input.hpp"
 
 #include <array>

@@ -1,3 +1,5 @@
+// What the expected arguments of a signal may look like.
+
 #include "signals.hpp"
 
 namespace fuzz

@@ -1,3 +1,5 @@
+// Brings a message to the handlers without a bus: over a socket pair, or by parsing its bytes.
+
 #include "wire.hpp"
 
 #include "check.hpp"

@@ -10,7 +10,7 @@
  * // on the loop's thread
  * OneWayChannel_RegisterSDEvent(event, nullptr);
  * // on any other thread
- * std::function<void()> work = [&] { power = proxy->Get_totalPower(); };
+ * std::function<void()> work = [&] { power = proxy->Get_SystemInputPower(); };
  * TFoOWC_init_and_send_work(work); // returns when the item has run on the loop's thread
  * @endcode
  */

@@ -1,3 +1,5 @@
+// Keeps what a forked child must not destroy, where leak checkers find it.
+
 #include "fork.hpp"
 
 #include <vector>

@@ -1,3 +1,6 @@
+// Folders of private buses whose process ended without removing them. A folder in use holds a lock
+// on a file in it, and the lock goes with the process.
+
 #include "leftovers.hpp"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// Records the library's lines in place of the real sink: the program defines dlog_printf itself.
+
 #include <bmcbus/testing/log_recorder.hpp>
 
 #include <pthread.h>

@@ -1,3 +1,5 @@
+// From a message of sd-bus to a plain value, and from that to the text that tests show.
+
 #include "wire_message.hpp"
 
 #include "check.hpp"

@@ -1,5 +1,7 @@
 #pragma once
 
+// All generated classes that the soak makes objects of.
+
 #include "objects.hpp"
 
 namespace soak

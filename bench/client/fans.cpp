@@ -1,3 +1,5 @@
+// The comparison by hand: the same work as the generated class does, written with sd-bus alone.
+
 #include "fans.hpp"
 
 namespace bench::fans

@@ -1,3 +1,6 @@
+// The service that all rows talk to. It answers with as little work as it can, at once or after a
+// time that the call names.
+
 #include "service.hpp"
 
 #include "fans.hpp"

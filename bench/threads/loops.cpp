@@ -1,3 +1,5 @@
+// The kinds of loop, each with the channel and with a plain pipe in its place.
+
 #include "loops.hpp"
 
 #include <boost/asio/post.hpp>

@@ -1,3 +1,8 @@
+/*
+ * The stand-in for the system's log: filters by level before anything else, then writes each line
+ * to standard error with a single write, so that lines of several threads stay whole.
+ */
+
 #define _GNU_SOURCE
 #include "dlog.h"
 

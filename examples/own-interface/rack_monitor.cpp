@@ -1,3 +1,5 @@
+// The code under test: a cached proxy for the values, a subscriber for the alarm.
+
 #include "rack_monitor.hpp"
 
 #include "rack_sensor.hpp"

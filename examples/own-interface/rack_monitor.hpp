@@ -1,3 +1,6 @@
+// A small class of a program's own that uses the generated clients; rack_monitor_test.cpp tests
+// it.
+
 #pragma once
 
 #include <cstdint>

@@ -1,3 +1,5 @@
+// How a program tests its code against a private bus and a scripted service.
+
 #include "rack_monitor.hpp"
 
 #include <bmcbus/testing.hpp>

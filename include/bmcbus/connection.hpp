@@ -47,7 +47,7 @@ BMCBUS_EXPORT void SetMessageLimit(uint32_t bytes);
  * @code
  * while (const Job* job = Next())
  * {
- *     fans.Set_fanSpeed(job->speed); // a direct proxy
+ *     fans.Try_updateFanPWMData(job->fan, job->pwm); // a direct proxy
  *     bmcbus::ProcessQueue();
  * }
  * @endcode

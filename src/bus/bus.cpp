@@ -1,3 +1,5 @@
+// What every blocking call stands on: the connection, the message, the wait for the reply.
+
 #include "bus/bus.hpp"
 
 #include "bus/backlog.hpp"

@@ -1,3 +1,7 @@
+// One pending call from start to end. It joins its owner's list and its connection's hub, leaves
+// both when it ends, and only then tells whoever waits: a completion may end or start other calls
+// and finds nothing half done.
+
 #include <bmcbus/call.hpp>
 
 #include "bus/call_errors.hpp"
@@ -8,9 +12,6 @@
 
 #include <algorithm>
 #include <utility>
-
-// One call's way: into its owner's list and its connection's hub, out of both when it ends, and
-// only then to whoever waits. So a completion finds nothing half done, whatever it does.
 
 namespace bmcbus
 {

@@ -1,3 +1,6 @@
+// The blocking form of a call with a result: the wait that all blocking calls share (bus.cpp),
+// whose failures become an error in the result and no line in the log.
+
 #include <bmcbus/call.hpp>
 
 #include "bus/bus.hpp"
@@ -6,8 +9,6 @@
 
 #include <cerrno>
 #include <utility>
-
-// The blocking form: the one wait that all blocking calls share, with a result in place of a line.
 
 namespace bmcbus::detail
 {

@@ -1,3 +1,6 @@
+// Makes a CallError of everything that can end a call: sd-bus's negative results, error replies,
+// and the replies that libsystemd makes up itself.
+
 #include <bmcbus/call_error.hpp>
 
 #include "bus/call_errors.hpp"

@@ -1,9 +1,9 @@
+// A pairing heap whose links are in the calls themselves. Each call points to its first child and
+// to its next sibling, and back to the parent or sibling that points to it.
+
 #include "bus/call_heap.hpp"
 
 #include <utility>
-
-// Each call points to its first child and its next sibling, and back to whichever of parent or
-// sibling points to it.
 
 namespace bmcbus::detail
 {

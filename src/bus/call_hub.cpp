@@ -1,3 +1,6 @@
+// The hubs: each thread finds its connections' hubs here. A hub keeps the calls by deadline, sets
+// one timer for the first of them, and ends them all with the connection.
+
 #include "bus/call_hub.hpp"
 
 #include "bus/call_errors.hpp"

@@ -1,3 +1,6 @@
+// Puts a call together. A step that fails becomes the error that the call ends with, and names
+// whom it was for.
+
 #include "bus/call_message.hpp"
 
 #include "bus/bus.hpp"

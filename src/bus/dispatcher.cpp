@@ -1,3 +1,6 @@
+// Lets any loop drive a connection by one descriptor: an epoll instance that watches the
+// connection's socket and the timer of its calls, and is readable when either is.
+
 #include <bmcbus/dispatcher.hpp>
 
 #include "bus/bus.hpp"
@@ -6,9 +9,6 @@
 #include <cerrno>
 #include <sys/epoll.h>
 #include <unistd.h>
-
-// An epoll descriptor over the connection's own one and the timer of its calls: descriptors that
-// may be watched like any other.
 
 namespace bmcbus
 {

@@ -1,10 +1,11 @@
+// Entries of the event log as requests with a result. The older function, which writes lines
+// instead, is in qzlog_via_dbus.cpp.
+
 #include <bmcbus/event_log.hpp>
 
 #include "bus/event_log_wire.hpp"
 
 #include <tuple>
-
-// Entries of the event log as requests.
 
 namespace bmcbus::event_log
 {

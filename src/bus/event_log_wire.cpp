@@ -1,3 +1,6 @@
+// The encoding of arguments that the event-log daemon expects, and the errors that are not its
+// own.
+
 #include "bus/event_log_wire.hpp"
 
 #include <algorithm>

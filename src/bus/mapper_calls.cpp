@@ -1,10 +1,10 @@
+// The object mapper's questions as requests with a result.
+
 #include <bmcbus/mapper.hpp>
 
 #include "bus/object_mapper_internal.hpp"
 
 #include <cerrno>
-
-// The object mapper's questions as requests.
 
 namespace bmcbus::mapper::detail
 {

@@ -1,3 +1,5 @@
+// Subscribing to signals: the match rule, and the wait for the daemon to accept it.
+
 #include "bus/match.hpp"
 
 #include "bus/call_hub.hpp"

@@ -1,5 +1,7 @@
 #pragma once
 
+// Subscribing to signals on a connection.
+
 #include <bmcbus/refs.hpp>
 
 #include <string>

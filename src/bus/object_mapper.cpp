@@ -1,11 +1,12 @@
+// The object mapper's blocking questions: one call each, and lines that name what was asked when
+// it fails.
+
 #include <object_mapper.hpp>
 
 #include "bus/bus.hpp"
 #include "bus/object_mapper_internal.hpp"
 
 #include <exception>
-
-// The blocking questions.
 
 namespace ObjectMapper
 {

@@ -1,3 +1,7 @@
+// The object mapper asked without waiting. The pending call owns a record with the caller's
+// callback; whoever sees the end of the call, the reply's handler or the slot, frees it exactly
+// once.
+
 #include "bus/bus.hpp"
 #include "bus/deadline.hpp"
 #include "bus/message_size.hpp"

@@ -1,3 +1,6 @@
+// Writes an entry of the event log and waits for the daemon's answer. Every step, and whether the
+// daemon or only the bus answered, is told in the log.
+
 #include <qzlog_via_dbus.hpp>
 
 #include "bus/bus.hpp"

@@ -1,3 +1,6 @@
+// A request: a call to a service, object and member by name. Whatever goes wrong before it is sent
+// is kept, and becomes its result.
+
 #include <bmcbus/request.hpp>
 
 #include "bus/call_errors.hpp"
@@ -7,8 +10,6 @@
 
 #include <cerrno>
 #include <utility>
-
-// A call by name. Whatever goes wrong before it is sent is kept for its result.
 
 namespace bmcbus
 {

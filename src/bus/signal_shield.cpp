@@ -1,3 +1,8 @@
+// Which signals are blocked during a wait: all but those that report a fault, and but the few by
+// which people and supervisors end a process. Those few are blocked only where a handler catches
+// them: uncaught they interrupt no wait, and must still end the process. To ask the same about all
+// others is not worth the system calls.
+
 #include "bus/signal_shield.hpp"
 
 #include <cstddef>
@@ -5,10 +10,6 @@
 #include <iterator>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-// A signal without a handler interrupts no wait. So what is not caught may stay unblocked, and has
-// to where somebody waits for the process to end; asking about the others is not worth the system
-// calls.
 
 namespace bmcbus
 {

@@ -1,4 +1,4 @@
-// Signatures are walked by recursion, which their own limits of nesting bound.
+// Checks signatures by recursion, which the limits of D-Bus on nesting keep shallow.
 
 #include "bus/signature.hpp"
 

@@ -1,5 +1,7 @@
 #pragma once
 
+// Where a complete type ends in a signature.
+
 #include <cstddef>
 #include <string_view>
 

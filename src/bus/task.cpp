@@ -1,10 +1,11 @@
+// What coroutines report to the log: an exception that nobody awaits, and a coroutine that the
+// compiler got wrong.
+
 #include <bmcbus/task.hpp>
 
 #include "log.hpp"
 
 #include <cstdlib>
-
-// What a coroutine threw and nobody awaits still shows in the log.
 
 namespace bmcbus::detail
 {

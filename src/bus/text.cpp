@@ -1,3 +1,5 @@
+// UTF-8 by its definition: no overlong forms, no surrogates, nothing beyond U+10FFFF.
+
 #include "bus/text.hpp"
 
 #include <cstddef>

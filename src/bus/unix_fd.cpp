@@ -1,3 +1,6 @@
+// A descriptor with shared ownership: copies of a UnixFd refer to one descriptor, which the last
+// of them closes.
+
 #include <bmcbus/unix_fd.hpp>
 
 #include "bus/bus.hpp"

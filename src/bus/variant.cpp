@@ -1,5 +1,6 @@
-// A value is a letter and what belongs to it. Containers lie behind a counted pointer and do not
-// change, so that copies may share them, in other threads as well.
+// A value is the letter of its type and, beside it, a number, a text, or a pointer to the contents
+// of a container. Those are counted and never change, so that copies share them, in other threads
+// as well.
 
 #include "bus/signature.hpp"
 #include "bus/variant_inside.hpp"

@@ -1,5 +1,7 @@
 #pragma once
 
+// The inside of Variant, for the sources that read, write, compare and convert it.
+
 #include <bmcbus/variant.hpp>
 
 #include <string_view>

@@ -1,4 +1,4 @@
-// Values in an order that has no gaps: every two of them compare, NaN included.
+// A total order of values: any two of them compare, NaN included.
 
 #include "bus/variant_inside.hpp"
 

@@ -1,3 +1,6 @@
+// The untyped half of the codec: each step of reading or writing a message, checked, with the name
+// of the step in the exception. The typed half is made of these in wire.hpp.
+
 #include <bmcbus/wire.hpp>
 
 #include "bus/bus.hpp"

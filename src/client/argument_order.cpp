@@ -1,5 +1,4 @@
-// Swapped arguments compile where they are no literals, and then fail in places that say nothing of
-// the cause.
+// One look at a constructor's arguments, and one line where they look swapped.
 
 #include "client/argument_order.hpp"
 

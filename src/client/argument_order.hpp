@@ -1,6 +1,8 @@
 #pragma once
 
-// The two families take a path and a service in different orders, and both are text.
+// Cached proxies take a path and a service, direct proxies a service and a path. Both are text, so
+// swapped arguments compile unless they are literals, and what fails then says nothing of the
+// cause.
 
 #include <bmcbus/client/object.hpp>
 

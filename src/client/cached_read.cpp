@@ -56,7 +56,7 @@ BusRef OwnBus(CachedObject object)
 
 constexpr const char* completion = "GetPropertiesAsyncCallback";
 
-// The frame of the first read's completion; `store` stores all there is with StoreRead.
+// What is done with the values of a first read, however they came; `store` stores them.
 template <class Store>
 void Complete(CachedObject object, bool success, bool empty, Store store)
 {

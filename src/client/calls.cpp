@@ -1,3 +1,6 @@
+// Calls of direct proxies with a result: which message an operation sends, and where in the result
+// the reply's values go.
+
 #include <bmcbus/client/calls.hpp>
 
 #include "bus/bus.hpp"
@@ -9,8 +12,6 @@
 
 #include <cstring>
 #include <optional>
-
-// Direct proxies' calls with results: what to send, and where in a result its values go.
 
 namespace bmcbus::client
 {

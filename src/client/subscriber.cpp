@@ -1,3 +1,6 @@
+// Subscribers to data signals: each signal replaces all arguments, then callbacks run without the
+// lock.
+
 #include <bmcbus/client/subscriber.hpp>
 
 #include "bus/bus.hpp"

@@ -1,3 +1,6 @@
+// The life of a followed object's record. It lies in one piece with the fingerprints of its
+// properties, so it is made and freed by hand.
+
 #include "live/entry.hpp"
 
 #include <ctime>

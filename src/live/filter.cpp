@@ -1,4 +1,5 @@
-// What arrives: the first tests sort out what is nobody's here, since every message comes by.
+// What arrives. Every message of the connection comes by here, so the first tests are cheap and
+// pass over what is about no followed object.
 
 #include "bus/bus.hpp"
 #include "bus/object_mapper_internal.hpp"

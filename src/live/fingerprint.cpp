@@ -1,3 +1,6 @@
+// A hash over a value's types and bytes as they stand in a message, so that two values can be told
+// apart without keeping the first.
+
 #include "live/fingerprint.hpp"
 
 #include "bus/bus.hpp"

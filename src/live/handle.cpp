@@ -1,3 +1,6 @@
+// What users hold: a handle enters its object into the hub of its connection, and takes it out
+// again.
+
 #include <bmcbus/live/handle.hpp>
 
 #include "bus/bus.hpp"

@@ -1,3 +1,6 @@
+// The hub's own life, the objects that enter and leave it, and the callbacks that are due when
+// nothing of it is half-way.
+
 #include "live/hub.hpp"
 
 #include "bus/bus.hpp"

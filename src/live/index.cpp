@@ -1,3 +1,5 @@
+// A hash table by path, chained through the entries themselves.
+
 #include "live/index.hpp"
 
 namespace bmcbus::live

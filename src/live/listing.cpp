@@ -1,5 +1,5 @@
-// All objects of a service with one GetManagedObjects. Where its manager stands, one of its signals
-// or the object mapper has told; else it is guessed.
+// All objects of a service read by one GetManagedObjects. The path of its object manager is known
+// from one of its signals or from the object mapper; where neither has told, it is guessed.
 
 #include "bus/bus.hpp"
 #include "bus/object_mapper_internal.hpp"

@@ -1,5 +1,5 @@
-// Reads: at most so many in flight as a stock bus lets wait for replies at once, beside those of
-// others.
+// Reads of whole objects. A stock bus lets a connection wait for 128 replies at once; reads take
+// half of that and queue for it, so that other calls of the connection find room.
 
 #include "bus/bus.hpp"
 #include "live/hub.hpp"

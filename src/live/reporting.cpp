@@ -1,3 +1,6 @@
+// What users and the log are told about a followed object: its report, and lines for what was
+// refused.
+
 #include "live/reporting.hpp"
 
 #include "bus/bus.hpp"

@@ -1,5 +1,7 @@
 #pragma once
 
+// A followed object's report.
+
 #include "live/entry.hpp"
 
 namespace bmcbus::live

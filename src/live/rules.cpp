@@ -1,3 +1,6 @@
+// The texts of the match rules. Every rule names its interface: daemons sort rules by it and look
+// at no others.
+
 #include "live/rules.hpp"
 
 #include "live/hub.hpp"

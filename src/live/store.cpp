@@ -1,3 +1,6 @@
+// From a message to an object: all values are decoded before the first is stored, so a message
+// that turns out to be broken changes nothing.
+
 #include "live/store.hpp"
 
 #include "bus/bus.hpp"

@@ -1,5 +1,7 @@
 #pragma once
 
+// The one set of fork handlers of funnel and channel. Their story is told in fork_handlers.cpp.
+
 namespace bmcbus::funnel
 {
 

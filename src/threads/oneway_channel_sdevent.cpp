@@ -1,4 +1,5 @@
-// The flat registration for an sd-event loop, whose wrapper has to outlive everything.
+// The flat registration for an sd-event loop. The member function takes a wrapper of the loop,
+// which is made here and kept for the life of the process.
 
 #include <oneway_channel.hpp>
 

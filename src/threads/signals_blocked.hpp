@@ -1,5 +1,7 @@
 #pragma once
 
+// Keeps UNIX signals away from the library's own threads.
+
 #include <pthread.h>
 #include <signal.h>
 

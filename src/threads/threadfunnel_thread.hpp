@@ -1,5 +1,7 @@
 #pragma once
 
+// The funnel thread: starting it, and handing it an item.
+
 #include <functional>
 
 namespace bmcbus::funnel

@@ -1,5 +1,5 @@
-// A queue, a condition and workers that take from one by the other. Workers look once more before
-// they sleep, which spares producers most wake-ups.
+// A queue, and workers that wait for it by a condition variable. Before it sleeps a worker looks a
+// few times more, which spares producers most wake-ups.
 
 #include "yetanotherthreadpool.hpp"
 

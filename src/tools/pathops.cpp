@@ -1,3 +1,5 @@
+// Text operations over bytes, in ASCII whatever the locale, each in one pass.
+
 #include <pathops.hpp>
 
 #include <algorithm>

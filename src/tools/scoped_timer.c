@@ -1,3 +1,6 @@
+// The timers in plain C, so that C programs need nothing of C++. All forms share one record and
+// differ in where their lines go.
+
 #define _POSIX_C_SOURCE 200809L
 #include <scoped_timer.h>
 

@@ -1,3 +1,5 @@
+// A library that throws the stand-in's exception, to be caught in another one.
+
 #include "thrower.hpp"
 
 #include <sdbusplus/exception.hpp>

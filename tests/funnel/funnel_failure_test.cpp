@@ -1,3 +1,5 @@
+// The funnel when calls of the C library fail: what it logs, and that it carries on where it can.
+
 #include "bounded.hpp"
 #include "faults.h"
 #include "log_recorder.hpp"

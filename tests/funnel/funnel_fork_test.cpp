@@ -1,3 +1,5 @@
+// The funnel and fork(): at any moment, on any thread, with and without its handlers.
+
 #include "bounded.hpp"
 #include "faults.h"
 #include "log_recorder.hpp"

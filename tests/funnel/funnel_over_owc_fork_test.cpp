@@ -1,3 +1,5 @@
+// Sends over the channel and fork(), with each kind of loop.
+
 #include "bounded.hpp"
 #include "log_recorder.hpp"
 #include "loops.hpp"

@@ -1,3 +1,5 @@
+// Sends over the channel, with each kind of loop.
+
 #include "bounded.hpp"
 #include "faults.h"
 #include "log_recorder.hpp"

@@ -1,3 +1,5 @@
+// The funnel: order, exceptions, and which sends are refused.
+
 #include "bounded.hpp"
 #include "log_recorder.hpp"
 #include "send.hpp"

@@ -1,3 +1,5 @@
+// The private bus: nothing of it is left behind, and it can be broken on purpose.
+
 #include "client.hpp"
 #include "in_child.hpp"
 

@@ -1,3 +1,5 @@
+// Scripted services as a test sees them over the bus.
+
 #include "client.hpp"
 
 #include <bmcbus/testing.hpp>

@@ -1,3 +1,5 @@
+// The monitor sees what others send, and nothing of the kit's own.
+
 #include "client.hpp"
 
 #include <bmcbus/testing.hpp>

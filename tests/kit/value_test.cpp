@@ -1,3 +1,5 @@
+// The kit's values: types, text, conversion, and what is refused.
+
 #include <bmcbus/testing/text.hpp>
 #include <bmcbus/testing/value.hpp>
 

@@ -1,3 +1,6 @@
+// The object mapper asked without waiting, and what becomes of requests that lose their
+// connection.
+
 #include "faults.hpp"
 #include "fixture.hpp"
 

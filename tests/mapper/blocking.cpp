@@ -1,3 +1,5 @@
+// The object mapper's blocking questions, on the wire and in the log.
+
 #include "fixture.hpp"
 
 #include <thread>

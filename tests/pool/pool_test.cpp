@@ -1,3 +1,5 @@
+// The pool: order, what tasks throw, clearing, and how it ends.
+
 #include "bounded.hpp"
 #include "faults.h"
 #include "log_recorder.hpp"

@@ -1,3 +1,5 @@
+// A sink that counts lines by level and keeps none.
+
 #include "counting_sink.hpp"
 
 #include <dlog.h>

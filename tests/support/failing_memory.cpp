@@ -1,3 +1,6 @@
+// Replaces operator new and delete: a test can have one allocation fail, and sees how many are not
+// freed.
+
 #include "failing_memory.hpp"
 
 #include <cstdlib>

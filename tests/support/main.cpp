@@ -1,3 +1,5 @@
+// The main function of the test programs, which all set up Google Mock.
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,5 +1,7 @@
 #pragma once
 
+// Tells whether a thread has begun to wait.
+
 #include <unistd.h>
 
 #include <fstream>

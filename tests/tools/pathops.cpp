@@ -1,3 +1,5 @@
+// The text operations, by tables.
+
 #include <pathops.hpp>
 
 #include <gmock/gmock.h>

@@ -1,3 +1,5 @@
+// The event log: what goes over the wire, and how each kind of answer shows in the log.
+
 #include "log_recorder.hpp"
 
 #include <bmcbus/testing.hpp>

@@ -1,3 +1,5 @@
+// The timers, with a clock that the test sets.
+
 #include "log_recorder.hpp"
 #include "scoped_timer_c.h"
 

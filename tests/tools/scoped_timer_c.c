@@ -1,3 +1,5 @@
+// A scope timed from C.
+
 #include "scoped_timer_c.h"
 
 #include <scoped_timer.h>
