@@ -38,8 +38,10 @@ class UnixSignals : public ClientTest
     UnixSignals()
     {
         struct sigaction action = {};
-        action.sa_handler = [](int) { ++handled; };
-        action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
+        // What a thread sent; of a stopped child an emulator tells in spite of SA_NOCLDSTOP.
+        action.sa_sigaction = [](int, siginfo_t* info, void*)
+        { handled += info->si_code == SI_TKILL; };
+        action.sa_flags = SA_RESTART | SA_NOCLDSTOP | SA_SIGINFO;
         for (const int number : caught)
         {
             struct sigaction old = {};
