@@ -3,6 +3,7 @@
 scripts/common.sh does all of that, so a small project with it stands for the whole one.
 """
 
+import hashlib
 import json
 import os
 import re
@@ -116,6 +117,24 @@ class Demo(unittest.TestCase):
             self.assertRegex(said, r"^([-_/.a-zA-Z0-9]|%[0-9a-f]{2})+$")
             back = re.sub(rb"%(..)", lambda m: bytes([int(m[1], 16)]), said.encode())
             self.assertEqual(back.decode(), path)
+
+
+class Recipe(unittest.TestCase):
+    def test_recipe_fits_the_source(self):
+        """What meta/ says of the options, the licence and the version, which no BitBake reads here."""
+        [recipe] = [path.read_text(encoding="utf-8") for path in (SOURCE / "meta").rglob("*.bb")]
+        options = (SOURCE / "meson_options.txt").read_text(encoding="utf-8")
+        for name, value in re.findall(r"-D(\w+)=(\w+)", recipe):
+            line = "option('werror', type: 'boolean'"  # Meson's own
+            if name != "werror":
+                [line] = re.findall(rf"^option\('{name}', .*$", options, re.M)
+            kind = re.search(r"type: '(\w+)'", line)[1]
+            choices = {"boolean": "true false", "feature": "enabled disabled auto"}.get(kind, line)
+            self.assertRegex(choices, rf"\b{value}\b", f"-D{name}={value}")
+        md5 = hashlib.md5((SOURCE / "LICENSE").read_bytes()).hexdigest()
+        self.assertIn(f"file://LICENSE;md5={md5}", recipe)
+        version = re.search(r"version: '(.*)'", (SOURCE / "meson.build").read_text(encoding="utf-8"))[1]
+        self.assertIn(f'PV = "{version}+git"', recipe)
 
 
 if __name__ == "__main__":
