@@ -23,7 +23,7 @@ template <class... P>
 std::vector<std::unique_ptr<Part>> Build(Model& model, const Setting& setting)
 {
     std::vector<std::unique_ptr<Part>> parts;
-    (parts.push_back(std::make_unique<P>(model, setting)), ...);
+    ((parts.push_back(std::make_unique<P>(model, setting)), parts.back()->Announce()), ...);
     return parts;
 }
 

@@ -98,6 +98,12 @@ int main(int argc, char** argv)
     catch (const std::exception& failure)
     {
         std::cerr << "bmcbus-simulator: " << failure.what() << '\n';
+        if (std::getenv("DBUS_SYSTEM_BUS_ADDRESS") == nullptr)
+        {
+            std::cerr << "DBUS_SYSTEM_BUS_ADDRESS is not set, so this was the machine's own bus, which "
+                         "takes names only by a policy.\nA bus of its own: dbus-run-session sh -c "
+                         "'DBUS_SYSTEM_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS bmcbus-simulator'\n";
+        }
         return 1;
     }
 }

@@ -1,5 +1,3 @@
-// A module reports its power; all of them together are one more object.
-
 // The modules only signal their power; all of them together are one more object.
 
 #include "memory.hpp"

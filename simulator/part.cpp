@@ -7,21 +7,37 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 namespace simulator
 {
 
 Part::Part(const std::string& name, const std::string& manager, const Setting& setting) :
-    service({name}, {.loop = setting.loop}), ownManagers(setting.ownManagers)
+    service({name}, {.loop = setting.loop}), ownManagers(setting.ownManagers), managers{manager}
 {
-    service.Manage(manager);
+}
+
+void Part::Announce()
+{
+    for (const std::string& path : std::exchange(managers, {}))
+    {
+        service.Manage(path);
+    }
+    for (const std::string& path : service.Paths())
+    {
+        service.ObjectAt(path).EmitInterfacesAdded();
+    }
 }
 
 Object& Part::Add(const std::string& path, const std::string& interface, const NamedValues& values)
 {
-    if (ownManagers)
+    if (ownManagers && managers.empty())
     {
         service.Manage(path);
+    }
+    else if (ownManagers)
+    {
+        managers.push_back(path);
     }
     return service.AddObject(path, {Describe(interface)}, values);
 }
@@ -37,7 +53,8 @@ void Part::Update(Object& object, const NamedValues& values)
             changed.emplace_back(name, value);
         }
     }
-    object.Set(changed);
+    const bool announced = managers.empty();
+    announced ? object.Set(changed) : object.SetQuietly(changed);
 }
 
 void Part::Emit(Object& object, const std::string& interface, const std::string& signal,

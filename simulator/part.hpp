@@ -36,6 +36,10 @@ class Part
     Part(const Part&) = delete;
     Part& operator=(const Part&) = delete;
 
+    // Announces all objects, which have their first values by now: nobody sees the zeros before
+    // them.
+    void Announce();
+
     // Announces what a step of the model changed and emits the data signals.
     virtual void Publish() = 0;
 
@@ -49,7 +53,7 @@ class Part
                 const NamedValues& values = {});
 
     // Stores values and announces those that are new.
-    static void Update(Object& object, const NamedValues& values);
+    void Update(Object& object, const NamedValues& values);
 
     // Emits a signal with its arguments taken by name.
     static void Emit(Object& object, const std::string& interface, const std::string& signal,
@@ -59,6 +63,7 @@ class Part
 
   private:
     const bool ownManagers;
+    std::vector<std::string> managers; // to come with the first announcement
 };
 
 inline int64_t Whole(double number)

@@ -530,7 +530,9 @@ def choose(root, name):
         # A standard one is chosen by its name.
         chosen = [one for one in root.all("interface") if one.attributes["name"] == name]
         if not chosen:
-            raise Refusal([Problem(root.line, f"there is no interface '{name}'")])
+            listed = ", ".join(one.attributes["name"] for one in own)
+            reason = f"there is no interface '{name}'" + (f", but {listed}" if own else "")
+            raise Refusal([Problem(root.line, reason)])
         return chosen[0]
     if not own:
         raise Refusal([Problem(root.line, "there is no interface besides the standard ones")])

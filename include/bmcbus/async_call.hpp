@@ -10,6 +10,10 @@
  * wait, also one of other libraries.
  */
 
+#if __cplusplus < 202002L
+#error "libbmcbus needs C++20: compile with -std=c++20 or later"
+#endif
+
 #include <bmcbus/call.hpp>
 
 #include <coroutine>

@@ -174,7 +174,7 @@ class Choice(GeneratorTest):
         self.assertRefused(
             self.generate("--interface", "com.example.sensor", file),
             file,
-            (3, "there is no interface 'com.example.sensor'"),
+            (3, "there is no interface 'com.example.sensor', but com.example.Other, com.example.Sensor"),
         )
         self.assertGenerated(self.generate("--interface", "com.example.Sensor", file))
 
