@@ -100,9 +100,10 @@ int main(int argc, char** argv)
         std::cerr << "bmcbus-simulator: " << failure.what() << '\n';
         if (std::getenv("DBUS_SYSTEM_BUS_ADDRESS") == nullptr)
         {
-            std::cerr << "DBUS_SYSTEM_BUS_ADDRESS is not set, so this was the machine's own bus, which "
-                         "takes names only by a policy.\nA bus of its own: dbus-run-session sh -c "
-                         "'DBUS_SYSTEM_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS bmcbus-simulator'\n";
+            std::cerr
+                << "DBUS_SYSTEM_BUS_ADDRESS is not set, so this was the machine's own bus, which "
+                   "takes names only by a policy.\nA bus of its own: dbus-run-session sh -c "
+                   "'DBUS_SYSTEM_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS bmcbus-simulator'\n";
         }
         return 1;
     }
