@@ -34,6 +34,33 @@ void JoinOrDetach(std::thread& thread)
     }
 }
 
+// A worker's lines carry the name of its body, which callers know.
+constexpr const char* body = "workerThreadBody";
+
+void Run(const std::function<void()>& task)
+{
+    try
+    {
+        BMCBUS_LOG_AS(info, bmcbus::log::librarySource, body, "before running task\n");
+        task();
+        BMCBUS_LOG_AS(info, bmcbus::log::librarySource, body, "after running task\n");
+    }
+    catch (const std::exception& e)
+    {
+        BMCBUS_LOG_AS(failure, bmcbus::log::librarySource, body, "Exception in task: %s\n",
+                      e.what());
+    }
+    catch (...)
+    {
+        if (bmcbus::ThreadIsEnding())
+        {
+            throw;
+        }
+        BMCBUS_LOG_AS(failure, bmcbus::log::librarySource, body, "Exception in task: %s\n",
+                      "not a std::exception");
+    }
+}
+
 // Callers have the object on their stack: it has the size of these and no more.
 struct Documented
 {
@@ -195,24 +222,6 @@ void YetAnotherThreadPool::workerThreadBody()
             BMCBUS_LOG(failure, "Exception in while: %s\n", e.what());
             continue;
         }
-
-        try
-        {
-            BMCBUS_LOG(info, "before running task\n");
-            task();
-            BMCBUS_LOG(info, "after running task\n");
-        }
-        catch (const std::exception& e)
-        {
-            BMCBUS_LOG(failure, "Exception in task: %s\n", e.what());
-        }
-        catch (...)
-        {
-            if (bmcbus::ThreadIsEnding())
-            {
-                throw;
-            }
-            BMCBUS_LOG(failure, "Exception in task: %s\n", "not a std::exception");
-        }
+        Run(task);
     }
 }
