@@ -1,38 +1,51 @@
-// What fork() means to funnel and channel: the whole story, and the one set of handlers.
+// What fork() means to the threading tools: the whole story, and the one set of handlers.
 //
-// fork() copies the memory and, of all threads, only the one that called it. Whatever another
-// thread had locked or half written would stay so in the child for ever. So nobody else may be at
-// work when it happens: the handler before takes everything, in this order,
+// fork() copies the memory, but of all threads only the one that called it. A lock that another
+// thread held at that moment stays locked in the child for ever, and what it was changing stays
+// half changed. So nobody else may be at work at that moment. The C library calls three handlers
+// for that: one before the fork, and one after it in each of the two processes.
 //
-//     1. a turn in the line (threadfunnel_line.cpp)   no send is under way
-//     2. the main lock                                nor anybody between TF_lock and TF_unlock
-//     3. the deadlock lock                            names and line are at rest
-//     4. the condition lock                           the funnel thread sleeps, or runs no item
-//     5. the channel's locks (a ForkParticipant)      the queue is at rest
-//     6. the lists' lock (src/client/registry.cpp)    no registry of a class is half changed
+// Before, the forking thread takes everything that somebody could be at work under, in this order:
 //
-// which is the order of locks for the whole library. The handlers after it release all in reverse.
-// The sixth has handlers of its own, registered when the library is loaded and thus always the last
-// before a fork and the first after it. Nobody waits for anything while holding it.
-// The child first forgets the parent's threads: who has which name, who stands in line, what is to
-// be run, the funnel thread and its context. Its first send starts a funnel thread, its first use
-// of the channel makes a new one.
+//     1. a turn in the line of senders (threadfunnel_line.cpp): no send is under way
+//     2. the main lock: nobody is between TF_lock() and TF_unlock() either
+//     3. the deadlock lock: the line is whole, and so is the record of who must not wait
+//     4. the condition lock: the funnel thread sleeps, or is between two items
+//     5. the channel's locks (oneway_channel.cpp, a ForkParticipant): its queue is whole
+//     6. the lock of the lists of objects (src/client/registry.cpp): every list is whole
 //
-// Three cases need more words.
+// Whoever in the library holds several of them took them in this order, too. The sixth has handlers
+// of its own, which are registered when the library is loaded. The C library therefore runs them
+// last before a fork and first after it, and nobody waits for anything while holding that lock.
 //
-// The condition lock is only tried. The funnel thread holds it while it starts, and then runs the
-// once-routine, which in older C libraries waits until fork() is through. When it is busy, all but
-// the turn is given up, and tried again.
+// After, in the parent, everything is released in reverse and all goes on as before.
 //
-// The channel's thread may fork while a send over the channel has the turn. That send waits for
-// this very thread, which therefore must not wait for the send: it goes on without a turn and
-// without the main lock. Its owner stands still until the fork is through, except for leaving when
-// it is refused; the child does not have that owner, and makes the lock anew.
+// After, in the child, the parent's threads are forgotten before the release: who has which name,
+// who stands in the line, what is to be run, the funnel thread and its context. The first send in
+// the child starts a funnel thread, its first use of the channel makes a new one.
 //
-// A thread may fork while another one registers these handlers. Then they take no part in that fork
-// and the child finds a state that says it belongs to its parent: OwnState() begins anew there. A
-// child that was made in the middle of the registration registers again and may have the handlers
-// twice; that is why they count how many of them run, and only the outermost do something.
+// Four cases need more words.
+//
+// The condition lock is busy. It is only tried, since to wait for it could last for ever: the
+// funnel thread holds it while it starts and then goes through pthread_once(), which in older C
+// libraries waits until fork() is through. When it is busy, all but the turn is given up and tried
+// again.
+//
+// The channel's thread forks while a send over the channel has the turn. That send waits for this
+// very thread, which therefore must not wait for the send: it goes on without a turn and without
+// the main lock. The send stands still until the fork is through, for its item runs on this thread;
+// at most it leaves, when the channel refuses it. The child does not have the thread that holds the
+// main lock, and makes the lock anew.
+//
+// An item forks. Its sender has the turn and waits for the item, so the fork would wait for ever.
+// This is told in the log and cannot be helped: the child would run the rest of somebody's item.
+//
+// Another thread is just registering these handlers. Then they take no part in the fork, and the
+// child finds a state that says it belongs to its parent: OwnState() begins anew there. A child
+// that was made in the middle of the registration registers again and may have every handler twice;
+// that is why they count how many of them run, and only the outermost does something.
+//
+// A pool takes no part in forks, and a child must not touch its parent's.
 
 #include "threads/fork_handlers.hpp"
 
@@ -71,7 +84,7 @@ bool TF_cond_trylock()
     return irv == 0;
 }
 
-// Whether the thread got its turn; not so where the turn's owner waits for it.
+// Whether the thread got its turn; it gets none where the turn's owner waits for this very thread.
 bool StandInLine(bool insideItem)
 {
     Place& place = thisThread.place;
@@ -132,7 +145,8 @@ void RetakeMainLock()
     }
 }
 
-// Whether the calling handler is the last one of its fork.
+// Whether the calling handler is the last one of its fork; there are several when the handlers are
+// registered twice.
 bool EndsFork()
 {
     return thisThread.forkHandlers == 0 || --thisThread.forkHandlers == 0;
@@ -156,7 +170,7 @@ void TakePartInForks(const ForkParticipant& who)
     InstallForkHandlers();
     if (participant != &who)
     {
-        // A fork under way holds this lock, and none of the new one's.
+        // A fork under way holds this lock but none of the participant's: it must end without him.
         const DeadlockLock lock;
         participant = &who;
     }
@@ -166,7 +180,7 @@ void TakePartInForks(const ForkParticipant& who)
 
 using namespace bmcbus::funnel;
 
-// No handler is a cancellation point, although they wait and log.
+// The handlers. They wait and log, which are cancellation points, but none may end half-way.
 
 void TF_atfork_prepare()
 {

@@ -5,7 +5,7 @@
 namespace bmcbus::funnel
 {
 
-// Somebody whose locks come after the funnel's, see fork_handlers.cpp. All three run on the forking
+// Somebody with locks of his own, which come after the funnel's. All three run on the forking
 // thread.
 struct ForkParticipant
 {
@@ -14,11 +14,12 @@ struct ForkParticipant
     void (*child)();   // releases them and forgets the parent's threads
 };
 
-// Installs the handlers, once for the process and its children. Gives what pthread_atfork() said.
+// Installs the handlers, once for the process and its children. Gives the result of
+// pthread_atfork().
 int InstallForkHandlers();
 
-// The same, and from the next fork on `participant`, the only one, takes part. It stays so in
-// children.
+// The same; from the next fork on `participant` takes part, also in children. There can be only
+// one.
 void TakePartInForks(const ForkParticipant& participant);
 
 } // namespace bmcbus::funnel

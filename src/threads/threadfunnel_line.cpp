@@ -1,11 +1,12 @@
 // The line of senders and forks. A mutex alone would be taken again by the thread that just
-// released it, again and again; here the turn goes to who has waited longest.
+// released it, again and again; here the turn goes to whoever has waited longest.
 //
-// To check for a deadlock and to begin to wait are one step, under the deadlock lock. The danger is
-// the channel's thread L: when it waits here behind a send S over the channel, S waits for L.
-// Before S waits for L it names L and passes over whoever stands in the line and is L, in one step
-// too. If L joined before that step, it is passed over; if it joins after, Judge() finds the name.
-// There is no third case, whichever send is the first to name L.
+// Why no two sends can wait for each other. The danger is the thread of the channel's loop, L. A
+// send S over the channel waits for L to run its item; if L sends, too, and waits in the line
+// behind S, both wait for ever. So S, before it waits, writes down who L is and sends L away if it
+// stands in the line; and L, before it stands in the line, looks whether it is written down. Both
+// are one step each under the deadlock lock. If L comes first it is sent away, if S comes first L
+// finds itself written down and is refused: there is no third case.
 
 #include "threads/threadfunnel_line.hpp"
 

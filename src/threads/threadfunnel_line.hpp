@@ -7,12 +7,12 @@
 namespace bmcbus::funnel
 {
 
-// What keeps a thread from waiting for its turn.
+// What keeps a thread from waiting for its turn. The letters are those of the lines in the log.
 struct Verdict
 {
-    bool isFunnelThread = false; // A
-    bool isLoopThread = false;   // D
-    bool isProtected = false;    // B
+    bool isFunnelThread = false; // A: it runs the items that senders wait for
+    bool isLoopThread = false;   // D: so does this one, for sends over the channel
+    bool isProtected = false;    // B: it sends already, or somebody marked it
 
     bool Refused() const { return isFunnelThread || isLoopThread || isProtected; }
 
@@ -20,20 +20,19 @@ struct Verdict
     void Report() const;
 };
 
-// Of the calling thread. Under the deadlock lock, as long as it is to hold.
+// The verdict on the calling thread. It holds for as long as the deadlock lock is held.
 Verdict Judge();
 
-// Places. Whoever has the turn goes on to take the main lock.
-//
-// Joins the line and tells whether the caller has to wait; under the deadlock lock.
+// Takes a place in the line and tells whether the caller has to wait for its turn; under the
+// deadlock lock.
 bool Join(Place& place);
-// Waits, without a lock. False when the place was passed over, and so has no turn.
+// Waits for the turn, without a lock. False when the place was passed over and so got none.
 bool AwaitTurn(Place& place);
 // Gives the turn to the next in line.
 void LeaveLine();
 
-// The calling thread's turn to send: the main lock and the deadlock mark, unless refused. Others
-// hold pointers into the thread's frame meanwhile, so it must not be cancelled.
+// The calling thread's turn to send: it holds the main lock and is protected, unless it was
+// refused. Others point into the thread's frame meanwhile, so it must not be cancelled.
 class SendTurn
 {
   public:
@@ -44,8 +43,8 @@ class SendTurn
 
     const Verdict& TheVerdict() const { return verdict; }
 
-    // Before it waits for the thread of the channel: names that thread as `loopThread` has it, and
-    // sends away who stands in the line and is that thread.
+    // Before the sender waits for the thread of the channel's loop: writes down which thread that
+    // is, by `loopThread`, and sends it away if it stands in the line.
     static void AwaitLoop(bool (*loopThread)(pthread_t& tid));
 
   private:

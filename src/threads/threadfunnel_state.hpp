@@ -15,7 +15,7 @@
 namespace bmcbus::funnel
 {
 
-// The funnel thread's mark; owned by that thread through the key.
+// Marks the funnel thread and belongs to it, through the key: when the thread ends, so does this.
 class TF_context
 {
   public:
@@ -33,7 +33,7 @@ struct Place
 {
     pthread_t thread{};
     Place* next = nullptr;
-    bool passedOver = false; // told to go, but without a turn
+    bool passedOver = false; // sent away without a turn
     sem_t called{};          // posted once: when the turn comes, or when passed over
 };
 
@@ -42,19 +42,19 @@ struct Line
     bool taken = false; // somebody has the turn
     Place* first = nullptr;
     Place* last = nullptr;
-    bool awaitsLoop = false; // who has the turn waits for the channel's thread
+    bool awaitsLoop = false; // the owner of the turn waits for the thread of the channel's loop
 };
 
 struct State
 {
     // The locks, in the order in which they are taken. A sender holds the main lock for the whole
-    // of its send, as somebody outside of the line may by TF_lock().
+    // of its send; callers of TF_lock() hold it without standing in the line.
     pthread_mutex_t mainLock = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_t deadlockLock = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_t condLock = PTHREAD_MUTEX_INITIALIZER;
 
-    // Under the deadlock lock, as funnel_tid and owc_tid are: who must not wait, and who waits.
-    // What is atomic is also read without.
+    // Under the deadlock lock, as funnel_tid and owc_tid are: who waits, and who must not. What is
+    // atomic is also read without the lock.
     Line line;
     std::atomic<pthread_t> protectedThread{};
     std::atomic<bool> protectedThreadValid{false};
@@ -84,15 +84,15 @@ extern constinit State state;
 
 struct ForkParticipant;
 
-// What a thread is about. Most of it is about its fork(), which spans two handlers.
+// What a thread is doing. Most of it belongs to its fork(), which spans two handlers.
 struct ThisThread
 {
     clockid_t checked{};           // when set, the record is known to be of this process
-    bool runsChannelItem = false;  // the item of a send over the channel
+    bool runsChannelItem = false;  // it runs the item of a send over the channel
     unsigned int forkHandlers = 0; // of ours that are running, see fork_handlers.cpp
-    bool forksWithoutTurn = false; // also without the main lock
+    bool forksWithoutTurn = false; // and without the main lock
     const ForkParticipant* forksWith = nullptr;
-    Place place; // of its fork in the line
+    Place place; // in the line, for its fork
 };
 
 extern constinit thread_local ThisThread thisThread;
@@ -107,7 +107,8 @@ class DeadlockLock
     DeadlockLock& operator=(const DeadlockLock&) = delete;
 };
 
-// Thread identities are plain in type and atomic in access; the flag goes after the value.
+// The exported identities of threads are plain variables, so all access to them goes through these,
+// which are atomic. The flag is set after the value and read before it.
 void SetThread(pthread_t& tid, bool& valid, pthread_t value);
 void ClearThread(bool& valid);
 bool IsThread(pthread_t& tid, bool& valid, pthread_t other);
@@ -120,13 +121,13 @@ void ForgetLoopThread(pthread_t ended);
 // whatever was locked stays so. Every way into a send and into its checks comes through here.
 void OwnState();
 
-// In a child: the parent's threads are gone, and what they were about. The locks are the caller's.
+// In a child: forgets the parent's threads and what they were doing. The caller holds the locks.
 void ForgetThreads();
 
-// In a child, the second half, which takes the main lock.
+// In a child, after ForgetThreads() and without the main lock, which this takes.
 void ForgetContext();
 
-// 0 when there is none.
+// The log source that is told of refusals and exceptions as well; 0 when there is none.
 unsigned int AlternateLogSource();
 
 } // namespace bmcbus::funnel

@@ -16,7 +16,7 @@ namespace bmcbus::client
 /**
  * A mutex that nobody holds in a forked child, whoever held it in the parent.
  *
- * For what does not change while it is held.
+ * It keeps calls apart; data under it could be half changed in the child.
  */
 class BMCBUS_EXPORT ForkMutex
 {
