@@ -11,7 +11,7 @@
 namespace bmcbus::testing
 {
 
-// A member of what belongs to one process.
+// Knows the process that it was made in. A member of whatever belongs to one process.
 class Home
 {
   public:
@@ -21,7 +21,7 @@ class Home
     pid_t process = getpid();
 };
 
-// Remembers it where no checker takes it for lost.
+// Leaves it undestroyed, and remembers it so that no checker takes it for lost.
 void KeepForEver(void* abandoned);
 
 template <class T>

@@ -65,7 +65,7 @@ class AsioCall
         auto executor = boost::asio::get_associated_executor(handler_);
         auto run = [handler = std::move(handler_), result = std::move(call_.Ended())]() mutable
         { std::move(handler)(std::move(result)); };
-        // That one would run it in a thread of its own.
+        // asio's stand-in for no executor would run the handler in a thread of asio's own.
         if constexpr (std::is_same_v<decltype(executor), boost::asio::system_executor>)
         {
             run();

@@ -5,23 +5,18 @@
 
 #include "bus/bus.hpp"
 #include "bus/call_errors.hpp"
+#include "bus/text.hpp"
 
 #include <bmcbus/sdbusplus.hpp>
 
 #include <cerrno>
 #include <new>
-#include <string_view>
 #include <utility>
 
 namespace bmcbus::detail
 {
 namespace
 {
-
-bool IsWhole(std::string_view name)
-{
-    return name.find('\0') == std::string_view::npos;
-}
 
 // Whom it was for, as far as there is memory for that.
 void Describe(const Destination& to, CallError& refusal) noexcept

@@ -8,6 +8,12 @@
 namespace bmcbus
 {
 
+// Whether text has no zero byte, at which C functions would stop reading.
+inline bool IsWhole(std::string_view text)
+{
+    return text.find('\0') == std::string_view::npos;
+}
+
 // Whether text in which something is not ASCII, or zero, may travel.
 bool IsOtherBusText(std::string_view text);
 

@@ -152,10 +152,9 @@ void AppendBasic(sd_bus_message* message, char code, const void* value)
 
 void AppendChecked(sd_bus_message* message, char code, const std::string& text)
 {
-    const bool travels =
-        code == SD_BUS_TYPE_OBJECT_PATH
-            ? sd_bus_object_path_is_valid(text.c_str()) > 0 && text.find('\0') == std::string::npos
-            : IsBusText(text);
+    const bool travels = code == SD_BUS_TYPE_OBJECT_PATH
+                             ? sd_bus_object_path_is_valid(text.c_str()) > 0 && IsWhole(text)
+                             : IsBusText(text);
     const size_t length = code == SD_BUS_TYPE_SIGNATURE ? 1 : 4;
     Require(Grow(message, length, length + text.size() + 1), "sd_bus_message_append_basic");
     if (!travels)

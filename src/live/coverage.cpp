@@ -11,9 +11,12 @@ namespace bmcbus::live
 namespace
 {
 
-constexpr size_t fewOfOne = 16; // objects of a service with rules of their own, at most
-constexpr size_t fewOfAll = 32; // and of a connection
-constexpr size_t fewAgain = 8;  // below, a service goes back to them
+// At most so many objects of one service, and of all services of a connection, have rules of their
+// own.
+constexpr size_t fewOfOne = 16;
+constexpr size_t fewOfAll = 32;
+// With fewer than so many objects left a service goes back from its rules to theirs.
+constexpr size_t fewAgain = 8;
 
 } // namespace
 

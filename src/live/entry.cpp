@@ -3,17 +3,8 @@
 
 #include "live/entry.hpp"
 
-#include <ctime>
-
 namespace bmcbus::live
 {
-
-int64_t Now()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1'000;
-}
 
 Entry::Entry(const client::Description& description, const client::CachedClass* cached,
              const client::SignalClass* sent, void* made, std::shared_ptr<Hooks> callables) :

@@ -2,6 +2,8 @@
 
 // One followed object: what the hub knows about it beside its values.
 
+#include "bus/deadline.hpp"
+
 #include <bmcbus/live/handle.hpp>
 
 #include <atomic>
@@ -26,8 +28,11 @@ struct Failure
     std::string text;
 };
 
-// Microseconds of the monotonic clock.
-int64_t Now();
+// Microseconds of the monotonic clock, with a sign, so that times can be subtracted.
+inline int64_t Now()
+{
+    return static_cast<int64_t>(detail::Now());
+}
 
 // Where the next values of an object come from.
 enum class Awaits : uint8_t

@@ -37,7 +37,7 @@ uint64_t MixBytes(uint64_t hash, const void* data, size_t size)
     return Mix(hash, rest);
 }
 
-// Of everything from the read position to the end of the container.
+// The hash of everything from the read position to the end of the container.
 uint64_t All(sd_bus_message* message);
 
 uint64_t Basic(sd_bus_message* message, char type)

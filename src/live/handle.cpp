@@ -4,6 +4,7 @@
 #include <bmcbus/live/handle.hpp>
 
 #include "bus/bus.hpp"
+#include "bus/text.hpp"
 #include "live/hub.hpp"
 #include "live/reporting.hpp"
 #include "live/set.hpp"
@@ -20,9 +21,7 @@ namespace
 // Both become parts of match rules, so nothing else than such names may pass.
 void Check(const std::string& path, const std::string& service)
 {
-    const bool whole =
-        path.find('\0') == std::string::npos && service.find('\0') == std::string::npos;
-    if (!whole || sd_bus_object_path_is_valid(path.c_str()) <= 0)
+    if (!IsWhole(path) || !IsWhole(service) || sd_bus_object_path_is_valid(path.c_str()) <= 0)
     {
         throw Error(EINVAL, "Live: no object path");
     }

@@ -31,7 +31,8 @@ void Hub::LogException(const std::exception& error)
     BMCBUS_LOG_EXCEPTION(bmcbus::log::librarySource, "", error.what());
 }
 
-// The filter's place in sd-bus: it outlives the hub where it cannot be taken away at once.
+// The filter is given an anchor in place of the hub: it outlives the hub where it cannot be taken
+// away at once.
 Hub::Hub(sd_bus* bus) : bus_(sd_bus_ref(bus)), alarm_{.ring = OnAlarm, .data = this}
 {
     int result = 0;
@@ -86,7 +87,8 @@ Hub* Hub::Find(const sd_bus* bus)
     return nullptr;
 }
 
-// Lets go of the connection. Inside the filter its slot must stay: sd-bus walks over it.
+// Lets go of the connection. Inside the filter the filter's slot must stay, since sd-bus is walking
+// over it.
 void Hub::Retire(bool in_filter)
 {
     tick_.reset();

@@ -59,7 +59,7 @@ class Index
   private:
     void Grow();
 
-    std::vector<Entry*> buckets_; // a power of two
+    std::vector<Entry*> buckets_; // as many as a power of two
     size_t size_ = 0;
 };
 

@@ -86,7 +86,7 @@ void Hub::Attach(Entry& entry, Peer& peer)
     peer.signals += entry.signal != nullptr ? 1 : 0;
     if (!peer.question)
     {
-        // Known already. What is asked for until the tick goes together.
+        // The owner is known already. What is asked for until the tick goes out together.
         if (!peer.owner.empty())
         {
             WantRead(entry);

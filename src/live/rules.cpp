@@ -17,8 +17,6 @@ constexpr const char* manager = "type='signal',interface='org.freedesktop.DBus.O
 
 } // namespace
 
-// Every rule names its interface: daemons sort rules by it, and look at no others.
-
 std::string OwnerRule(const std::string& name)
 {
     return "type='signal',interface='org.freedesktop.DBus',member='NameOwnerChanged',"

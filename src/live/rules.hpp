@@ -47,7 +47,7 @@ class Rules
     // One more use of the rule; the first sends it, and so does one after it was refused. Does not
     // wait.
     Rule* Use(const std::string& text);
-    // One use less, of null too; the last takes the rule away and leaves null.
+    // One use less; the last takes the rule away. Leaves null, which stands for no rule.
     void Drop(Rule*& rule);
 
     // Sends it again if it was refused; null is none.

@@ -1,7 +1,7 @@
 // Who has an object: asked of the object mapper, for all that are searched at once. It may know
 // late, so a question that found nothing is repeated a few times, and again whenever something
 // happens that may have told the mapper more: a signal of the object, the mapper itself.
-// Between, nothing.
+// Between these nothing is asked.
 
 #include "bus/bus.hpp"
 #include "bus/object_mapper_internal.hpp"
@@ -199,7 +199,7 @@ void Hub::TakeManager(Peer& peer, const Tree& tree)
 
 void Hub::SearchAgain()
 {
-    // Whose name is being asked for may be there.
+    // An entry whose service is being asked who owns it may be found by that.
     const auto undecided = [](const Entry* entry)
     { return entry->peer == nullptr || !entry->peer->question; };
     if (std::ranges::none_of(searched_, undecided) && !SearchesSets())
