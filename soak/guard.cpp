@@ -33,7 +33,8 @@ void Note(int /*signal*/)
     interrupted = 1;
 }
 
-// Only calls that a signal handler may make. The processes beside this one end with it.
+// A signal handler: it makes only calls that one may make. The processes beside this one end with
+// it.
 void GiveUp(int /*signal*/)
 {
     Write("soak: FAILED: deadlock in operation: ");

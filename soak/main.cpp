@@ -28,6 +28,29 @@ struct Options
     Allowance allowance;
 };
 
+enum class Verdict
+{
+    passed,
+    failed,
+    interrupted
+};
+
+// "creations 73, releases 60, ... tasks 345"
+std::string Text(const Tally& tally, const std::vector<Operation>& operations)
+{
+    std::string text;
+    const auto add = [&](const std::string& name, size_t count)
+    { text += count == 0 ? "" : (text.empty() ? "" : ", ") + name + " " + std::to_string(count); };
+    for (size_t i = 0; i < tally.done.size(); ++i)
+    {
+        add(operations[i].name, tally.done[i]);
+    }
+    add("posts", tally.posts);
+    add("sends", tally.sends);
+    add("tasks", tally.tasks);
+    return text;
+}
+
 class Run
 {
   public:
@@ -43,14 +66,15 @@ class Run
         {
             weights += operation.weight;
         }
+        tally.done.resize(operations.size());
     }
 
     // Each operation once, so that what is made on first use is there; then at random.
-    bool All()
+    Verdict All()
     {
-        for (const Operation& operation : operations)
+        for (size_t i = 0; i < operations.size(); ++i)
         {
-            Perform(operation);
+            Perform(i);
         }
         const auto end = Clock::now() + std::chrono::duration<double>(options.minutes * 60);
         while (Clock::now() < end)
@@ -60,17 +84,21 @@ class Run
             {
                 Perform(Any());
             }
-            if (Interrupted() || !Check())
+            if (Interrupted())
             {
-                return false;
+                return Verdict::interrupted;
+            }
+            if (!Check())
+            {
+                return Verdict::failed;
             }
         }
-        return true;
+        return Verdict::passed;
     }
 
     void SumUp() const
     {
-        std::cout << "operations: " << total.Text() << '\n'
+        std::cout << "operations: " << Text(total, operations) << '\n'
                   << "checks: " << number << ", values compared: " << compared
                   << ", callbacks: " << Callbacks()
                   << ", error lines in the log: " << test::ErrorLines() << '\n';
@@ -81,25 +109,27 @@ class Run
     }
 
   private:
-    const Operation& Any()
+    // The number of an operation.
+    size_t Any()
     {
         size_t choice = random.Below(weights);
-        const Operation* operation = operations.data();
-        while (choice >= operation->weight)
+        size_t i = 0;
+        while (choice >= operations[i].weight)
         {
-            choice -= operation->weight;
-            ++operation;
+            choice -= operations[i].weight;
+            ++i;
         }
-        return *operation;
+        return i;
     }
 
-    void Perform(const Operation& operation)
+    void Perform(size_t i)
     {
+        const Operation& operation = operations[i];
         Begin(operation.name);
         Scene scene{world, objects, random, tally};
         operation.run(scene);
         world.Turn();
-        tally.Add(operation.name);
+        ++tally.done[i];
     }
 
     // Everything at rest: values, then what is held once all objects are released.
@@ -115,11 +145,11 @@ class Run
         first = first.value_or(last);
         const std::string growth = last.GrowthSince(*first, options.allowance);
         ++number;
-        std::cout << "check " << number << ": " << tally.Text() << "; values compared " << values
-                  << "; " << last.Text() << ": " << (growth.empty() ? "flat" : "NOT FLAT" + growth)
-                  << std::endl;
-        total.Add(tally);
-        tally.Clear();
+        std::cout << "check " << number << ": " << Text(tally, operations) << "; values compared "
+                  << values << "; " << last.Text() << ": "
+                  << (growth.empty() ? "flat" : "NOT FLAT" + growth) << std::endl;
+        total += tally;
+        tally = {.done = std::vector<size_t>(operations.size())};
         compared += values;
         return growth.empty();
     }
@@ -142,26 +172,30 @@ int Soak(const Options& options)
 {
     std::cout << "seed " << options.seed << ", " << options.minutes << " minutes, a check every "
               << options.secondsPerCheck << " seconds" << std::endl;
-    std::string verdict = "soak: passed";
+    Verdict verdict = Verdict::failed;
+    std::string why = "not flat";
     {
         Run run(options);
         try
         {
-            verdict = run.All() ? verdict : "soak: FAILED: not flat";
+            verdict = run.All();
         }
         catch (const std::exception& failure)
         {
-            verdict = "soak: FAILED: " + std::string(failure.what());
+            why = failure.what();
         }
         if (Interrupted())
         {
-            verdict = "soak: interrupted";
+            verdict = Verdict::interrupted;
         }
         run.SumUp();
     }
     Rest();
-    std::cout << verdict << std::endl;
-    return verdict == "soak: passed" ? EXIT_SUCCESS : EXIT_FAILURE;
+    std::cout << (verdict == Verdict::passed        ? "soak: passed"
+                  : verdict == Verdict::interrupted ? "soak: interrupted"
+                                                    : "soak: FAILED: " + why)
+              << std::endl;
+    return verdict == Verdict::passed ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 } // namespace

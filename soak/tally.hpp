@@ -1,39 +1,33 @@
 #pragma once
 
-// How often what was done.
+// What was done: how often each operation, and what the threading tools carried for them.
 
+#include <algorithm>
 #include <cstddef>
-#include <map>
-#include <string>
+#include <vector>
 
 namespace soak
 {
 
-class Tally
+struct Tally
 {
-  public:
-    void Add(const std::string& kind, size_t count = 1) { counts[kind] += count; }
-    void Add(const Tally& other)
-    {
-        for (const auto& [kind, count] : other.counts)
-        {
-            counts[kind] += count;
-        }
-    }
-    void Clear() { counts.clear(); }
-    // "forks 3, posts 120"
-    std::string Text() const
-    {
-        std::string text;
-        for (const auto& [kind, count] : counts)
-        {
-            text += (text.empty() ? "" : ", ") + kind + " " + std::to_string(count);
-        }
-        return text;
-    }
+    std::vector<size_t> done; // of each operation, in the order of their list
+    size_t posts = 0;
+    size_t sends = 0;
+    size_t tasks = 0;
 
-  private:
-    std::map<std::string, size_t> counts;
+    Tally& operator+=(const Tally& other)
+    {
+        done.resize(std::max(done.size(), other.done.size()));
+        for (size_t i = 0; i < other.done.size(); ++i)
+        {
+            done[i] += other.done[i];
+        }
+        posts += other.posts;
+        sends += other.sends;
+        tasks += other.tasks;
+        return *this;
+    }
 };
 
 } // namespace soak

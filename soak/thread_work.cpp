@@ -45,7 +45,7 @@ void PostAndRun(Scene& scene, Run run)
                                  });
     run([&] { return ran + refused == producers * posts; });
     Require(refused == 0, "the channel refused a post");
-    scene.tally.Add("posts", producers * posts);
+    scene.tally.posts += producers * posts;
 }
 
 void Post(Scene& scene)
@@ -87,7 +87,7 @@ void Send(Scene& scene)
                                  });
     scene.world.Wait("all sends have returned", [&] { return left == 0; });
     Require(ran == senders * sends, "a send returned without its item having run");
-    scene.tally.Add("sends", ran);
+    scene.tally.sends += ran;
 }
 
 // Tasks that count, throw, queue others, and call a service from their worker's own connection.
@@ -125,7 +125,7 @@ void UsePool(Scene& scene)
     }
     Require(failed == 0, "a direct call from a pool's task failed");
     Require(clear ? ran <= tasks : ran == tasks, "a pool ended without all its tasks having run");
-    scene.tally.Add("tasks", ran);
+    scene.tally.tasks += ran;
 }
 
 } // namespace
