@@ -67,4 +67,12 @@ TEST_F(Asio, RunsNoHandlerInsideTheFunctionThatStarts)
     EXPECT_TRUE(RunUntil(io, [&] { return told == 2; }));
 }
 
+TEST_F(Asio, RunsAHandlerWithoutAnExecutorWhereTheCallEnds)
+{
+    std::thread::id on;
+    bmcbus::Await(Update(connection.get()).Async<int32_t>({.timeout = -1s}),
+                  [&](const Result<int32_t>&) { on = std::this_thread::get_id(); });
+    EXPECT_TRUE(on == std::this_thread::get_id());
+}
+
 } // namespace
