@@ -104,30 +104,14 @@ TEST_F(FunnelFork, ChildLogsWhatItForgets)
 TEST_F(FunnelFork, ManyTimesWhileOthersSend)
 {
     SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
-    constexpr int senders = 4;
-    std::atomic<bool> stop{false};
-    std::atomic<int> refused{0};
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < senders; ++i)
-    {
-        threads.emplace_back(
-            [&]
-            {
-                while (!stop)
-                {
-                    refused += SendRuns() ? 0 : 1;
-                }
-            });
-    }
+    test::Senders senders{SendRuns, SendRuns, SendRuns, SendRuns};
     int failed = 0;
     for (int i = 0; i < test::manyForks; ++i)
     {
         failed += InChild([] { return SendRuns() && InChild(SendRuns) && SendRuns(); }) ? 0 : 1;
     }
-    stop = true;
-    threads.clear();
+    EXPECT_EQ(senders.Stop(), 0);
     EXPECT_EQ(failed, 0);
-    EXPECT_EQ(refused, 0);
     EXPECT_TRUE(SendRuns());
 }
 

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <latch>
 #include <thread>
-#include <vector>
 
 namespace
 {
@@ -20,39 +19,6 @@ using test::InChild;
 using test::LoopThread;
 using test::MakeLoop;
 using test::Runs;
-
-// Threads that send over the channel and through the funnel until they are stopped.
-class Senders
-{
-  public:
-    Senders()
-    {
-        for (bool (*send)() : {Runs, Runs, FunnelRuns})
-        {
-            threads.emplace_back(
-                [this, send]
-                {
-                    while (!stop)
-                    {
-                        refused += send() ? 0 : 1;
-                    }
-                });
-        }
-    }
-
-    // How many sends were refused.
-    int Stop()
-    {
-        stop = true;
-        threads.clear();
-        return refused;
-    }
-
-  private:
-    std::atomic<bool> stop{false};
-    std::atomic<int> refused{0};
-    std::vector<std::jthread> threads;
-};
 
 // In a child: no channel at first, then one of its own.
 bool StartsAnew(MakeLoop make)
@@ -90,7 +56,7 @@ TEST_P(ForkOverChannel, WhileOthersSend)
     SKIP_WHERE_ALLOCATOR_DOES_NOT_FORK();
     SKIP_WHERE_CHILDREN_CANNOT_START_THREADS();
     const LoopThread loop(GetParam());
-    Senders senders;
+    test::Senders senders{Runs, Runs, FunnelRuns};
     int failed = 0;
     for (int i = 0; i < test::manyForks; ++i)
     {
@@ -113,7 +79,7 @@ TEST_P(ForkOverChannel, OnTheLoopsThreadWhileOthersWaitForIt)
         std::latch left{test::manyForks};
     } state{.make = GetParam()};
     const LoopThread loop(state.make);
-    Senders senders;
+    test::Senders senders{Runs, Runs, FunnelRuns};
     for (int i = 0; i < test::manyForks; ++i)
     {
         OneWayChannel_Execute(

@@ -20,7 +20,6 @@
 #include <string>
 #include <system_error>
 #include <thread>
-#include <vector>
 
 namespace
 {
@@ -54,34 +53,22 @@ class FunnelOverChannel : public test::Bounded, public testing::WithParamInterfa
 
 TEST_P(FunnelOverChannel, ItemsRunOneByOneOnTheLoopsThread)
 {
-    constexpr int senders = 4;
     constexpr int each = 200;
     int ran = 0; // plain on purpose
-    std::atomic<int> unfinished{0};
     const LoopThread loop(GetParam());
+    const auto send = [&]
     {
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < senders; ++i)
-        {
-            threads.emplace_back(
-                [&]
-                {
-                    for (int n = 0; n < each; ++n)
-                    {
-                        bool mine = false;
-                        Send(
-                            [&]
-                            {
-                                mine = loop.IsCurrent();
-                                ++ran;
-                            });
-                        unfinished += mine && FunnelRuns() ? 0 : 1;
-                    }
-                });
-        }
-    }
-    EXPECT_EQ(unfinished, 0);
-    EXPECT_EQ(ran, senders * each);
+        bool mine = false;
+        Send(
+            [&]
+            {
+                mine = loop.IsCurrent();
+                ++ran;
+            });
+        return mine && FunnelRuns();
+    };
+    EXPECT_EQ(test::SendFromMany(each, send), 0);
+    EXPECT_EQ(ran, 4 * each);
     EXPECT_TRUE(owc_tid_valid);
     EXPECT_TRUE(test::Log(5).empty()) << test::Describe(test::Log(5));
 }

@@ -66,33 +66,21 @@ class Funnel : public test::Bounded
 
 TEST_F(Funnel, SendsOfAllThreadsRunOneByOneOnOneThread)
 {
-    constexpr int senders = 4;
     constexpr int each = 500;
     int ran = 0; // plain on purpose: the items must not overlap
-    std::atomic<int> unfinished{0};
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < senders; ++i)
+    const auto send = [&]
     {
-        threads.emplace_back(
+        bool mine = false;
+        Send(
             [&]
             {
-                for (int n = 0; n < each; ++n)
-                {
-                    bool mine = false;
-                    Send(
-                        [&]
-                        {
-                            mine = true;
-                            ++ran;
-                            EXPECT_TRUE(pthread_equal(pthread_self(), earlyFunnelThread));
-                        });
-                    unfinished += mine ? 0 : 1;
-                }
+                mine = pthread_equal(pthread_self(), earlyFunnelThread) != 0;
+                ++ran;
             });
-    }
-    threads.clear();
-    EXPECT_EQ(unfinished, 0);
-    EXPECT_EQ(ran, senders * each);
+        return mine;
+    };
+    EXPECT_EQ(test::SendFromMany(each, send), 0);
+    EXPECT_EQ(ran, 4 * each);
     EXPECT_TRUE(funnel_tid_valid);
     EXPECT_TRUE(pthread_equal(funnel_tid, earlyFunnelThread));
     TF_cond_lock();

@@ -1,13 +1,16 @@
 #pragma once
 
-// Sends through the funnel, and an item that holds it up.
+// Sends through the funnel, by one thread or by many, and an item that holds it up.
 
 #include <threadfunnel.hpp>
 
+#include <atomic>
 #include <functional>
+#include <initializer_list>
 #include <latch>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace test
 {
@@ -28,6 +31,59 @@ inline bool RunsBy(void (*send)(std::function<void()> work))
 inline bool FunnelRuns()
 {
     return RunsBy(FunnelSend);
+}
+
+// A thread for each way to send, which sends until it is stopped.
+class Senders
+{
+  public:
+    Senders(std::initializer_list<bool (*)()> ways)
+    {
+        for (bool (*send)() : ways)
+        {
+            threads.emplace_back(
+                [this, send]
+                {
+                    while (!stop)
+                    {
+                        refused += send() ? 0 : 1;
+                    }
+                });
+        }
+    }
+
+    // How many sends were refused.
+    int Stop()
+    {
+        stop = true;
+        threads.clear();
+        return refused;
+    }
+
+  private:
+    std::atomic<bool> stop{false};
+    std::atomic<int> refused{0};
+    std::vector<std::jthread> threads;
+};
+
+// Four threads that send so often each; how many sends went wrong.
+inline int SendFromMany(int each, const std::function<bool()>& send)
+{
+    std::atomic<int> wrong{0};
+    std::vector<std::jthread> threads(4);
+    for (std::jthread& thread : threads)
+    {
+        thread = std::jthread(
+            [&]
+            {
+                for (int n = 0; n < each; ++n)
+                {
+                    wrong += send() ? 0 : 1;
+                }
+            });
+    }
+    threads.clear();
+    return wrong;
 }
 
 // An item of another thread that runs until it is let go.

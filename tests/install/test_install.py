@@ -334,26 +334,25 @@ class Subproject(unittest.TestCase):
         program_names = bmcbus-codegen
     """
 
+    def project(self, folder, name):
+        """Another project in a folder, with this one below its subprojects."""
+        (folder / "meson.build").write_text(self.PROJECT, encoding="utf-8")
+        (folder / "main.cpp").write_text(self.PROGRAM, encoding="utf-8")
+        (folder / "subprojects").mkdir()
+        (folder / "subprojects" / name).symlink_to(SOURCE)
+
     def test_another_project_builds_it_along(self):
         with tempfile.TemporaryDirectory(prefix="bmcbus-user.") as folder:
-            folder = Path(folder)
-            (folder / "meson.build").write_text(self.PROJECT, encoding="utf-8")
-            (folder / "main.cpp").write_text(self.PROGRAM, encoding="utf-8")
-            (folder / "subprojects").mkdir()
-            (folder / "subprojects" / "libbmcbus").symlink_to(SOURCE)
+            self.project(Path(folder), "libbmcbus")
             wrap = "\n".join(line.strip() for line in self.WRAP.splitlines())
-            (folder / "subprojects" / "libbmcbus.wrap").write_text(wrap, encoding="utf-8")
+            Path(folder, "subprojects", "libbmcbus.wrap").write_text(wrap, encoding="utf-8")
             run("meson", "setup", "-Doptimization=0", "-Ddebug=false", "build", cwd=folder)
             run("ninja", "-C", "build", "fan-watch", cwd=folder)
             run("build/fan-watch", cwd=folder)
 
     def test_a_folder_named_as_the_dependency_needs_no_wrap(self):
         with tempfile.TemporaryDirectory(prefix="bmcbus-user.") as folder:
-            folder = Path(folder)
-            (folder / "meson.build").write_text(self.PROJECT, encoding="utf-8")
-            (folder / "main.cpp").write_text(self.PROGRAM, encoding="utf-8")
-            (folder / "subprojects").mkdir()
-            (folder / "subprojects" / "bmcbus").symlink_to(SOURCE)
+            self.project(Path(folder), "bmcbus")
             run("meson", "setup", "build", cwd=folder)
 
 
