@@ -152,20 +152,15 @@ Work Contender(const std::string& who, const std::string& what)
 
 int main(int argc, char** argv)
 {
-    if (argc != 4)
-    {
-        static_cast<void>(std::fprintf(stderr, "usage: %s WHO WHAT COUNT\n", argv[0]));
-        return 2;
-    }
+    const Arguments arguments(argc, argv);
     const ServiceProcess process;
-    const Work work = Contender(argv[1], argv[2]);
-    const long count = std::stol(argv[3]);
+    const Work work = Contender(arguments.who, arguments.what);
     work();
     const Stopwatch stopwatch;
-    for (long i = 0; i < count; ++i)
+    for (long i = 0; i < arguments.count; ++i)
     {
         work();
     }
-    stopwatch.Print(count);
+    stopwatch.Print(arguments.count);
     return 0;
 }

@@ -14,6 +14,26 @@
 namespace bench
 {
 
+// The command line; ends the process where it is another one.
+struct Arguments
+{
+    Arguments(int argc, char** argv)
+    {
+        if (argc != 4)
+        {
+            static_cast<void>(std::fprintf(stderr, "usage: %s WHO WHAT COUNT\n", argv[0]));
+            std::exit(2);
+        }
+        who = argv[1];
+        what = argv[2];
+        count = std::stol(argv[3]);
+    }
+
+    std::string who;
+    std::string what;
+    long count = 0;
+};
+
 // One operation.
 using Work = std::function<void()>;
 

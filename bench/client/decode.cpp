@@ -233,13 +233,9 @@ Work Contender(const std::string& who, const std::string& work)
 
 int main(int argc, char** argv)
 {
-    if (argc != 4)
-    {
-        static_cast<void>(std::fprintf(stderr, "usage: %s WHO WHAT COUNT\n", argv[0]));
-        return 2;
-    }
-    const Work work = Contender(argv[1], argv[2]);
-    for (long i = std::stol(argv[3]); i > 0; --i)
+    const Arguments arguments(argc, argv);
+    const Work work = Contender(arguments.who, arguments.what);
+    for (long i = arguments.count; i > 0; --i)
     {
         work();
     }

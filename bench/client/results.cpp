@@ -231,20 +231,14 @@ void Run(const std::string& who, const std::string& what, sd_bus* bus, long coun
 
 int main(int argc, char** argv)
 {
-    if (argc != 4)
-    {
-        static_cast<void>(std::fprintf(stderr, "usage: %s WHO WHAT COUNT\n", argv[0]));
-        return 2;
-    }
-    const std::string who = argv[1];
+    const Arguments arguments(argc, argv);
     const ServiceProcess process;
     sd_bus* bus = nullptr;
     Check(sd_bus_default_system(&bus), "sd_bus_default_system");
-    Run(who, argv[2], bus, inFlight);
-    const long count = std::stol(argv[3]);
+    Run(arguments.who, arguments.what, bus, inFlight);
     const Stopwatch stopwatch;
-    Run(who, argv[2], bus, count);
-    stopwatch.Print(count);
+    Run(arguments.who, arguments.what, bus, arguments.count);
+    stopwatch.Print(arguments.count);
     sd_bus_unref(bus);
     return 0;
 }

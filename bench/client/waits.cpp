@@ -106,12 +106,8 @@ void Parallel(sd_bus* bus, const Loop& loop)
 
 int main(int argc, char** argv)
 {
-    if (argc != 4)
-    {
-        static_cast<void>(std::fprintf(stderr, "usage: %s WHO WHAT COUNT\n", argv[0]));
-        return 2;
-    }
-    const std::string what = argv[2];
+    const Arguments arguments(argc, argv);
+    const std::string& what = arguments.what;
     const bool parallel = what == "parallel";
     const ServiceProcess process;
     sd_bus* bus = nullptr;
@@ -120,13 +116,12 @@ int main(int argc, char** argv)
         const Loop loop = MakeLoop(parallel ? "process" : what.substr(what.find('-') + 1), bus);
         const auto work = parallel ? Parallel : TimeOut;
         work(bus, loop);
-        const long count = std::stol(argv[3]);
         const Stopwatch stopwatch;
-        for (long i = 0; i < count; ++i)
+        for (long i = 0; i < arguments.count; ++i)
         {
             work(bus, loop);
         }
-        stopwatch.Print(count);
+        stopwatch.Print(arguments.count);
     }
     sd_bus_detach_event(bus);
     sd_bus_unref(bus);
