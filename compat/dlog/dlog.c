@@ -85,7 +85,7 @@ static size_t spell(char* to, const char* text, size_t length)
         {
             const unsigned char byte = (unsigned char)text[at];
             spelled[size++] = '\\';
-            spelled[size++] = byte == '\n' ? 'n' : byte == '\r' ? 'r' : 'x';
+            spelled[size++] = (char)(byte == '\n' ? 'n' : byte == '\r' ? 'r' : 'x');
             if (byte != '\n' && byte != '\r')
             {
                 spelled[size++] = digits[byte / 16];

@@ -71,7 +71,8 @@ template <class WithProperty, class WithStranger>
 void PropertyMap::ForEach(WithProperty property, WithStranger stranger)
 {
     auto other = strangers_.begin();
-    for (uint16_t number = 0; number < places_.size(); ++number)
+    const auto count = static_cast<uint16_t>(places_.size());
+    for (uint16_t number = 0; number < count; ++number)
     {
         for (; other != strangers_.end() && other->before == number; ++other)
         {

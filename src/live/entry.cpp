@@ -24,7 +24,7 @@ std::unique_ptr<Entry> Entry::Make(const client::CachedClass& about, std::string
     std::unique_ptr<void, void (*)(void*)> object(about.make(std::move(path)), about.destroy);
     std::unique_ptr<Entry> entry(new (prints)
                                      Entry(about, &about, nullptr, object.get(), std::move(hooks)));
-    object.release();
+    static_cast<void>(object.release());
     std::uninitialized_fill_n(entry->prints(), prints, 0);
     return entry;
 }
@@ -35,7 +35,7 @@ std::unique_ptr<Entry> Entry::Make(const client::SignalClass& about, std::string
     std::unique_ptr<void, void (*)(void*)> object(about.make(std::move(path)), about.destroy);
     std::unique_ptr<Entry> entry(new (size_t{0})
                                      Entry(about, nullptr, &about, object.get(), std::move(hooks)));
-    object.release();
+    static_cast<void>(object.release());
     return entry;
 }
 

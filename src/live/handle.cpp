@@ -52,14 +52,14 @@ void Handle::Follow(sd_bus* bus, const About& about, std::string& path, const st
     entry_ = &hub.Add(std::move(entry), service);
 }
 
-Handle::Handle(sd_bus* bus, const client::CachedClass& about, std::string path, std::string service,
-               std::shared_ptr<Hooks> hooks)
+Handle::Handle(sd_bus* bus, const client::CachedClass& about, std::string path,
+               const std::string& service, std::shared_ptr<Hooks> hooks)
 {
     Follow(bus, about, path, service, hooks);
 }
 
-Handle::Handle(sd_bus* bus, const client::SignalClass& about, std::string path, std::string service,
-               std::shared_ptr<Hooks> hooks)
+Handle::Handle(sd_bus* bus, const client::SignalClass& about, std::string path,
+               const std::string& service, std::shared_ptr<Hooks> hooks)
 {
     Follow(bus, about, path, service, hooks);
 }
@@ -100,7 +100,7 @@ LiveReport Handle::Report() const
 }
 
 SetHandle::SetHandle(sd_bus* bus, const client::CachedClass& about, std::string root,
-                     std::string service, std::shared_ptr<Hooks> hooks)
+                     const std::string& service, std::shared_ptr<Hooks> hooks)
 {
     Check(root, service);
     Hub& hub = Hub::Of(bus);

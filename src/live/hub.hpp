@@ -51,6 +51,9 @@ class Hub
     // What a GetSubTree answers.
     using Tree = std::map<std::string, std::map<std::string, std::vector<std::string>>>;
 
+    Hub(const Hub&) = delete;
+    Hub& operator=(const Hub&) = delete;
+
     // The hub of a connection, made where there is none. Throws Error.
     static Hub& Of(sd_bus* bus);
     // Null where there is none.
@@ -167,8 +170,6 @@ class Hub
 
     explicit Hub(sd_bus* bus);
     ~Hub();
-    Hub(const Hub&) = delete;
-    Hub& operator=(const Hub&) = delete;
     void Retire(bool in_filter);
     void Tell(const Telling& telling, std::span<const uint16_t> names);
     void End(Entry& entry);

@@ -16,7 +16,7 @@
 
 namespace bmcbus::live
 {
-struct Access;
+struct Access; // NOLINT(bugprone-forward-declaration-namespace): not the one of bmcbus::client
 } // namespace bmcbus::live
 
 namespace bmcbus::client

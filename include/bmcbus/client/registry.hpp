@@ -43,7 +43,7 @@ union RegistryStorage
     std::vector<Class*> list;
 
     constexpr RegistryStorage() : list() {}
-    ~RegistryStorage() {}
+    ~RegistryStorage() {} // NOLINT(modernize-use-equals-default): that would be a deleted one
 };
 
 /**

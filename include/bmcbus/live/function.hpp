@@ -24,7 +24,8 @@ template <class... A>
 class Function
 {
   public:
-    Function() noexcept {} // not defaulted: g++ 12 fails at initialisers of members that need it
+    // Not defaulted: g++ 12 fails at initialisers of members that need it.
+    Function() noexcept {}               // NOLINT(modernize-use-equals-default)
     Function(std::nullptr_t) noexcept {} // NOLINT(google-explicit-constructor)
 
     template <class Callable>

@@ -49,10 +49,10 @@ class BMCBUS_EXPORT Handle
 {
   public:
     Handle() = default;
-    Handle(sd_bus* bus, const client::CachedClass& about, std::string path, std::string service,
-           std::shared_ptr<Hooks> hooks);
-    Handle(sd_bus* bus, const client::SignalClass& about, std::string path, std::string service,
-           std::shared_ptr<Hooks> hooks);
+    Handle(sd_bus* bus, const client::CachedClass& about, std::string path,
+           const std::string& service, std::shared_ptr<Hooks> hooks);
+    Handle(sd_bus* bus, const client::SignalClass& about, std::string path,
+           const std::string& service, std::shared_ptr<Hooks> hooks);
     Handle(Handle&& other) noexcept :
         entry_(std::exchange(other.entry_, nullptr)), object_(std::exchange(other.object_, nullptr))
     {
@@ -78,8 +78,8 @@ class BMCBUS_EXPORT Handle
 class BMCBUS_EXPORT SetHandle
 {
   public:
-    SetHandle(sd_bus* bus, const client::CachedClass& about, std::string root, std::string service,
-              std::shared_ptr<Hooks> hooks);
+    SetHandle(sd_bus* bus, const client::CachedClass& about, std::string root,
+              const std::string& service, std::shared_ptr<Hooks> hooks);
     SetHandle(SetHandle&& other) noexcept : set_(std::exchange(other.set_, nullptr)) {}
     SetHandle& operator=(SetHandle&& other) noexcept
     {

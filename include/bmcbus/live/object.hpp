@@ -72,8 +72,7 @@ class Live
      * such name.
      */
     Live(sd_bus* bus, std::string path, Options options = Options()) :
-        handle_(bus, live::Access::TablesOf<T>(), std::move(path), std::move(options.service),
-                Wrap(options))
+        handle_(bus, live::Access::TablesOf<T>(), std::move(path), options.service, Wrap(options))
     {
     }
 

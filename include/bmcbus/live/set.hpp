@@ -61,7 +61,7 @@ class LiveSet
     /** Follows the objects below @p root, not the one at it; otherwise as the constructor of
      * `Live`. */
     LiveSet(sd_bus* bus, std::string root, Options options = Options()) :
-        handle_(bus, live::Access::TablesOf<T>(), std::move(root), std::move(options.service),
+        handle_(bus, live::Access::TablesOf<T>(), std::move(root), options.service,
                 std::make_shared<TypedHooks>(options))
     {
     }

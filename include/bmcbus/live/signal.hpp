@@ -45,7 +45,7 @@ class LiveSignal
 
     /** Follows the signal at @p path; otherwise as the constructor of `Live`. */
     LiveSignal(sd_bus* bus, std::string path, Options options = Options()) :
-        handle_(bus, live::Access::TablesOf<T>(), std::move(path), std::move(options.service),
+        handle_(bus, live::Access::TablesOf<T>(), std::move(path), options.service,
                 std::make_shared<TypedHooks>(options))
     {
     }

@@ -236,7 +236,7 @@ class BMCBUS_EXPORT Variant
     /** Equal types and equal contents; a NaN equals another. */
     friend bool operator==(const Variant& a, const Variant& b) noexcept
     {
-        return Compare(a, b) == 0;
+        return std::is_eq(Compare(a, b));
     }
 
     /** By signature, then by content, containers element by element; a NaN is above all numbers. */
