@@ -21,7 +21,8 @@
  * `sd_bus_unref` that drops the last reference. There the connection is no longer usable: open a
  * new one after it, not in the completion.
  *
- * **Time.** Timeouts are ours, not libsystemd's. In an sd-event loop, and in loops that wait no
+ * **Time.** Timeouts are ours, not libsystemd's. In an sd-event loop that was
+ * attached before the call, or by `attach::SdEvent` at any time, and in loops that wait no
  * longer than `sd_bus_get_timeout` says, they come on time by themselves; a loop that watches
  * descriptors alone watches `Dispatcher::Descriptor()` in place of the connection's.
  *

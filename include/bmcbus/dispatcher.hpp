@@ -73,4 +73,12 @@ class BMCBUS_EXPORT Dispatcher
     bool writing = false;
 };
 
+namespace detail
+{
+
+/** Has the loop that `bus` was attached to just now keep the deadlines that it has already. */
+BMCBUS_EXPORT void FollowLoop(sd_bus* bus);
+
+} // namespace detail
+
 } // namespace bmcbus

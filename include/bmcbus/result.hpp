@@ -73,7 +73,19 @@ template <class T, class E>
 class [[nodiscard]] Result
 {
     using Stored = std::conditional_t<std::is_void_v<T>, detail::Nothing, T>;
+    using Storage = detail::ResultStorage<Stored, E>;
     static constexpr bool empty = std::is_void_v<T>;
+
+    // Whether a result of U, const for one that stays, and of an error of G can become one of this.
+    template <class U>
+    using Given = std::conditional_t<std::is_const_v<U>, std::add_lvalue_reference_t<U>, U>;
+    template <class U, class G>
+    static constexpr bool
+        takes = std::is_void_v<U> == empty &&
+                (empty || std::is_constructible_v<Stored, Given<U>>)&&std::is_constructible_v<E, G>;
+    template <class U, class G>
+    static constexpr bool
+        converts = (empty || std::is_convertible_v<Given<U>, Stored>)&&std::is_convertible_v<G, E>;
 
   public:
     /** As std::expected names its types. @{ */
@@ -117,6 +129,12 @@ class [[nodiscard]] Result
         storage_(std::in_place, std::forward<Args>(args)...)
     {
     }
+    /** A value, made of this list and these arguments. */
+    template <class U, class... Args>
+    constexpr explicit Result(std::in_place_t, std::initializer_list<U> list, Args&&... args) :
+        storage_(std::in_place, list, std::forward<Args>(args)...)
+    {
+    }
     /** An error, made of these arguments. */
     template <class... Args>
     constexpr explicit Result(Unexpect, Args&&... args) :
@@ -126,12 +144,14 @@ class [[nodiscard]] Result
     /// @cond Doxygen takes it for something else
     // From a result of other, convertible types.
     template <class U, class G>
-    requires(!std::is_same_v<Result, Result<U, G>> && !empty && !std::is_void_v<U> &&
-             std::is_constructible_v<Stored, const U&> &&
-             std::is_constructible_v<
-                 E, const G&>) constexpr explicit(!std::is_convertible_v<const U&, Stored>)
+    requires(takes<const U, const G&>) constexpr explicit(!converts<const U, const G&>)
         Result(const Result<U, G>& other) :
-        storage_(other ? Storage(std::in_place, *other) : Storage(unexpect, other.error()))
+        storage_(From(other))
+    {
+    }
+    template <class U, class G>
+    requires(takes<U, G>) constexpr explicit(!converts<U, G>) Result(Result<U, G>&& other) :
+        storage_(From(std::move(other)))
     {
     }
     /// @endcond
@@ -327,8 +347,22 @@ class [[nodiscard]] Result
     }
 
   private:
-    using Storage = detail::ResultStorage<Stored, E>;
-
+    template <class Other>
+    static constexpr Storage From(Other&& other)
+    {
+        if (!other)
+        {
+            return Storage(unexpect, std::forward<Other>(other).error());
+        }
+        if constexpr (empty)
+        {
+            return Storage(std::in_place);
+        }
+        else
+        {
+            return Storage(std::in_place, *std::forward<Other>(other));
+        }
+    }
     template <class Ref, class Held>
     static constexpr Ref Get(Held& held) noexcept
     {

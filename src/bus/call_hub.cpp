@@ -6,6 +6,7 @@
 #include "bus/call_errors.hpp"
 #include "bus/call_heap.hpp"
 
+#include <bmcbus/dispatcher.hpp>
 #include <bmcbus/refs.hpp>
 
 #include <algorithm>
@@ -231,6 +232,14 @@ void RingForQueued(sd_bus* bus)
     if (Hub* hub = Hub::Find(bus))
     {
         hub->RingIfQueued();
+    }
+}
+
+void FollowLoop(sd_bus* bus)
+{
+    if (Hub* hub = Hub::Find(bus))
+    {
+        hub->Ring();
     }
 }
 

@@ -47,7 +47,7 @@ int Hub::OnMessage(sd_bus_message* message, void* user_data, sd_bus_error* /*err
         return hub->silence_ && interface != nullptr && std::strcmp(interface, silence) == 0 ? 1
                                                                                              : 0;
     }
-    const Scope scope(*hub, true);
+    const Scope scope(*hub, Entrance::Filter);
     hub->Guard([&] { hub->Signal(message, interface); });
     return 0;
 }
@@ -154,9 +154,10 @@ void Hub::ApplyChanges(Entry& entry, sd_bus_message* message)
     }
     if (entry.state() != LiveState::Live)
     {
-        if (entry.awaits == Awaits::Nothing)
+        if (entry.awaits == Awaits::Nothing ||
+            (entry.awaits == Awaits::Pause && entry.state() != LiveState::Reading))
         {
-            // Its service says that it is there.
+            // Its service says that it is there, after all.
             WantRead(entry);
             flush_ = true;
         }

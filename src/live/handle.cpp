@@ -46,7 +46,7 @@ void Handle::Follow(sd_bus* bus, const About& about, std::string& path, const st
 {
     Check(path, service);
     Hub& hub = Hub::Of(bus);
-    const Hub::Scope scope(hub);
+    const Hub::Scope scope(hub, Hub::Entrance::Handle);
     auto entry = Entry::Make(about, std::move(path), std::move(hooks));
     object_ = entry->object;
     entry_ = &hub.Add(std::move(entry), service);
@@ -66,8 +66,9 @@ Handle::Handle(sd_bus* bus, const client::SignalClass& about, std::string path,
 
 Handle& Handle::operator=(Handle&& other) noexcept
 {
-    std::swap(entry_, other.entry_);
-    std::swap(object_, other.object_);
+    Handle taken(std::move(other));
+    std::swap(entry_, taken.entry_);
+    std::swap(object_, taken.object_);
     return *this;
 }
 
@@ -104,7 +105,7 @@ SetHandle::SetHandle(sd_bus* bus, const client::CachedClass& about, std::string 
 {
     Check(root, service);
     Hub& hub = Hub::Of(bus);
-    const Hub::Scope scope(hub);
+    const Hub::Scope scope(hub, Hub::Entrance::Handle);
     auto set = std::make_unique<Set>(about, std::move(root), std::move(hooks));
     set_ = set.get();
     hub.Add(std::move(set), service);

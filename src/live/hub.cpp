@@ -114,20 +114,35 @@ void Hub::Retire(bool in_filter)
     }
 }
 
-Hub::Scope::Scope(Hub& hub, bool in_filter) : hub_(hub)
+Hub::Scope::Scope(Hub& hub, Entrance by) : hub_(hub), by_(by)
 {
     ++hub.depth_;
-    hub.in_filter_ = hub.in_filter_ || in_filter;
+    hub.in_filter_ = hub.in_filter_ || by == Entrance::Filter;
 }
 
 Hub::Scope::~Scope()
 {
-    hub_.Deliver();
+    if (by_ != Entrance::Handle)
+    {
+        hub_.Deliver();
+    }
     if (--hub_.depth_ > 0)
     {
         return;
     }
-    hub_.ended_.clear();
+    if (std::exchange(hub_.told_, false) && hub_.usable() && sd_bus_is_open(hub_.bus()) == 0)
+    {
+        // A callback closed it, and nothing else will say so.
+        ++hub_.depth_;
+        hub_.Ended(hub_.in_filter_);
+        hub_.Deliver();
+        --hub_.depth_;
+    }
+    if (!hub_.ended_.empty())
+    {
+        std::erase_if(hub_.notes_, [](const Telling& note) { return !note.entry->hooks; });
+        hub_.ended_.clear();
+    }
     hub_.ended_sets_.clear();
     hub_.DropUnusedPeers();
     const bool in_filter = std::exchange(hub_.in_filter_, false);
@@ -159,7 +174,7 @@ Entry& Hub::Add(std::unique_ptr<Entry> owned, const std::string& service)
 
 void Hub::Remove(Entry& entry)
 {
-    const Scope scope(*this);
+    const Scope scope(*this, Entrance::Handle);
     entry.hooks.reset(); // while one of them runs, whoever runs it keeps it
     End(entry);
 }
@@ -244,6 +259,7 @@ void Hub::Tell(const Telling& telling, std::span<const uint16_t> names)
 {
     Entry& entry = *telling.entry;
     const std::shared_ptr<Hooks> hooks = entry.hooks;
+    told_ = true;
     const int64_t before = Now();
     Guard(
         [&]
@@ -279,7 +295,6 @@ void Hub::SetState(Entry& entry, LiveState state)
 void Hub::ObjectGone(Entry& entry)
 {
     CancelRead(entry);
-    entry.invalidated.reset();
     const bool owned = entry.peer != nullptr && !entry.peer->owner.empty();
     if (entry.set != nullptr && owned)
     {

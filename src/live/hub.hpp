@@ -59,17 +59,26 @@ class Hub
     // Null where there is none.
     static Hub* Find(const sd_bus* bus);
 
+    // From where the hub is entered.
+    enum class Entrance : uint8_t
+    {
+        Handler, // of sd-bus
+        Filter,  // the hub's own
+        Handle   // its user's code, which is told nothing until the connection is dispatched
+    };
+
     // Between the hub and whoever calls it; the last one frees what has ended.
     class Scope
     {
       public:
-        explicit Scope(Hub& hub, bool in_filter = false);
+        explicit Scope(Hub& hub, Entrance by = Entrance::Handler);
         ~Scope();
         Scope(const Scope&) = delete;
         Scope& operator=(const Scope&) = delete;
 
       private:
         Hub& hub_;
+        const Entrance by_;
     };
 
     // Runs `work`; logs a std::exception from it.
@@ -199,6 +208,7 @@ class Hub
     bool UsePathRules(Entry& entry);
     void RetryRules(Entry& entry);
 
+    bool HasRoom(const Peer& peer) const;
     void FlushPeer(Peer& peer);
     void SendRead(Entry& entry);
     static int OnRead(sd_bus_message* answer, void* read, sd_bus_error* error) noexcept;
@@ -242,6 +252,7 @@ class Hub
     Hub* next_ = nullptr;
     int depth_ = 0;
     bool in_filter_ = false;
+    bool told_ = false; // callbacks have run
 
     Index index_;
     Rules rules_{*this};
@@ -259,6 +270,7 @@ class Hub
     std::vector<Entry*> pausing_;
     detail::Alarm alarm_;
     Slot silence_;
+    bool denied_ = false; // such a call was
     int64_t timer_due_ = 0;
     bool unused_ = false; // a peer may have nobody left
     bool flush_ = false;  // something waits to be sent when the message was handled

@@ -2,6 +2,7 @@
 // no timer.
 
 #include "live/hub.hpp"
+#include "log.hpp"
 
 #include <algorithm>
 
@@ -32,7 +33,7 @@ void Hub::Pause(Entry& entry)
 
 // The timer of the connection's calls, where a loop looks at it. A loop that does nothing but
 // process and wait learns from sd-bus alone when it wants to be called: there a call that nobody
-// answers waits, one to ourselves.
+// answers waits, one to ourselves, where the bus lets us.
 void Hub::Arm()
 {
     int64_t due = search_ ? 0 : search_due_; // one that is under way sees to the next
@@ -49,7 +50,7 @@ void Hub::Arm()
     if (detail::Hub* const calls = detail::Hub::Find(bus()))
     {
         calls->Set(alarm_, static_cast<uint64_t>(due));
-        if (calls->Watched())
+        if (calls->Watched() || denied_)
         {
             return;
         }
@@ -109,11 +110,19 @@ void Hub::OnAlarm(void* user_data) noexcept
         });
 }
 
-int Hub::OnSilence(sd_bus_message* /*answer*/, void* user_data, sd_bus_error* /*error*/) noexcept
+int Hub::OnSilence(sd_bus_message* answer, void* user_data, sd_bus_error* /*error*/) noexcept
 {
     Hub& hub = *static_cast<Hub*>(user_data);
     const Scope scope(hub);
     hub.silence_.reset();
+    if (sd_bus_error_has_name(sd_bus_message_get_error(answer), SD_BUS_ERROR_ACCESS_DENIED) != 0)
+    {
+        // As a system bus does where no file of the program's own allows it.
+        hub.denied_ = true;
+        BMCBUS_LOG(misuse,
+                   "the bus forbids calls to oneself: nothing wakes this loop to try again, "
+                   "attach the connection by bmcbus/attach");
+    }
     hub.Guard(
         [&]
         {

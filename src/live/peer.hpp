@@ -44,7 +44,8 @@ struct Peer
     bool no_mapper = false;                          // there was none to ask
     std::vector<std::pair<Set*, std::string>> found; // new members of sets, so far
     uint8_t guesses = 0;
-    bool singly = false; // the objects in the queue are not to be had at once
+    uint16_t reading = 0; // reads of single objects under way
+    bool singly = false;  // the objects in the queue are not to be had at once
 };
 
 } // namespace bmcbus::live

@@ -12,7 +12,7 @@ namespace bmcbus::live
 namespace
 {
 
-constexpr size_t window = 64;
+constexpr size_t window = 64;       // one more for each service that has none in it
 constexpr size_t worthListing = 16; // more are asked for at once where that is possible
 
 // Whether it says that the object, or the interface of it, is not there.
@@ -73,6 +73,7 @@ void Hub::CancelRead(Entry& entry)
         case Awaits::Answer:
             delete std::exchange(entry.read, nullptr);
             --in_flight_;
+            --entry.peer->reading;
             break;
         case Awaits::Pause:
             std::erase(pausing_, &entry);
@@ -88,11 +89,21 @@ void Hub::Flush()
     {
         return;
     }
+    if (detail::Hub* const calls = detail::Hub::Find(bus()))
+    {
+        calls->Set(alarm_, alarm_.at); // on the loop that the connection is attached to by now
+    }
     Search();
     for (auto& [name, peer] : peers_)
     {
         FlushPeer(peer);
     }
+}
+
+// A service that hangs must not keep the others from being read.
+bool Hub::HasRoom(const Peer& peer) const
+{
+    return in_flight_ < window || (peer.reading == 0 && in_flight_ < window + window / 2);
 }
 
 void Hub::FlushPeer(Peer& peer)
@@ -112,13 +123,13 @@ void Hub::FlushPeer(Peer& peer)
     const bool sets = WantsSetList(peer);
     if (!peer.owner.empty() && (sets || (peer.queue.size() > worthListing && !peer.singly)))
     {
-        if (in_flight_ >= window || List(peer))
+        if (!HasRoom(peer) || List(peer))
         {
             return;
         }
         SetsListed(peer, false);
     }
-    while (!peer.queue.empty() && in_flight_ < window)
+    while (!peer.queue.empty() && HasRoom(peer))
     {
         Entry& entry = *peer.queue.front();
         peer.queue.erase(peer.queue.begin());
@@ -145,6 +156,7 @@ void Hub::SendRead(Entry& entry)
     entry.awaits = Awaits::Answer;
     entry.read = read.release();
     ++in_flight_;
+    ++entry.peer->reading;
 }
 
 int Hub::OnRead(sd_bus_message* answer, void* user_data, sd_bus_error* /*error*/) noexcept
@@ -156,6 +168,7 @@ int Hub::OnRead(sd_bus_message* answer, void* user_data, sd_bus_error* /*error*/
     entry.read = nullptr;
     entry.awaits = Awaits::Nothing;
     --hub.in_flight_;
+    --entry.peer->reading;
     hub.Guard(
         [&]
         {
@@ -180,10 +193,11 @@ void Hub::ReadDone(Entry& entry, sd_bus_message* answer)
 // A whole read: all properties of one moment, or nothing of it.
 void Hub::Take(Entry& entry, sd_bus_message* values)
 {
-    entry.awaits = Awaits::Nothing;
+    const bool listed = std::exchange(entry.awaits, Awaits::Nothing) == Awaits::Listing;
     if (const Rule* rule = Uncovered(entry))
     {
         // What changes would not be heard of.
+        Require(sd_bus_message_skip(values, "a{sv}"), "sd_bus_message_skip");
         ReadFailed(entry, rule->failure());
         return;
     }
@@ -208,6 +222,11 @@ void Hub::Take(Entry& entry, sd_bus_message* values)
     }
     if (decoder_.empty() && !entry.properties->interface->properties.empty())
     {
+        if (listed)
+        {
+            WantRead(entry); // there it is, without its values: asked for by itself
+            return;
+        }
         ReadFailed(entry, {"com.tamm.bmc.Live.Error.Empty", "a read brought no property"});
         return;
     }
@@ -261,7 +280,8 @@ void Hub::ReadFailed(Entry& entry, Failure failure)
     Pause(entry);
 }
 
-// A message to the daemon whose answer makes room for what was asked for until then to go together.
+// A message to the daemon whose answer makes room for what was asked for until then to go together:
+// one that every bus's policy allows, as it does not allow a ping.
 void Hub::Tick()
 {
     if (tick_ || !usable())
@@ -270,8 +290,8 @@ void Hub::Tick()
     }
     sd_bus_slot* slot = nullptr;
     static_cast<void>(sd_bus_call_method_async(bus(), &slot, "org.freedesktop.DBus",
-                                               "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer",
-                                               "Ping", OnTick, this, nullptr));
+                                               "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                               "GetId", OnTick, this, nullptr));
     tick_.reset(slot);
 }
 

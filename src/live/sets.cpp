@@ -95,15 +95,21 @@ void Hub::Add(std::unique_ptr<Set> owned, const std::string& service)
 
 void Hub::Remove(Set& set)
 {
-    const Scope scope(*this);
+    const Scope scope(*this, Entrance::Handle);
     const auto at =
         std::ranges::find_if(sets_, [&](const auto& each) { return each.get() == &set; });
     ended_sets_.push_back(std::move(*at));
     sets_.erase(at);
     for (Entry* entry : set.members)
     {
-        entry->hooks.reset();
         End(*entry);
+    }
+    for (const auto& entry : ended_)
+    {
+        if (entry->set == &set)
+        {
+            entry->hooks.reset(); // its on_remove is not told any more
+        }
     }
     set.members.clear();
     set.there.clear();
@@ -169,10 +175,14 @@ bool Hub::MembersAdded(sd_bus_message* message, const char* path)
         {
             continue;
         }
-        if (sender != nullptr && (set->peer == nullptr || set->peer == sender))
+        Peer* const theirs =
+            set->peer != nullptr && sender != nullptr && set->peer->owner == sender->owner
+                ? set->peer // it may have several names
+                : sender;
+        if (theirs != nullptr && (set->peer == nullptr || set->peer == theirs))
         {
-            sender->manager = sd_bus_message_get_path(message);
-            Member(*set, path, *sender);
+            theirs->manager = sd_bus_message_get_path(message);
+            Member(*set, path, *theirs);
         }
         else if (set->peer == nullptr)
         {

@@ -125,8 +125,13 @@ std::span<const uint16_t> Decoder::Store(Entry& entry, bool whole)
     }
     for (const uint16_t property : invalidated_)
     {
+        std::vector<uint16_t>& told_later = *entry.invalidated;
+        if (entry.about.fields.list[property].is_set(entry.object) &&
+            std::ranges::find(told_later, property) == told_later.end())
+        {
+            told_later.push_back(property);
+        }
         Unset(entry, property);
-        entry.invalidated->push_back(property);
     }
     values_.clear();
     std::ranges::sort(changed_);

@@ -145,6 +145,17 @@ TYPED_TEST(Attached, MayBeTakenOffInsideAHandler)
     }
 }
 
+// An sd-event loop used to know nothing of it, nor to keep its deadline.
+TYPED_TEST(Attached, KnowsOfACallMadeBefore)
+{
+    bool told = false;
+    const bmcbus::Call call = this->Ask().template Async<std::string>(
+        [&](const bmcbus::Result<std::string>& answer) { told = !answer; });
+    this->Attach();
+    sd_bus_close(this->connection.get());
+    EXPECT_TRUE(this->loop->Run([&] { return told; }));
+}
+
 TYPED_TEST(Attached, HearsWhatAForeignBlockingCallHasRead)
 {
     this->Attach();

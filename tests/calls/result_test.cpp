@@ -75,6 +75,11 @@ TEST(Result, IsAssignedFromEitherStateToEither)
     Result<std::unique_ptr<int>> owner = std::make_unique<int>(3);
     const std::unique_ptr<int> taken = *std::move(owner);
     EXPECT_EQ(*taken, 3);
+    static_assert(!std::is_copy_constructible_v<Result<std::unique_ptr<int>>>);
+    owner = std::make_unique<int>(4);
+    const Result<std::shared_ptr<const int>> shared = std::move(owner);
+    EXPECT_EQ(**shared, 4);
+    EXPECT_EQ(Result<std::vector<int>>(std::in_place, {1, 2})->size(), 2U);
 }
 
 struct ThrowsWhenMoved

@@ -73,6 +73,20 @@ TEST_F(LiveMany, WithoutAManagerReadsGoTogether)
     EXPECT_TRUE(AllLive());
 }
 
+// All reads that may be in flight used to be those of the one.
+TEST_F(LiveMany, AServiceThatHangsDoesNotDelayAnother)
+{
+    Make(100);
+    fans->On("GetAll").Hold();
+    FollowAll(100);
+    ASSERT_TRUE(Until([&] { return fans->WaitForHeld(64, std::chrono::milliseconds(1)); }));
+    const kit::FakeService other("com.example.Others", fanPath, {fanInterface});
+    const bmcbus::Live<Fans> live = Follow("com.example.Others");
+    EXPECT_TRUE(Becomes(live, LiveState::Live));
+    fans->Heal();
+    fans->Release();
+}
+
 class LiveManager : public LiveMany
 {
 };
@@ -91,6 +105,18 @@ TEST_P(LiveManager, ListsAllAtOnce)
     {
         EXPECT_EQ(lives[static_cast<size_t>(i)]->Get_fanCount(), i);
     }
+}
+
+// An object without values used to count as gone for good.
+TEST_F(LiveMany, AManagerThatListsNoValues)
+{
+    Make(20);
+    fans->Manage("/com/example");
+    const Value none = Value::Dictionary("s", "a{sv}", {{fanInterface, kit::AsPropertyMap({})}});
+    fans->On("GetManagedObjects")
+        .Reply({Value::Dictionary("o", "a{sa{sv}}", {{kit::Path{Path(7)}, none}})});
+    FollowAll(20);
+    EXPECT_TRUE(AllLive());
 }
 
 TEST_P(LiveManager, TellsOfHotPlug)

@@ -36,6 +36,18 @@ TEST_F(LiveObject, ClientFirst)
     EXPECT_TRUE(Becomes(live, LiveState::Live));
 }
 
+// Its signal used to wait for the end of the pause after the last read.
+TEST_F(LiveObject, ASignalOfAnObjectThatWasNotThere)
+{
+    fans = std::make_unique<kit::FakeService>(Lines{fanService});
+    const bmcbus::Live<Fans> live = Follow();
+    ASSERT_TRUE(Until([&] { return live.Report().reads == 4; }));
+    fans->AddObject(fanPath, {fanInterface});
+    fans->ObjectAt(fanPath).Set("fanCount", uint8_t{3});
+    Deliver();
+    EXPECT_NE(live.State(), LiveState::Absent) << "it is being read";
+}
+
 // One early signal used to make a proxy ready with one value of ten.
 TEST_F(LiveObject, ASignalBeforeTheReadMakesNothingLive)
 {
@@ -182,6 +194,23 @@ TEST_F(LiveObject, InvalidatedPropertiesAreReadTogether)
     EXPECT_EQ(fans->Calls("Get").size(), 0U);
 }
 
+// It used to be forgotten with the owner, and one of a property without a value told as a change.
+TEST_F(LiveObject, AnInvalidationIsToldOnceAfterARestart)
+{
+    const bmcbus::Live<Fans> live = Running();
+    fans->On("GetAll").NoReply();
+    (*fans)->EmitPropertiesChanged(fanInterface, {}, {"fanCount"});
+    Deliver();
+    fans->Crash();
+    ASSERT_TRUE(Becomes(live, LiveState::Lost));
+    fans->On("GetAll").Reply({kit::AsPropertyMap({{"fanPWMData", twoFans}})});
+    fans->Start();
+    ASSERT_TRUE(Becomes(live, LiveState::Live));
+    (*fans)->EmitPropertiesChanged(fanInterface, {}, {"fanCount"});
+    ASSERT_TRUE(Until([&] { return live.Report().reads == 3; }));
+    EXPECT_THAT(Seen(), ElementsAre("Lost", "Reading", "Live", "fanCount unset"));
+}
+
 TEST_F(LiveObject, AWrongTypeIsRefused)
 {
     const bmcbus::Live<Fans> live = Running();
@@ -278,9 +307,24 @@ TEST_F(LiveObject, MovesAndIsReplaced)
     bmcbus::Live<Fans> moved = std::move(live);
     EXPECT_EQ(&*moved, object);
     ASSERT_TRUE(Becomes(moved, LiveState::Live));
-    moved = Follow("com.example.Nobody");
+    live = Follow("com.example.Nobody");
+    moved = std::move(live);
     Deliver();
     EXPECT_EQ(moved.State(), LiveState::Absent);
+    // Used to go on with the object of the other.
+    EXPECT_EQ(bmcbus::ReportLive(connection).objects.size(), 1U);
+}
+
+// What was known already used to be told before the handle had its name.
+TEST_F(LiveObject, NoCallbackRunsInsideAConstructor)
+{
+    const bmcbus::Live<Fans> live = Running();
+    std::optional<bmcbus::Live<Fans>> ended = Follow();
+    ended.reset();
+    const bmcbus::Live<Fans> second = Follow();
+    EXPECT_THAT(Seen(), IsEmpty());
+    ASSERT_TRUE(Becomes(second, LiveState::Live));
+    EXPECT_THAT(Seen(), ElementsAre("Reading", "Live", "fanCount=2", "fanPWMData"));
 }
 
 TEST_F(LiveObject, NamesThatAreNoneAreRefused)
@@ -311,6 +355,26 @@ TEST_F(LiveObject, TheConnectionEnds)
     EXPECT_TRUE(Becomes(again, LiveState::Live)) << "the old handle does not keep the connection";
     EXPECT_EQ(live.State(), LiveState::Lost);
     EXPECT_THAT(Seen(), ElementsAre("Reading", "Live", "fanCount=2", "fanPWMData"));
+}
+
+// Nobody is called any more in a plain loop.
+TEST_F(LiveObject, ACallbackEndsTheConnectionOfAPlainLoop)
+{
+    StartFans();
+    const auto close = [&](Fans&, LiveState state)
+    {
+        seen.emplace_back(Name(state));
+        if (state == LiveState::Live)
+        {
+            sd_bus_flush_close_unref(std::exchange(connection, nullptr));
+        }
+    };
+    const bmcbus::Live<Fans> live(connection, fanPath, {.service = fanService, .on_state = close});
+    while (connection != nullptr && sd_bus_process(connection, nullptr) >= 0)
+    {
+        static_cast<void>(connection != nullptr && sd_bus_wait(connection, 10'000) != 0);
+    }
+    EXPECT_THAT(Seen(), ElementsAre("Reading", "Live", "Lost"));
 }
 
 TEST_F(LiveObject, ReportsItself)

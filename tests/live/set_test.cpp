@@ -152,6 +152,41 @@ TEST_F(LiveSets, EndInTheirOwnCallbacks)
     EXPECT_EQ(bmcbus::ReportLive(connection).rules, 0U);
 }
 
+// Its on_remove used to run all the same.
+TEST_F(LiveSets, EndedByAnotherCallbackOfTheMessage)
+{
+    StartTrays({"a"});
+    std::optional<bmcbus::LiveSet<Fans>> set = FollowSet();
+    ASSERT_TRUE(Until([&] { return set->size() == 1; }));
+    const auto end = [&](Fans&, LiveState state)
+    {
+        if (state == LiveState::Lost)
+        {
+            set.reset();
+        }
+    };
+    const bmcbus::Live<Fans> live(connection, Path("a"), {.service = fanService, .on_state = end});
+    ASSERT_TRUE(Becomes(live, LiveState::Live));
+    Seen();
+    fans->RemoveObject(Path("a"));
+    ASSERT_TRUE(Until([&] { return !set; }));
+    EXPECT_THAT(Seen(), IsEmpty());
+}
+
+// New objects used to be taken for those of its other name.
+TEST_F(LiveSets, OfAnOwnerWithTwoNames)
+{
+    StartTrays({"a"});
+    fans->RequestName("com.example.Alias");
+    const bmcbus::Live<Fans> live = Follow("com.example.Alias", Path("a"));
+    const bmcbus::LiveSet<Fans> set = FollowSet();
+    ASSERT_TRUE(Becomes(live, LiveState::Live));
+    ASSERT_TRUE(Until([&] { return set.size() == 1; }));
+    Deliver();
+    Plug("b");
+    EXPECT_TRUE(Until([&] { return set.size() == 2; }));
+}
+
 using FanSignal = ClientCache::FanReporting::notifyFanReportingData;
 
 class LiveSignals : public LiveTest

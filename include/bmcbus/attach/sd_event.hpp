@@ -50,6 +50,7 @@ class SdEvent
         state->end.reset(slot);
         Require(sd_bus_attach_event(state->bus.get(), loop, priority), "sd_bus_attach_event");
         state->attached = true;
+        bmcbus::detail::FollowLoop(state->bus.get());
     }
 
     /** The same for a wrapped connection. */

@@ -83,7 +83,8 @@ class BMCBUS_EXPORT SetHandle
     SetHandle(SetHandle&& other) noexcept : set_(std::exchange(other.set_, nullptr)) {}
     SetHandle& operator=(SetHandle&& other) noexcept
     {
-        std::swap(set_, other.set_);
+        SetHandle taken(std::move(other));
+        std::swap(set_, taken.set_);
         return *this;
     }
     ~SetHandle();

@@ -23,8 +23,9 @@ class ResultStorage
     static_assert(std::is_nothrow_move_constructible_v<E>, "errors move without throwing");
 
   public:
-    constexpr ResultStorage() noexcept(std::is_nothrow_default_constructible_v<T>) :
-        value_(), has_(true)
+    constexpr ResultStorage() noexcept(
+        std::is_nothrow_default_constructible_v<T>) requires std::is_default_constructible_v<T>
+        : value_(), has_(true)
     {
     }
     template <class... Args>
@@ -37,14 +38,20 @@ class ResultStorage
         error_(std::forward<Args>(args)...), has_(false)
     {
     }
-    constexpr ResultStorage(const ResultStorage& other) : has_(other.has_) { Construct(other); }
+    constexpr ResultStorage(const ResultStorage& other) requires std::is_copy_constructible_v<T> &&
+        std::is_copy_constructible_v<E> : has_(other.has_)
+    {
+        Construct(other);
+    }
     constexpr ResultStorage(ResultStorage&& other) noexcept(
         std::is_nothrow_move_constructible_v<T>) :
         has_(other.has_)
     {
         Construct(std::move(other));
     }
-    constexpr ResultStorage& operator=(const ResultStorage& other)
+    constexpr ResultStorage&
+    operator=(const ResultStorage& other) requires std::is_copy_constructible_v<T> &&
+        std::is_copy_assignable_v<T> && std::is_copy_assignable_v<E>
     {
         Assign(other);
         return *this;
