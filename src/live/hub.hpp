@@ -34,7 +34,7 @@ Failure FailureOf(const sd_bus_error* error);
 // How long to wait after so many failures in a row, in microseconds.
 int64_t PauseAfter(unsigned int failures);
 
-// The interface of the calls that nobody answers.
+// The interface of a call to ourselves that nobody answers; see Arm().
 inline constexpr const char* silence = "com.tamm.bmc.Live.Silence";
 
 // A GetAll that is under way.
@@ -198,6 +198,7 @@ class Hub
     void NameOwnerChanged(sd_bus_message* message);
     void Ended(bool in_filter);
 
+    // More of owners.cpp, coverage.cpp and reads.cpp.
     bool AskOwner(Peer& peer);
     static int OnNameOwner(sd_bus_message* answer, void* peer, sd_bus_error* error) noexcept;
     void DropUnusedPeers();
@@ -236,6 +237,7 @@ class Hub
     static void OnAlarm(void* hub) noexcept;
     static int OnSilence(sd_bus_message* answer, void* hub, sd_bus_error* error) noexcept;
 
+    // More of search.cpp.
     void Search();
     bool SearchesSets() const;
     bool Searching() const { return !searched_.empty() || SearchesSets(); }
@@ -246,42 +248,42 @@ class Hub
     void Found(sd_bus_message* answer);
     void SearchAgain();
 
-    BusRef bus_;
+    BusRef bus_; // null once the connection has ended
     Slot filter_;
-    Anchor* anchor_ = nullptr;
-    Hub* next_ = nullptr;
-    int depth_ = 0;
+    Anchor* anchor_ = nullptr; // the filter's
+    Hub* next_ = nullptr;      // in its thread's list
+    int depth_ = 0;            // of scopes
     bool in_filter_ = false;
     bool told_ = false; // callbacks have run
 
     Index index_;
     Rules rules_{*this};
     std::map<std::string, Peer> peers_;
-    size_t paths_ = 0; // objects with rules of their own
-    std::vector<std::unique_ptr<Entry>> ended_;
+    size_t paths_ = 0;                          // objects with rules of their own
+    std::vector<std::unique_ptr<Entry>> ended_; // freed by the outermost scope, as ended_sets_
     std::vector<std::unique_ptr<Set>> sets_;
     std::vector<std::unique_ptr<Set>> ended_sets_;
-    Decoder decoder_; // keeps its memory from message to message
-    std::vector<Telling> notes_;
-    std::vector<uint16_t> names_;
+    Decoder decoder_;             // keeps its memory from message to message
+    std::vector<Telling> notes_;  // what is to be told
+    std::vector<uint16_t> names_; // of properties, for the notes
 
     Slot tick_;
     size_t in_flight_ = 0;
     std::vector<Entry*> pausing_;
     detail::Alarm alarm_;
-    Slot silence_;
-    bool denied_ = false; // such a call was
+    Slot silence_;        // a timer in the place of the alarm, where no loop looks at that
+    bool denied_ = false; // the bus forbids such a call
     int64_t timer_due_ = 0;
-    bool unused_ = false; // a peer may have nobody left
-    bool flush_ = false;  // something waits to be sent when the message was handled
-    size_t signals_ = 0;  // entries that are signals
-    size_t many_ = 0;     // services with rules of their own
-    uint64_t needless_ = 0;
+    bool unused_ = false;   // a peer may have nobody left
+    bool flush_ = false;    // something waits to be sent when the message was handled
+    size_t signals_ = 0;    // entries that are signals
+    size_t many_ = 0;       // services with rules of their own
+    uint64_t needless_ = 0; // messages that a service's rules brought for nobody
 
     std::vector<Entry*> searched_;
-    Slot search_;
+    Slot search_; // the question that is under way
     bool search_again_ = false;
-    uint8_t searches_ = 0;
+    uint8_t searches_ = 0; // repetitions of one that left something to be found
     int64_t search_due_ = 0;
     std::string asked_; // the one object that the search is for; empty: all
     std::vector<Rule*> mapper_rules_;

@@ -31,9 +31,10 @@ void Hub::Pause(Entry& entry)
     Arm();
 }
 
-// The timer of the connection's calls, where a loop looks at it. A loop that does nothing but
-// process and wait learns from sd-bus alone when it wants to be called: there a call that nobody
-// answers waits, one to ourselves, where the bus lets us.
+// The timer is that of the connection's calls, where a loop looks at it. A loop that does nothing
+// but sd_bus_process() and sd_bus_wait() knows no times but those of sd-bus's own calls. There a
+// call to ourselves, which nobody answers, ends with a timeout at the time that is wanted, if the
+// bus allows it.
 void Hub::Arm()
 {
     int64_t due = search_ ? 0 : search_due_; // one that is under way sees to the next
