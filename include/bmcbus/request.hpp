@@ -86,8 +86,8 @@ inline constexpr ReplyType bodyOf = {.signature = bodySignature<Out...>.c_str(),
  * Belongs to one thread: that of its connection. See `call.hpp` for the asynchronous form.
  *
  * @code
- * auto id = bmcbus::Request("org.freedesktop.DBus", "/org/freedesktop/DBus",
- * "org.freedesktop.DBus", "GetConnectionUnixProcessID").With("com.example.Fans").Try<uint32_t>();
+ * bmcbus::Request question("com.example.Fans", "/fans", "com.example.Fans", "SpeedOf");
+ * const bmcbus::Result<uint32_t> speed = question.With("Fan1").Try<uint32_t>({.timeout = 200ms});
  * @endcode
  */
 class BMCBUS_EXPORT Request
@@ -125,14 +125,14 @@ class BMCBUS_EXPORT Request
         return std::move(*this);
     }
 
-    /** Sends it and waits. */
+    /** Sends it and waits for the reply, as long as @p options say. */
     template <class... Out>
     Result<typename detail::Replied<Out...>::type> Try(const CallOptions& options = {})
     {
         return TryAs<typename detail::Replied<Out...>::type>(detail::bodyOf<Out...>, options);
     }
 
-    /** Sends it; @p completion is called with the result. */
+    /** Sends it; @p completion gets the result. Destroying the handle cancels it: `call.hpp`. */
     template <class... Out, class Completion>
     requires std::invocable<Completion&, Result<typename detail::Replied<Out...>::type>>
         Call Async(Completion&& completion, const CallOptions& options = {})
@@ -141,7 +141,7 @@ class BMCBUS_EXPORT Request
             detail::bodyOf<Out...>, std::forward<Completion>(completion), options);
     }
 
-    /** To be awaited. */
+    /** Is sent when it is awaited. */
     template <class... Out>
     AsyncCall<typename detail::Replied<Out...>::type> Async(const CallOptions& options = {})
     {

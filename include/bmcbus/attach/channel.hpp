@@ -19,7 +19,7 @@ namespace bmcbus::attach
  * Has an sd-event loop, a `zloop` or an `io_context` drive the channel.
  *
  * Make and destroy it on the thread that runs the loop, which must outlive it. One registration at
- * a time in a process. Does not block.
+ * a time in a process. Does not block. After fork() the child has none, see `oneway_channel.hpp`.
  *
  * @code
  * bmcbus::attach::Channel channel(io, &state); // &state: first argument of every function
