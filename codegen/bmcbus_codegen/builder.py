@@ -39,7 +39,6 @@ _KNOWN = (USE_DATACACHE, NAME, CLASS, NAMESPACE, TYPE, ENUM, ERROR, PATH, SERVIC
 EMITS_CHANGED = "org.freedesktop.DBus.Property.EmitsChangedSignal"
 DOC = ("org.gtk.GDBus.DocString", "org.freedesktop.DBus.DocString")
 _STANDARD = "org.freedesktop.DBus."
-_FLAG = "_is_set"
 
 
 def _annotation(element, name):
@@ -468,8 +467,7 @@ def _settle_members(class_name, items, prefixes):
     taken = {prefix + item.cpp_name for prefix in prefixes for item in items} | {class_name}
     for item in items:
         item.field = names.free_name(item.cpp_name + "_", taken)
-        item.flag = names.free_name(item.cpp_name + _FLAG, taken)
-        taken |= {item.field, item.flag}
+        taken.add(item.field)
     _settle_params(items)
 
 

@@ -32,8 +32,7 @@ class Naming:
 class Argument:
     """An argument of a method or signal, or a property.
 
-    Private members end in an underscore or in the word, so they never meet a parameter or another
-    member.
+    Private members for values end in an underscore, so they never meet a parameter or another member.
     """
 
     name: str  # on the bus; made up where an argument has none
@@ -42,7 +41,6 @@ class Argument:
     member: str = ""  # a member of a result: the name itself wherever C++ allows it
     param: str = ""  # a function parameter, "<name>_"
     field: str = ""  # the private member for the value, "<name>_"
-    flag: str = ""  # and the one that tells whether it was set, "<name>_is_set"
     cpp_name: str = ""  # in the names of accessors; `name` unless that will not do
     enum_name: str = ""  # the enumeration that its text is of, "com.example.Lamp.Color"
     enum: str = ""  # and its C++ type, where that is known

@@ -66,7 +66,8 @@ _MACRO_PATTERNS = re.compile(
 # Members that every class of a kind has, besides the ones made from the description.
 _REGISTRY = """
     Create Make Lookup Save Unsave Release Cleanup CleanupThread Ready SignalCount Path AddCallback Get Callback
-    Tables LiveTables fields about active class_mutex object_mutex path ready signal_count callbacks anchor
+    Tables LiveTables fields about registry life active class_mutex object_mutex path ready signal_count
+    callbacks anchor set_flags
     """
 CACHE_MEMBERS = frozenset(
     (

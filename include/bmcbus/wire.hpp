@@ -83,6 +83,7 @@ struct FlatArray
 BMCBUS_EXPORT bool ReadBasic(sd_bus_message* message, char code, void* value);
 BMCBUS_EXPORT bool ReadFlag(sd_bus_message* message, bool& value);
 BMCBUS_EXPORT bool ReadText(sd_bus_message* message, char code, const char*& text);
+BMCBUS_EXPORT bool ReadString(sd_bus_message* message, std::string& text);
 BMCBUS_EXPORT bool ReadFlatArray(sd_bus_message* message, char code, size_t width,
                                  FlatArray& array);
 BMCBUS_EXPORT bool Enter(sd_bus_message* message, char container, const char* contents,
@@ -180,13 +181,7 @@ struct Wire<std::string>
 
     static bool Read(sd_bus_message* message, std::string& value)
     {
-        const char* text = nullptr;
-        const bool found = ReadText(message, 's', text);
-        if (found)
-        {
-            value = text;
-        }
-        return found;
+        return ReadString(message, value);
     }
     static void Append(sd_bus_message* message, const std::string& value)
     {

@@ -102,6 +102,17 @@ bool ReadText(sd_bus_message* message, char code, const char*& text)
                    "sd_bus_message_read_basic string") > 0;
 }
 
+bool ReadString(sd_bus_message* message, std::string& text)
+{
+    const char* found = nullptr;
+    if (!ReadText(message, 's', found))
+    {
+        return false;
+    }
+    text = found;
+    return true;
+}
+
 bool ReadFlatArray(sd_bus_message* message, char code, size_t width, FlatArray& array)
 {
     const int result = sd_bus_message_read_array(message, code, &array.data, &array.bytes);

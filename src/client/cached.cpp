@@ -158,9 +158,13 @@ void HandleRemoved(Anchor& anchor, sd_bus_message* message)
 
 } // namespace
 
-void Construct(Anchor& anchor, const Callback& first)
+void Construct(Anchor& anchor, std::string* service, Callback first)
 {
     const CachedObject object(anchor);
+    if (service != nullptr)
+    {
+        object.service().swap(*service);
+    }
     const char* const label = object.label();
     const char* const name = object.interface().short_name;
     CLIENT_LOG_FORMAT(trace, label, name, object.interface().enter);
@@ -179,6 +183,16 @@ void Construct(Anchor& anchor, const Callback& first)
         LogException(label, name, "", error);
     }
     CLIENT_LOG_FORMAT(trace, label, name, object.interface().leave);
+}
+
+void* Make(std::string* service, std::string& path, Callback first, bool use_async,
+           const Registry& registry)
+{
+    const auto& about = static_cast<const CachedClass&>(*registry.about);
+    MadeObject object(about.make(std::move(path), use_async), about.destroy);
+    Construct(about.anchor(object.get()), service, first);
+    Save(object.get(), registry);
+    return object.release();
 }
 
 void Changed(Anchor& anchor, Message& message)

@@ -58,9 +58,8 @@ void Store(CachedObject object, Access access, const Source& source)
         {
             lock.lock();
         }
-        const Field& field = object.field(access.property);
-        source.AssignTo(object.anchor().Value(field));
-        field.is_set(object.anchor().object()) = true;
+        source.AssignTo(object.anchor().Value(object.field(access.property)));
+        object.anchor().IsSet(access.property) = true;
     }
     catch (const std::exception& error)
     {
@@ -89,7 +88,7 @@ void StoreNamed(CachedObject object, std::string_view name, bool lock, const Sou
     LogNoProperty(object, name.data(), lock);
 }
 
-void SetProperty(Anchor& anchor, Access access, const void* variant)
+void SetProperty(Anchor& anchor, const void* variant, Access access)
 {
     const CachedObject object(anchor);
     Store(object, access, Source(Held(object, variant)));

@@ -27,7 +27,7 @@ void AppendName(sd_bus_message* call, const char* name)
 
 const char* MemberOf(const Operation& operation)
 {
-    switch (operation.ask)
+    switch (operation.id.ask)
     {
         case Ask::Get:
             return "Get";
@@ -36,7 +36,7 @@ const char* MemberOf(const Operation& operation)
         case Ask::GetAll:
             return "GetAll";
         default:
-            return operation.target.interface->methods[operation.number].name;
+            return operation.target.interface->methods[operation.id.number].name;
     }
 }
 
@@ -44,13 +44,13 @@ void AppendProperty(sd_bus_message* call, const Operation& operation)
 {
     const Interface& interface = *operation.target.interface;
     AppendName(call, interface.name);
-    if (operation.ask == Ask::GetAll)
+    if (operation.id.ask == Ask::GetAll)
     {
         return;
     }
-    const Property& property = interface.properties[operation.number];
+    const Property& property = interface.properties[operation.id.number];
     AppendName(call, interface.NameOf(property));
-    if (operation.ask == Ask::Set)
+    if (operation.id.ask == Ask::Set)
     {
         const Type& type = interface.TypeOf(property);
         Open(call, SD_BUS_TYPE_VARIANT, type.signature);
@@ -61,13 +61,13 @@ void AppendProperty(sd_bus_message* call, const Operation& operation)
 
 void AppendArguments(sd_bus_message* call, const Operation& operation)
 {
-    if (operation.ask != Ask::Method)
+    if (operation.id.ask != Ask::Method)
     {
         AppendProperty(call, operation);
         return;
     }
     const void* const* in = operation.in;
-    for (const Type* type : operation.target.interface->methods[operation.number].in)
+    for (const Type* type : operation.target.interface->methods[operation.id.number].in)
     {
         type->append(call, *in++);
     }
@@ -84,7 +84,7 @@ MessageRef MakeCall(const Operation& operation, CallError& refusal) noexcept
 {
     const Target& target = operation.target;
     const char* const interface =
-        operation.ask == Ask::Method ? target.interface->name : propertiesInterface;
+        operation.id.ask == Ask::Method ? target.interface->name : propertiesInterface;
     const char* const member = MemberOf(operation);
     MessageRef call;
     if (target.service.empty())
@@ -110,16 +110,16 @@ MessageRef MakeCall(const Operation& operation, CallError& refusal) noexcept
 const bmcbus::detail::ReplyType& ReplyOf(const Operation& operation) noexcept
 {
     const Interface& interface = *operation.target.interface;
-    switch (operation.ask)
+    switch (operation.id.ask)
     {
         case Ask::Get:
-            return interface.replies[interface.properties[operation.number].type_index];
+            return interface.replies[interface.properties[operation.id.number].type_index];
         case Ask::Set:
             return emptyReply;
         case Ask::GetAll:
             return interface.all->reply;
         default:
-            return interface.methods[operation.number].reply;
+            return interface.methods[operation.id.number].reply;
     }
 }
 
@@ -170,7 +170,8 @@ void ReadOne(sd_bus_message* reply, const Interface& interface, void* all)
     const size_t held = ReadVariant(reply, interface.alternatives, type_index, value);
     if (fits)
     {
-        interface.alternatives[held]->copy(table.emplace[*number](all), value.get());
+        const Type& type = *interface.alternatives[held];
+        type.copy(type.emplace(Place(all, table.places[*number])), value.get());
     }
     interface.variant->store(table.entry(all, name), held, value.get());
 }

@@ -55,14 +55,6 @@ void FindService(Target& target)
     }
 }
 
-void Report(bool* ok, bool value)
-{
-    if (ok != nullptr)
-    {
-        *ok = value;
-    }
-}
-
 // Sends `call`; null when the answer is an error that arrived as a reply.
 MessageRef Exchange(sd_bus* bus, sd_bus_message* call, const char* label, const char* prefix,
                     const char* member)
@@ -179,9 +171,8 @@ std::optional<uint16_t> FindByName(const Interface& interface, const char* funct
     return {};
 }
 
-} // namespace
-
-void Construct(Target& target)
+// Says which object it is, and looks for its service.
+void Settle(Target& target)
 {
     const Interface& interface = *target.interface;
     const char* name = interface.short_name;
@@ -210,22 +201,41 @@ void Construct(Target& target)
     CLIENT_LOG_FORMAT(trace, interface.label, name, interface.leave);
 }
 
-void GetVariant(Target& target, Access access, bool* ok, void* value)
+} // namespace
+
+Target::Target(const Interface& to, sd_bus* on, std::string* owner, std::string* at) :
+    interface(&to),
+    service(std::move(*owner)),
+    path(std::move(*at)),
+    bus(on != nullptr ? sd_bus_ref(on) : nullptr)
+{
+    Settle(*this);
+}
+
+Target::~Target() = default;
+
+void GetVariant(Target& target, bool* ok, void* value, Access access)
 {
     const Operation operation{target, access};
-    Report(ok, false);
+    *ok = false;
     Value read;
     if (const std::optional<size_t> index = Get(operation, read))
     {
         operation.interface().variant->store(value, *index, read.get());
-        Report(ok, true);
+        *ok = true;
     }
 }
 
-void GetTyped(Target& target, Access access, bool* ok, void* value)
+void GetVariant(Target& target, void* value, Access access)
+{
+    bool ok = false;
+    GetVariant(target, &ok, value, access);
+}
+
+void GetTyped(Target& target, bool* ok, void* value, Access access)
 {
     const Operation operation{target, access};
-    Report(ok, false);
+    *ok = false;
     Value read;
     if (!Get(operation, read))
     {
@@ -240,15 +250,21 @@ void GetTyped(Target& target, Access access, bool* ok, void* value)
         return;
     }
     type.move(value, read.get());
-    Report(ok, true);
+    *ok = true;
 }
 
-void SetVariant(Target& target, Access access, const void* variant)
+void GetTyped(Target& target, void* value, Access access)
+{
+    bool ok = false;
+    GetTyped(target, &ok, value, access);
+}
+
+void SetVariant(Target& target, const void* variant, Access access)
 {
     Set({target, access}, target.interface->variant->held(variant));
 }
 
-void SetTyped(Target& target, Access access, const void* value)
+void SetTyped(Target& target, const void* value, Access access)
 {
     const Operation operation{target, access};
     Set(operation, {&operation.interface().TypeOf(operation.property()), value});
@@ -259,7 +275,7 @@ void GetByName(Target& target, bool lock, const std::string& name, void* variant
     const char* const function = lock ? "GetByName" : "GetByNameLocked";
     if (const auto property = FindByName(*target.interface, function, name, false))
     {
-        GetVariant(target, {.property = *property, .lock = lock}, nullptr, variant);
+        GetVariant(target, variant, {.property = *property, .lock = lock});
     }
 }
 
@@ -268,38 +284,40 @@ void SetByName(Target& target, bool lock, const std::string& name, const void* v
     const char* const function = lock ? "SetByName" : "SetByNameLocked";
     if (const auto property = FindByName(*target.interface, function, name, true))
     {
-        SetVariant(target, {.property = *property, .lock = lock}, variant);
+        SetVariant(target, variant, {.property = *property, .lock = lock});
     }
 }
 
-void Call(Target& target, const char* member, bool& ok, std::span<const ConstRef> in,
-          std::span<const Ref> out)
+void Call(Target& target, bool& ok, const void* const* in, void* const* out, uint32_t method)
 {
     const Interface& interface = *target.interface;
+    const Method& called = interface.methods[method];
     ok = false;
     try
     {
         const BusRef bus = BusOf(target);
         const MessageRef call =
-            NewCall(bus.get(), target.service, target.path, interface.name, member);
-        for (const ConstRef& argument : in)
+            NewCall(bus.get(), target.service, target.path, interface.name, called.name);
+        for (const Type* type : called.in)
         {
-            argument.type->append(call.get(), argument.value);
+            type->append(call.get(), *in++);
         }
-        const MessageRef reply = Exchange(bus.get(), call.get(), interface.label, "Call_", member);
+        const MessageRef reply =
+            Exchange(bus.get(), call.get(), interface.label, "Call_", called.name);
         if (!reply)
         {
             return;
         }
-        for (const Ref& argument : out)
+        const auto* each = static_cast<const OutValue*>(called.reply.how);
+        for (; each != nullptr && each->type != nullptr; ++each)
         {
-            argument.type->read(reply.get(), argument.value);
+            each->type->read(reply.get(), *out++);
         }
         ok = true;
     }
     catch (const std::exception& error)
     {
-        LogException(interface.label, "Call_", member, error);
+        LogException(interface.label, "Call_", called.name, error);
     }
 }
 

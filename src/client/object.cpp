@@ -62,7 +62,7 @@ std::optional<uint16_t> Interface::Find(std::string_view wanted) const
     return {};
 }
 
-void AddCallback(Anchor& anchor, const Callback& callback)
+void AddCallback(Anchor& anchor, Callback callback)
 {
     if (callback.function == nullptr)
     {
@@ -172,6 +172,52 @@ void RunCallbacks(Anchor& anchor, const char* function, const CallbackList& call
         }
     }
     CLIENT_LOG_FORMAT(trace, about.label, function, about.leave);
+}
+
+void CopyValue(const Anchor& anchor, void* value, uint32_t field)
+{
+    const Field& from = anchor.about().fields.list[field];
+    const std::lock_guard lock(anchor.mutex());
+    anchor.TypeOf(from).copy(value, anchor.Value(from));
+}
+
+void CopyFlagged(const Anchor& anchor, bool& is_set, void* value, uint32_t field)
+{
+    const Field& from = anchor.about().fields.list[field];
+    const std::lock_guard lock(anchor.mutex());
+    is_set = anchor.IsSet(field);
+    anchor.TypeOf(from).copy(value, anchor.Value(from));
+}
+
+void SetValue(Anchor& anchor, const void* value, uint32_t field)
+{
+    const std::lock_guard lock(anchor.mutex());
+    StoreValue(anchor, value, field);
+}
+
+void StoreValue(Anchor& anchor, const void* value, uint32_t field)
+{
+    const Field& to = anchor.about().fields.list[field];
+    anchor.TypeOf(to).copy(anchor.Value(to), value);
+    anchor.IsSet(field) = true;
+}
+
+std::string Path(const Anchor& anchor)
+{
+    const std::lock_guard lock(anchor.mutex());
+    return anchor.path();
+}
+
+bool Ready(const Anchor& anchor)
+{
+    const std::lock_guard lock(anchor.mutex());
+    return anchor.ready();
+}
+
+uint32_t SignalCount(const Anchor& anchor)
+{
+    const std::lock_guard lock(anchor.mutex());
+    return anchor.signal_count();
 }
 
 void CopyAll(const Anchor& anchor, void* const* out)

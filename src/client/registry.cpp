@@ -2,8 +2,7 @@
 // in a child; other locks may be held by threads that the child does not have, and are made anew
 // there.
 
-#include <bmcbus/client/anchor.hpp>
-#include <bmcbus/client/registry.hpp>
+#include <bmcbus/client/object.hpp>
 
 #include <pthread.h>
 
@@ -59,6 +58,68 @@ void Child()
     static_cast<void>(pthread_atfork(Prepare, Parent, Child));
 }
 
+// While one exists no fork() happens, so that a child never sees a list half changed.
+class ListChange
+{
+  public:
+    ListChange() : lock_(changes) {}
+
+  private:
+    std::lock_guard<std::mutex> lock_;
+};
+
+void EnterList(ListMutex& entry)
+{
+    const ListChange change;
+    entry.next = entries;
+    entries = &entry;
+}
+
+void LeaveList(ListMutex& entry)
+{
+    const ListChange change;
+    ListMutex** link = &entries;
+    while (*link != &entry)
+    {
+        link = &(*link)->next;
+    }
+    *link = entry.next;
+}
+
+size_t SizeOf(const Registry& registry)
+{
+    return registry.type->size(registry.list);
+}
+
+void* ObjectAt(const Registry& registry, size_t place)
+{
+    return registry.type->at(registry.list, place);
+}
+
+void Erase(const Registry& registry, size_t place)
+{
+    const ListChange change;
+    registry.type->erase(registry.list, place);
+}
+
+// Destroys the objects that are `ours(object)`, each when it has left the list.
+template <class Ours>
+void DestroyAll(const Registry& registry, Ours ours)
+{
+    const std::lock_guard lock(*registry.mutex);
+    for (size_t place = 0; place < SizeOf(registry);)
+    {
+        void* const object = ObjectAt(registry, place);
+        if (object != nullptr && !ours(object))
+        {
+            ++place;
+            continue;
+        }
+        Erase(registry, place);
+        registry.about->destroy(object);
+    }
+}
+
 } // namespace
 
 void ForkMutex::lock()
@@ -77,32 +138,70 @@ void ForkMutex::lock()
     mutex_.lock();
 }
 
-ListChange::ListChange()
+RegistryLife::RegistryLife(const Registry& registry) : entry_{registry.mutex}, registry_(registry)
 {
-    changes.lock();
+    EnterList(entry_);
 }
 
-ListChange::~ListChange()
+RegistryLife::~RegistryLife()
 {
-    changes.unlock();
-}
-
-void EnterList(ListMutex& entry)
-{
-    const ListChange change;
-    entry.next = entries;
-    entries = &entry;
-}
-
-void LeaveList(ListMutex& entry)
-{
-    const ListChange change;
-    ListMutex** link = &entries;
-    while (*link != &entry)
     {
-        link = &(*link)->next;
+        const std::lock_guard lock(*registry_.mutex);
+        const ListChange change;
+        registry_.type->free(registry_.list);
     }
-    *link = entry.next;
+    LeaveList(entry_);
+}
+
+void* Lookup(const std::string& path, const Registry& registry)
+{
+    const std::lock_guard lock(*registry.mutex);
+    for (size_t place = 0; place < SizeOf(registry); ++place)
+    {
+        void* const object = ObjectAt(registry, place);
+        if (object != nullptr && registry.about->path(object) == path)
+        {
+            return object;
+        }
+    }
+    return nullptr;
+}
+
+void Save(void* object, const Registry& registry)
+{
+    const std::lock_guard lock(*registry.mutex);
+    const ListChange change;
+    registry.type->append(registry.list, object);
+}
+
+void Unsave(void* object, const Registry& registry)
+{
+    const std::lock_guard lock(*registry.mutex);
+    for (size_t place = 0; place < SizeOf(registry); ++place)
+    {
+        if (ObjectAt(registry, place) == object)
+        {
+            Erase(registry, place);
+            return;
+        }
+    }
+}
+
+void Release(void* object, const Registry& registry)
+{
+    Unsave(object, registry);
+    registry.about->destroy(object);
+}
+
+void Cleanup(const Registry& registry)
+{
+    DestroyAll(registry, [](void* /*object*/) { return true; });
+}
+
+void CleanupThread(const Registry& registry)
+{
+    DestroyAll(registry, [&](void* object)
+               { return registry.about->anchor(object).thread() == ThreadNumber(); });
 }
 
 uint32_t ThreadNumber()

@@ -22,6 +22,9 @@ class Callbacks
     CallbackList list;
 };
 
+// An object of a class that is only known by its tables, made and not yet registered.
+using MadeObject = std::unique_ptr<void, void (*)(void*)>;
+
 // The callbacks of the moment, under the object's mutex.
 CallbackList CopyCallbacks(Anchor& anchor);
 

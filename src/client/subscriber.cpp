@@ -35,9 +35,9 @@ void ReadArguments(Anchor& anchor, sd_bus_message* message)
         anchor.TypeOf(field).read(message, anchor.Value(field));
     }
     anchor.ready() = true;
-    for (const Field& field : fields)
+    for (size_t i = 0; i < fields.size(); ++i)
     {
-        field.is_set(anchor.object()) = true;
+        anchor.IsSet(i) = true;
     }
 }
 
@@ -72,13 +72,23 @@ int OnSignal(sd_bus_message* message, void* anchor, sd_bus_error* /*error*/) noe
 
 } // namespace
 
-void Subscribe(Anchor& anchor)
+void Subscribe(Anchor& anchor, Callback first)
 {
     const SignalClass& about = About(anchor);
     const BusRef bus = DefaultBus();
     // A refused rule leaves an object that hears nothing.
     static_cast<void>(AddMatch(bus.get(), SignalRule(about.member, anchor.path(), about.interface),
                                OnSignal, &anchor, about.match(anchor.object())));
+    AddCallback(anchor, first);
+}
+
+void* Make(std::string& path, Callback first, const Registry& registry)
+{
+    const auto& about = static_cast<const SignalClass&>(*registry.about);
+    MadeObject object(about.make(std::move(path)), about.destroy);
+    Subscribe(about.anchor(object.get()), first);
+    Save(object.get(), registry);
+    return object.release();
 }
 
 void Received(Anchor& anchor, Message& message)

@@ -3,6 +3,8 @@
 
 #include "live/entry.hpp"
 
+#include "client/signal.hpp"
+
 namespace bmcbus::live
 {
 
@@ -21,7 +23,7 @@ std::unique_ptr<Entry> Entry::Make(const client::CachedClass& about, std::string
                                    std::shared_ptr<Hooks> hooks)
 {
     const size_t prints = about.interface->properties.size();
-    std::unique_ptr<void, void (*)(void*)> object(about.make(std::move(path)), about.destroy);
+    client::MadeObject object(about.make(std::move(path), true), about.destroy);
     std::unique_ptr<Entry> entry(new (prints)
                                      Entry(about, &about, nullptr, object.get(), std::move(hooks)));
     static_cast<void>(object.release());
@@ -32,7 +34,7 @@ std::unique_ptr<Entry> Entry::Make(const client::CachedClass& about, std::string
 std::unique_ptr<Entry> Entry::Make(const client::SignalClass& about, std::string path,
                                    std::shared_ptr<Hooks> hooks)
 {
-    std::unique_ptr<void, void (*)(void*)> object(about.make(std::move(path)), about.destroy);
+    client::MadeObject object(about.make(std::move(path)), about.destroy);
     std::unique_ptr<Entry> entry(new (size_t{0})
                                      Entry(about, nullptr, &about, object.get(), std::move(hooks)));
     static_cast<void>(object.release());
@@ -56,7 +58,7 @@ void Entry::operator delete(void* at)
 
 Entry::~Entry()
 {
-    signal != nullptr ? signal->destroy(object) : properties->destroy(object);
+    about.destroy(object);
 }
 
 const std::string& Entry::path() const

@@ -346,7 +346,7 @@ void Hub::ApplyArguments(Entry& entry, sd_bus_message* message)
             const client::Field& field = entry.about.fields.list[i];
             entry.about.fields.TypeOf(field).move(client::Place(entry.object, field.value_offset),
                                                   values[i].get());
-            field.is_set(entry.object) = true;
+            entry.about.IsSet(entry.object, i) = true;
         }
         entry.about.ready(entry.object) = true;
         client::CountSignal(entry.about.signal_count(entry.object));

@@ -26,7 +26,7 @@ void* ValueOf(const Entry& entry, const client::Field& field)
 void Unset(Entry& entry, uint16_t property)
 {
     const client::Field& field = entry.about.fields.list[property];
-    field.is_set(entry.object) = false;
+    entry.about.IsSet(entry.object, property) = false;
     entry.about.fields.TypeOf(field).clear(ValueOf(entry, field));
 }
 
@@ -99,7 +99,7 @@ std::span<const uint16_t> Decoder::Store(Entry& entry, bool whole)
     for (Decoded& decoded : values_)
     {
         const client::Field& field = entry.about.fields.list[decoded.property];
-        bool& is_set = field.is_set(entry.object);
+        bool& is_set = entry.about.IsSet(entry.object, decoded.property);
         if (!is_set || entry.prints()[decoded.property] != decoded.print)
         {
             changed_.push_back(decoded.property);
@@ -115,7 +115,7 @@ std::span<const uint16_t> Decoder::Store(Entry& entry, bool whole)
     };
     for (uint16_t i = 0; whole && i < size; ++i)
     {
-        const bool set = entry.about.fields.list[i].is_set(entry.object);
+        const bool set = entry.about.IsSet(entry.object, i);
         const bool was_told = !untold || std::ranges::find(*untold, i) == untold->end();
         if (!brought(i) && (set || !was_told))
         {
@@ -126,7 +126,7 @@ std::span<const uint16_t> Decoder::Store(Entry& entry, bool whole)
     for (const uint16_t property : invalidated_)
     {
         std::vector<uint16_t>& told_later = *entry.invalidated;
-        if (entry.about.fields.list[property].is_set(entry.object) &&
+        if (entry.about.IsSet(entry.object, property) &&
             std::ranges::find(told_later, property) == told_later.end())
         {
             told_later.push_back(property);

@@ -18,30 +18,31 @@ struct Kept
     const std::string path;
     bool ready = false;
     std::vector<double> values;
-    bool values_is_set = false;
+    bool set_flags[1] = {};
 };
 
 constexpr auto path = BMCBUS_MEMBER(Kept, path);
 constexpr auto ready = BMCBUS_MEMBER(Kept, ready);
 constexpr auto values = BMCBUS_MEMBER(Kept, values);
-constexpr auto isSet = BMCBUS_MEMBER(Kept, values_is_set);
+constexpr auto setFlags = BMCBUS_MEMBER(Kept, set_flags);
 
 static_assert(takes<decltype(Description::ready), decltype(ready)>);
 static_assert(!takes<decltype(Description::ready), decltype(path)>);
 static_assert(!takes<decltype(Description::path), decltype(ready)>);
 static_assert(!takes<decltype(CachedClass::service), decltype(path)>);
-static_assert(!takes<decltype(Field::is_set), decltype(values)>);
+static_assert(takes<decltype(Description::set_flags), decltype(setFlags)>);
+static_assert(!takes<decltype(Description::set_flags), decltype(values)>);
 static_assert(!std::is_convertible_v<size_t, decltype(Description::ready)>);
 
 // A field's type must be one of those that its class knows.
 constexpr std::array<const Type*, 2> types = {&typeOf<bool>, &typeOf<std::vector<double>>};
 constexpr std::array<const Type*, 1> others = {&typeOf<std::string>};
-static_assert(MakeField(values, isSet, types).type_index == 1);
+static_assert(MakeField(values, types).type_index == 1);
 
 template <const auto& Types>
 concept HaveTheType = requires
 {
-    typename std::integral_constant<uint8_t, MakeField(values, isSet, Types).type_index>;
+    typename std::integral_constant<uint8_t, MakeField(values, Types).type_index>;
 };
 static_assert(HaveTheType<types>);
 static_assert(!HaveTheType<others>);

@@ -10,6 +10,7 @@
 #include <bmcbus/export.h>
 #include <bmcbus/refs.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -75,6 +76,7 @@ class BMCBUS_EXPORT Anchor
     /** A field's value, and its type in the class's types. */
     void* Value(const Field& field) const;
     const Type& TypeOf(const Field& field) const;
+    bool& IsSet(size_t field) const;
 
     /** Keeps a request that is under way. */
     BMCBUS_LOCAL void Await(Slot request);

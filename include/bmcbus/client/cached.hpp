@@ -25,8 +25,7 @@ struct CachedParts
     Member<Slot> interfaces_removed_match;
     Member<std::string> service;
     Member<const bool> use_async;
-    void* (*make)(std::string path); ///< an object that is on no bus
-    void (*destroy)(void* object);
+    void* (*make)(std::string path, bool use_async); ///< an object that is on no bus
 };
 
 /** A cached proxy class. Its fields are numbered as the interface's properties. */
@@ -37,12 +36,16 @@ struct CachedClass : Description, CachedParts
 // The functions take the anchor of an object whose class is a CachedClass.
 
 /**
- * Adds @p first if it has a function, installs the matches and starts the first read; never throws
- * a `std::exception`.
+ * Takes @p service unless it is null, adds @p first if it has a function, installs the matches and
+ * starts the first read; never throws a `std::exception`.
  *
  * Blocks for three AddMatch calls and, without `use_async`, for the lookup and the first read.
  */
-BMCBUS_EXPORT void Construct(Anchor& anchor, const Callback& first);
+BMCBUS_EXPORT void Construct(Anchor& anchor, std::string* service, Callback first);
+
+/** Makes an object in this way, takes @p path for it, and lets the registry own it. */
+BMCBUS_EXPORT void* Make(std::string* service, std::string& path, Callback first, bool use_async,
+                         const Registry& registry);
 
 BMCBUS_EXPORT void InitialGetAll(Anchor& anchor);
 BMCBUS_EXPORT void ServiceIsSet(Anchor& anchor);
@@ -83,7 +86,7 @@ BMCBUS_EXPORT void Added(Anchor& anchor, Message& message);
 BMCBUS_EXPORT void Removed(Anchor& anchor, Message& message);
 
 /** Stores what @p variant holds, if that is the property's type. */
-BMCBUS_EXPORT void SetProperty(Anchor& anchor, Access access, const void* variant);
+BMCBUS_EXPORT void SetProperty(Anchor& anchor, const void* variant, Access access);
 
 /** The same for the property called @p name; @p lock takes the object's mutex. */
 BMCBUS_EXPORT void SetByName(Anchor& anchor, const std::string& name, bool lock,

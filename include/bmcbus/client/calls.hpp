@@ -34,13 +34,19 @@ enum class Ask : uint8_t
     Method
 };
 
-/** One operation of an object: a property's number or a method's, and what goes with it. */
+/** Which operation of an interface; a register holds it. */
+struct OperationId
+{
+    uint16_t number; ///< of the property or the method
+    Ask ask;
+};
+
+/** One operation of an object, and what goes with it. */
 struct Operation
 {
     Target& target;
     const void* const* in; ///< arguments in order, the value of a `Set`
-    uint16_t number;
-    Ask ask;
+    OperationId id;
 };
 
 /** A call, not yet sent; null with @p refusal filled where it cannot be made. */
@@ -66,9 +72,12 @@ BMCBUS_EXPORT void ReadValue(sd_bus_message* reply, void* value, const void* how
 /** Reads all properties. For the tables. */
 BMCBUS_EXPORT void ReadAll(sd_bus_message* reply, void* value, const void* how);
 
+// The forms take the parts of an operation: calls of them put together nothing in memory.
+
 /** The blocking form. One instance for a type, not for each call. */
 template <class T>
-[[gnu::noinline]] Result<T> Try(const Operation& operation, const CallOptions& options)
+[[gnu::noinline]] Result<T> Try(Target& target, const void* const* in, OperationId id,
+                                const CallOptions& options)
 {
     CallError error;
     Result<T> result;
@@ -77,7 +86,7 @@ template <class T>
     {
         value = std::addressof(*result);
     }
-    if (!Exchange(operation, options, value, error))
+    if (!Exchange({target, in, id}, options, value, error))
     {
         result = Unexpected(std::move(error));
     }
@@ -86,20 +95,22 @@ template <class T>
 
 /** The form to be awaited. */
 template <class T>
-[[gnu::noinline]] AsyncCall<T> Await(const Operation& operation, const CallOptions& options)
+[[gnu::noinline]] AsyncCall<T> Await(Target& target, const void* const* in, OperationId id,
+                                     const CallOptions& options)
 {
+    const Operation operation = {target, in, id};
     CallError refusal;
     MessageRef message = MakeCall(operation, refusal);
-    return AsyncCall<T>(std::move(message), &refusal, ReplyOf(operation), options,
-                        &operation.target.calls);
+    return AsyncCall<T>(std::move(message), &refusal, ReplyOf(operation), options, &target.calls);
 }
 
 /** The form with a completion. */
 template <class T, class Completion>
-bmcbus::Call Start(const Operation& operation, const CallOptions& options, Completion&& completion)
+bmcbus::Call Start(Target& target, const void* const* in, OperationId id,
+                   const CallOptions& options, Completion&& completion)
 {
     using Pending = bmcbus::detail::CallbackCall<T, std::decay_t<Completion>>;
-    return Launch(operation, options, *new Pending(std::forward<Completion>(completion)));
+    return Launch({target, in, id}, options, *new Pending(std::forward<Completion>(completion)));
 }
 
 /** The addresses of a method's arguments; they live as long as the full expression. */

@@ -53,6 +53,18 @@ class Member
     uint16_t offset_;
 };
 
+/** The first of an array's elements; one that a class does not have is never called. */
+template <class T>
+class Member<T[]> : public Member<T>
+{
+  public:
+    constexpr Member() : Member<T>(0) {}
+    template <size_t Size>
+    constexpr Member(Member<T[Size]> array) : Member<T>(array.offset())
+    {
+    }
+};
+
 /** What a Member's offset can reach. */
 inline constexpr size_t largestObject = 0x10000;
 
@@ -101,9 +113,9 @@ struct Method
 struct AllProperties
 {
     bmcbus::detail::ReplyType reply;
-    /** By the property's number: gives the value a place in the result, and the place. */
-    void* (*const* emplace)(void* all);
-    /** The same in the result's map by name. */
+    /** By the property's number: where in the result its `std::optional` is. */
+    const size_t* places;
+    /** Where it belongs in the result's map by name. */
     void* (*entry)(void* all, const char* name);
 };
 
@@ -166,21 +178,18 @@ struct Field
 {
     uint16_t value_offset;
     uint8_t type_index; ///< of its type in the class's types
-    Member<bool> is_set;
 };
 
 /** A field with the place of its type in @p types, which must be there. */
 template <class T>
-constexpr Field MakeField(Member<T> value, Member<bool> is_set, Alternatives types)
+constexpr Field MakeField(Member<T> value, Alternatives types)
 {
     for (size_t index = 0; index < types.size() && index <= UINT8_MAX; ++index)
     {
         // By their signatures: a sanitizer keeps compilers from comparing the addresses.
         if (std::string_view(types[index]->signature) == typeOf<T>.signature)
         {
-            return {.value_offset = value.offset(),
-                    .type_index = static_cast<uint8_t>(index),
-                    .is_set = is_set};
+            return {.value_offset = value.offset(), .type_index = static_cast<uint8_t>(index)};
         }
     }
     throw std::logic_error("the class's types lack the field's");
@@ -204,11 +213,17 @@ struct Description
     const char* label; ///< file label of its log lines
     const char* leave; ///< format of a handler's last line
     void (*invoke)(void* object, const Callback& callback);
+    void (*destroy)(void* object); ///< null does nothing
+    Member<Anchor> anchor;
     Member<std::mutex> object_mutex;
     Member<const std::string> path;
     Member<bool> ready;
     Member<uint32_t> signal_count;
-    Fields fields;
+    Fields fields{};
+    Member<bool[]> set_flags{}; ///< of the fields, in their order
+
+    /** Whether field @p number of @p object was ever set. */
+    bool& IsSet(void* object, size_t number) const { return (&set_flags(object))[number]; }
 };
 
 inline std::mutex& Anchor::mutex() const
@@ -241,6 +256,11 @@ inline const Type& Anchor::TypeOf(const Field& field) const
     return about_->fields.TypeOf(field);
 }
 
+inline bool& Anchor::IsSet(size_t field) const
+{
+    return about_->IsSet(object_, field);
+}
+
 /** Calls a change callback of @p Class. */
 template <class Class>
 void Invoke(void* object, const Callback& callback)
@@ -257,126 +277,43 @@ Callback Erase(void (*function)(Class*, void*), void* user_data)
 }
 
 /** Adds a change callback; null adds nothing. Any thread. */
-BMCBUS_EXPORT void AddCallback(Anchor& anchor, const Callback& callback);
+BMCBUS_EXPORT void AddCallback(Anchor& anchor, Callback callback);
 
 /** Copies every field to the address with its number in @p out, under one lock. */
 BMCBUS_EXPORT void CopyAll(const Anchor& anchor, void* const* out);
 
-// One instance per type, not per property.
+/**
+ * @name Fields by their numbers
+ * Under the object's mutex, except StoreValue, whose caller holds it. Any thread. The numbers come
+ * last, so that the members of the classes pass on what they were given as it is.
+ * @{
+ */
+BMCBUS_EXPORT void CopyValue(const Anchor& anchor, void* value, uint32_t field);
+BMCBUS_EXPORT void CopyFlagged(const Anchor& anchor, bool& is_set, void* value, uint32_t field);
+BMCBUS_EXPORT void SetValue(Anchor& anchor, const void* value, uint32_t field);
+BMCBUS_EXPORT void StoreValue(Anchor& anchor, const void* value, uint32_t field);
 
+template <class T>
+[[gnu::noinline]] T ValueOf(const Anchor& anchor, uint32_t field)
+{
+    T value{};
+    CopyValue(anchor, &value, field);
+    return value;
+}
+/** @} */
+
+/** What every object has; any thread. @{ */
+BMCBUS_EXPORT std::string Path(const Anchor& anchor);
+BMCBUS_EXPORT bool Ready(const Anchor& anchor);
+BMCBUS_EXPORT uint32_t SignalCount(const Anchor& anchor);
+/** @} */
+
+/** A member behind a mutex. */
 template <class Mutex, class T>
 [[gnu::noinline]] T GetValue(Mutex& mutex, const T& field)
 {
     const std::lock_guard lock(mutex);
     return field;
-}
-
-template <class T>
-[[gnu::noinline]] void CopyValue(std::mutex& mutex, const T& field, T& value)
-{
-    const std::lock_guard lock(mutex);
-    value = field;
-}
-
-template <class T>
-[[gnu::noinline]] void CopyFlagged(std::mutex& mutex, const T& field, const bool& flag,
-                                   bool& is_set, T& value)
-{
-    const std::lock_guard lock(mutex);
-    is_set = flag;
-    value = field;
-}
-
-template <class T>
-[[gnu::noinline]] void StoreValue(T& field, bool& flag, const T& value)
-{
-    field = value;
-    flag = true;
-}
-
-template <class T>
-[[gnu::noinline]] void SetValue(std::mutex& mutex, T& field, bool& flag, const T& value)
-{
-    const std::lock_guard lock(mutex);
-    field = value;
-    flag = true;
-}
-
-// The registry of a class: the objects made by Create, in the order of registration.
-
-template <class Class>
-Class* Lookup(std::mutex& mutex, const std::vector<Class*>& active, const std::string& path,
-              const Description& about)
-{
-    const std::lock_guard lock(mutex);
-    for (Class* object : active)
-    {
-        if (object != nullptr && about.path(object) == path)
-        {
-            return object;
-        }
-    }
-    return nullptr;
-}
-
-template <class Class>
-void Save(std::mutex& mutex, std::vector<Class*>& active, Class* object)
-{
-    const std::lock_guard lock(mutex);
-    const ListChange change;
-    active.push_back(object);
-}
-
-/** Saves a new object and lets the registry own it; destroys it where that fails. */
-template <class Class>
-Class* Register(std::mutex& mutex, std::vector<Class*>& active, Class* object)
-{
-    try
-    {
-        Save(mutex, active, object);
-    }
-    catch (...)
-    {
-        delete object;
-        throw;
-    }
-    return object;
-}
-
-template <class Class>
-void Unsave(std::mutex& mutex, std::vector<Class*>& active, Class* object)
-{
-    const std::lock_guard lock(mutex);
-    for (auto each = active.begin(); each != active.end(); ++each)
-    {
-        if (*each == object)
-        {
-            const ListChange change;
-            active.erase(each);
-            return;
-        }
-    }
-}
-
-/** Destroys the objects that are `ours(object)`, each when it has left the list. */
-template <class Class, class Ours>
-void Cleanup(std::mutex& mutex, std::vector<Class*>& active, Ours ours)
-{
-    const std::lock_guard lock(mutex);
-    for (auto next = active.begin(); next != active.end();)
-    {
-        Class* const object = *next;
-        if (object != nullptr && !ours(object))
-        {
-            ++next;
-            continue;
-        }
-        {
-            const ListChange change;
-            next = active.erase(next);
-        }
-        delete object;
-    }
 }
 
 } // namespace bmcbus::client

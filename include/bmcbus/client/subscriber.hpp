@@ -19,7 +19,6 @@ struct SignalParts
     const char* enter; ///< format of the handler's first line
     Member<Slot> match;
     void* (*make)(std::string path); ///< an object that is on no bus
-    void (*destroy)(void* object);
 };
 
 /** A signal subscriber class. Its fields are in the order of the signal's arguments. */
@@ -30,11 +29,14 @@ struct SignalClass : Description, SignalParts
 // The functions take the anchor of an object whose class is a SignalClass.
 
 /**
- * Installs the match; blocks for one AddMatch call.
+ * Installs the match and adds @p first if it has a function; blocks for one AddMatch call.
  *
  * Throws `bmcbus::Error` without a usable connection. A rule that the bus refuses is not noticed.
  */
-BMCBUS_EXPORT void Subscribe(Anchor& anchor);
+BMCBUS_EXPORT void Subscribe(Anchor& anchor, Callback first);
+
+/** Makes an object in this way, takes @p path for it, and lets the registry own it. */
+BMCBUS_EXPORT void* Make(std::string& path, Callback first, const Registry& registry);
 
 /** Handles one signal. */
 BMCBUS_EXPORT void Received(Anchor& anchor, Message& message);

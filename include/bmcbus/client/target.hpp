@@ -19,12 +19,21 @@ struct Interface;
 /** The object that a direct proxy stands for, and the interface that the proxy calls there. */
 struct Target
 {
+    /**
+     * Takes the texts, and a reference to @p bus unless it is null. Looks the service up when it is
+     * empty; never throws a `std::exception`.
+     */
+    BMCBUS_EXPORT Target(const Interface& to, sd_bus* on, std::string* owner, std::string* at);
+    BMCBUS_EXPORT ~Target();
+    Target(const Target&) = delete;
+    Target& operator=(const Target&) = delete;
+
     const Interface* interface;
     ForkMutex mutex;
     std::string service;
     std::string path;
-    BusRef bus{};                      ///< null: the calling thread's default connection
-    bmcbus::detail::CallOwner calls{}; ///< last: pending calls end before all else goes
+    BusRef bus;                      ///< null: the calling thread's default connection
+    bmcbus::detail::CallOwner calls; ///< last: pending calls end before all else goes
 };
 
 } // namespace bmcbus::client

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <new>
+#include <optional>
 #include <span>
 #include <variant>
 
@@ -28,6 +29,7 @@ struct Type
     void (*construct)(void* at);
     void (*destroy)(void* value);
     void (*clear)(void* value);
+    void* (*emplace)(void* optional); ///< gives a `std::optional` a new value, and where it is
     void (*copy)(void* to, const void* from);
     void (*move)(void* to, void* from);
     void (*read)(sd_bus_message* message, void* value);
@@ -63,6 +65,22 @@ void Clear(T& value)
     }
 }
 
+// Lists of what has parts: an assignment that reuses the memory of the parts takes four times the
+// code. Numbers and texts keep theirs.
+template <class T>
+void Copy(T& to, const T& from)
+{
+    if constexpr (
+        requires { from.front().front(); } || requires { std::get<0>(from.front()); })
+    {
+        T(from).swap(to);
+    }
+    else
+    {
+        to = from;
+    }
+}
+
 } // namespace detail
 
 template <class T>
@@ -72,7 +90,10 @@ inline constexpr Type typeOf = {
     .construct = [](void* at) { ::new (at) T{}; },
     .destroy = [](void* value) { static_cast<T*>(value)->~T(); },
     .clear = [](void* value) { detail::Clear(detail::As<T>(value)); },
-    .copy = [](void* to, const void* from) { detail::As<T>(to) = detail::As<T>(from); },
+    .emplace = [](void* optional) -> void*
+    { return &detail::As<std::optional<T>>(optional).emplace(); },
+    .copy = [](void* to, const void* from)
+    { detail::Copy(detail::As<T>(to), detail::As<T>(from)); },
     .move = [](void* to, void* from) { detail::As<T>(to) = std::move(detail::As<T>(from)); },
     .read = [](sd_bus_message* message, void* value) { Read(message, detail::As<T>(value)); },
     .append = [](sd_bus_message* message, const void* value)
@@ -86,21 +107,8 @@ struct ConstRef
     const void* value = nullptr;
 };
 
-/** A borrowed value to read into. */
-struct Ref
-{
-    const Type* type;
-    void* value;
-};
-
 template <class T>
 ConstRef RefTo(const T& value)
-{
-    return {&typeOf<T>, &value};
-}
-
-template <class T>
-Ref RefTo(T& value)
 {
     return {&typeOf<T>, &value};
 }
