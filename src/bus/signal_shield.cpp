@@ -37,20 +37,43 @@ sigset_t Always()
 
 #if defined(__x86_64__) || defined(__i386__) || defined(__aarch64__) || defined(__arm__)
 
-// What the kernel has of an action begins with the handler on these processors. sigaction() would
-// copy the rest into its own form, which costs more than the question, and before every wait there
-// are six of them.
+// What the kernel has of an action begins with the handler on these processors.
+struct KernelAction
+{
+    uintptr_t handler;
+    unsigned long rest[7];
+};
+constexpr long setBytes = 8; // of the kernel's set of signals
+
+#if defined(__x86_64__)
+
+long AskKernel(long number, KernelAction& action)
+{
+    long result = SYS_rt_sigaction;
+    register long size asm("r10") = setBytes;
+    asm volatile("syscall"
+                 : "+a"(result), "=m"(action)
+                 : "D"(number), "S"(nullptr), "d"(&action), "r"(size)
+                 : "rcx", "r11");
+    return result;
+}
+
+#else
+
+long AskKernel(long number, KernelAction& action)
+{
+    return syscall(SYS_rt_sigaction, number, nullptr, &action, setBytes);
+}
+
+#endif
+
+// Not by sigaction(): it copies the rest into its own form, which costs more than the question, and
+// before every wait there are six of them.
 bool IsCaught(int number)
 {
-    struct
-    {
-        uintptr_t handler;
-        unsigned long rest[7];
-    } action;
-    constexpr int setBytes = 8;      // of the kernel's set of signals
     constexpr uintptr_t ignored = 1; // SIG_IGN; SIG_DFL is zero
-    return syscall(SYS_rt_sigaction, number, nullptr, &action, setBytes) != 0 ||
-           action.handler > ignored;
+    KernelAction action;
+    return AskKernel(number, action) != 0 || action.handler > ignored;
 }
 
 #else
