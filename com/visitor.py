@@ -10,8 +10,9 @@ sys.dont_write_bytecode = True
 codegen, output, *descriptions = sys.argv[1:]
 sys.path.insert(0, codegen)
 
-from bmcbus_codegen.builder import build, choose  # noqa: E402
+from bmcbus_codegen.builder import build  # noqa: E402
 from bmcbus_codegen.parser import parse  # noqa: E402
+from bmcbus_codegen.source import choose  # noqa: E402
 
 HEAD = """
 namespace catalogue

@@ -21,6 +21,7 @@ from .model import (
     least_bytes,
 )
 from .refusal import Problem, Refusal
+from .settle import settle_names
 from .signature import SignatureError, parse_signature
 from .wording import signature_of
 
@@ -38,7 +39,6 @@ AT = _OWN + "At"
 _KNOWN = (USE_DATACACHE, NAME, CLASS, NAMESPACE, TYPE, ENUM, ERROR, PATH, SERVICE, AT)
 EMITS_CHANGED = "org.freedesktop.DBus.Property.EmitsChangedSignal"
 DOC = ("org.gtk.GDBus.DocString", "org.freedesktop.DBus.DocString")
-_STANDARD = "org.freedesktop.DBus."
 
 
 def _annotation(element, name):
@@ -80,7 +80,12 @@ class _Builder:
         self._check_kinds()
         if self._problems:
             raise Refusal(self._problems)
-        self._settle_names()
+        settle_names(
+            model,
+            self._notes,
+            self._naming.namespace or _annotation(self._element, NAMESPACE),
+            self._naming.class_name or _annotation(self._element, CLASS),
+        )
         resolve_enumerations(self._model, {self._model.name: self._model})
         self._check_calls()
         self._check_sizes()
@@ -391,100 +396,6 @@ class _Builder:
             reason = f"an object of '{owner.class_name}' would take more than 64 KiB"
             self._refuse(owner.line, reason)
 
-    # Names that the description leaves open
-
-    def _settle_names(self):
-        model = self._model
-        self._settle_scopes()
-        self._settle_properties()
-        for prop in model.properties:
-            prop.variant_index = model.variant.index(prop.type)
-        for number, prop in enumerate(model.by_name):
-            prop.number = number
-        _settle_members(model.class_name, model.properties, names.CACHE_PREFIXES)
-        _settle_results(model.properties)
-        for method in model.methods:
-            _settle_params(method.ins + method.outs)
-            _settle_results(method.outs)
-        for signal in model.signals:
-            self._settle_signal(signal)
-            _settle_members(signal.class_name, signal.args, ("Get_",))
-
-    def _settle_scopes(self):
-        """Namespaces and class: as the option says, or the annotation, or the interface's name."""
-        model, parts = self._model, self._model.parts
-        wanted = self._naming.namespace or _annotation(self._element, NAMESPACE)
-        namespace = wanted.replace("::", ".").split(".") if wanted else parts[:-1]
-        class_name = self._naming.class_name or _annotation(self._element, CLASS) or parts[-1]
-        model.namespace = [names.scope_name(part) for part in namespace]
-        model.class_name = names.scope_name(class_name)
-        while self._is_taken(model.class_name):
-            model.class_name += "_"
-        settled = [*model.namespace, model.class_name]
-        if settled != [*namespace, class_name]:
-            self._note(model.line, f"the classes are named {'::'.join(settled)} in C++")
-
-    def _is_taken(self, name):
-        """Whether a class of the name would have a member of that name, or hide a parameter."""
-        model = self._model
-        taken = set()
-        if model.has_cache:
-            taken |= names.CACHE_MEMBERS | names.CACHE_WORDS
-            taken |= {a + one.cpp_name for a in names.CACHE_PREFIXES for one in model.properties}
-        if model.has_direct:
-            taken |= names.DIRECT_MEMBERS | names.DIRECT_WORDS
-            taken |= {a + one.cpp_name for a in names.DIRECT_PREFIXES for one in model.properties}
-            taken |= {a + one.cpp_name for a in names.METHOD_PREFIXES for one in model.methods}
-        return name in taken
-
-    def _settle_properties(self):
-        """Different names on the bus may have become one in C++."""
-        taken = set()
-        for what, members in (("property", self._model.properties), ("method", self._model.methods)):
-            for one in members:
-                settled = one.cpp_name
-                while (what, settled) in taken:
-                    settled += "_"
-                if settled != one.cpp_name:
-                    self._note(one.line, f"{what} '{one.name}' is '{settled}' in C++")
-                one.cpp_name = settled
-                taken.add((what, settled))
-
-    def _settle_signal(self, signal):
-        taken = names.SIGNAL_MEMBERS | names.SIGNAL_WORDS
-        taken |= {"Get_" + arg.cpp_name for arg in signal.args}
-        taken |= {one.class_name for one in self._model.signals if one is not signal}
-        settled = names.scope_name(signal.class_name, taken)
-        # The namespace of the signal classes may be the first of the proxies'.
-        while [self._model.group, settled] == [*self._model.namespace, self._model.class_name][:2]:
-            settled += "_"
-        if settled != signal.name:
-            self._note(signal.line, f"the class of signal '{signal.name}' is '{settled}' in C++")
-        signal.class_name = settled
-
-
-def _settle_members(class_name, items, prefixes):
-    taken = {prefix + item.cpp_name for prefix in prefixes for item in items} | {class_name}
-    for item in items:
-        item.field = names.free_name(item.cpp_name + "_", taken)
-        taken.add(item.field)
-    _settle_params(items)
-
-
-def _settle_results(items):
-    taken = set()
-    for item in items:
-        item.member = names.scope_name(item.cpp_name, taken)
-        taken.add(item.member)
-
-
-def _settle_params(items):
-    """The underscore keeps them clear of macros, keywords and all that the generated code says."""
-    taken = set()
-    for item in items:
-        item.param = names.free_name(item.cpp_name + "_", taken)
-        taken.add(item.param)
-
 
 def resolve_enumerations(model, models):
     """Finds the C++ types of enumerations among models by name; gives a note for each not found."""
@@ -503,42 +414,6 @@ def resolve_enumerations(model, models):
         if other is not model and other not in model.neighbours:
             model.neighbours.append(other)
     return notes
-
-
-def own_interfaces(root):
-    """Gives the elements of the interfaces that a file describes; raises Refusal.
-
-    Running services also describe the standard interfaces.
-    """
-    seen = {}
-    for one in root.all("interface"):
-        own = one.attributes["name"]
-        if own in seen:
-            reason = f"interface '{own}' is declared before in line {seen[own]}"
-            raise Refusal([Problem(one.line, reason)])
-        seen[own] = one.line
-    found = root.all("interface")
-    return [one for one in found if not one.attributes["name"].startswith(_STANDARD)]
-
-
-def choose(root, name):
-    """Gives the element of the interface to serve; raises Refusal."""
-    own = own_interfaces(root)
-    if name is not None:
-        # A standard one is chosen by its name.
-        chosen = [one for one in root.all("interface") if one.attributes["name"] == name]
-        if not chosen:
-            listed = ", ".join(one.attributes["name"] for one in own)
-            reason = f"there is no interface '{name}'" + (f", but {listed}" if own else "")
-            raise Refusal([Problem(root.line, reason)])
-        return chosen[0]
-    if not own:
-        raise Refusal([Problem(root.line, "there is no interface besides the standard ones")])
-    if len(own) > 1:
-        listed = ", ".join(one.attributes["name"] for one in own)
-        reason = f"there are several interfaces, choose one with --interface: {listed}"
-        raise Refusal([Problem(root.line, reason)])
-    return own[0]
 
 
 def build(element, wanted=Wanted(), basename="client_cache", naming=Naming()):

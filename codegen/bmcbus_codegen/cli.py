@@ -7,12 +7,12 @@ import sys
 from pathlib import Path
 
 from . import __version__
-from .builder import build, choose, own_interfaces, resolve_enumerations
+from .builder import build, resolve_enumerations
 from .model import Naming, Wanted
 from .refusal import Problem, Refusal
 from .render import render, render_page, write, write_dependencies
 from .signature import BASIC
-from .source import read
+from .source import choose, own_interfaces, read
 
 _PROGRAM = "bmcbus-codegen"
 _DESCRIPTION = """

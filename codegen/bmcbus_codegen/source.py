@@ -1,4 +1,4 @@
-"""Descriptions from files: XML and YAML, bounded in size."""
+"""Descriptions from files, XML and YAML, bounded in size; and which interface of one is wanted."""
 
 import os
 from pathlib import Path
@@ -9,6 +9,8 @@ from .refusal import Problem, Refusal
 
 # Descriptions have some kilobytes; the longest known have some hundred.
 _LARGEST = 8 << 20
+
+_STANDARD = "org.freedesktop.DBus."
 
 
 def _text(file):
@@ -36,3 +38,39 @@ def read(file, root=None):
         node.children[0].children += yaml_reader.parse_errors(_text(errors), name)
         files.append(str(errors))
     return node, notes, files
+
+
+def own_interfaces(root):
+    """Gives the elements of the interfaces that a file describes; raises Refusal.
+
+    Running services also describe the standard interfaces.
+    """
+    seen = {}
+    for one in root.all("interface"):
+        own = one.attributes["name"]
+        if own in seen:
+            reason = f"interface '{own}' is declared before in line {seen[own]}"
+            raise Refusal([Problem(one.line, reason)])
+        seen[own] = one.line
+    found = root.all("interface")
+    return [one for one in found if not one.attributes["name"].startswith(_STANDARD)]
+
+
+def choose(root, name):
+    """Gives the element of the interface to serve; raises Refusal."""
+    own = own_interfaces(root)
+    if name is not None:
+        # A standard one is chosen by its name.
+        chosen = [one for one in root.all("interface") if one.attributes["name"] == name]
+        if not chosen:
+            listed = ", ".join(one.attributes["name"] for one in own)
+            reason = f"there is no interface '{name}'" + (f", but {listed}" if own else "")
+            raise Refusal([Problem(root.line, reason)])
+        return chosen[0]
+    if not own:
+        raise Refusal([Problem(root.line, "there is no interface besides the standard ones")])
+    if len(own) > 1:
+        listed = ", ".join(one.attributes["name"] for one in own)
+        reason = f"there are several interfaces, choose one with --interface: {listed}"
+        raise Refusal([Problem(root.line, reason)])
+    return own[0]

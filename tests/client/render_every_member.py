@@ -11,8 +11,9 @@ sys.path.insert(0, codegen)
 
 import jinja2  # noqa: E402
 
-from bmcbus_codegen.builder import build, choose  # noqa: E402
+from bmcbus_codegen.builder import build  # noqa: E402
 from bmcbus_codegen.parser import parse  # noqa: E402
+from bmcbus_codegen.source import choose  # noqa: E402
 
 environment = jinja2.Environment(
     undefined=jinja2.StrictUndefined,

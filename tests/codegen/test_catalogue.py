@@ -7,8 +7,9 @@ import unittest
 
 from support import SOURCE, GeneratorTest, main
 
-from bmcbus_codegen.builder import build, choose
+from bmcbus_codegen.builder import build
 from bmcbus_codegen.parser import parse
+from bmcbus_codegen.source import choose
 
 
 def summary(model):

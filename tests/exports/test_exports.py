@@ -16,8 +16,9 @@ sys.dont_write_bytecode = True
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent.parent / "codegen"))
 
-from bmcbus_codegen.builder import build, choose  # noqa: E402
+from bmcbus_codegen.builder import build  # noqa: E402
 from bmcbus_codegen.parser import parse  # noqa: E402
+from bmcbus_codegen.source import choose  # noqa: E402
 
 # Arguments of standard templates that nobody writes.
 IMPLIED = ("std::allocator<", "std::less<", "std::char_traits<")
