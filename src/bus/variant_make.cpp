@@ -159,8 +159,10 @@ Variant Variant::MakeArray(std::string_view element, std::vector<Variant> items)
     return OfNumbers(element.front(), numbers.data(), numbers.size());
 }
 
-Variant Variant::MakeDictionary(std::string_view key, std::string_view value,
-                                std::vector<std::pair<Variant, Variant>> entries)
+Variant
+Variant::MakeDictionary(std::string_view key, std::string_view value,
+                        // NOLINTNEXTLINE(performance-unnecessary-value-param): they are moved on
+                        std::vector<std::pair<Variant, Variant>> entries)
 {
     std::string signature = "a{" + std::string(key) + std::string(value) + "}";
     RequireType(signature);

@@ -3,6 +3,7 @@
 #include "bus/variant_inside.hpp"
 
 #include <cmath>
+#include <compare>
 
 namespace bmcbus
 {
@@ -42,7 +43,7 @@ std::weak_ordering OrderedArrays(char type, std::span<const std::byte> a,
     {
         const std::weak_ordering order =
             OrderedNumbers(type, WidenedNumber(type, &a[at]), WidenedNumber(type, &b[at]));
-        if (order != 0)
+        if (std::is_neq(order))
         {
             return order;
         }
@@ -70,7 +71,7 @@ std::weak_ordering Variant::Compare(const Variant& a, const Variant& b) noexcept
     {
         return std::weak_ordering::equivalent;
     }
-    if (const auto types = a.node_->signature <=> b.node_->signature; types != 0)
+    if (const auto types = a.node_->signature <=> b.node_->signature; std::is_neq(types))
     {
         return types;
     }
@@ -86,7 +87,7 @@ std::weak_ordering Variant::Compare(const Variant& a, const Variant& b) noexcept
     const std::span<const Variant> those = b.Items();
     for (size_t i = 0; i < these.size() && i < those.size(); ++i)
     {
-        if (const auto order = Compare(these[i], those[i]); order != 0)
+        if (const auto order = Compare(these[i], those[i]); std::is_neq(order))
         {
             return order;
         }
