@@ -254,7 +254,7 @@ class Headers(InstallTest):
         plain = [
             name
             for name in self.headers()
-            if name.endswith(".h") or "__cplusplus" in (root / name).read_text(encoding="utf-8")
+            if name.endswith(".h") or "#ifdef __cplusplus" in (root / name).read_text(encoding="utf-8")
         ]
         self.assertLessEqual({"scoped_timer.h", "oneway_channel.hpp", "threadfunnel.hpp"}, set(plain))
         for name in plain:
