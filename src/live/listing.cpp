@@ -64,7 +64,7 @@ std::string Hub::NextGuess(Peer& peer) const
     }
     else if (peer.guesses > 0)
     {
-        path = peer.guesses == 1 && path != "/" ? "/" : "";
+        path.assign(peer.guesses == 1 && path != "/" ? 1 : 0, '/');
     }
     if (!path.empty())
     {
