@@ -14,7 +14,9 @@ namespace bmcbus::client
 namespace
 {
 
-constinit std::mutex changes; // no other lock is taken while it is held
+// While it is held no fork() happens, so that a child never sees a list half changed; no other lock
+// is taken meanwhile.
+constinit std::mutex changes;
 constinit ListMutex* entries = nullptr;
 constinit std::atomic<uint32_t> generation = 0; // how many forks led to this process
 
@@ -58,26 +60,16 @@ void Child()
     static_cast<void>(pthread_atfork(Prepare, Parent, Child));
 }
 
-// While one exists no fork() happens, so that a child never sees a list half changed.
-class ListChange
-{
-  public:
-    ListChange() : lock_(changes) {}
-
-  private:
-    std::lock_guard<std::mutex> lock_;
-};
-
 void EnterList(ListMutex& entry)
 {
-    const ListChange change;
+    const std::lock_guard change(changes);
     entry.next = entries;
     entries = &entry;
 }
 
 void LeaveList(ListMutex& entry)
 {
-    const ListChange change;
+    const std::lock_guard change(changes);
     ListMutex** link = &entries;
     while (*link != &entry)
     {
@@ -98,7 +90,7 @@ void* ObjectAt(const Registry& registry, size_t place)
 
 void Erase(const Registry& registry, size_t place)
 {
-    const ListChange change;
+    const std::lock_guard change(changes);
     registry.type->erase(registry.list, place);
 }
 
@@ -147,7 +139,7 @@ RegistryLife::~RegistryLife()
 {
     {
         const std::lock_guard lock(*registry_.mutex);
-        const ListChange change;
+        const std::lock_guard change(changes);
         registry_.type->free(registry_.list);
     }
     LeaveList(entry_);
@@ -170,7 +162,7 @@ void* Lookup(const std::string& path, const Registry& registry)
 void Save(void* object, const Registry& registry)
 {
     const std::lock_guard lock(*registry.mutex);
-    const ListChange change;
+    const std::lock_guard change(changes);
     registry.type->append(registry.list, object);
 }
 
