@@ -18,7 +18,10 @@
 #include <fstream>
 #include <functional>
 #include <ios>
+#include <optional>
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
 
@@ -34,45 +37,87 @@ inline const unsigned int boundSeconds = memoryChecker ? 1200 : 120;
 // How often to fork where it must go well again and again.
 inline const int manyForks = memoryChecker ? 5 : 100;
 
-// Whether a thread of this entry under /proc waits for a mutex beyond the addresses of a program of
-// 32 bits. The emulator's housekeeping thread waits there as well, but not for a mutex.
-inline bool WaitsBeyondItsAddresses(const std::filesystem::path& thread)
+// The system call in which a thread waits, by its entry under /proc.
+struct WaitingCall
+{
+    long number = 0;
+    uint64_t address = 0; // the call's first argument
+    uint64_t operation = 0;
+    uint64_t caller = 0; // where in the program the call was made
+};
+
+// Nothing where it runs or has ended.
+inline std::optional<WaitingCall> CallOf(const std::filesystem::path& thread)
+{
+    std::ifstream file(thread / "syscall");
+    WaitingCall call;
+    if (!(file >> call.number >> std::hex >> call.address >> call.operation))
+    {
+        return std::nullopt;
+    }
+    while (file >> call.caller)
+    {
+    }
+    return call;
+}
+
+// Whether this is a wait for a mutex beyond the addresses of a program of 32 bits. The emulator's
+// housekeeping thread waits there as well, but not for a mutex.
+inline bool WaitsBeyondItsAddresses(const WaitingCall& call)
 {
     constexpr long futexOnAmd64 = 202;
     constexpr long futexOnArm64 = 98;
-    std::ifstream call(thread / "syscall");
-    long number = 0;
-    uint64_t address = 0;
-    uint64_t operation = 0;
-    return (call >> number >> std::hex >> address >> operation) && address > UINT32_MAX &&
-           operation == FUTEX_WAIT_PRIVATE && (number == futexOnAmd64 || number == futexOnArm64);
+    return call.address > UINT32_MAX && call.operation == FUTEX_WAIT_PRIVATE &&
+           (call.number == futexOnAmd64 || call.number == futexOnArm64);
 }
 
-// Whether a thread of a program of 32 bits waits for a lock of the emulator that runs it. A
-// user-mode emulator does not put its locks in order in a child, so one that another thread held at
-// the fork stays locked there. Nothing in this project can change that.
-inline bool WaitsInEmulator(pid_t process)
+// Whether an address of the process lies in a file whose name has this part.
+inline bool LiesIn(const std::filesystem::path& process, uint64_t address, std::string_view name)
 {
-    if constexpr (sizeof(void*) == sizeof(uint32_t))
+    std::ifstream maps(process / "maps");
+    for (std::string line; std::getline(maps, line);)
     {
-        std::error_code ended;
-        std::filesystem::directory_iterator threads("/proc/" + std::to_string(process) + "/task",
-                                                    ended);
-        for (; !ended && threads != std::filesystem::directory_iterator(); threads.increment(ended))
+        uint64_t from = 0;
+        uint64_t to = 0;
+        char dash = 0;
+        std::istringstream fields(line);
+        if (fields >> std::hex >> from >> dash >> to && from <= address && address < to)
         {
-            if (WaitsBeyondItsAddresses(threads->path()))
-            {
-                return true;
-            }
+            return line.find(name) != line.npos;
+        }
+    }
+    return false;
+}
+
+// Whether a thread of the process waits for a lock of what runs or checks this program, rather than
+// of the program: of an emulator for a program of 32 bits, or of AddressSanitizer. Neither puts its
+// locks in order in a child, so one that another thread held at the fork stays locked there.
+// Nothing in this project can change that. Locks of the program are waited for in the C library.
+inline bool WaitsForOthersLock(pid_t process)
+{
+    constexpr bool emulated = sizeof(void*) == sizeof(uint32_t);
+    if constexpr (!emulated && !addressSanitizer)
+    {
+        return false;
+    }
+    std::error_code ended;
+    const auto folder = std::filesystem::path("/proc") / std::to_string(process);
+    std::filesystem::directory_iterator threads(folder / "task", ended);
+    for (; !ended && threads != std::filesystem::directory_iterator(); threads.increment(ended))
+    {
+        const auto call = CallOf(threads->path());
+        if (call && (emulated ? WaitsBeyondItsAddresses(*call)
+                              : LiesIn(folder, call->caller, "/libasan.so")))
+        {
+            return true;
         }
     }
     return false;
 }
 
 // Waits for the child's end and gives its status; false if the child hangs for a reason that is not
-// this project's. It is killed then. That is so in the emulator, and under ThreadSanitizer after a
-// time that no child needs: its allocator has no fork handlers, so a child may wait for ever for a
-// lock that an allocating thread held.
+// this project's. It is killed then. Under ThreadSanitizer that is so after a time that no child
+// needs: its allocator has no fork handlers either, and other locks wait in its library, too.
 inline bool AwaitChild(pid_t child, int& status)
 {
     using Clock = std::chrono::steady_clock;
@@ -81,7 +126,7 @@ inline bool AwaitChild(pid_t child, int& status)
     while (waitpid(child, &status, WNOHANG) == 0)
     {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        if (!threadSanitizer && !WaitsInEmulator(child))
+        if (!threadSanitizer && !WaitsForOthersLock(child))
         {
             lastAtWork = Clock::now();
         }
