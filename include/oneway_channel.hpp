@@ -296,7 +296,10 @@ class BMCBUS_EXPORT OneWayChannel
 
     // Not hidden: TriggerReadPipeNoLock is inline.
     int WriteTrigger(const char (&bytes)[2]);
+    BMCBUS_LOCAL int Post(Function&& function, void* data, unsigned long size, bool freeData);
     BMCBUS_LOCAL bool ReserveRoom();
+    BMCBUS_LOCAL bool FindRoom();
+    BMCBUS_LOCAL int Reserved() const;
     BMCBUS_LOCAL int WriteIntoRoom(const char (&bytes)[2]);
     BMCBUS_LOCAL int WriteIfRoom(const char (&bytes)[2]);
     BMCBUS_LOCAL int WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock);
@@ -314,9 +317,10 @@ class BMCBUS_EXPORT OneWayChannel
     // operation mutex.
     int credit_ = 0;
     bool noRoom_ = false;
-    // How many of those that fit are being written right now, each by a thread of its own; raised
-    // under the operation mutex. See WriteIfRoom() for how many threads that may be.
-    std::atomic<int> reserved_ = 0;
+    // For how many triggers room was reserved, under the operation mutex, and how many of these
+    // were written since, each by a thread of its own.
+    std::atomic<unsigned int> reserved_ = 0;
+    std::atomic<unsigned int> written_ = 0;
     // Of a registration that is woken once for a burst: whether it is, whether that has happened
     // since the queue was last found empty, and producers that wait for room in the queue. Under
     // the operation mutex.

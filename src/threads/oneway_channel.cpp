@@ -50,7 +50,7 @@ OneWayChannel::OneWayChannel() :
     }
 }
 
-OneWayChannel* OneWayChannel::GetInstance()
+[[gnu::hot]] OneWayChannel* OneWayChannel::GetInstance()
 {
     static constexpr bmcbus::funnel::ForkParticipant inForks{
         .prepare = ForkPrepare, .parent = ForkParent, .child = ForkChild};
@@ -97,11 +97,6 @@ void OneWayChannel::ForkChild()
     close(inherited->pipeFds[1]);
     inherited->earlier_ = inheritedChannels;
     inheritedChannels = inherited;
-}
-
-RegistrationType OneWayChannel::Type() const
-{
-    return static_cast<RegistrationType>(Load(registrationType));
 }
 
 int OneWayChannel::_ReturnAlreadyRegistered()

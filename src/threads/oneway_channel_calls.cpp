@@ -55,10 +55,10 @@ int OneWayChannel_GetChannelFDAndSelfRegisterWithDefaultFunction(int* fd, void* 
     return channel::success;
 }
 
-int OneWayChannel_Execute(OneWayChannelFunction function, void* data, unsigned long size,
-                          int freeData)
+[[gnu::hot]] int OneWayChannel_Execute(OneWayChannelFunction function, void* data,
+                                       unsigned long size, int freeData)
 {
-    return OneWayChannel::GetInstance()->Execute(Wrap(function), data, size, freeData != 0);
+    return OneWayChannelFlat::Post(Wrap(function), data, size, freeData != 0);
 }
 
 int OneWayChannel_ExecuteDefault(void* data, unsigned long size, int freeData)

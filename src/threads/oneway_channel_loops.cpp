@@ -142,8 +142,8 @@ void OneWayChannel::Unregister()
     CHANNEL_HEADER_LOG(trace, __func__, "leave");
 }
 
-void OneWayChannel::_PipeIOEventReceive(sdeventplus::source::IO& /*source*/, int fd,
-                                        unsigned int /*events*/, void* context)
+[[gnu::hot]] void OneWayChannel::_PipeIOEventReceive(sdeventplus::source::IO& /*source*/, int fd,
+                                                     unsigned int /*events*/, void* context)
 {
     const ssize_t bytes = read(fd, readBuffer, sizeof(readBuffer));
     if (bytes < 0)
@@ -154,7 +154,7 @@ void OneWayChannel::_PipeIOEventReceive(sdeventplus::source::IO& /*source*/, int
     ProcessMBQueue(context);
 }
 
-int OneWayChannel::_ReadFromPipe(int fd)
+[[gnu::hot]] int OneWayChannel::_ReadFromPipe(int fd)
 {
     const ssize_t bytes = read(fd, readBuffer, sizeof(readBuffer));
     if (bytes < 0)

@@ -4,9 +4,9 @@
 #include "threads/oneway_channel_internal.hpp"
 #include "threads/thread_exit.hpp"
 
-#include <algorithm>
 #include <cstdlib>
 #include <exception>
+#include <new>
 #include <system_error>
 
 namespace infrautils
@@ -15,33 +15,75 @@ namespace infrautils
 using channel::Drain;
 using channel::Store;
 
-void channel::Discard(MBMessage* message)
+namespace
 {
-    if (message->freeData)
+
+// The message while it runs.
+struct Running
+{
+    explicit Running(std::list<MBMessage*>& queue) : origin(queue) {}
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+
+    ~Running()
     {
-        std::free(message->data);
+        if (message == nullptr)
+        {
+            return;
+        }
+        if (forks == channel::forks)
+        {
+            channel::Discard(message);
+            return;
+        }
+        KeepInChild();
     }
-    delete message;
-}
+
+    // In a child that the function forked, what the message holds is the parent's and is not
+    // released. It goes back to where whoever looks for lost memory finds it.
+    void KeepInChild() noexcept
+    try
+    {
+        origin.push_back(message);
+    }
+    catch (const std::bad_alloc&)
+    {
+        // Then it is lost, which nobody else notices.
+    }
+
+    MBMessage* message = nullptr;
+
+  private:
+    std::list<MBMessage*>& origin;
+    unsigned int forks = channel::forks;
+};
+
+} // namespace
 
 int OneWayChannel::Execute(Function function, void* data, unsigned long size, bool freeData)
+{
+    return Post(std::move(function), data, size, freeData);
+}
+
+// The function by reference: it is moved once, into its message.
+[[gnu::hot]] int OneWayChannel::Post(Function&& function, void* data, unsigned long size,
+                                     bool freeData)
 {
     const bmcbus::NoCancellation wholePost; // a queued message without its trigger would lie there
     if (Type() != RegistrationType::None)
     {
-        auto message =
-            std::make_unique<MBMessage>(MBMessage{std::move(function), data, size, freeData});
-        std::list<MBMessage*> added(1, message.get());
+        std::unique_ptr<MBMessage> message(
+            new MBMessage{std::move(function), data, size, freeData});
         std::unique_lock lock(oneWayChannelOperationMutex);
         // Asked again: only under the mutex can the registration not end meanwhile.
         if (Type() != RegistrationType::None)
         {
-            mbQueue.splice(mbQueue.end(), added);
+            mbQueue.push_back(message.get());
             static_cast<void>(message.release());
             return Wake(lock);
         }
     }
-    CHANNEL_LOG(misuse, "the receive fd is not registered, please call Register");
+    CHANNEL_LOG_AS(misuse, "Execute", "the receive fd is not registered, please call Register");
     return channel::notPossible;
 }
 
@@ -60,7 +102,7 @@ int OneWayChannel::Execute(void* data, unsigned long size, bool freeData)
 
 // A message's function may fork. In the child this channel is the parent's and is not to be touched
 // any more, so after each function the drain asks in which process it is.
-void OneWayChannel::ProcessMBQueue(void* context)
+[[gnu::hot]] void OneWayChannel::ProcessMBQueue(void* context)
 {
     const Drain drain(this);
     Store(drainTid_, pthread_self());
@@ -82,26 +124,9 @@ void OneWayChannel::ProcessMBQueue(void* context)
 
 // Runs the oldest message; false when there is none. Its lines carry the name of ProcessMBQueue,
 // which callers know.
-bool OneWayChannel::RunNext(void* context)
+[[gnu::hot]] bool OneWayChannel::RunNext(void* context)
 {
-    // The message while it runs. A list, since splicing moves it without an allocation.
-    struct Next : std::list<MBMessage*>
-    {
-        explicit Next(std::list<MBMessage*>& from) : origin(from) {}
-        ~Next()
-        {
-            if (forks == channel::forks)
-            {
-                std::for_each(begin(), end(), channel::Discard);
-                return;
-            }
-            // In a child that the function forked, what the message holds is the parent's and is
-            // not released.
-            origin.splice(origin.end(), *this);
-        }
-        std::list<MBMessage*>& origin;
-        unsigned int forks = channel::forks;
-    } next(mbQueue);
+    Running running(mbQueue);
     {
         const std::lock_guard lock(oneWayChannelOperationMutex);
         if (mbQueue.empty())
@@ -109,13 +134,14 @@ bool OneWayChannel::RunNext(void* context)
             woken_ = false;
             return false;
         }
-        next.splice(next.end(), mbQueue, mbQueue.begin());
+        running.message = mbQueue.front();
+        mbQueue.pop_front();
         if (mbQueue.size() == channel::roomAgain)
         {
             LetProducersOn();
         }
     }
-    MBMessage& message = *next.front();
+    const MBMessage& message = *running.message;
     try
     {
         static_cast<void>(message.function(context, message.data, message.size));

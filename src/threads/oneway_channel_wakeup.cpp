@@ -91,7 +91,6 @@ ssize_t Write(int fd, const char (&bytes)[2])
     ssize_t written = -1;
     do
     {
-        errno = 0;
         written = write(fd, bytes, sizeof(bytes));
     } while (written < 0 && errno == EINTR);
     return written;
@@ -134,9 +133,52 @@ int Result(ssize_t written)
 
 } // namespace
 
+// How many triggers are being written right now for which room was reserved.
+int OneWayChannel::Reserved() const
+{
+    const unsigned int written = written_.load(std::memory_order_acquire);
+    return static_cast<int>(reserved_.load(std::memory_order_relaxed) - written);
+}
+
+// Whether there surely is room for one more trigger; it is then kept for the caller, who writes it
+// without the mutex.
+inline bool OneWayChannel::ReserveRoom()
+{
+    if (credit_ == 0 && !FindRoom())
+    {
+        return false;
+    }
+    --credit_;
+    // Nobody else counts it up meanwhile, so it need not be one operation.
+    reserved_.store(reserved_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return true;
+}
+
+// Looks up for how many more triggers there surely is room.
+bool OneWayChannel::FindRoom()
+{
+    const Drain* const drain = Drain::Of(this);
+    if (drain != nullptr && drain->pipeFull)
+    {
+        return false;
+    }
+    // In this order: a trigger that is written in between is counted twice, never not at all.
+    const int reserved = Reserved();
+    credit_ = std::clamp(SureRoom(pipeFds[1]) - reserved, 0, largestCredit);
+    return credit_ != 0;
+}
+
+// Writes a trigger for which room was reserved. Needs no lock.
+inline int OneWayChannel::WriteIntoRoom(const char (&bytes)[2])
+{
+    const ssize_t written = Write(pipeFds[1], bytes);
+    written_.fetch_add(1, std::memory_order_release);
+    return written > 0 ? channel::success : Result(written);
+}
+
 // Wakes the loop for a message that was just queued. Nothing may throw from here on: the message
 // will run, and an exception would let the producer take away what it refers to.
-int OneWayChannel::Wake(std::unique_lock<std::mutex>& lock) noexcept
+[[gnu::hot]] int OneWayChannel::Wake(std::unique_lock<std::mutex>& lock) noexcept
 {
     if (wakeOnce_)
     {
@@ -217,7 +259,7 @@ int OneWayChannel::WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock)
     {
         lock.unlock();
         static_cast<void>(IsWritable(pipeFds[1], recheckMilliseconds));
-        if (reserved_.load(std::memory_order_relaxed) != 0)
+        if (Reserved() != 0)
         {
             sched_yield();
         }
@@ -230,38 +272,6 @@ int OneWayChannel::WaitForRoomAndTrigger(std::unique_lock<std::mutex>& lock)
     return result;
 }
 
-// Whether there surely is room for one more trigger; it is then kept for the caller, who writes it
-// without the mutex.
-bool OneWayChannel::ReserveRoom()
-{
-    if (credit_ == 0)
-    {
-        const Drain* const drain = Drain::Of(this);
-        if (drain != nullptr && drain->pipeFull)
-        {
-            return false;
-        }
-        // In this order: a trigger that is written in between is counted twice, never not at all.
-        const int reserved = reserved_.load(std::memory_order_acquire);
-        credit_ = std::clamp(SureRoom(pipeFds[1]) - reserved, 0, largestCredit);
-    }
-    if (credit_ == 0)
-    {
-        return false;
-    }
-    --credit_;
-    reserved_.fetch_add(1, std::memory_order_relaxed);
-    return true;
-}
-
-// Writes a trigger for which room was reserved. Needs no lock.
-int OneWayChannel::WriteIntoRoom(const char (&bytes)[2])
-{
-    const ssize_t written = Write(pipeFds[1], bytes);
-    reserved_.fetch_sub(1, std::memory_order_release);
-    return Result(written);
-}
-
 // Tries to write a trigger for which no room could be reserved; noRoom_ tells whether it found
 // none.
 int OneWayChannel::WriteIfRoom(const char (&bytes)[2])
@@ -270,8 +280,7 @@ int OneWayChannel::WriteIfRoom(const char (&bytes)[2])
     // Reserved room is other threads', so while there is any the pipe counts as full. It nearly is,
     // for no credit was left. (30720 threads that have reserved and not yet written would take all
     // the credit of an empty pipe of the usual 64 KiB, too.)
-    noRoom_ =
-        (drain != nullptr && drain->pipeFull) || reserved_.load(std::memory_order_acquire) != 0;
+    noRoom_ = (drain != nullptr && drain->pipeFull) || Reserved() != 0;
     if (noRoom_)
     {
         return channel::success;
