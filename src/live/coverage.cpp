@@ -101,15 +101,17 @@ void Hub::Cover(Peer& peer)
     {
         UseServiceRules(peer);
         const auto pending = [](const auto& each) { return !each.second->installed(); };
-        peer.switching =
-            !peer.manager_rule->installed() || std::ranges::any_of(peer.changes_rules, pending);
+        const bool ready =
+            peer.manager_rule->installed() && std::ranges::none_of(peer.changes_rules, pending);
+        peer.switching = !ready;
         for (Entry* entry : peer.entries)
         {
             if (entry->signal != nullptr)
             {
-                UsePathRules(*entry);
+                peer.switching = !UsePathRules(*entry) || peer.switching;
+                Hear(*entry);
             }
-            else if (!peer.switching)
+            else if (ready)
             {
                 Uncover(*entry);
             }
@@ -120,10 +122,33 @@ void Hub::Cover(Peer& peer)
     for (Entry* entry : peer.entries)
     {
         peer.switching = !UsePathRules(*entry) || peer.switching;
+        Hear(*entry);
     }
     if (!peer.switching)
     {
         DropServiceRules(peer);
+    }
+}
+
+// A signal that waits for its rules is live when they are in force.
+void Hub::Hear(Entry& entry)
+{
+    if (entry.awaits != Awaits::Rules)
+    {
+        return;
+    }
+    if (const Rule* rule = Uncovered(entry))
+    {
+        entry.failure = std::make_unique<Failure>(rule->failure());
+        Pause(entry);
+    }
+    else if (entry.changes_rule != nullptr && entry.changes_rule->installed() &&
+             entry.manager_rule->installed())
+    {
+        entry.awaits = Awaits::Nothing;
+        entry.failures = 0;
+        entry.failure.reset();
+        SetState(entry, LiveState::Live);
     }
 }
 
@@ -154,10 +179,10 @@ const Rule* Hub::Uncovered(const Entry& entry) const
     return nullptr;
 }
 
-// A rule that was refused may be granted when others have gone.
+// A rule that was refused may be granted when others have gone. That of the owner is seen to by
+// AskOwner().
 void Hub::RetryRules(Entry& entry)
 {
-    rules_.Retry(entry.peer->owner_rule);
     rules_.Retry(entry.changes_rule);
     rules_.Retry(entry.manager_rule);
     if (entry.peer->many)

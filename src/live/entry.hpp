@@ -41,6 +41,7 @@ enum class Awaits : uint8_t
     Turn,    // in its peer's queue
     Listing, // part of a GetManagedObjects that is under way
     Answer,  // a GetAll of its own is under way
+    Rules,   // of a signal: that they are in force
     Pause    // tried again when the pause after a failure is over
 };
 

@@ -194,7 +194,7 @@ void Hub::ObjectManager(sd_bus_message* message)
                        }
                        else if (From(message, entry.peer->owner))
                        {
-                           entry.peer->manager = sd_bus_message_get_path(message);
+                           ManagerIs(*entry.peer, sd_bus_message_get_path(message));
                            theirs.push_back(&entry);
                        }
                        else
@@ -367,6 +367,8 @@ void Hub::Ended(bool in_filter)
         set->searched = set->listed = false;
     }
     mapper_rules_.clear();
+    searched_rule_ = nullptr;
+    owners_due_ = 0;
     index_.ForAll(
         [&](Entry& entry)
         {
@@ -374,7 +376,7 @@ void Hub::Ended(bool in_filter)
             entry.changes_rule = entry.manager_rule = nullptr;
             entry.searched = false;
             entry.failure = std::make_unique<Failure>(reason);
-            SetState(entry, entry.Gone());
+            Lose(entry);
         });
     for (auto& [name, peer] : peers_)
     {

@@ -9,6 +9,7 @@
 #include "log.hpp"
 
 #include <algorithm>
+#include <cerrno>
 
 namespace bmcbus::live
 {
@@ -68,11 +69,12 @@ Hub& Hub::Of(sd_bus* given)
         own = DefaultBus();
         given = own.get();
     }
-    if (Hub* const hub = Find(given))
+    if (const int open = sd_bus_is_open(given); open <= 0)
     {
-        return *hub;
+        throw Error(open < 0 ? -open : ENOTCONN, "sd_bus_is_open");
     }
-    return *new Hub(given);
+    Hub* const hub = Find(given);
+    return hub != nullptr ? *hub : *new Hub(given);
 }
 
 Hub* Hub::Find(const sd_bus* bus)
@@ -126,25 +128,26 @@ Hub::Scope::~Scope()
     {
         hub_.Deliver();
     }
-    if (--hub_.depth_ > 0)
+    if (hub_.depth_ > 1)
     {
+        --hub_.depth_;
         return;
     }
     if (std::exchange(hub_.told_, false) && hub_.usable() && sd_bus_is_open(hub_.bus()) == 0)
     {
         // A callback closed it, and nothing else will say so.
-        ++hub_.depth_;
         hub_.Ended(hub_.in_filter_);
         hub_.Deliver();
-        --hub_.depth_;
     }
-    if (!hub_.ended_.empty())
+    // Callables may own handles, so more may end with them.
+    while (!hub_.ended_.empty() || !hub_.ended_sets_.empty())
     {
         std::erase_if(hub_.notes_, [](const Telling& note) { return !note.entry->hooks; });
-        hub_.ended_.clear();
+        const auto sets = std::exchange(hub_.ended_sets_, {});
+        const auto entries = std::exchange(hub_.ended_, {});
     }
-    hub_.ended_sets_.clear();
     hub_.DropUnusedPeers();
+    --hub_.depth_;
     const bool in_filter = std::exchange(hub_.in_filter_, false);
     if (hub_.Unused())
     {
@@ -301,16 +304,25 @@ void Hub::ObjectGone(Entry& entry)
         RemoveMember(entry);
         return;
     }
+    Lose(entry);
+    if (entry.by_mapper)
+    {
+        WantSearch(entry);
+    }
+    else if (entry.set != nullptr && entry.set->peer == nullptr)
+    {
+        WantSetSearch(*entry.set); // another service may have it, too
+    }
+}
+
+void Hub::Lose(Entry& entry)
+{
     if (entry.signal != nullptr && entry.state() == LiveState::Live)
     {
         ++entry.missed;
         Note(entry, What::Missed);
     }
     SetState(entry, entry.Gone());
-    if (entry.by_mapper)
-    {
-        WantSearch(entry);
-    }
 }
 
 } // namespace bmcbus::live

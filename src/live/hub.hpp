@@ -34,6 +34,12 @@ Failure FailureOf(const sd_bus_error* error);
 // How long to wait after so many failures in a row, in microseconds.
 int64_t PauseAfter(unsigned int failures);
 
+// Whether an object at `path` is among those of a manager there.
+bool IsBelow(const std::string& path, const std::string& manager);
+
+// The longest path that all of them are at or below; `common` is below it, too.
+std::string CommonPath(std::string common, const std::vector<Entry*>& entries);
+
 // The interface of a call to ourselves that nobody answers; see Arm().
 inline constexpr const char* silence = "com.tamm.bmc.Live.Silence";
 
@@ -123,6 +129,7 @@ class Hub
     // States and what they bring.
     void SetState(Entry& entry, LiveState state);
     void ObjectGone(Entry& entry);
+    void Lose(Entry& entry);
 
     // Owners (owners.cpp).
     Peer& PeerOf(const std::string& name);
@@ -132,7 +139,7 @@ class Hub
     void OwnerIs(Peer& peer, const char* owner);
 
     // Sets (sets.cpp).
-    void Member(Set& set, const char* path, Peer& peer);
+    void Member(Set& set, const char* path, const std::string& service);
     void RemoveMember(Entry& entry);
     void ListSets(Peer& peer);
     bool MembersAdded(sd_bus_message* message, const char* path);
@@ -148,6 +155,7 @@ class Hub
     void Uncover(Entry& entry);
     const Rule* Uncovered(const Entry& entry) const; // a rule that was refused, null if none
     void RuleAnswered();
+    void Hear(Entry& entry);
 
     // Reads (reads.cpp).
     void WantRead(Entry& entry);
@@ -199,7 +207,9 @@ class Hub
     void Ended(bool in_filter);
 
     // More of owners.cpp, coverage.cpp and reads.cpp.
-    bool AskOwner(Peer& peer);
+    void AskOwner(Peer& peer);
+    void Unsure(Peer& peer, const Failure& failure);
+    void AskOwnersAgain();
     static int OnNameOwner(sd_bus_message* answer, void* peer, sd_bus_error* error) noexcept;
     void DropUnusedPeers();
 
@@ -227,6 +237,7 @@ class Hub
     void ReadObject(Peer& peer, sd_bus_message* answer);
     void ReadInterfaces(Peer& peer, const char* path, sd_bus_message* answer);
     void EndListing(Peer& peer);
+    static void ManagerIs(Peer& peer, const std::string& path);
     static int OnListing(sd_bus_message* answer, void* peer, sd_bus_error* error) noexcept;
     static int OnManagers(sd_bus_message* answer, void* peer, sd_bus_error* error) noexcept;
 
@@ -243,10 +254,14 @@ class Hub
     bool Searching() const { return !searched_.empty() || SearchesSets(); }
     void EndSearch(Entry& entry);
     void FollowMapper(bool follow);
+    void FollowSearched();
     void TakeManager(Peer& peer, const Tree& tree);
     static int OnSearch(sd_bus_message* answer, void* hub, sd_bus_error* error) noexcept;
+    static const std::string* NextService(const Tree::mapped_type& services, const char* interface,
+                                          const Peer* last);
     void Found(sd_bus_message* answer);
     void SearchAgain();
+    void SearchElsewhere(const Peer& peer);
 
     BusRef bus_; // null once the connection has ended
     Slot filter_;
@@ -274,11 +289,13 @@ class Hub
     Slot silence_;        // a timer in the place of the alarm, where no loop looks at that
     bool denied_ = false; // the bus forbids such a call
     int64_t timer_due_ = 0;
-    bool unused_ = false;   // a peer may have nobody left
-    bool flush_ = false;    // something waits to be sent when the message was handled
-    size_t signals_ = 0;    // entries that are signals
-    size_t many_ = 0;       // services with rules of their own
-    uint64_t needless_ = 0; // messages that a service's rules brought for nobody
+    int64_t owners_due_ = 0;
+    uint8_t owner_failures_ = 0; // in a row
+    bool unused_ = false;        // a peer may have nobody left
+    bool flush_ = false;         // something waits to be sent when the message was handled
+    size_t signals_ = 0;         // entries that are signals
+    size_t many_ = 0;            // services with rules of their own
+    uint64_t needless_ = 0;      // messages that a service's rules brought for nobody
 
     std::vector<Entry*> searched_;
     Slot search_; // the question that is under way
@@ -287,6 +304,7 @@ class Hub
     int64_t search_due_ = 0;
     std::string asked_; // the one object that the search is for; empty: all
     std::vector<Rule*> mapper_rules_;
+    Rule* searched_rule_ = nullptr; // announcements of what nobody has yet
 };
 
 } // namespace bmcbus::live

@@ -15,12 +15,18 @@ namespace
 
 constexpr const char* managerInterface = "org.freedesktop.DBus.ObjectManager";
 
-// The longest path that all of them are at or below; `common` is below it, too.
+} // namespace
+
+bool IsBelow(const std::string& path, const std::string& manager)
+{
+    return manager == "/" || path == manager || path.starts_with(manager + "/");
+}
+
 std::string CommonPath(std::string common, const std::vector<Entry*>& entries)
 {
     for (const Entry* entry : entries)
     {
-        while (common != "/" && entry->path() != common && !entry->path().starts_with(common + "/"))
+        while (!IsBelow(entry->path(), common))
         {
             const size_t slash = common.rfind('/');
             common.resize(std::max<size_t>(slash, 1));
@@ -28,8 +34,6 @@ std::string CommonPath(std::string common, const std::vector<Entry*>& entries)
     }
     return common;
 }
-
-} // namespace
 
 // One of the paths that a manager is wanted for.
 std::string Hub::FirstPath(const Peer& peer) const
@@ -71,6 +75,16 @@ std::string Hub::NextGuess(Peer& peer) const
         ++peer.guesses;
     }
     return path;
+}
+
+// Its present owner has a manager there; of one below another the upper lists more.
+void Hub::ManagerIs(Peer& peer, const std::string& path)
+{
+    peer.manages = true;
+    if (peer.manager.empty() || IsBelow(peer.manager, path))
+    {
+        peer.manager = path;
+    }
 }
 
 bool Hub::List(Peer& peer)
@@ -133,19 +147,15 @@ void Hub::EndListing(Peer& peer)
 int Hub::OnListing(sd_bus_message* answer, void* user_data, sd_bus_error* /*error*/) noexcept
 {
     Peer& peer = *static_cast<Peer*>(user_data);
-    Hub* const hub = Find(sd_bus_message_get_bus(answer));
-    if (hub == nullptr)
-    {
-        return 1;
-    }
-    const Scope scope(*hub);
-    hub->Guard(
+    Hub& hub = *peer.hub;
+    const Scope scope(hub);
+    hub.Guard(
         [&]
         {
             const bool failed = sd_bus_message_get_error(answer) != nullptr;
             if (!failed)
             {
-                hub->Guard([&] { hub->ReadList(peer, answer); });
+                hub.Guard([&] { hub.ReadList(peer, answer); });
             }
             else if (peer.manager == peer.asked)
             {
@@ -155,16 +165,16 @@ int Hub::OnListing(sd_bus_message* answer, void* user_data, sd_bus_error* /*erro
             peer.singly = peer.manager == peer.asked;
             if (peer.singly)
             {
-                hub->SetsListed(peer, true);
+                hub.SetsListed(peer, true);
             }
             std::vector<Entry*> missing = peer.listed;
             std::erase_if(missing, [](Entry* entry) { return entry->awaits != Awaits::Listing; });
-            hub->EndListing(peer);
+            hub.EndListing(peer);
             for (Entry* entry : missing)
             {
-                hub->WantRead(*entry);
+                hub.WantRead(*entry);
             }
-            hub->Flush();
+            hub.Flush();
         });
     return 1;
 }
@@ -192,7 +202,7 @@ void Hub::ReadObject(Peer& peer, sd_bus_message* answer)
                    });
     if (wanted)
     {
-        peer.manager = peer.asked;
+        ManagerIs(peer, peer.asked);
         ReadInterfaces(peer, path, answer);
         if (!WantsSetList(peer))
         {
@@ -262,14 +272,10 @@ bool Hub::AskMapperForManager(Peer& peer)
 int Hub::OnManagers(sd_bus_message* answer, void* user_data, sd_bus_error* /*error*/) noexcept
 {
     Peer& peer = *static_cast<Peer*>(user_data);
-    Hub* const hub = Find(sd_bus_message_get_bus(answer));
-    if (hub == nullptr)
-    {
-        return 1;
-    }
-    const Scope scope(*hub);
-    hub->EndListing(peer);
-    hub->Guard(
+    Hub& hub = *peer.hub;
+    const Scope scope(hub);
+    hub.EndListing(peer);
+    hub.Guard(
         [&]
         {
             const sd_bus_error* const error = sd_bus_message_get_error(answer);
@@ -280,9 +286,9 @@ int Hub::OnManagers(sd_bus_message* answer, void* user_data, sd_bus_error* /*err
             {
                 Tree tree;
                 client::Read(answer, tree);
-                hub->TakeManager(peer, tree);
+                hub.TakeManager(peer, tree);
             }
-            hub->Flush();
+            hub.Flush();
         });
     return 1;
 }

@@ -13,6 +13,7 @@ Peer& Hub::PeerOf(const std::string& name)
     Peer& peer = at->second;
     if (fresh)
     {
+        peer.hub = this;
         peer.name = name;
         peer.owner_rule = rules_.Use(OwnerRule(name));
         AskOwner(peer);
@@ -21,43 +22,79 @@ Peer& Hub::PeerOf(const std::string& name)
 }
 
 // The daemon handles the rule first, so no change is missed, and the answer is the newest of all.
-bool Hub::AskOwner(Peer& peer)
+void Hub::AskOwner(Peer& peer)
 {
     sd_bus_slot* slot = nullptr;
-    const int result = sd_bus_call_method_async(
+    static_cast<void>(sd_bus_call_method_async(
         bus(), &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetNameOwner", OnNameOwner, &peer, "s", peer.name.c_str());
+        "GetNameOwner", OnNameOwner, &peer, "s", peer.name.c_str()));
     peer.question.reset(slot);
-    return result >= 0;
 }
 
 int Hub::OnNameOwner(sd_bus_message* answer, void* user_data, sd_bus_error* /*error*/) noexcept
 {
     Peer& peer = *static_cast<Peer*>(user_data);
-    // Of the hub that holds the peer: the filter's user data is not at hand here.
-    Hub* const hub = Find(sd_bus_message_get_bus(answer));
-    if (hub == nullptr)
-    {
-        return 1;
-    }
-    const Scope scope(*hub);
+    Hub& hub = *peer.hub;
+    const Scope scope(hub);
     peer.question.reset();
-    const char* owner = nullptr;
-    if (sd_bus_message_get_error(answer) == nullptr)
-    {
-        static_cast<void>(sd_bus_message_read_basic(answer, SD_BUS_TYPE_STRING, &owner));
-    }
-    hub->Guard(
+    hub.Guard(
         [&]
         {
-            hub->OwnerIs(peer, owner != nullptr ? owner : "");
-            if (owner == nullptr && !hub->search_)
+            const sd_bus_error* const error = sd_bus_message_get_error(answer);
+            const bool none = sd_bus_error_has_name(error, SD_BUS_ERROR_NAME_HAS_NO_OWNER) != 0;
+            const char* owner = "";
+            if (error == nullptr)
             {
-                hub->SearchAgain();
+                static_cast<void>(sd_bus_message_read_basic(answer, SD_BUS_TYPE_STRING, &owner));
             }
-            hub->Flush();
+            if (error == nullptr || none)
+            {
+                hub.OwnerIs(peer, owner);
+            }
+            if (peer.owner_rule->refused())
+            {
+                hub.Unsure(peer, peer.owner_rule->failure());
+            }
+            else if (error != nullptr && !none)
+            {
+                hub.Unsure(peer, FailureOf(error));
+            }
+            if (none)
+            {
+                hub.SearchElsewhere(peer);
+            }
+            hub.Flush();
         });
     return 1;
+}
+
+// Another owner would not be told, or who it is was not: both are asked for again.
+void Hub::Unsure(Peer& peer, const Failure& failure)
+{
+    peer.unsure = true;
+    for (Entry* entry : peer.entries)
+    {
+        entry->failure = std::make_unique<Failure>(failure);
+    }
+    if (owners_due_ == 0)
+    {
+        owners_due_ = Now() + PauseAfter(owner_failures_);
+        owner_failures_ = static_cast<uint8_t>(std::min(owner_failures_ + 1, 100));
+        Arm();
+    }
+}
+
+void Hub::AskOwnersAgain()
+{
+    owners_due_ = 0;
+    for (auto& [name, peer] : peers_)
+    {
+        if (std::exchange(peer.unsure, false))
+        {
+            rules_.Retry(peer.owner_rule);
+            AskOwner(peer);
+        }
+    }
 }
 
 Peer* Hub::OwnedBy(const char* owner)
@@ -84,14 +121,10 @@ void Hub::Attach(Entry& entry, Peer& peer)
     peer.entries.push_back(&entry);
     peer.uncovered = true;
     peer.signals += entry.signal != nullptr ? 1 : 0;
+    WantRead(entry); // if the owner is known already
     if (!peer.question)
     {
-        // The owner is known already. What is asked for until the tick goes out together.
-        if (!peer.owner.empty())
-        {
-            WantRead(entry);
-        }
-        Tick();
+        Tick(); // what is asked for until then goes out together
     }
 }
 
@@ -126,7 +159,7 @@ void Hub::OwnerIs(Peer& peer, const char* owner)
     peer.owner = owner;
     peer.guesses = 0;
     peer.asked_mapper = peer.no_mapper = false;
-    peer.singly = false;
+    peer.singly = peer.manages = false;
     if (!peer.owner.empty())
     {
         for (Entry* entry : peer.entries)

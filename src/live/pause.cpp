@@ -38,6 +38,10 @@ void Hub::Pause(Entry& entry)
 void Hub::Arm()
 {
     int64_t due = search_ ? 0 : search_due_; // one that is under way sees to the next
+    if (owners_due_ != 0)
+    {
+        due = due == 0 ? owners_due_ : std::min(due, owners_due_);
+    }
     for (const Entry* entry : pausing_)
     {
         due = due == 0 ? entry->due : std::min(due, entry->due);
@@ -89,6 +93,10 @@ void Hub::CheckDue()
         {
             WantRead(*entry);
         }
+    }
+    if (owners_due_ != 0 && owners_due_ <= now)
+    {
+        AskOwnersAgain();
     }
     flush_ = true;
     Arm();

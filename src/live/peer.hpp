@@ -17,10 +17,12 @@ namespace bmcbus::live
 
 struct Peer
 {
+    Hub* hub = nullptr;
     std::string name;
     std::string owner; // its unique name; empty: none, or not known yet
     Rule* owner_rule = nullptr;
-    Slot question; // GetNameOwner
+    Slot question;       // GetNameOwner
+    bool unsure = false; // its answer says nothing, or not for long: to be asked again
 
     std::vector<Entry*> entries;
     size_t signals = 0; // entries that are signals
@@ -39,6 +41,7 @@ struct Peer
     std::vector<Entry*> listed; // what a GetManagedObjects under way is to bring
     Slot listing;               // that, or the question to the mapper where the manager is
     std::string manager;        // path of the object manager; empty: not known
+    bool manages = false;       // and the present owner was seen to have one
     std::string asked;          // path of the one that is being asked
     bool asked_mapper = false;
     bool no_mapper = false;                          // there was none to ask

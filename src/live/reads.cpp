@@ -24,11 +24,6 @@ bool SaysGone(const Failure& failure)
     return std::ranges::find(names, failure.name) != std::end(names);
 }
 
-bool IsBelow(const std::string& path, const std::string& manager)
-{
-    return manager == "/" || path == manager || path.starts_with(manager + "/");
-}
-
 } // namespace
 
 void Hub::WantRead(Entry& entry)
@@ -46,8 +41,10 @@ void Hub::WantRead(Entry& entry)
     EndSearch(entry);
     if (entry.signal != nullptr)
     {
-        // Nothing is read; what is sent from now on arrives.
-        SetState(entry, LiveState::Live);
+        // Nothing is read; what is sent arrives once its rules are in force.
+        RetryRules(entry);
+        entry.awaits = Awaits::Rules;
+        Hear(entry);
         return;
     }
     entry.awaits = Awaits::Turn;
@@ -63,6 +60,7 @@ void Hub::CancelRead(Entry& entry)
     switch (std::exchange(entry.awaits, Awaits::Nothing))
     {
         case Awaits::Nothing:
+        case Awaits::Rules:
             break;
         case Awaits::Turn:
             std::erase(entry.peer->queue, &entry);
@@ -272,7 +270,7 @@ void Hub::ReadFailed(Entry& entry, Failure failure)
             return; // it was a member of a set
         }
         // Where there is a manager it will say when the object comes.
-        if (!entry.peer->manager.empty() && IsBelow(entry.path(), entry.peer->manager))
+        if (entry.peer->manages && IsBelow(entry.path(), entry.peer->manager))
         {
             return;
         }

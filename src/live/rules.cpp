@@ -40,6 +40,12 @@ std::string PathManagerRule(const std::string& path)
     return manager + ("arg0path='" + path + "'");
 }
 
+// Of everything below `root`, not of the object at it.
+std::string BelowManagerRule(const std::string& root)
+{
+    return manager + ("arg0path='" + (root == "/" ? root : root + "/") + "'");
+}
+
 std::string ServiceChangesRule(const std::string& name, const char* interface)
 {
     return properties + ("sender='" + name + "',arg0='" + interface + "'");

@@ -70,6 +70,7 @@ std::string OwnerRule(const std::string& name);
 std::string PathChangesRule(const std::string& path);
 std::string SignalRule(const std::string& path, const char* interface, const char* member);
 std::string PathManagerRule(const std::string& path);
+std::string BelowManagerRule(const std::string& root);
 std::string ServiceChangesRule(const std::string& name, const char* interface);
 std::string ServiceManagerRule(const std::string& name);
 

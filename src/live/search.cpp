@@ -52,7 +52,7 @@ void Hub::WantSearch(Entry& entry)
     }
     entry.searched = true;
     searched_.push_back(&entry);
-    searches_ = 0;
+    searches_ = entry.failures == 0 ? 0 : searches_; // each answer that it is gone asks less
     search_due_ = 1;
     search_again_ = search_ != nullptr;
     Tick();
@@ -135,6 +135,27 @@ int Hub::OnSearch(sd_bus_message* answer, void* user_data, sd_bus_error* /*error
     return 1;
 }
 
+// Who may have it. Who had it last is named for a while after it has gone, so the others come
+// before it, one after the other.
+const std::string* Hub::NextService(const Tree::mapped_type& services, const char* interface,
+                                    const Peer* last)
+{
+    const std::string* first = nullptr;
+    for (const auto& [service, interfaces] : services)
+    {
+        if (std::ranges::find(interfaces, interface) == interfaces.end())
+        {
+            continue;
+        }
+        if (last == nullptr || service > last->name)
+        {
+            return &service;
+        }
+        first = first != nullptr ? first : &service;
+    }
+    return first;
+}
+
 void Hub::Found(sd_bus_message* answer)
 {
     Tree tree;
@@ -154,24 +175,9 @@ void Hub::Found(sd_bus_message* answer)
         {
             continue;
         }
-        // Who had it last is named for a while after it has gone; anybody else comes first.
-        const std::string* best = nullptr;
-        for (const auto& [service, interfaces] : at->second)
+        if (const std::string* next = NextService(at->second, entry->interface(), entry->peer))
         {
-            const bool has = std::ranges::find(interfaces, entry->interface()) != interfaces.end();
-            const bool other = entry->peer == nullptr || entry->peer->name != service;
-            if (has && (best == nullptr || other))
-            {
-                best = &service;
-                if (other)
-                {
-                    break;
-                }
-            }
-        }
-        if (best != nullptr)
-        {
-            Peer& peer = PeerOf(*best);
+            Peer& peer = PeerOf(*next);
             Attach(*entry, peer);
             if (peer.manager.empty())
             {
@@ -221,15 +227,52 @@ void Hub::SearchAgain()
         search_due_ = Now() + PauseAfter(searches_++);
         Arm();
     }
-    if (searched_.size() <= withRules)
+    FollowSearched();
+}
+
+// What nobody has yet is heard of by rules of its own, and what is more than these by one for all
+// that is announced near it.
+void Hub::FollowSearched()
+{
+    std::vector<Entry*> bare;
+    for (Entry* entry : searched_)
     {
-        for (Entry* entry : searched_)
+        if (entry->peer != nullptr || entry->changes_rule != nullptr)
         {
-            if (entry->peer == nullptr && paths_ < withRules)
-            {
-                UsePathRules(*entry);
-            }
+            continue;
         }
+        if (searched_.size() <= withRules && paths_ < withRules)
+        {
+            UsePathRules(*entry);
+        }
+        else
+        {
+            bare.push_back(entry);
+        }
+    }
+    Rule* before = std::exchange(searched_rule_, nullptr);
+    if (!bare.empty())
+    {
+        std::string near = CommonPath(bare.front()->path(), bare);
+        near.resize(std::max<size_t>(near.rfind('/'), 1));
+        searched_rule_ = rules_.Use(BelowManagerRule(near));
+    }
+    rules_.Drop(before);
+}
+
+// The name has no owner. Members of sets may be another's, whom the mapper knows or will know.
+void Hub::SearchElsewhere(const Peer& peer)
+{
+    for (const Entry* entry : peer.entries)
+    {
+        if (entry->set != nullptr && entry->set->peer == nullptr)
+        {
+            entry->set->searched = true;
+        }
+    }
+    if (!search_)
+    {
+        SearchAgain();
     }
 }
 
@@ -246,6 +289,10 @@ void Hub::FollowMapper(bool follow)
     if (follow && mapper_rules_.empty())
     {
         mapper_rules_ = {rules_.Use(OwnerRule(mapperService)), rules_.Use(LearnedRule())};
+    }
+    if (!follow)
+    {
+        rules_.Drop(searched_rule_);
     }
     if (!follow && std::ranges::none_of(sets_, [](const auto& set) { return set->by_mapper; }))
     {

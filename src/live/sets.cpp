@@ -74,9 +74,7 @@ void Hub::Add(std::unique_ptr<Set> owned, const std::string& service)
     Set& set = *owned;
     set.hub = this;
     sets_.push_back(std::move(owned));
-    set.added_rule =
-        rules_.Use("type='signal',interface='org.freedesktop.DBus.ObjectManager',arg0path='" +
-                   (set.root == "/" ? set.root : set.root + "/") + "'");
+    set.added_rule = rules_.Use(BelowManagerRule(set.root));
     if (service.empty())
     {
         set.by_mapper = true;
@@ -129,21 +127,22 @@ void Hub::Remove(Set& set)
     }
 }
 
-// Makes a member where there is none, and has one that nobody else has any more move to `peer`.
-void Hub::Member(Set& set, const char* path, Peer& peer)
+// Makes a member where there is none, and has one that nobody else has any more move to `service`.
+void Hub::Member(Set& set, const char* path, const std::string& service)
 {
     if (Entry* const known = set.Find(path))
     {
-        if (known->peer != &peer && known->peer->owner.empty())
+        const Peer& has = *known->peer;
+        if (has.name != service && has.owner.empty() && !has.question)
         {
-            Attach(*known, peer);
+            Attach(*known, PeerOf(service));
         }
         return;
     }
     auto entry = Entry::Make(set.about, path, set.hooks);
     entry->set = &set;
     set.Insert(*entry);
-    Add(std::move(entry), peer.name);
+    Add(std::move(entry), service);
 }
 
 void Hub::RemoveMember(Entry& entry)
@@ -181,8 +180,8 @@ bool Hub::MembersAdded(sd_bus_message* message, const char* path)
                 : sender;
         if (theirs != nullptr && (set->peer == nullptr || set->peer == theirs))
         {
-            theirs->manager = sd_bus_message_get_path(message);
-            Member(*set, path, *theirs);
+            ManagerIs(*theirs, sd_bus_message_get_path(message));
+            Member(*set, path, theirs->name);
         }
         else if (set->peer == nullptr)
         {
@@ -226,7 +225,7 @@ void Hub::Listed(Peer& peer, const char* path, sd_bus_message* message)
         if (set->peer == &peer && set->listed && set->Covers(path) &&
             std::ranges::find(interfaces, set->about.interface->name) != interfaces.end())
         {
-            peer.manager = peer.asked;
+            ManagerIs(peer, peer.asked);
             peer.found.emplace_back(set.get(), path);
         }
     }
@@ -248,7 +247,7 @@ void Hub::SetsListed(Peer& peer, bool asked)
     }
     for (const auto& [set, path] : std::exchange(peer.found, {}))
     {
-        Member(*set, path.c_str(), peer);
+        Member(*set, path.c_str(), peer.name);
     }
 }
 
@@ -278,14 +277,20 @@ void Hub::MembersFound(const Tree& tree)
             {
                 continue;
             }
-            for (const auto& [service, interfaces] : services)
+            Tree::mapped_type theirs;
+            if (const auto own =
+                    set->peer != nullptr ? services.find(set->peer->name) : services.end();
+                own != services.end())
             {
-                const bool theirs = set->peer == nullptr || set->peer->name == service;
-                if (theirs &&
-                    std::ranges::find(interfaces, set->about.interface->name) != interfaces.end())
-                {
-                    Member(*set, path.c_str(), PeerOf(service));
-                }
+                theirs.insert(*own);
+            }
+            const Entry* const known = set->Find(path);
+            const std::string* const service =
+                NextService(set->peer != nullptr ? theirs : services, set->about.interface->name,
+                            known != nullptr ? known->peer : nullptr);
+            if (service != nullptr)
+            {
+                Member(*set, path.c_str(), *service);
             }
         }
     }

@@ -24,6 +24,7 @@ using bmcbus::LiveState;
 using kit::Value;
 
 using Fans = ClientCache::com::tamm::bmc::Thermal::FanReporting;
+using FanSignal = ClientCache::FanReporting::notifyFanReportingData;
 using FanMap = std::map<std::string, std::tuple<uint8_t, uint8_t, uint8_t, bool>>;
 using Lines = std::vector<std::string>;
 

@@ -87,6 +87,25 @@ TEST_F(LiveMany, AServiceThatHangsDoesNotDelayAnother)
     fans->Release();
 }
 
+// The manager of the one used to be asked for all.
+TEST_F(LiveMany, AManagerBelowAnother)
+{
+    Make(40);
+    fans->Manage("/");
+    FollowAll(40);
+    ASSERT_TRUE(AllLive());
+    fans->Manage(Path(3));
+    fans->RemoveObject(Path(3));
+    fans->AddObject(Path(3), {fanInterface});
+    Deliver();
+    fans->Crash();
+    ASSERT_TRUE(Becomes(lives[0], LiveState::Lost));
+    fans->ClearCalls();
+    fans->Start();
+    ASSERT_TRUE(AllLive());
+    EXPECT_LE(fans->Calls("GetAll").size(), 1U);
+}
+
 class LiveManager : public LiveMany
 {
 };
@@ -204,10 +223,19 @@ TEST_F(LiveMany, ARefusedRuleMakesNothingLive)
     }
     FollowAll(1);
     ASSERT_TRUE(Until([&] { return lives[0].Report().reads > 0; }));
+    const bmcbus::LiveSignal<FanSignal> signal(connection, Path(0), {.service = fanService});
+    lives.push_back(Follow("com.example.Others"));
+    Deliver();
     EXPECT_NE(lives[0].State(), LiveState::Live);
+    EXPECT_NE(signal.State(), LiveState::Live) << "used to be, and heard nothing";
     EXPECT_EQ(lives[0].Report().error, "org.freedesktop.DBus.Error.LimitsExceeded");
+    // Who came and went meanwhile used to be unknown for good.
+    fans->Crash();
+    fans->Start();
+    const kit::FakeService others("com.example.Others", fanPath, {fanInterface});
     taken.clear();
     ASSERT_TRUE(AllLive());
+    EXPECT_TRUE(Until([&] { return signal.State() == LiveState::Live; }));
     fans->ObjectAt(Path(0)).Set("fanCount", uint8_t{9});
     Deliver();
     EXPECT_EQ(lives[0]->Get_fanCount(), 9);

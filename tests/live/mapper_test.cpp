@@ -115,6 +115,25 @@ TEST_F(LiveByMapper, ManyShareOneQuestion)
     EXPECT_LE(mapper->Calls().size(), 2U) << "who has them, and once more where the manager is";
 }
 
+// More than have rules of their own used to wait for the mapper's next word.
+TEST_F(LiveByMapper, ManyAreAnnouncedToNobody)
+{
+    mapper = std::make_unique<kit::FakeMapper>();
+    fans = std::make_unique<kit::FakeService>(std::vector<std::string>{fanService});
+    fans->Manage("/");
+    std::vector<bmcbus::Live<Fans>> lives;
+    for (int i = 0; i < 20; ++i)
+    {
+        lives.push_back(Follow("", fanPath + "/" + std::to_string(i)));
+    }
+    ASSERT_TRUE(Until([&] { return bmcbus::ReportLive(connection).rules == 3; }))
+        << "two of the mapper, one of what is announced";
+    const auto has = Value::Dictionary("s", "as", {{fanService, Lines{fanInterface}}});
+    mapper->On("GetSubTree").Reply({Value::Dictionary("s", "a{sas}", {{fanPath + "/3", has}})});
+    fans->AddObject(fanPath + "/3", {fanInterface});
+    EXPECT_TRUE(Becomes(lives[3], LiveState::Live));
+}
+
 TEST_F(LiveByMapper, NothingIsAskedWhileNothingHappens)
 {
     mapper = std::make_unique<kit::FakeMapper>();

@@ -173,6 +173,37 @@ TEST_F(LiveSets, EndedByAnotherCallbackOfTheMessage)
     EXPECT_THAT(Seen(), IsEmpty());
 }
 
+// The last handle used to be freed, and the connection's record with it, in the middle of the end.
+TEST_F(LiveSets, OwnedHandlesEndWithTheirCallables)
+{
+    StartTrays({"a"});
+    std::optional<bmcbus::LiveSet<Fans>> set;
+    auto owned = std::make_unique<bmcbus::Live<Fans>>(Follow());
+    set.emplace(connection, root,
+                bmcbus::LiveSetOptions<Fans>{.service = fanService,
+                                             .on_add = [&, held = std::move(owned)](Fans&)
+                                             { set.reset(); }});
+    EXPECT_TRUE(Until([&] { return !set; }));
+    EXPECT_EQ(bmcbus::ReportLive(connection).objects.size(), 0U);
+}
+
+// A member used to stay with the last service that the mapper named, though that had gone.
+TEST_F(LiveSets, OfTwoServicesTheOneThatIsThere)
+{
+    mapper = std::make_unique<kit::FakeMapper>();
+    for (const char* gone : {"com.example.A", "com.example.Z"})
+    {
+        mapper->Add(Path("a"), gone, {fanInterface});
+    }
+    StartTrays({"a"}, false);
+    const bmcbus::LiveSet<Fans> set = FollowSet("");
+    ASSERT_TRUE(Until([&] { return set.size() == 1; }));
+    const kit::FakeService other("com.example.Z", Path("a"), {fanInterface});
+    fans->Crash();
+    EXPECT_TRUE(Until([&] { return set.Report(Path("a"))->service == "com.example.Z"; }));
+    EXPECT_TRUE(Until([&] { return set.State(Path("a")) == LiveState::Live; }));
+}
+
 // New objects used to be taken for those of its other name.
 TEST_F(LiveSets, OfAnOwnerWithTwoNames)
 {
@@ -186,8 +217,6 @@ TEST_F(LiveSets, OfAnOwnerWithTwoNames)
     Plug("b");
     EXPECT_TRUE(Until([&] { return set.size() == 2; }));
 }
-
-using FanSignal = ClientCache::FanReporting::notifyFanReportingData;
 
 class LiveSignals : public LiveTest
 {
