@@ -82,11 +82,15 @@ Handle::~Handle()
 
 LiveState Handle::State() const
 {
-    return entry_->state();
+    return entry_ != nullptr ? entry_->state() : LiveState::Absent;
 }
 
 std::optional<std::chrono::microseconds> Handle::Age() const
 {
+    if (entry_ == nullptr)
+    {
+        return {};
+    }
     const std::lock_guard lock(entry_->mutex());
     if (entry_->stale_since < 0)
     {
@@ -97,7 +101,7 @@ std::optional<std::chrono::microseconds> Handle::Age() const
 
 LiveReport Handle::Report() const
 {
-    return ReportOf(*entry_);
+    return entry_ != nullptr ? ReportOf(*entry_) : LiveReport();
 }
 
 SetHandle::SetHandle(sd_bus* bus, const client::CachedClass& about, std::string root,
@@ -121,7 +125,7 @@ SetHandle::~SetHandle()
 
 size_t SetHandle::size() const
 {
-    return set_->there.size();
+    return set_ != nullptr ? set_->there.size() : 0;
 }
 
 void* SetHandle::At(size_t index) const
@@ -131,13 +135,13 @@ void* SetHandle::At(size_t index) const
 
 void* SetHandle::Find(std::string_view path) const
 {
-    const Entry* const entry = set_->Find(path);
+    const Entry* const entry = set_ != nullptr ? set_->Find(path) : nullptr;
     return entry != nullptr && entry->added ? entry->object : nullptr;
 }
 
 std::optional<LiveReport> SetHandle::Report(std::string_view path) const
 {
-    const Entry* const entry = set_->Find(path);
+    const Entry* const entry = set_ != nullptr ? set_->Find(path) : nullptr;
     return entry != nullptr ? std::optional(ReportOf(*entry)) : std::nullopt;
 }
 

@@ -50,28 +50,34 @@ namespace
 
 const Hub* HubFor(sd_bus* bus)
 {
-    if (bus != nullptr)
+    if (bus == nullptr)
     {
-        return Hub::Find(bus);
+        // Without one there are no live objects, and none is opened for the question.
+        if (sd_bus_default_system(nullptr) <= 0)
+        {
+            return nullptr;
+        }
+        const BusRef own = DefaultBus();
+        return Hub::Find(own.get());
     }
-    const BusRef own = DefaultBus();
-    return Hub::Find(own.get());
+    return Hub::Find(bus);
 }
 
 // One line; the numbers are those of LiveReport.
-std::string Row(const LiveReport& report, int width)
+std::string Row(const LiveReport& report, size_t width)
 {
-    char text[512];
+    char text[160];
     const double since = std::chrono::duration<double>(report.since).count();
     const double slowest =
         std::chrono::duration<double, std::milli>(report.slowest_callback).count();
-    static_cast<void>(std::snprintf(
-        text, sizeof(text),
-        "%-*s %-7s %9.1f s  %-10s %6" PRIu32 " %7" PRIu32 " %9" PRIu32 " %7" PRIu32
-        " %8.1f ms  %s\n",
-        width, report.path.c_str(), Name(report.state), since, report.owner.c_str(), report.reads,
-        report.signals, report.strangers, report.refused, slowest, report.error.c_str()));
-    return text;
+    static_cast<void>(std::snprintf(text, sizeof(text),
+                                    " %-7s %9.1f s  %-10.64s %6" PRIu32 " %7" PRIu32 " %9" PRIu32
+                                    " %7" PRIu32 " %8.1f ms  ",
+                                    Name(report.state), since, report.owner.c_str(), report.reads,
+                                    report.signals, report.strangers, report.refused, slowest));
+    std::string line = report.path;
+    line.resize(std::max(width, line.size()), ' ');
+    return line + text + report.error + "\n";
 }
 
 } // namespace
@@ -97,16 +103,16 @@ LiveReports ReportLive(sd_bus* bus)
 std::string ReportLiveTable(sd_bus* bus)
 {
     const LiveReports reports = ReportLive(bus);
-    int width = 4;
+    size_t width = 4;
     for (const LiveReport& report : reports.objects)
     {
-        width = std::max(width, static_cast<int>(std::min<size_t>(report.path.size(), 200)));
+        width = std::max(width, std::min<size_t>(report.path.size(), 200));
     }
     char heading[512];
-    static_cast<void>(std::snprintf(heading, sizeof(heading),
-                                    "%-*s %-7s %9s    %-10s %6s %7s %9s %7s %8s     %s\n", width,
-                                    "path", "state", "since", "owner", "reads", "signals",
-                                    "strangers", "refused", "slowest", "last error"));
+    static_cast<void>(std::snprintf(
+        heading, sizeof(heading), "%-*s %-7s %9s    %-10s %6s %7s %9s %7s %8s     %s\n",
+        static_cast<int>(width), "path", "state", "since", "owner", "reads", "signals", "strangers",
+        "refused", "slowest", "last error"));
     std::string table = heading;
     for (const LiveReport& report : reports.objects)
     {

@@ -2,6 +2,8 @@
 
 #include "fixture.hpp"
 
+#include <thread>
+
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -313,6 +315,45 @@ TEST_F(LiveObject, MovesAndIsReplaced)
     EXPECT_EQ(moved.State(), LiveState::Absent);
     // Used to go on with the object of the other.
     EXPECT_EQ(bmcbus::ReportLive(connection).objects.size(), 1U);
+    // Used to end the program.
+    EXPECT_EQ(live.State(), LiveState::Absent); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(live.Age(), std::nullopt);
+    EXPECT_EQ(live.Report().path, "");
+    bmcbus::LiveSet<Fans> set(connection, "/com");
+    const bmcbus::LiveSet<Fans> taken = std::move(set);
+    EXPECT_TRUE(set.empty() && set.begin() == set.end()); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(set.Find(fanPath), nullptr);
+    EXPECT_EQ(set.State(fanPath), LiveState::Absent);
+}
+
+// A null pointer used to be called, and an empty std::function logged at each message.
+TEST_F(LiveObject, CallablesThatHoldNoneAreNone)
+{
+    StartFans();
+    void (*const none)(Fans&, const bmcbus::Changes&) = nullptr;
+    const bmcbus::Live<Fans> live(connection, fanPath,
+                                  {.service = fanService,
+                                   .on_change = none,
+                                   .on_state = std::function<void(Fans&, LiveState)>()});
+    test::ClearLog();
+    ASSERT_TRUE(Becomes(live, LiveState::Live));
+    EXPECT_THAT(test::Log(2), IsEmpty());
+}
+
+// The manager of the former owner used to be waited for.
+TEST_F(LiveObject, ANewOwnerWithoutAManager)
+{
+    StartFans();
+    fans->Manage("/com/example");
+    const bmcbus::Live<Fans> live = Follow();
+    ASSERT_TRUE(Becomes(live, LiveState::Live));
+    fans->RemoveObject(fanPath);
+    ASSERT_TRUE(Becomes(live, LiveState::Lost));
+    fans.reset();
+    fans = std::make_unique<kit::FakeService>(Lines{fanService});
+    ASSERT_TRUE(Until([&] { return live.Report().reads == 2; }));
+    fans->AddObject(fanPath, {fanInterface});
+    EXPECT_TRUE(Becomes(live, LiveState::Live));
 }
 
 // What was known already used to be told before the handle had its name.
@@ -337,12 +378,15 @@ TEST_F(LiveObject, NamesThatAreNoneAreRefused)
 TEST_F(LiveObject, TheConnectionEnds)
 {
     const bmcbus::Live<Fans> live = Running();
-    fans.reset();
-    ASSERT_TRUE(Becomes(live, LiveState::Lost));
+    const bmcbus::LiveSignal<FanSignal> signal(connection, fanPath, {.service = fanService});
+    ASSERT_TRUE(Until([&] { return signal.State() == LiveState::Live; }));
     bus.Kill();
     while (sd_bus_process(connection, nullptr) > 0)
     {
     }
+    fans.reset();
+    EXPECT_EQ(signal.Report().missed, 1U);
+    EXPECT_THROW(Follow(), bmcbus::Error) << "on what has ended";
     sd_bus_unref(connection);
     connection = nullptr;
     EXPECT_THAT(Seen(), ElementsAre("Lost"));
@@ -387,6 +431,16 @@ TEST_F(LiveObject, ReportsItself)
     EXPECT_EQ(report.reads, 1U);
     EXPECT_THAT(bmcbus::ReportLiveTable(connection), HasSubstr(fanPath + " Live"));
     EXPECT_EQ(bmcbus::ReportLive(connection).objects.size(), 1U);
+    const bmcbus::Live<Fans> longest = Follow(fanService, "/" + std::string(600, 'x'));
+    EXPECT_THAT(bmcbus::ReportLiveTable(connection), HasSubstr("ms  \n2 objects"));
+    // A thread without a connection used to open one for the question.
+    std::thread(
+        []
+        {
+            EXPECT_EQ(bmcbus::ReportLive().rules, 0U);
+            EXPECT_EQ(sd_bus_default_system(nullptr), 0);
+        })
+        .join();
 }
 
 } // namespace

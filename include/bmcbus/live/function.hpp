@@ -34,6 +34,14 @@ class Function
         Function(Callable&& callable) // NOLINT(google-explicit-constructor)
     {
         using Held = std::remove_cvref_t<Callable>;
+        if constexpr (std::is_assignable_v<Held&, std::nullptr_t> &&
+                      std::is_constructible_v<bool, const Held&>)
+        {
+            if (!static_cast<bool>(callable))
+            {
+                return; // a pointer or a std::function that holds none
+            }
+        }
         if constexpr (isSmall<Held>)
         {
             ::new (&held_) Held(std::forward<Callable>(callable));

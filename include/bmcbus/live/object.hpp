@@ -76,7 +76,7 @@ class Live
     {
     }
 
-    /** Takes the object; the handle moved from follows none. @{ */
+    /** Takes the object; the handle moved from follows none, and says `Absent`. @{ */
     Live(Live&&) noexcept = default;
     Live& operator=(Live&&) noexcept = default;
     /** @} */

@@ -66,12 +66,13 @@ class LiveSet
     {
     }
 
-    /** Takes the objects; the set moved from follows none. @{ */
+    /** Takes the objects; the set moved from follows none, and is empty. @{ */
     LiveSet(LiveSet&&) noexcept = default;
     LiveSet& operator=(LiveSet&&) noexcept = default;
     /** @} */
 
-    /** Walks over the objects in the order of their paths. */
+    /** Walks over the objects in the order of their paths; valid until the connection is
+     * dispatched. */
     class Iterator : public live::Stepper<Iterator, size_t>
     {
       public:

@@ -20,8 +20,8 @@ struct LiveSignalOptions
     /** Runs after each signal, with its arguments in the object. */
     live::Function<T&> on_signal = {};
 
-    /** Runs when signals may have been missed: the service went, or sent arguments of other types.
-     */
+    /** Runs when signals may have been missed: the service or the connection went, or arguments of
+     * other types came. */
     live::Function<T&> on_missed = {};
 
     /** Runs after each change of the state. */
@@ -50,7 +50,7 @@ class LiveSignal
     {
     }
 
-    /** Takes the signal; the handle moved from follows none. @{ */
+    /** Takes the signal; the handle moved from follows none, and says `Absent`. @{ */
     LiveSignal(LiveSignal&&) noexcept = default;
     LiveSignal& operator=(LiveSignal&&) noexcept = default;
     /** @} */
