@@ -180,6 +180,8 @@ bool Hub::MembersAdded(sd_bus_message* message, const char* path)
                 : sender;
         if (theirs != nullptr && (set->peer == nullptr || set->peer == theirs))
         {
+            // Where it stood was not known, and what it had was not listed.
+            set->listed = set->listed || (set->peer == theirs && theirs->manager.empty());
             ManagerIs(*theirs, sd_bus_message_get_path(message));
             Member(*set, path, theirs->name);
         }

@@ -131,6 +131,14 @@ TEST_F(LiveSets, WithoutManagerAndWithoutAnything)
     const bmcbus::LiveSet<Fans> empty(connection, "/com/example/none", {.service = fanService});
     Deliver();
     EXPECT_TRUE(empty.empty());
+    // A manager below the path used to be believed only what it announced.
+    mapper.reset();
+    fans.reset();
+    StartTrays({"a"});
+    const bmcbus::LiveSet<Fans> all(connection, "/", {.service = fanService});
+    Deliver();
+    Plug("b");
+    EXPECT_TRUE(Until([&] { return all.Find(Path("a")) != nullptr; }));
 }
 
 TEST_F(LiveSets, EndInTheirOwnCallbacks)

@@ -45,10 +45,10 @@ struct LiveOptions
  *
  * **Threads.** Make, move and destroy it on the thread that dispatches the connection; callbacks
  * run there, never inside the constructor. The values, State() and Age() may be read in any thread
- * as long as the handle lives. No lock is held while a callback runs. A callback may end any
- * handle, its own too; the object that it was given stays until it returns. A `std::exception` from
- * it is logged; nothing else may leave it. The constructor does not block, except that it waits for
- * a default connection to be up.
+ * while the handle lives and stays where it is. No lock is held while a callback runs. A callback
+ * may end any handle, its own too; the object that it was given stays until it returns. A
+ * `std::exception` from it is logged; nothing else may leave it. The constructor does not block,
+ * except that it waits for a default connection to be up.
  *
  * **The object** is one of the generated class whose matches and callbacks are not used: `Create`,
  * `InitialGetAll` and `AddCallback` do nothing for it, and `Release` is not for it.
