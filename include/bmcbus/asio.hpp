@@ -20,10 +20,14 @@
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/dispatch.hpp>
+#include <boost/asio/execution/context.hpp>
+#include <boost/asio/execution_context.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/query.hpp>
 #include <boost/asio/system_executor.hpp>
 
 #include <memory>
+#include <mutex>
 #include <type_traits>
 
 namespace bmcbus
@@ -32,14 +36,79 @@ namespace bmcbus
 namespace detail
 {
 
+/** The calls under way whose handlers a context is to run; they end with it. */
+class AsioCalls : public boost::asio::execution_context::service
+{
+  public:
+    /** One of them, on the heap. */
+    struct Entry
+    {
+        Entry() = default;
+        Entry(const Entry&) = delete;
+        Entry& operator=(const Entry&) = delete;
+        virtual ~Entry()
+        {
+            if (calls != nullptr)
+            {
+                calls->Remove(*this);
+            }
+        }
+
+        AsioCalls* calls = nullptr;
+        Entry* next = nullptr; // in the list of `calls`, as the next one
+        Entry** link = nullptr;
+    };
+
+    /** How asio finds it in a context. */
+    inline static boost::asio::execution_context::id id;
+
+    explicit AsioCalls(boost::asio::execution_context& context) : service(context) {}
+
+    void Add(Entry& entry)
+    {
+        const std::lock_guard lock(mutex);
+        entry.calls = this;
+        entry.next = first;
+        entry.link = &first;
+        if (first != nullptr)
+        {
+            first->link = &entry.next;
+        }
+        first = &entry;
+    }
+
+  private:
+    void Remove(Entry& entry)
+    {
+        const std::lock_guard lock(mutex);
+        *entry.link = entry.next;
+        if (entry.next != nullptr)
+        {
+            entry.next->link = entry.link;
+        }
+    }
+
+    void shutdown() noexcept override
+    {
+        while (first != nullptr)
+        {
+            delete first;
+        }
+    }
+
+    std::mutex mutex;
+    Entry* first = nullptr;
+};
+
 /** A call whose result goes to a handler of asio's, by the handler's executor. Frees itself. */
 template <class T, class Handler>
-class AsioCall
+class AsioCall : private AsioCalls::Entry
 {
   public:
     static void Begin(Handler handler, AsyncCall<T> call)
     {
         auto* self = new AsioCall(std::move(handler), std::move(call));
+        self->Join();
         bool ended = self->call_.await_ready();
         if (!ended)
         {
@@ -56,6 +125,19 @@ class AsioCall
     AsioCall(Handler&& handler, AsyncCall<T>&& call) :
         handler_(std::move(handler)), call_(std::move(call))
     {
+    }
+
+    void Join()
+    {
+        const auto executor = boost::asio::get_associated_executor(handler_);
+        using Executor = std::remove_const_t<decltype(executor)>;
+        if constexpr (!std::is_same_v<Executor, boost::asio::system_executor> &&
+                      boost::asio::can_query_v<Executor, boost::asio::execution::context_t>)
+        {
+            boost::asio::execution_context& context =
+                boost::asio::query(executor, boost::asio::execution::context);
+            boost::asio::use_service<AsioCalls>(context).Add(*this);
+        }
     }
 
     // A handler must not run inside the function that starts its operation.
@@ -89,7 +171,8 @@ class AsioCall
 /**
  * Sends @p call and gives its `Result<T>` to a completion token: `use_awaitable`, `use_future` of a
  * thread that does not dispatch, a handler. The handler runs by its own executor, on the thread
- * that dispatches the connection where it has none.
+ * that dispatches the connection where it has none. A context that is destroyed destroys its
+ * handlers, as asio does, and cancels their calls; that on the thread of the connection, too.
  */
 template <class T, class Token>
 auto Await(AsyncCall<T> call, Token&& token)

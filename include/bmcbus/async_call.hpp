@@ -47,6 +47,12 @@ void GoesOn(std::coroutine_handle<Promise> coroutine)
     }
 }
 
+/** What a call ends with that was awaited before, or moved elsewhere. */
+[[gnu::cold, gnu::noinline]] inline CallError SpentError()
+{
+    return CallError(CallFailure::Refused, error_name::refused, "The call has been made already");
+}
+
 /** Who goes on when a call has ended. */
 struct Waiter
 {
@@ -73,7 +79,8 @@ struct Waiter
  * A call that is sent when it is awaited; `co_await` gives its `Result<T>`.
  *
  * May be moved until then. Made by the `Async_…` members without a completion, and by `Request`.
- * Awaited once, on the thread that dispatches the connection. When the proxy is destroyed
+ * Awaited once, on the thread that dispatches the connection; again, or moved from, it is
+ * `CallFailure::Refused`. When the proxy is destroyed
  * meanwhile, the coroutine goes on with `CallFailure::Cancelled`.
  */
 template <class T>
@@ -97,7 +104,7 @@ class [[nodiscard]] AsyncCall : private detail::PendingCall
         message(std::move(other.message)),
         options(other.options),
         list(other.list),
-        type(other.type),
+        type(std::exchange(other.type, nullptr)),
         result(std::move(other.result))
     {
     }
@@ -129,7 +136,7 @@ class [[nodiscard]] AsyncCall : private detail::PendingCall
         return !ended;
     }
 
-    Result<T> await_resume() { return std::move(result); }
+    Result<T> await_resume() { return std::move(Ended()); }
     /** @} */
 
     /// @cond internal
@@ -144,7 +151,14 @@ class [[nodiscard]] AsyncCall : private detail::PendingCall
             early = nullptr;
         }
     }
-    Result<T>& Ended() { return result; }
+    Result<T>& Ended()
+    {
+        if (std::exchange(type, nullptr) == nullptr)
+        {
+            result = Unexpected(detail::SpentError());
+        }
+        return result;
+    }
     // Ends it as if it had not been sent, unless it has ended.
     void Abort()
     {
@@ -179,7 +193,7 @@ class [[nodiscard]] AsyncCall : private detail::PendingCall
     MessageRef message;
     CallOptions options;
     detail::CallOwner* list;
-    const detail::ReplyType* type;
+    const detail::ReplyType* type; // null once the result was taken, or all of it moved
     detail::Waiter waiter{};
     bool* early = nullptr;
     Result<T> result{};

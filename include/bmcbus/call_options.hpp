@@ -68,7 +68,11 @@ class CallDeadline
  */
 struct CallOptions
 {
-    /** Zero: the connection's own (25 s, or `sd_bus_set_method_call_timeout`). `max()`: none. */
+    /**
+     * Zero: the connection's own (25 s, or `sd_bus_set_method_call_timeout`). `max()`: none. A
+     * negative one has run out. What is left of a deadline belongs into `deadline`: none left is
+     * zero.
+     */
     std::chrono::microseconds timeout{};
     /** Shared with other calls. One that has passed ends the call before it is sent. */
     CallDeadline deadline{};

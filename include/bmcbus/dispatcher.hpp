@@ -45,9 +45,10 @@ class BMCBUS_EXPORT Dispatcher
     int Descriptor() const noexcept { return watch; }
 
     /**
-     * Handles every message that has arrived and every call whose time has run out.
+     * Handles what has arrived and every call whose time has run out.
      *
-     * Does not wait.
+     * Does not wait. When messages keep coming it ends after 2 ms and the handler that runs then;
+     * the descriptor stays readable.
      *
      * @return how many messages were handled, or a negative errno when the connection has ended;
      * all its pending calls have been told then

@@ -125,6 +125,7 @@ class [[nodiscard]] Result
     }
     /** A value, made of these arguments. */
     template <class... Args>
+    requires std::is_constructible_v<Stored, Args...>
     constexpr explicit Result(std::in_place_t, Args&&... args) :
         storage_(std::in_place, std::forward<Args>(args)...)
     {
@@ -137,6 +138,7 @@ class [[nodiscard]] Result
     }
     /** An error, made of these arguments. */
     template <class... Args>
+    requires std::is_constructible_v<E, Args...>
     constexpr explicit Result(Unexpect, Args&&... args) :
         storage_(unexpect, std::forward<Args>(args)...)
     {
@@ -168,6 +170,7 @@ class [[nodiscard]] Result
     }
     /** Takes an error. */
     template <class G>
+    requires std::is_constructible_v<E, const G&>
     constexpr Result& operator=(const Unexpected<G>& error)
     {
         storage_.SetError(error.error());
@@ -175,6 +178,7 @@ class [[nodiscard]] Result
     }
     /** Takes an error, moved. */
     template <class G>
+    requires std::is_constructible_v<E, G>
     constexpr Result& operator=(Unexpected<G>&& error)
     {
         storage_.SetError(std::move(error).error());
@@ -187,10 +191,23 @@ class [[nodiscard]] Result
         storage_.SetValue(Stored(std::forward<Args>(args)...));
         return **this;
     }
-    /** Exchanges the two. */
-    constexpr void swap(Result& other) { std::swap(storage_, other.storage_); }
-    /** Exchanges the two. */
-    friend constexpr void swap(Result& left, Result& right) { left.swap(right); }
+    /** Makes a value of this list and these arguments; gives it. */
+    template <class U, class... Args>
+    constexpr decltype(auto) emplace(std::initializer_list<U> list, Args&&... args)
+    {
+        storage_.SetValue(Stored(list, std::forward<Args>(args)...));
+        return **this;
+    }
+    /** Exchanges the two. @{ */
+    constexpr void swap(Result& other) noexcept(std::is_nothrow_swappable_v<Storage>)
+    {
+        std::swap(storage_, other.storage_);
+    }
+    friend constexpr void swap(Result& left, Result& right) noexcept(noexcept(left.swap(right)))
+    {
+        left.swap(right);
+    }
+    /** @} */
 
     /** Whether there is a value. */
     constexpr bool has_value() const noexcept { return storage_.Has(); }
@@ -210,6 +227,10 @@ class [[nodiscard]] Result
     {
         return Get<std::add_rvalue_reference_t<T>>(storage_);
     }
+    constexpr std::add_rvalue_reference_t<const T> operator*() const&& noexcept
+    {
+        return Get<std::add_rvalue_reference_t<const T>>(storage_);
+    }
     constexpr auto* operator->() noexcept requires(!empty)
     {
         return std::addressof(storage_.Value());
@@ -221,35 +242,46 @@ class [[nodiscard]] Result
     /** @} */
 
     /** The value; throws `BadResultAccess` where there is none. @{ */
-    constexpr std::add_lvalue_reference_t<T> value() & { return Checked(), **this; }
-    constexpr std::add_lvalue_reference_t<const T> value() const& { return Checked(), **this; }
-    constexpr std::add_rvalue_reference_t<T> value() && { return Checked(), *std::move(*this); }
+    constexpr std::add_lvalue_reference_t<T> value() & { return *Checked(*this); }
+    constexpr std::add_lvalue_reference_t<const T> value() const& { return *Checked(*this); }
+    constexpr std::add_rvalue_reference_t<T> value() && { return *Checked(std::move(*this)); }
+    constexpr std::add_rvalue_reference_t<const T> value() const&&
+    {
+        return *Checked(std::move(*this));
+    }
     /** @} */
 
     /** The error, which must be there. @{ */
     constexpr E& error() & noexcept { return storage_.Error(); }
     constexpr const E& error() const& noexcept { return storage_.Error(); }
     constexpr E&& error() && noexcept { return std::move(storage_.Error()); }
+    constexpr const E&& error() const&& noexcept { return std::move(storage_.Error()); }
     /** @} */
 
     /** The value, or @p other where there is none. @{ */
-    template <class U>
+    template <class U = Stored>
     constexpr Stored value_or(U&& other) const& requires(!empty)
     {
         return has_value() ? **this : static_cast<Stored>(std::forward<U>(other));
     }
-    template <class U>
+    template <class U = Stored>
         constexpr Stored value_or(U&& other) && requires(!empty)
     {
         return has_value() ? std::move(**this) : static_cast<Stored>(std::forward<U>(other));
     }
     /** @} */
-    /** The error, or @p other where there is none. */
-    template <class G>
-    constexpr E error_or(G&& other) const
+    /** The error, or @p other where there is none. @{ */
+    template <class G = E>
+    constexpr E error_or(G&& other) const&
     {
         return has_value() ? static_cast<E>(std::forward<G>(other)) : error();
     }
+    template <class G = E>
+    constexpr E error_or(G&& other) &&
+    {
+        return has_value() ? static_cast<E>(std::forward<G>(other)) : std::move(error());
+    }
+    /** @} */
 
     /** @p next of the value, which gives a result; an error stays. @{ */
     template <class F>
@@ -267,8 +299,18 @@ class [[nodiscard]] Result
     {
         return AndThen(std::move(*this), std::forward<F>(next));
     }
+    template <class F>
+    constexpr auto and_then(F&& next) const&&
+    {
+        return AndThen(std::move(*this), std::forward<F>(next));
+    }
     /** @} */
     /** @p next of the error, which gives a result; a value stays. @{ */
+    template <class F>
+    constexpr auto or_else(F&& next) &
+    {
+        return OrElse(*this, std::forward<F>(next));
+    }
     template <class F>
     constexpr auto or_else(F&& next) const&
     {
@@ -276,6 +318,11 @@ class [[nodiscard]] Result
     }
     template <class F>
     constexpr auto or_else(F&& next) &&
+    {
+        return OrElse(std::move(*this), std::forward<F>(next));
+    }
+    template <class F>
+    constexpr auto or_else(F&& next) const&&
     {
         return OrElse(std::move(*this), std::forward<F>(next));
     }
@@ -296,8 +343,18 @@ class [[nodiscard]] Result
     {
         return Transform(std::move(*this), std::forward<F>(change));
     }
+    template <class F>
+    constexpr auto transform(F&& change) const&&
+    {
+        return Transform(std::move(*this), std::forward<F>(change));
+    }
     /** @} */
     /** The error replaced by @p change of it. @{ */
+    template <class F>
+    constexpr auto transform_error(F&& change) &
+    {
+        return TransformError(*this, std::forward<F>(change));
+    }
     template <class F>
     constexpr auto transform_error(F&& change) const&
     {
@@ -305,6 +362,11 @@ class [[nodiscard]] Result
     }
     template <class F>
     constexpr auto transform_error(F&& change) &&
+    {
+        return TransformError(std::move(*this), std::forward<F>(change));
+    }
+    template <class F>
+    constexpr auto transform_error(F&& change) const&&
     {
         return TransformError(std::move(*this), std::forward<F>(change));
     }
@@ -368,12 +430,14 @@ class [[nodiscard]] Result
     {
         return static_cast<Ref>(held.Value());
     }
-    constexpr void Checked() const
+    template <class Self>
+    static constexpr Self&& Checked(Self&& self)
     {
-        if (!has_value())
+        if (!self)
         {
-            throw BadResultAccess<E>(error());
+            throw BadResultAccess<E>(std::forward<Self>(self).error());
         }
+        return std::forward<Self>(self);
     }
     template <class Self, class F>
     static constexpr decltype(auto) Call(Self&& self, F&& f)
@@ -398,7 +462,8 @@ class [[nodiscard]] Result
     template <class Self, class F>
     static constexpr auto OrElse(Self&& self, F&& next)
     {
-        using Next = std::remove_cvref_t<std::invoke_result_t<F, decltype(self.error())>>;
+        using Next = std::remove_cvref_t<
+            std::invoke_result_t<F, decltype(std::forward<Self>(self).error())>>;
         if (!self)
         {
             return detail::Invoke(std::forward<F>(next), std::forward<Self>(self).error());

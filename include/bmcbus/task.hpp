@@ -59,6 +59,18 @@ class TaskPromise
     TaskPromise() = default;
     TaskPromise(const TaskPromise&) = delete;
     TaskPromise& operator=(const TaskPromise&) = delete;
+    // Of two tasks that wait for each other either may go first.
+    ~TaskPromise()
+    {
+        if (outer != nullptr)
+        {
+            outer->inner = nullptr;
+        }
+        if (inner != nullptr)
+        {
+            inner->outer = nullptr;
+        }
+    }
 
 #if defined(__GNUC__) && !defined(__clang__) && __GNUC__ < 13
     AtStart initial_suspend() noexcept
@@ -201,7 +213,7 @@ class ValuePromise : public TaskPromise
     T Take()
     {
         Rethrow();
-        return std::move(*value);
+        return std::exchange(value, std::nullopt).value();
     }
 
     std::optional<T> value;
@@ -234,7 +246,8 @@ class ValuePromise<void> : public TaskPromise
  * Such a coroutine ends the process where it starts, with a line of level 1 that says why.
  *
  * It goes on inside the dispatch of the connection that it waits for: no thread is involved.
- * Awaited on that thread, once.
+ * Awaited on that thread, once. A coroutine of another kind that awaits a task must not be
+ * destroyed before it, unless the task is its own.
  *
  * @code
  * bmcbus::Task<> Watch(FanReporting& fans)
@@ -271,8 +284,8 @@ class [[nodiscard]] Task
     {
         if (this != &other)
         {
-            Cancel();
-            coroutine = std::exchange(other.coroutine, nullptr);
+            // Ends last: what it holds may use this object, or destroy it.
+            const Task old(std::exchange(coroutine, std::exchange(other.coroutine, nullptr)));
         }
         return *this;
     }
@@ -317,8 +330,18 @@ class [[nodiscard]] Task
         }
     }
 
-    /** What it returned, or throws what it threw, once it is done. */
-    T Get() { return coroutine.promise().Take(); }
+    /**
+     * What it returned, or throws what it threw, once; `std::bad_optional_access` when there is
+     * nothing to get: it is not done, or the object is empty.
+     */
+    T Get()
+    {
+        if (!coroutine || !coroutine.done())
+        {
+            throw std::bad_optional_access();
+        }
+        return coroutine.promise().Take();
+    }
 
     /** What `co_await` needs: it gives what the task returns, or throws what it throws. @{ */
     bool await_ready() const noexcept { return Done(); }

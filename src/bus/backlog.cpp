@@ -5,6 +5,7 @@
 
 #include "bus/backlog.hpp"
 
+#include "bus/call_hub.hpp"
 #include "log.hpp"
 
 #include <bmcbus/connection.hpp>
@@ -153,6 +154,7 @@ int ProcessQueue(sd_bus* bus)
     {
         ++handled;
     }
+    detail::RingForQueued(bus);
     return result < 0 ? result : handled;
 }
 

@@ -163,6 +163,7 @@ void PendingCall::Start(MessageRef message, const CallOptions& options, CallOwne
         return;
     }
     target->Add(*this);
+    target->RingIfUnsent();
     // Where nobody else holds the connection it ends here, and the call with it.
     message.reset();
 }
@@ -264,8 +265,12 @@ CallOwner::~CallOwner()
         {
             return;
         }
+        const bool inherited = call->hub != nullptr && call->hub->Inherited();
         call->Withdraw();
-        call->Complete(nullptr);
+        if (!inherited)
+        {
+            call->Complete(nullptr);
+        }
     }
 }
 
@@ -341,7 +346,8 @@ Call& Call::operator=(Call&& other) noexcept
 {
     if (this != &other)
     {
-        Cancel();
+        // Ends last: what its completion holds may use this handle, or destroy it.
+        const Call old(std::move(*this));
         call = std::exchange(other.call, nullptr);
         if (call != nullptr)
         {

@@ -193,7 +193,7 @@ void Hub::Die()
         all = MergeHeaps(all, &call);
     }
     first = all;
-    if (process != getpid())
+    if (Inherited())
     {
         Forget();
         return;

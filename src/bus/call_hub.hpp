@@ -73,6 +73,19 @@ struct Hub
     void Ring();
     void RingIfQueued();
 
+    // The same where a descriptor is watched and something did not fit into the socket: only a
+    // dispatch has the loop wait for room.
+    void RingIfUnsent()
+    {
+        if (descriptor >= 0)
+        {
+            LookForUnsent();
+        }
+    }
+
+    // Whether this is a child of the process that made it.
+    bool Inherited() const { return process != getpid(); }
+
     // A descriptor that is readable when the timer has rung; negative errno. Belongs to the hub.
     int Descriptor();
 
@@ -95,6 +108,7 @@ struct Hub
     static int OnPrepare(sd_event_source* source, void* hub);
 
     void Arm();
+    void LookForUnsent();
     uint64_t Next() const;
     void RingAlarms(uint64_t now);
     void SetTimers(uint64_t when);

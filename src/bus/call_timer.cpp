@@ -97,11 +97,21 @@ void Hub::RingIfQueued()
     }
 }
 
+void Hub::LookForUnsent()
+{
+    uint64_t unsent = 0;
+    if (sd_bus_get_n_queued_write(bus.load(std::memory_order_relaxed), &unsent) >= 0 && unsent != 0)
+    {
+        SetTimers(0);
+    }
+}
+
 void RingForQueued(sd_bus* bus)
 {
     if (Hub* hub = Hub::Find(bus))
     {
         hub->RingIfQueued();
+        hub->RingIfUnsent();
     }
 }
 
@@ -124,10 +134,12 @@ void Hub::SetTimers(uint64_t when)
     if (descriptor >= 0)
     {
         // A time of all zeros would stop the timer.
-        const itimerspec at = {.it_interval = {},
-                               .it_value = {.tv_sec = static_cast<time_t>(when / 1'000'000),
-                                            .tv_nsec = static_cast<long>(when % 1'000'000) * 1'000 +
-                                                       (when == 0 ? 1 : 0)}};
+        constexpr uint64_t latest = std::numeric_limits<time_t>::max();
+        const itimerspec at = {
+            .it_interval = {},
+            .it_value = {.tv_sec = static_cast<time_t>(std::min(when / 1'000'000, latest)),
+                         .tv_nsec =
+                             static_cast<long>(when % 1'000'000) * 1'000 + (when == 0 ? 1 : 0)}};
         timerfd_settime(descriptor, TFD_TIMER_ABSTIME, &at, nullptr);
         armed = when;
     }

@@ -15,6 +15,10 @@ namespace bmcbus
 namespace
 {
 
+// Messages may come faster than their handlers end, and the loop has other work: microseconds after
+// which it gets its turn.
+constexpr uint64_t slice = 2'000;
+
 int Add(int watch, int descriptor, uint32_t events)
 {
     epoll_event event = {.events = events, .data = {.fd = descriptor}};
@@ -69,14 +73,24 @@ void Dispatcher::Watch()
 
 int Dispatcher::Dispatch()
 {
-    uint64_t rings = 0;
-    static_cast<void>(read(timer, &rings, sizeof rings));
+    const uint64_t until = detail::Now() + slice;
     int handled = 0;
     int result = 0;
     while ((result = sd_bus_process(connection.get(), nullptr)) > 0)
     {
         ++handled;
+        if (detail::Now() >= until)
+        {
+            break;
+        }
     }
+    // In a forked child: the timer and the calls are the parent's.
+    if (result == -ECHILD)
+    {
+        return result;
+    }
+    uint64_t rings = 0;
+    static_cast<void>(read(timer, &rings, sizeof rings));
     // Inside one of the connection's handlers; the dispatch that is under way goes on after it.
     if (result == -EBUSY)
     {
@@ -85,6 +99,10 @@ int Dispatcher::Dispatch()
     if (detail::Hub* hub = detail::Hub::Find(connection.get()))
     {
         hub->Expire();
+        if (result > 0)
+        {
+            hub->Ring();
+        }
     }
     if (result < 0)
     {
@@ -96,7 +114,10 @@ int Dispatcher::Dispatch()
 
 void Dispatcher::Prepare()
 {
-    detail::RingForQueued(connection.get());
+    if (detail::Hub* hub = detail::Hub::Find(connection.get()))
+    {
+        hub->RingIfQueued();
+    }
     Watch();
 }
 

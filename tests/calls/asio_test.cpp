@@ -52,6 +52,27 @@ TEST_F(Asio, AwaitsWithTheResult)
     }
 }
 
+TEST(AsioContext, TakesItsHandlersAlong)
+{
+    const Fans fans;
+    const bmcbus::BusRef connection = Connect();
+    const auto held = std::make_shared<int>(1);
+    {
+        boost::asio::io_context io;
+        boost::asio::co_spawn(
+            io,
+            [](sd_bus* on, std::shared_ptr<int> /*held*/) -> boost::asio::awaitable<void>
+            {
+                co_await bmcbus::Await(Update(on).Async<int32_t>(), boost::asio::use_awaitable);
+                ADD_FAILURE() << "went on without its context";
+            }(connection.get(), held),
+            boost::asio::detached);
+        io.poll();
+        EXPECT_EQ(held.use_count(), 2);
+    }
+    EXPECT_EQ(held.use_count(), 1);
+}
+
 #endif
 
 TEST_F(Asio, RunsNoHandlerInsideTheFunctionThatStarts)

@@ -93,6 +93,57 @@ TYPED_TEST(Calls, TellAVanishedPeerFromATimeout)
     EXPECT_EQ(vanished.Name(), "org.freedesktop.DBus.Error.NoReply");
 }
 
+// A loop that waited for the descriptor went on without asking for room.
+TYPED_TEST(Calls, LargerThanTheSocketAreSentToTheirEnd)
+{
+    this->Settle();
+    const std::string large(20'000'000, 'x');
+    Told told;
+    bmcbus::Call call;
+    ASSERT_TRUE(this->RunUntil(
+        [&]
+        {
+            if (!call && !told.Once())
+            {
+                call = Request(this->connection.get(), "org.freedesktop.DBus", "/",
+                               "org.freedesktop.DBus", "Nothing")
+                           .With(large)
+                           .template Async<int32_t>(told.Listener(), {.timeout = 10s});
+            }
+            return told.Once();
+        }));
+    EXPECT_EQ(told.Kind(), CallFailure::Remote);
+}
+
+TYPED_TEST(Calls, LeaveTheLoopItsTurnsWhileMessagesKeepComing)
+{
+    constexpr int many = 2000;
+    int heard = 0;
+    sd_bus* const on = this->connection.get();
+    sd_bus_slot* slot = nullptr;
+    sd_bus_add_match(
+        on, &slot, "type='signal',interface='com.example.Again'",
+        [](sd_bus_message* message, void* count, sd_bus_error*)
+        {
+            const bmcbus::CallDeadline busy(200us);
+            while (!busy.Passed())
+            {
+            }
+            return ++*static_cast<int*>(count) < many
+                       ? sd_bus_emit_signal(sd_bus_message_get_bus(message), "/",
+                                            "com.example.Again", "Again", "")
+                       : 0;
+        },
+        &heard);
+    const bmcbus::Slot match(slot);
+    for (int i = 0; i < 200; ++i)
+    {
+        sd_bus_emit_signal(on, "/", "com.example.Again", "Again", "");
+    }
+    ASSERT_TRUE(this->RunUntil([&] { return heard > 10; }));
+    EXPECT_LT(heard, many);
+}
+
 TYPED_TEST(Calls, NameBothSignaturesOfAWrongReply)
 {
     this->service_.On("updateFanPWMData").Reply({"text"});

@@ -71,18 +71,47 @@ TEST_F(Ends, AreNoneInAChild)
     bmcbus::Call call =
         Update(connection.get())
             .Async<int32_t>([&told, held](const Result<int32_t>&) { ++told.times; });
+    bmcbus::Dispatcher dispatcher(connection.get());
+    Told overdue;
+    const bmcbus::CallDeadline passed(1ms);
+    const bmcbus::Call other =
+        Update(connection.get()).Async<int32_t>(overdue.Listener(), {.deadline = passed});
     EXPECT_EQ(ExitOfChild(
                   [&]
                   {
+                      while (!passed.Passed())
+                      {
+                      }
+                      EXPECT_EQ(dispatcher.Dispatch(), -ECHILD);
                       const auto refused = Update(connection.get()).Try<int32_t>();
                       call.Cancel();
                       Told late;
                       Update(connection.get()).Async<int32_t>(late.Listener()).Detach();
-                      return told.times == 0 && !refused && late.Once() ? 0 : 1;
+                      return told.times + overdue.times == 0 && !refused && late.Once() ? 0 : 1;
                   }),
               0);
     ProcessLoop loop(connection.get());
     EXPECT_TRUE(loop.Run([&] { return told.times == 1; }));
+}
+
+TEST_F(Ends, OfACallThatIsAssignedToMayAssignToItToo)
+{
+    const bmcbus::BusRef connection = Connect();
+    Told between;
+    Told last;
+    bmcbus::Call call;
+    std::shared_ptr<void> starts(
+        nullptr,
+        [&](void*) { call = Update(connection.get()).Async<int32_t>(between.Listener()); });
+    call = Update(connection.get())
+               .Async<int32_t>([starts = std::move(starts)](const Result<int32_t>&) {});
+    call = Update(connection.get()).Async<int32_t>(last.Listener());
+    call.Cancel();
+    Told ping;
+    call = Update(connection.get()).Async<int32_t>(ping.Listener());
+    ProcessLoop loop(connection.get());
+    ASSERT_TRUE(loop.Run([&] { return ping.Once(); }));
+    EXPECT_EQ(between.times + last.times, 0);
 }
 
 // Blocking calls.

@@ -2,6 +2,7 @@
 
 #include "bus_loops.hpp"
 #include "fixture.hpp"
+#include "in_child.hpp"
 
 #include <com/tamm/bmc/Thermal/FanReporting/client_cache.hpp>
 
@@ -47,6 +48,20 @@ TEST_F(Proxies, EndTheirCallsWhenTheyGo)
     const bmcbus::Call last = Update(connection.get()).Async<int32_t>(ping.Listener());
     ASSERT_TRUE(loop.Run([&] { return ping.Once(); }));
     EXPECT_EQ(completions, 0U);
+}
+
+TEST_F(Proxies, ResumeNobodyInAChild)
+{
+    service_.On("Get").Hold();
+    std::optional<Result<uint8_t>> awaited;
+    const bmcbus::Task<> task = Await(*object, awaited);
+    EXPECT_EQ(ExitOfChild(
+                  [&]
+                  {
+                      object.reset();
+                      return awaited ? 1 : 0;
+                  }),
+              0);
 }
 
 TEST_F(Proxies, MayGoInACompletion)

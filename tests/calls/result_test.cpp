@@ -82,6 +82,29 @@ TEST(Result, IsAssignedFromEitherStateToEither)
     EXPECT_EQ(Result<std::vector<int>>(std::in_place, {1, 2})->size(), 2U);
 }
 
+// The rest of what std::expected takes and refuses.
+TEST(Result, TakesWhatStdExpectedTakes)
+{
+    using Plain = Result<int>;
+    const Plain seven = 7;
+    static_assert(std::is_same_v<decltype(std::move(seven).value()), const int&&>);
+    static_assert(std::is_same_v<decltype(std::move(seven).error()), const CallError&&>);
+    static_assert(!std::is_assignable_v<Plain&, Unexpected<std::vector<int>>>);
+    static_assert(!std::is_constructible_v<Plain, std::in_place_t, std::string>);
+    static_assert(noexcept(std::declval<Plain&>().swap(std::declval<Plain&>())));
+    EXPECT_EQ(std::move(seven).transform([](const int&& n) { return n + 1; }), 8);
+    Plain failed = Fail("a");
+    EXPECT_EQ(failed.or_else([](CallError& error) -> Plain { return Unexpected(error); }), failed);
+    Result<int, std::unique_ptr<int>> owner(bmcbus::unexpect, new int(3));
+    EXPECT_THROW(static_cast<void>(std::move(owner).value()), std::exception);
+    EXPECT_EQ(owner.error(), nullptr);
+    Unexpected<std::string> text(std::in_place, size_t{3}, 'x');
+    Unexpected<std::string> other("y");
+    swap(text, other);
+    EXPECT_EQ(other.error(), "xxx");
+    EXPECT_EQ(Result<std::vector<int>>().emplace({1, 2}).size(), 2U);
+}
+
 struct ThrowsWhenMoved
 {
     explicit ThrowsWhenMoved(int) {}

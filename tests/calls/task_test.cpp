@@ -96,6 +96,41 @@ TEST_F(Tasks, LogWhatNobodyAwaits)
     EXPECT_EQ(Log(2).size(), 1);
 }
 
+bmcbus::Task<int> Ask(sd_bus* on)
+{
+    auto first = Update(on).Async<int32_t>();
+    auto call = std::move(first);
+    const Result<int32_t> moved = co_await first;
+    const Result<int32_t> asked = co_await call;
+    const Result<int32_t> again = co_await call;
+    EXPECT_EQ(moved.error().kind, CallFailure::Refused);
+    EXPECT_EQ(again.error().kind, CallFailure::Refused);
+    co_return *asked;
+}
+
+bmcbus::Task<int> Follow(bmcbus::Task<int>& other)
+{
+    const int value = co_await other;
+    co_return value;
+}
+
+// Either was used after it had gone, and what there was not was got.
+TEST_F(Tasks, GoBeforeThoseThatTheyWaitForAndAfterThem)
+{
+    bmcbus::Task<int> inner = Ask(connection.get());
+    EXPECT_THROW(inner.Get(), std::bad_optional_access);
+    static_cast<void>(Follow(inner));
+    ASSERT_TRUE(loop.Run([&] { return inner.Done(); }));
+    EXPECT_EQ(inner.Get(), 0);
+    EXPECT_THROW(inner.Get(), std::bad_optional_access);
+    inner = Ask(connection.get());
+    bmcbus::Task<int> outer = Follow(inner);
+    inner.Cancel();
+    outer.Cancel();
+    outer = Follow(inner);
+    EXPECT_THROW(outer.Get(), std::bad_optional_access);
+}
+
 bmcbus::Task<> Retry(sd_bus* on, int& failures)
 {
     while (failures < 10'000)

@@ -18,8 +18,8 @@ namespace bmcbus::attach
 /**
  * Has a `GMainContext` dispatch a connection, for as long as this object lives.
  *
- * Make and destroy it on the thread that runs the context. Keeps the connection and the context. A
- * forked child may destroy it.
+ * Make and destroy it on the thread that runs the context. Keeps the connection, not the context;
+ * one that goes first ends the dispatch. A forked child may destroy it.
  *
  * @code
  * GMainLoop* loop = g_main_loop_new(nullptr, FALSE);

@@ -44,8 +44,8 @@ class ResultStorage
         Construct(other);
     }
     constexpr ResultStorage(ResultStorage&& other) noexcept(
-        std::is_nothrow_move_constructible_v<T>) :
-        has_(other.has_)
+        std::is_nothrow_move_constructible_v<T>) requires std::is_move_constructible_v<T>
+        : has_(other.has_)
     {
         Construct(std::move(other));
     }
@@ -57,7 +57,8 @@ class ResultStorage
         return *this;
     }
     constexpr ResultStorage& operator=(ResultStorage&& other) noexcept(
-        std::is_nothrow_move_constructible_v<T>&& std::is_nothrow_move_assignable_v<T>)
+        std::is_nothrow_move_constructible_v<T>&& std::is_nothrow_move_assignable_v<T>) requires
+        std::is_move_constructible_v<T> && std::is_move_assignable_v<T>
     {
         // cppcheck-suppress throwInNoexceptFunction ; it does not see the condition above
         Assign(std::move(other));

@@ -22,8 +22,16 @@ class Unexpected
     /** Takes the error. */
     template <class Error = E>
     requires(!std::is_same_v<std::remove_cvref_t<Error>, Unexpected> &&
+             !std::is_same_v<std::remove_cvref_t<Error>, std::in_place_t> &&
              std::is_constructible_v<E, Error>) constexpr explicit Unexpected(Error&& error) :
         error_(std::forward<Error>(error))
+    {
+    }
+    /** Makes the error of these arguments. */
+    template <class... Args>
+    requires std::is_constructible_v<E, Args...>
+    constexpr explicit Unexpected(std::in_place_t, Args&&... args) :
+        error_(std::forward<Args>(args)...)
     {
     }
 
@@ -31,6 +39,20 @@ class Unexpected
     constexpr const E& error() const& noexcept { return error_; }
     constexpr E& error() & noexcept { return error_; }
     constexpr E&& error() && noexcept { return std::move(error_); }
+    constexpr const E&& error() const&& noexcept { return std::move(error_); }
+    /** @} */
+
+    /** Exchanges the two. @{ */
+    constexpr void swap(Unexpected& other) noexcept(std::is_nothrow_swappable_v<E>)
+    {
+        using std::swap;
+        swap(error_, other.error_);
+    }
+    friend constexpr void swap(Unexpected& left,
+                               Unexpected& right) noexcept(noexcept(left.swap(right)))
+    {
+        left.swap(right);
+    }
     /** @} */
 
     /** By the errors. */
