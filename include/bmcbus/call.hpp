@@ -132,6 +132,27 @@ BMCBUS_EXPORT CallError CancelledError() noexcept;
 BMCBUS_EXPORT bool Decode(sd_bus_message* reply, const ReplyType& type, void* value,
                           CallError& error) noexcept;
 
+/**
+ * A result whose value @p fill puts where it is told; false with the error filled where there is
+ * none.
+ */
+template <class T, class Fill>
+[[gnu::always_inline]] inline Result<T> Filled(const Fill& fill)
+{
+    CallError error;
+    Result<T> result;
+    void* value = nullptr;
+    if constexpr (!std::is_void_v<T>)
+    {
+        value = std::addressof(*result);
+    }
+    if (!fill(value, error))
+    {
+        result = Unexpected(std::move(error));
+    }
+    return result;
+}
+
 /** The result of a call that ended with @p outcome. */
 template <class T>
 Result<T> ResultOf(const Outcome& outcome, const ReplyType& type)
@@ -140,18 +161,8 @@ Result<T> ResultOf(const Outcome& outcome, const ReplyType& type)
     {
         return Result<T>(unexpect, std::move(*outcome.error));
     }
-    CallError error;
-    Result<T> result;
-    void* value = nullptr;
-    if constexpr (!std::is_void_v<T>)
-    {
-        value = std::addressof(*result);
-    }
-    if (!Decode(outcome.reply, type, value, error))
-    {
-        result = Unexpected(std::move(error));
-    }
-    return result;
+    return Filled<T>([&](void* value, CallError& error)
+                     { return Decode(outcome.reply, type, value, error); });
 }
 
 /** Sends @p call and waits for its end; false with @p error filled when there is no value. */
@@ -167,18 +178,8 @@ Result<T> TryCall(MessageRef call, CallError* refusal, const CallOptions& option
     {
         return Result<T>(unexpect, std::move(*refusal));
     }
-    CallError error;
-    Result<T> result;
-    void* value = nullptr;
-    if constexpr (!std::is_void_v<T>)
-    {
-        value = std::addressof(*result);
-    }
-    if (!Exchange(call.get(), options, type, value, error))
-    {
-        result = Unexpected(std::move(error));
-    }
-    return result;
+    return Filled<T>([&](void* value, CallError& error)
+                     { return Exchange(call.get(), options, type, value, error); });
 }
 
 /** One that is told how to read its reply when it is started. */

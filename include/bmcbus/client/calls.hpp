@@ -79,18 +79,10 @@ template <class T>
 [[gnu::noinline]] Result<T> Try(Target& target, const void* const* in, OperationId id,
                                 const CallOptions& options)
 {
-    CallError error;
-    Result<T> result;
-    void* value = nullptr;
-    if constexpr (!std::is_void_v<T>)
-    {
-        value = std::addressof(*result);
-    }
-    if (!Exchange({target, in, id}, options, value, error))
-    {
-        result = Unexpected(std::move(error));
-    }
-    return result;
+    return bmcbus::detail::Filled<T>(
+        [&](void* value, CallError& error) {
+            return Exchange({target, in, id}, options, value, error);
+        });
 }
 
 /** The form to be awaited. */
