@@ -12,7 +12,9 @@
  * using namespace bmcbus;
  * const event_log::Entry entry(12, 3, 1, "FAN0001"); // agent, category, severity, identifier
  * const auto filed = co_await event_log::Async_Log(entry, {.timeout = 2s});
- * if (event_log::FateOf(filed) == event_log::Fate::Unreachable) Keep(entry); // for another try
+ * if (event_log::FateOf(filed) == event_log::Fate::Unreachable &&
+ *     filed.error().kind != CallFailure::Refused)
+ *     Keep(entry); // for another try
  * @endcode
  */
 
@@ -60,9 +62,11 @@ struct Entry
 /** What became of an entry. */
 enum class Fate : uint8_t
 {
-    Sent,       ///< the daemon took it; the result's value is its status
-    Refused,    ///< the daemon answered, with an error or with something else
-    Unreachable ///< nobody answered: not sent, no such service, connection lost, no time left
+    Sent,    ///< the daemon took it; the result's value is its status
+    Refused, ///< the daemon answered, with an error or with something else
+    /// Nobody answered: no such service, connection lost, no time left, or not sent. What can
+    /// never be sent, like text that is no UTF-8, has an error of kind `CallFailure::Refused`.
+    Unreachable
 };
 
 /**

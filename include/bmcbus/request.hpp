@@ -80,8 +80,9 @@ inline constexpr ReplyType bodyOf = {.signature = bodySignature<Out...>.c_str(),
  * One call of any method of any object, put together by name.
  *
  * Out-arguments are named as template arguments: none gives `Result<void>`, one `Result<T>`,
- * several `Result<std::tuple<…>>`. What cannot be sent (no connection, a malformed name, text that
- * may not travel) shows in the result, as `CallFailure::Refused`. A request is sent once.
+ * several `Result<std::tuple<…>>`. What cannot be sent (a malformed name, text that may not travel)
+ * shows in the result, as `CallFailure::Refused`; where there is no connection, as `Disconnected`.
+ * A request is sent once.
  *
  * Belongs to one thread: that of its connection. See `call.hpp` for the asynchronous form.
  *

@@ -62,10 +62,12 @@ CallError Make(CallFailure kind, const char* name,
     return error;
 }
 
+// Also by what a bus is missing: no socket, or none for this user.
 bool SaysDisconnected(int result)
 {
     return result == -ENOTCONN || result == -ECONNRESET || result == -EPIPE ||
-           result == -ECONNREFUSED || result == -ESHUTDOWN;
+           result == -ECONNREFUSED || result == -ESHUTDOWN || result == -ENOENT ||
+           result == -EACCES;
 }
 
 } // namespace

@@ -5,7 +5,9 @@
 #include "in_child.hpp"
 
 #include <csignal>
+#include <cstdlib>
 #include <sys/time.h>
+#include <thread>
 
 namespace
 {
@@ -112,6 +114,17 @@ TEST_F(Ends, OfACallThatIsAssignedToMayAssignToItToo)
     ProcessLoop loop(connection.get());
     ASSERT_TRUE(loop.Run([&] { return ping.Once(); }));
     EXPECT_EQ(between.times + last.times, 0);
+}
+
+// One without a socket was refused, one whose daemon is dead was not.
+TEST_F(Ends, OfABusThatIsMissingAreDisconnected)
+{
+    const std::string address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+    std::thread(
+        [] { EXPECT_EQ(Update(nullptr).Try<int32_t>().error().kind, CallFailure::Disconnected); })
+        .join();
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
 }
 
 // Blocking calls.
