@@ -266,6 +266,10 @@ void Hub::InterfacesRemoved(sd_bus_message* message, const std::vector<Entry*>& 
         {
             ++entry->signals;
             ObjectGone(*entry);
+            if (entry->set != nullptr && entry->set->peer == nullptr)
+            {
+                WantSetSearch(*entry->set); // another service may have it, too
+            }
         }
     }
 }

@@ -206,10 +206,15 @@ TEST_F(LiveSets, OfTwoServicesTheOneThatIsThere)
     StartTrays({"a"}, false);
     const bmcbus::LiveSet<Fans> set = FollowSet("");
     ASSERT_TRUE(Until([&] { return set.size() == 1; }));
-    const kit::FakeService other("com.example.Z", Path("a"), {fanInterface});
+    kit::FakeService other("com.example.Z", Path("a"), {fanInterface});
+    other.Manage("/");
     fans->Crash();
     EXPECT_TRUE(Until([&] { return set.Report(Path("a"))->service == "com.example.Z"; }));
     EXPECT_TRUE(Until([&] { return set.State(Path("a")) == LiveState::Live; }));
+    fans->Start();
+    other.RemoveObject(Path("a"));
+    ASSERT_TRUE(Until([&] { return set.empty(); }));
+    EXPECT_TRUE(Until([&] { return set.size() == 1; }));
 }
 
 // New objects used to be taken for those of its other name.
