@@ -37,6 +37,9 @@ int64_t PauseAfter(unsigned int failures);
 // Whether an object at `path` is among those of a manager there.
 bool IsBelow(const std::string& path, const std::string& manager);
 
+// More objects than this are asked for at once where that is possible.
+inline constexpr size_t worthListing = 16;
+
 // The longest path that all of them are at or below; `common` is below it, too.
 std::string CommonPath(std::string common, const std::vector<Entry*>& entries);
 

@@ -165,7 +165,11 @@ int Hub::OnListing(sd_bus_message* answer, void* user_data, sd_bus_error* /*erro
             peer.singly = peer.manager == peer.asked;
             if (peer.singly)
             {
+                // What members hold is read after they are listened to: by another list if they are
+                // many.
+                const size_t known = peer.queue.size();
                 hub.SetsListed(peer, true);
+                peer.singly = peer.queue.size() <= known + worthListing;
             }
             std::vector<Entry*> missing = peer.listed;
             std::erase_if(missing, [](Entry* entry) { return entry->awaits != Awaits::Listing; });

@@ -12,8 +12,7 @@ namespace bmcbus::live
 namespace
 {
 
-constexpr size_t window = 64;       // one more for each service that has none in it
-constexpr size_t worthListing = 16; // more are asked for at once where that is possible
+constexpr size_t window = 64; // one more for each service that has none in it
 
 // Whether it says that the object, or the interface of it, is not there.
 bool SaysGone(const Failure& failure)

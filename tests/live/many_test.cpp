@@ -60,6 +60,15 @@ TEST_F(LiveMany, TwoThousandOnAStockBus)
     EXPECT_EQ(bmcbus::ReportLive(connection).rules, 0U);
 }
 
+TEST_F(LiveMany, ASetReadsItsMembersTogether)
+{
+    Make(100);
+    fans->Manage("/");
+    const bmcbus::LiveSet<Fans> set(connection, fanPath, {.service = fanService});
+    ASSERT_TRUE(Until([&] { return set.size() == 100; }));
+    EXPECT_EQ(fans->Calls("GetAll").size(), 0U);
+}
+
 TEST_F(LiveMany, WithoutAManagerReadsGoTogether)
 {
     Make(200);
