@@ -62,12 +62,15 @@ class FullPipe : public testing::Test
 
 TYPED_TEST_SUITE(FullPipe, test::AllLoops);
 
+// So that no producer ends before it has to wait.
+constexpr int moreThanThereIsRoomFor = 33000;
+
 // As long as nobody drains, and no longer: nothing is lost, every message has its trigger, and no
 // more is queued than the pipe has triggers and there are producers.
 TYPED_TEST(FullPipe, HoldsProducersBack)
 {
     static constexpr int producers = 4;
-    static constexpr long each = 20000;
+    static constexpr long each = moreThanThereIsRoomFor;
     TypeParam loop;
     ASSERT_EQ(loop.Register(nullptr), 0);
     FailCalls(&written, 0, 0, 0);
@@ -177,7 +180,7 @@ TYPED_TEST(FullPipe, SignalsAreNoFailures)
 TYPED_TEST(FullPipe, IsFarAwayWhereOneWakeUpServesABurst)
 {
     static constexpr int producers = 4;
-    static constexpr int each = 20000;
+    static constexpr int each = moreThanThereIsRoomFor;
     TypeParam loop;
     EXPECT_EQ(OneWayChannel_WakeOncePerBurst(), 3);
     test::ClearLog();
