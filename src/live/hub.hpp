@@ -25,6 +25,7 @@
 #include <bmcbus/refs.hpp>
 
 #include <functional>
+#include <string_view>
 
 namespace bmcbus::live
 {
@@ -35,7 +36,7 @@ Failure FailureOf(const sd_bus_error* error);
 int64_t PauseAfter(unsigned int failures);
 
 // Whether an object at `path` is among those of a manager there.
-bool IsBelow(const std::string& path, const std::string& manager);
+bool IsBelow(std::string_view path, std::string_view manager);
 
 // More objects than this are asked for at once where that is possible.
 inline constexpr size_t worthListing = 16;
@@ -261,7 +262,7 @@ class Hub
     void TakeManager(Peer& peer, const Tree& tree);
     static int OnSearch(sd_bus_message* answer, void* hub, sd_bus_error* error) noexcept;
     static const std::string* NextService(const Tree::mapped_type& services, const char* interface,
-                                          const Peer* last);
+                                          const Peer* last, const Peer* only = nullptr);
     void Found(sd_bus_message* answer);
     void SearchAgain();
     void SearchElsewhere(const Peer& peer);

@@ -17,9 +17,10 @@ constexpr const char* managerInterface = "org.freedesktop.DBus.ObjectManager";
 
 } // namespace
 
-bool IsBelow(const std::string& path, const std::string& manager)
+bool IsBelow(std::string_view path, std::string_view manager)
 {
-    return manager == "/" || path == manager || path.starts_with(manager + "/");
+    return manager == "/" || (path.starts_with(manager) &&
+                              (path.size() == manager.size() || path[manager.size()] == '/'));
 }
 
 std::string CommonPath(std::string common, const std::vector<Entry*>& entries)

@@ -136,14 +136,15 @@ int Hub::OnSearch(sd_bus_message* answer, void* user_data, sd_bus_error* /*error
 }
 
 // Who may have it. Who had it last is named for a while after it has gone, so the others come
-// before it, one after the other.
+// before it, one after the other. Of a set that names its service it is `only` that one.
 const std::string* Hub::NextService(const Tree::mapped_type& services, const char* interface,
-                                    const Peer* last)
+                                    const Peer* last, const Peer* only)
 {
     const std::string* first = nullptr;
     for (const auto& [service, interfaces] : services)
     {
-        if (std::ranges::find(interfaces, interface) == interfaces.end())
+        if ((only != nullptr && service != only->name) ||
+            std::ranges::find(interfaces, interface) == interfaces.end())
         {
             continue;
         }

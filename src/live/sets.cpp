@@ -42,9 +42,7 @@ std::vector<std::string> InterfaceNames(sd_bus_message* message)
 
 bool Set::Covers(std::string_view path) const
 {
-    return root == "/"
-               ? path.size() > 1
-               : path.size() > root.size() && path.starts_with(root) && path[root.size()] == '/';
+    return path != root && IsBelow(path, root);
 }
 
 Entry* Set::Find(std::string_view path) const
@@ -279,17 +277,10 @@ void Hub::MembersFound(const Tree& tree)
             {
                 continue;
             }
-            Tree::mapped_type theirs;
-            if (const auto own =
-                    set->peer != nullptr ? services.find(set->peer->name) : services.end();
-                own != services.end())
-            {
-                theirs.insert(*own);
-            }
             const Entry* const known = set->Find(path);
             const std::string* const service =
-                NextService(set->peer != nullptr ? theirs : services, set->about.interface->name,
-                            known != nullptr ? known->peer : nullptr);
+                NextService(services, set->about.interface->name,
+                            known != nullptr ? known->peer : nullptr, set->peer);
             if (service != nullptr)
             {
                 Member(*set, path.c_str(), *service);
